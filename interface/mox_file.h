@@ -1,0 +1,98 @@
+// The document handle and the reader's in-memory directory record.
+//
+// A handle holds everything the reader knows about one open document: the
+// header values, the FAT sectors as read, the mini FAT, the directory, the
+// one current stream, and the host objects that all I/O and memory go
+// through.  Every field is plain data so that a handle can be zero-filled
+// and freed through the host's memory interface.
+#ifndef MOXOLEFIO_INTERFACE_MOX_FILE_H_
+#define MOXOLEFIO_INTERFACE_MOX_FILE_H_
+
+#include <stdint.h>
+
+#include "moxolefio.h"
+
+class CMoxOleDocument;
+class CMoxOleDirectory;
+
+// Sector numbers with a meaning of their own (stored as 32-bit, widened
+// with sign in memory).
+enum : int64_t {
+  kSectorFree = -1,
+  kSectorEndOfChain = -2,
+  kSectorFat = -3,
+  kSectorDifat = -4,
+};
+
+// Entry types of the directory.
+enum : uint8_t {
+  kEntryEmpty = 0,
+  kEntryStorage = 1,
+  kEntryStream = 2,
+  kEntryRoot = 5,
+};
+
+// The sector list of the current stream is split: plChain never holds more
+// than this many entries, plChainMore holds the rest.
+constexpr int64_t kChainFirstPart = 16383;
+
+// The chain loop guard remembers this many backward jumps.
+constexpr int kLoopGuardSlots = 128;
+
+struct _MoxOleDirInfo {
+  uint32_t uiNameLen;   // stored name length in bytes
+  char szName[33];      // low byte of each UTF-16 unit
+  uint8_t byType;
+  uint8_t byColour;
+  int64_t lIndex;
+  int64_t lLeft;
+  int64_t lRight;
+  int64_t lChild;
+  char szClsid[17];
+  int64_t lState;
+  char szCreated[9];
+  char szModified[9];
+  int64_t lStart;
+  int64_t lSize;
+};
+
+struct _MoxOleFile {
+  _ZqTPIOobj* pIo;
+  uint32_t iByteOrder;  // 1 little-endian, 0 big-endian
+  char szVersion[12];
+  uint32_t iSectorShift;
+  uint32_t iMiniSectorShift;
+  int64_t lDirStart;
+  int64_t lTransaction;
+  int64_t lMiniCutoff;
+  int64_t lMiniFatStart;
+  int64_t lMiniFatCount;
+  int64_t lDifatStart;
+  int64_t lDifatCount;
+  int64_t lFatCount;
+  unsigned char** ppFat;
+  int64_t* plMiniFat;
+  int64_t lSectorSize;
+  int64_t lMiniSectorSize;
+  int64_t lMiniPerSector;
+  int32_t iFatPerSector;
+  int32_t iDirCount;
+  _MoxOleDirInfo* pDir;
+  int64_t lRootStart;
+  int32_t iCheckCount;
+  int64_t alCheck[kLoopGuardSlots];
+  HostMemory* pTableMemory;
+  int32_t iError;
+  int64_t* plChain;
+  int64_t* plChainMore;
+  int64_t lStreamSize;
+  int32_t iInMini;
+  int64_t lPosition;
+  HostMemory* pMemory;
+  _ZqTPIOobj* pHostIo;
+  _ZqTPIOobj* pSwitchIo;
+  CMoxOleDocument* pDocument;
+  CMoxOleDirectory* pWriterStream;
+};
+
+#endif  // MOXOLEFIO_INTERFACE_MOX_FILE_H_

@@ -7,6 +7,8 @@
 // side", so the two mirrors cannot drift apart.
 #include "tree/redblack.h"
 
+#include "interface/mox_pool.h"
+
 namespace {
 
 using Node = _MoxOleRedBlackNode;
@@ -25,7 +27,7 @@ CMoxOleRedBlack::CMoxOleRedBlack(tag_TPVAPIServices* services)
     : plOrdinalCounter(nullptr),
       pRoot(&nilNode),
       iCount(0),
-      pPool(nullptr),
+      pPool(moxCreatePool(services)),
       pServices(services) {
   nilNode.pLeft = &nilNode;
   nilNode.pRight = &nilNode;
@@ -33,18 +35,9 @@ CMoxOleRedBlack::CMoxOleRedBlack(tag_TPVAPIServices* services)
   nilNode.byColour = kNodeBlack;
   nilNode.pData = nullptr;
   nilNode.lOrdinal = kNoOrdinal;
-  if (services != nullptr) {
-    int status = 0;  // the host's to fill; a null pool says all we need
-    pPool = services->createPool(services, 4096, 0, &status);
-  }
 }
 
-CMoxOleRedBlack::~CMoxOleRedBlack() {
-  if (pPool != nullptr) {
-    pServices->destroyPool(pServices, pPool);
-    pPool = nullptr;
-  }
-}
+CMoxOleRedBlack::~CMoxOleRedBlack() { moxDestroyPool(pServices, pPool); }
 
 void CMoxOleRedBlack::Rotate(Node* x, Side rising, Side sinking) {
   Node* y = x->*rising;

@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include "interface/mox_pool.h"
+
 CMoxOleIo::CMoxOleIo(tag_TPVAPIServices* services)
     : pServices(services),
       pPool(nullptr),
@@ -13,10 +15,7 @@ CMoxOleIo::CMoxOleIo(tag_TPVAPIServices* services)
 CMoxOleIo::~CMoxOleIo() {
   if (iBufferUsed > 0) flush();  // nobody is left to hear of a failure
   close();
-  if (pPool != nullptr) {
-    pServices->destroyPool(pServices, pPool);
-    pPool = nullptr;
-  }
+  moxDestroyPool(pServices, pPool);
 }
 
 int CMoxOleIo::open(_ZqTPIOobj* io) {
@@ -28,8 +27,7 @@ int CMoxOleIo::open(_ZqTPIOobj* io) {
     close();
     return MOXOLE_CANNOT_OPEN_OUTPUT;
   }
-  int status = 0;  // the host's to fill; a null pool says all we need
-  pPool = pServices->createPool(pServices, 4096, 0, &status);
+  pPool = moxCreatePool(pServices);
   if (pPool == nullptr) return MOXOLE_NO_MEMORY;
   pBuffer = static_cast<unsigned char*>(pPool->allocate(pPool, iBufferSize));
   if (pBuffer == nullptr) return MOXOLE_NO_MEMORY;

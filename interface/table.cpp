@@ -5,9 +5,18 @@ extern "C" MOXOLE_API void GetOLEInterface(void** table) {
   MoxOleInterface t = {};
   t.hOLEopen = hOLEopen;
   t.hOLEopenClone = hOLEopenClone;
+  t.bOLEopenStream = bOLEopenStream;
+  t.bOLEopenStreamIgnoreStorage = bOLEopenStreamIgnoreStorage;
+  t.bOLEopenEmbeddedStream = bOLEopenEmbeddedStream;
+  t.lOLEseek = lOLEseek;
   t.lOLEtell = lOLEtell;
+  t.iOLEread = iOLEread;
   t.iOLEclose = iOLEclose;
   t.iOLEcloseClone = iOLEcloseClone;
+  t.bOLEcloseStream = bOLEcloseStream;
+  t.hSwitchToOLE = hSwitchToOLE;
+  t.hSwitchFromOLE = hSwitchFromOLE;
+  t.bOLEopenEmbeddedStreamEx = bOLEopenEmbeddedStreamEx;
   static_assert(sizeof t == MOXOLE_INTERFACE_SLOTS * sizeof(void*),
                 "the table is 22 pointers, nothing else");
   __builtin_memcpy(table, &t, sizeof t);

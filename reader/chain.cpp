@@ -14,13 +14,20 @@
 
 namespace {
 
+// Where the links of a chain are looked up.
+enum LinkSource {
+  kLinksInFat,
+  kLinksInMiniFat,
+  kLinksNowhere,  // a mini chain under the exact rules, without a mini FAT
+};
+
 // Where a chain's links come from and what its sectors are.
 struct ChainWalk {
   _MoxOleFile* h;
   MoxChainRules rules;
-  bool mini;        // the sectors are mini sectors
-  bool inMiniFat;   // links come from plMiniFat rather than the FAT
-  int64_t bound;    // most sectors a chain without a cycle can have
+  bool mini;          // the sectors are mini sectors
+  LinkSource links;
+  int64_t bound;      // most sectors a chain without a cycle can have
 };
 
 int64_t miniFatEntries(const _MoxOleFile* h) {
@@ -31,7 +38,8 @@ bool endsChain(int64_t link) { return link == kSectorEndOfChain || link == kSect
 
 // The link after `sector`; false when the chain is broken there.
 bool nextLink(const ChainWalk& w, int64_t sector, int64_t* link) {
-  if (w.inMiniFat) {
+  if (w.links == kLinksNowhere) return false;
+  if (w.links == kLinksInMiniFat) {
     if (sector < 0 || sector >= miniFatEntries(w.h)) return false;
     *link = w.h->plMiniFat[sector];
     return true;
@@ -51,9 +59,14 @@ bool planWalk(_MoxOleFile* h, const _MoxOleDirInfo& d, MoxChainRules rules, Chai
   w->rules = rules;
   w->mini = d.lSize < h->lMiniCutoff;
   if (w->mini && h->lRootStart == kSectorFree) return false;
-  w->inMiniFat = w->mini && h->plMiniFat != nullptr;
-  if (w->mini && !w->inMiniFat && rules == kChainExact) return false;
-  w->bound = w->inMiniFat ? miniFatEntries(h) : moxFatSectorCapacity(h);
+  w->links = kLinksInFat;
+  if (w->mini && h->plMiniFat != nullptr) {
+    w->links = kLinksInMiniFat;
+  } else if (w->mini && rules == kChainExact) {
+    // Only an empty stream, which has no link to look up, gets through.
+    w->links = kLinksNowhere;
+  }
+  w->bound = w->links == kLinksInMiniFat ? miniFatEntries(h) : moxFatSectorCapacity(h);
   return true;
 }
 

@@ -1,0 +1,197 @@
+// Every allocation and every host call of opening and reading all streams
+// of a document made to fail in turn: nothing may leak or crash, and what
+// is read must still be the stream's own bytes.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string.h>
+
+#include "support/stream_kit.h"
+
+namespace {
+
+using cfb::Bytes;
+using streamkit::pattern;
+using streamkit::readToEnd;
+
+struct StreamSpec {
+  std::string storage;  // empty: the root
+  std::string name;
+  Bytes data;
+};
+
+struct Sample {
+  std::vector<StreamSpec> streams;
+  std::vector<StreamSpec> innerStreams;  // of the compound file in "Nested"
+  Bytes file;
+};
+
+Sample makeSample(bool withSplitList) {
+  Sample s;
+  s.innerStreams = {{"", "InnerMini", pattern(150, 1)}, {"", "InnerBig", pattern(5000, 2)}};
+  cfb::CfbBuilder inner;
+  for (const StreamSpec& spec : s.innerStreams) inner.addStream(0, spec.name, spec.data);
+  const Bytes nested = inner.build();
+  s.streams = {{"", "Empty", {}},
+               {"", "Mini", pattern(1000, 3)},
+               {"", "Regular", pattern(6000, 4)},
+               {"Obj", "Data", pattern(4095, 5)},
+               {"Obj", "Wide", pattern(4096, 6)},
+               {"", "Nested", nested}};
+  if (withSplitList) s.streams.push_back({"", "Long", pattern(16384 * 512, 7)});
+  cfb::CfbBuilder b;
+  int obj = b.addStorage(0, "Obj");
+  for (const StreamSpec& spec : s.streams) {
+    b.addStream(spec.storage.empty() ? 0 : obj, spec.name, spec.data);
+  }
+  s.file = b.build();
+  return s;
+}
+
+// A run of the job: what may fail, and whether what is read can still be
+// checked.  Faults while loading may leave tables that are wrong but
+// tolerated (a short last FAT sector reads as zeros), so stream contents
+// are only compared when the faults start after the open.
+struct FaultRun {
+  std::function<void(moxhost::HostIo&)> armAfterOpen;
+  bool checkContent = true;
+};
+
+// What was read must be a prefix of the stream: faults may cut a read
+// short, never change its bytes.
+void expectPrefix(const FaultRun& run, const Bytes& read, const Bytes& data, const std::string& what) {
+  if (!run.checkContent) return;
+  ASSERT_LE(read.size(), data.size()) << what;
+  EXPECT_TRUE(std::equal(read.begin(), read.end(), data.begin())) << what;
+}
+
+void readInner(const Sample& s, const FaultRun& run, _MoxOleFile* outer, HostMemory* memory) {
+  _ZqTPIOobj* io = hSwitchToOLE(outer);
+  if (io == nullptr) return;
+  _MoxOleFile* inner = hOLEopen(io, memory);
+  if (inner != nullptr) {
+    for (const StreamSpec& spec : s.innerStreams) {
+      if (bOLEopenStream(inner, spec.name.c_str())) {
+        expectPrefix(run, readToEnd(inner, 3000), spec.data, spec.name);
+      }
+    }
+    bOLEcloseStream(inner, nullptr);
+    iOLEclose(inner);
+  }
+  hSwitchFromOLE(outer);
+}
+
+// Opens the document and every stream in each of the ways there are,
+// reading each whole, the nested document included.
+void openAndReadEverything(const Sample& s, const FaultRun& run, moxhost::HostIo& io,
+                           HostMemory* memory) {
+  _MoxOleFile* h = hOLEopen(io.io(), memory);
+  if (h == nullptr) return;
+  if (run.armAfterOpen) run.armAfterOpen(io);
+  for (const StreamSpec& spec : s.streams) {
+    const char* storage = spec.storage.empty() ? nullptr : spec.storage.c_str();
+    char path[1][36] = {};
+    strncpy(path[0], spec.storage.c_str(), 35);
+    if (bOLEopenEmbeddedStream(h, spec.name.c_str(), storage)) {
+      expectPrefix(run, readToEnd(h, 5000), spec.data, spec.name);
+      if (spec.name == "Nested") readInner(s, run, h, memory);
+    }
+    if (bOLEopenEmbeddedStreamEx(h, path, storage ? 1 : 0, spec.name.c_str())) {
+      expectPrefix(run, readToEnd(h, 4096), spec.data, spec.name);
+    }
+  }
+  for (int entry = 0; entry < h->iDirCount; ++entry) {
+    if (iReadStreamChain(entry, h) == 0 && lOLEseek(h, 0, 0) == 0) readToEnd(h, 70000);
+  }
+  bOLEcloseStream(h, nullptr);
+  iOLEclose(h);
+}
+
+TEST(StreamFaults, EveryAllocationFailureIsClean) {
+  const Sample s = makeSample(true);
+  int64_t n = 1;
+  for (;; ++n) {
+    SCOPED_TRACE(n);
+    moxhost::MemoryIo io(s.file);
+    moxhost::CountingMemory memory;
+    memory.faults().failAt(n);
+    openAndReadEverything(s, FaultRun(), io, memory.memory());
+    EXPECT_EQ(memory.liveBlocks(), 0);
+    if (!memory.faults().fired()) break;
+    ASSERT_LT(n, 1000);
+  }
+  // Loading alone allocates a buffer per FAT sector: the sweep got past it.
+  EXPECT_GT(n, 100);
+}
+
+using Arm = std::function<void(moxhost::HostIo&, int64_t)>;
+using Count = std::function<int64_t(const moxhost::HostIo&)>;
+
+// Runs the job once per call number of one kind of host call, with that
+// call failing, counting calls from the start or from after the open.
+void sweepHostCalls(const Sample& s, bool fromOpen, const Arm& arm, const Count& calls) {
+  int64_t total = 0;
+  {
+    moxhost::MemoryIo io(s.file);
+    moxhost::CountingMemory memory;
+    openAndReadEverything(s, FaultRun(), io, memory.memory());
+    total = calls(io);
+  }
+  ASSERT_GT(total, 10);
+  for (int64_t n = 1; n <= total; ++n) {
+    SCOPED_TRACE(testing::Message() << "call " << n << (fromOpen ? " from open" : ""));
+    moxhost::MemoryIo io(s.file);
+    moxhost::CountingMemory memory;
+    FaultRun run;
+    if (fromOpen) {
+      arm(io, n);
+      run.checkContent = false;
+    } else {
+      run.armAfterOpen = [&](moxhost::HostIo& opened) { arm(opened, n); };
+    }
+    openAndReadEverything(s, run, io, memory.memory());
+    ASSERT_EQ(memory.liveBlocks(), 0);
+  }
+}
+
+TEST(StreamFaults, EveryFailedHostSeekIsClean) {
+  const Sample s = makeSample(false);
+  const Count seeks = [](const moxhost::HostIo& io) { return io.seekCalls(); };
+  for (bool fromOpen : {true, false}) {
+    sweepHostCalls(s, fromOpen, [](moxhost::HostIo& io, int64_t n) { io.failSeekAt(n); }, seeks);
+    sweepHostCalls(s, fromOpen, [](moxhost::HostIo& io, int64_t n) { io.failSeeksFrom(n); },
+                   seeks);
+  }
+}
+
+TEST(StreamFaults, EveryShortHostReadIsClean) {
+  const Sample s = makeSample(false);
+  const Count reads = [](const moxhost::HostIo& io) { return io.readCalls(); };
+  for (bool fromOpen : {true, false}) {
+    for (int bytes : {0, 37}) {
+      sweepHostCalls(s, fromOpen,
+                     [bytes](moxhost::HostIo& io, int64_t n) { io.shortReadAt(n, bytes); }, reads);
+    }
+  }
+}
+
+TEST(StreamFaults, TheUndisturbedRunReadsEverything) {
+  // The sweeps only prove prefixes; this proves the job itself reads whole
+  // streams, nested ones included.
+  const Sample s = makeSample(false);
+  moxhost::MemoryIo io(s.file);
+  moxhost::CountingMemory memory;
+  _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+  ASSERT_NE(h, nullptr);
+  for (const StreamSpec& spec : s.streams) {
+    ASSERT_EQ(bOLEopenEmbeddedStream(h, spec.name.c_str(),
+                                     spec.storage.empty() ? nullptr : spec.storage.c_str()),
+              1);
+    EXPECT_EQ(readToEnd(h, 5000), spec.data) << spec.name;
+  }
+  bOLEcloseStream(h, nullptr);
+  iOLEclose(h);
+  EXPECT_EQ(memory.liveBlocks(), 0);
+}
+
+}  // namespace

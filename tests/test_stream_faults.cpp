@@ -59,7 +59,8 @@ struct FaultRun {
 
 // What was read must be a prefix of the stream: faults may cut a read
 // short, never change its bytes.
-void expectPrefix(const FaultRun& run, const Bytes& read, const Bytes& data, const std::string& what) {
+void expectPrefix(const FaultRun& run, const Bytes& read, const Bytes& data,
+                  const std::string& what) {
   if (!run.checkContent) return;
   ASSERT_LE(read.size(), data.size()) << what;
   EXPECT_TRUE(std::equal(read.begin(), read.end(), data.begin())) << what;

@@ -43,8 +43,9 @@ cfb::Bytes readToEnd(_MoxOleFile* h, uint32_t chunk) {
 
 std::vector<uint32_t> chainOf(const cfb::CfbLayout& layout, int entry) {
   std::vector<uint32_t> chain;
-  for (uint32_t s = layout.dir[entry].start; s < layout.fat.size() && chain.size() < layout.fat.size();
-       s = layout.fat[s]) {
+  // Bounded by the table's size, so that tests may build cycles.
+  for (uint32_t s = layout.dir[entry].start;
+       s < layout.fat.size() && chain.size() < layout.fat.size(); s = layout.fat[s]) {
     chain.push_back(s);
   }
   return chain;

@@ -3,6 +3,7 @@
 // how long lists are split.
 #include <gtest/gtest.h>
 
+#include "reader/reader.h"
 #include "reader/stream.h"
 #include "support/stream_kit.h"
 
@@ -122,6 +123,29 @@ TEST(StreamChain, ChainReturningToAnEarlierSectorFails) {
   OpenDocument d(s.layout.serialize());
   ASSERT_NE(d.h(), nullptr);
   EXPECT_EQ(bOLEopenStream(d.h(), "S"), 0);
+}
+
+TEST(StreamChain, LinkPastTheFatFails) {
+  TenSectorStream s;
+  const uint32_t first = s.layout.dir[s.entry].start;
+  s.layout.fat[first] = 100000;  // no FAT sector describes it
+  OpenDocument d(s.layout.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  ASSERT_LT(moxFatSectorCapacity(d.h()), 100000);
+  EXPECT_EQ(bOLEopenStream(d.h(), "S"), 0);
+  EXPECT_EQ(iReadStreamChain(s.entry, d.h()), -1);
+}
+
+TEST(StreamChain, HostRefusingTheSeekToZeroClosesTheNewStream) {
+  TenSectorStream s;
+  OpenDocument d(s.layout.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  d.io().failSeekAt(1);
+  EXPECT_EQ(bOLEopenStream(d.h(), "S"), 0);
+  EXPECT_EQ(d.h()->plChain, nullptr);
+  EXPECT_EQ(lOLEtell(d.h()), 0);  // the position was set before the host said no
+  ASSERT_EQ(bOLEopenStream(d.h(), "S"), 1);
+  EXPECT_EQ(readToEnd(d.h()), s.data);
 }
 
 // Links `count` table slots from `base` into a chain that steps back one

@@ -6,7 +6,6 @@
 // bounded twice over: by the loop guard, which catches a return to any of
 // the first 128 sectors jumped back to, and by the number of sectors the
 // table can describe, which no chain visiting each sector once can exceed.
-#include <string.h>
 
 #include "interface/mox_memory.h"
 #include "reader/reader.h"
@@ -58,7 +57,9 @@ bool planWalk(_MoxOleFile* h, const _MoxOleDirInfo& d, MoxChainRules rules, Chai
   w->h = h;
   w->rules = rules;
   w->mini = d.lSize < h->lMiniCutoff;
-  if (w->mini && h->lRootStart == kSectorFree) return false;
+  // lRootStart stays -1 when no root entry was read: there is no mini
+  // stream to hold the sectors.
+  if (w->mini && h->lRootStart == -1) return false;
   w->links = kLinksInFat;
   if (w->mini && h->plMiniFat != nullptr) {
     w->links = kLinksInMiniFat;

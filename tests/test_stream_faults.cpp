@@ -73,6 +73,9 @@ void readInner(const Sample& s, const FaultRun& run, _MoxOleFile* outer, HostMem
   _ZqTPIOobj* io = hSwitchToOLE(outer);
   if (io == nullptr) return;
   _MoxOleFile* inner = hOLEopen(io, memory);
+  if (run.check == FaultRun::kWhole) {
+    EXPECT_NE(inner, nullptr);
+  }
   if (inner != nullptr) {
     for (const SampleStream& stream : s.innerStreams) {
       if (bOLEopenStream(inner, stream.name.c_str())) {

@@ -262,17 +262,19 @@ TEST(StreamRead, BigEndianAndLargeSectorDocuments) {
   }
 }
 
-TEST(StreamRead, StreamsBeyondTwoGigabytes) {
-  // Zero padding sectors push the streams and the mini stream past 2 GiB;
-  // the file exists only as the runs the layout writes.
-  cfb::CfbBuilder b(12);
+// Zero padding sectors push the streams and the mini stream past 2 GiB;
+// the file exists only as the runs the layout writes.
+void readStreamsPastTwoGigabytes(unsigned shift) {
+  SCOPED_TRACE(shift);
+  const int64_t sectorSize = int64_t{1} << shift;
   const int64_t twoGiB = int64_t{1} << 31;
-  b.setPaddingSectors(static_cast<uint32_t>(twoGiB / 4096) + 3);
+  cfb::CfbBuilder b(shift);
+  b.setPaddingSectors(static_cast<uint32_t>(twoGiB / sectorSize) + 3);
   const std::vector<std::pair<std::string, Bytes>> streams = {
       {"Far", pattern(50000, 10)}, {"FarMini", pattern(3000, 11)}};
   for (const auto& [name, data] : streams) b.addStream(0, name, data);
   cfb::CfbLayout l = b.layout();
-  SparseIo io(l.serializeSparse(), (int64_t{l.sectorCount()} + 1) * 4096);
+  SparseIo io(l.serializeSparse(), (int64_t{l.sectorCount()} + 1) * sectorSize);
   moxhost::CountingMemory memory;
   _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
   ASSERT_NE(h, nullptr);
@@ -285,6 +287,11 @@ TEST(StreamRead, StreamsBeyondTwoGigabytes) {
   }
   EXPECT_EQ(iOLEclose(h), 1);
   EXPECT_EQ(memory.liveBlocks(), 0);
+}
+
+TEST(StreamRead, StreamsBeyondTwoGigabytes) {
+  readStreamsPastTwoGigabytes(12);
+  readStreamsPastTwoGigabytes(9);  // a FAT of some 32000 sectors, DIFAT included
 }
 
 }  // namespace

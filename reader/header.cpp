@@ -22,7 +22,8 @@ bool shiftsUsable(uint32_t sectorShift, uint32_t miniShift) {
 }  // namespace
 
 int moxSeekSector(_MoxOleFile* h, int64_t sector) {
-  int64_t position = (sector + 1) << h->iSectorShift;
+  // A multiplication, not a shift: sectors before the file are negative.
+  int64_t position = (sector + 1) * h->lSectorSize;
   return h->pIo->seek(h->pIo, position, 0) ? 0 : -1;
 }
 

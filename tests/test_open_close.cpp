@@ -32,6 +32,7 @@ TEST(InterfaceTable, FillsTheSlotsInTableOrder) {
   EXPECT_EQ(reinterpret_cast<void*>(&lOLEtell), slots[6]);
   EXPECT_EQ(t.iOLEclose, &iOLEclose);
   EXPECT_EQ(reinterpret_cast<void*>(&iOLEcloseClone), slots[9]);
+  EXPECT_EQ(reinterpret_cast<void*>(&iOLEGetStreamTree), slots[21]);
 }
 
 TEST(OpenClose, OpensAWellFormedFileAndClosesItsIoOnce) {

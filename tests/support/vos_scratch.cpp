@@ -1,0 +1,81 @@
+#include "support/vos_scratch.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+namespace moxtest {
+
+ScratchDir::ScratchDir() {
+  const char* base = getenv("TMPDIR");
+  std::string pattern =
+      std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") +
+      "/moxvos-test-XXXXXX";
+  std::vector<char> buffer(pattern.begin(), pattern.end());
+  buffer.push_back('\0');
+  if (mkdtemp(buffer.data()) != nullptr) path_ = buffer.data();
+}
+
+ScratchDir::~ScratchDir() {
+  if (path_.empty()) return;
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::string ScratchDir::file(const std::string& name) const {
+  return path_ + "/" + name;
+}
+
+CwdGuard::CwdGuard(const std::string& dir) {
+  char buffer[4096];
+  if (getcwd(buffer, sizeof buffer) != nullptr) previous_ = buffer;
+  if (chdir(dir.c_str()) != 0) previous_.clear();
+}
+
+CwdGuard::~CwdGuard() {
+  if (!previous_.empty() && chdir(previous_.c_str()) != 0) abort();
+}
+
+UmaskGuard::UmaskGuard(mode_t mask) : previous_(umask(mask)) {}
+
+UmaskGuard::~UmaskGuard() { umask(previous_); }
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+bool writeFile(const std::string& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << bytes;
+  return static_cast<bool>(out);
+}
+
+bool exists(const std::string& path) {
+  struct stat record;
+  return lstat(path.c_str(), &record) == 0;
+}
+
+int runInChild(const std::function<int()>& body) {
+  pid_t child = fork();
+  if (child < 0) return -1;
+  if (child == 0) _exit(body());
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
+
+}  // namespace moxtest

@@ -1,0 +1,78 @@
+// CMoxOleDocument: building, entry creation and teardown.
+#include "writer/moxoledoc.h"
+
+#include <new>
+
+#include "interface/mox_file.h"
+
+namespace {
+
+// A new entry, or null when the object, its pool or its name could not
+// be had.
+CMoxOleDirectory* newEntry(char* name, int type, tag_TPVAPIServices* services,
+                           CMoxOleHeader* header) {
+  CMoxOleDirectory* entry = new (std::nothrow) CMoxOleDirectory(name, type, services, header);
+  if (entry != nullptr && !entry->ready()) {
+    delete entry;
+    entry = nullptr;
+  }
+  return entry;
+}
+
+}  // namespace
+
+CMoxOleDocument::CMoxOleDocument(tag_TPVAPIServices* services)
+    : pRootEntry(nullptr),
+      pHeader(nullptr),
+      pServices(services),
+      pOleIo(nullptr),
+      lNextOrdinal(1),  // 0 is the root's, which sits in no tree
+      iMode(kDocumentWritable) {}
+
+CMoxOleDocument::~CMoxOleDocument() {
+  delete pHeader;
+  delete pRootEntry;
+  delete pOleIo;
+}
+
+int CMoxOleDocument::init(_ZqTPIOobj* io, int flags) {
+  iMode = flags;
+  pHeader = new (std::nothrow) CMoxOleHeader();
+  if (pHeader == nullptr) return MOXOLE_NO_MEMORY;
+  char rootName[] = "Root Entry";
+  pRootEntry = newEntry(rootName, kEntryRoot, pServices, pHeader);
+  if (pRootEntry == nullptr) return MOXOLE_NO_MEMORY;
+  pRootEntry->plOrdinalCounter = &lNextOrdinal;
+  if ((flags & kDocumentWritable) == 0) return MOXOLE_OK;
+
+  pOleIo = new (std::nothrow) CMoxOleIo(pServices);
+  if (pOleIo == nullptr) return MOXOLE_NO_MEMORY;
+  iMode = kDocumentWritable;
+  return pOleIo->open(io);
+}
+
+int CMoxOleDocument::addDirectory(char const* path, int type, CMoxOleDirectory*& entry) {
+  entry = nullptr;
+  if ((iMode & kDocumentWritable) == 0) return MOXOLE_NOT_FOUND;
+  if (type != kEntryStorage && type != kEntryStream) return MOXOLE_BAD_ARGUMENT;
+  char parentPath[kPathBufferSize];
+  char name[kNameBufferSize];
+  parseKey(path, parentPath, name);
+  CMoxOleDirectory* parent = findParent(parentPath);
+  if (parent == nullptr) return MOXOLE_NOT_FOUND;
+
+  // Room in the list first: once the child is in its parent's tree and has
+  // drawn its index, nothing may fail any more.
+  if (!vDirectories.reserveMore(1)) return MOXOLE_NO_MEMORY;
+  CMoxOleDirectory* child = newEntry(name, type, pServices, pHeader);
+  if (child == nullptr) return MOXOLE_NO_MEMORY;
+  child->plOrdinalCounter = &lNextOrdinal;
+  int status = parent->addChild(child);
+  if (status != MOXOLE_OK) {
+    delete child;
+    return status;
+  }
+  vDirectories.append(child);
+  entry = child;
+  return MOXOLE_OK;
+}

@@ -1,0 +1,86 @@
+// CMoxOleDocument: a compound document held in memory until it is written.
+//
+// The document owns the header values, the root entry ("Root Entry", type
+// 5, always directory entry 0) with the whole tree of entries below it, and,
+// when the document is writable, the output object on the host's I/O
+// object.  Entries are created by backslash path under parents that already
+// exist; each one receives its directory index at creation, from a counter
+// that the document shares with every entry's tree, so the n-th entry
+// created anywhere in the document is entry n.  A failed creation leaves
+// the counter, the trees and the entry list as they were.
+//
+// Paths: names separated by backslashes, one optional leading backslash,
+// compared without regard to ASCII letter case.  The root is never named
+// in a path, and the last name is cut to 36 characters.
+//
+// Memory: the document and its class objects live on the process heap
+// (new (std::nothrow)); entries take their contents from pools of the
+// host's services.  The two arrays below use malloc directly, through
+// MoxGrowArray, so that running out of memory is a status, not a throw.
+#ifndef MOXOLEFIO_WRITER_MOXOLEDOC_H_
+#define MOXOLEFIO_WRITER_MOXOLEDOC_H_
+
+#include <stdint.h>
+
+#include "moxolefio.h"
+#include "writer/directory.h"
+#include "writer/grow_array.h"
+#include "writer/header.h"
+#include "writer/oleio.h"
+
+// Buffer sizes for parseKey: a parent path of up to 1023 characters and a
+// name of up to 36.
+constexpr int kPathBufferSize = 1024;
+constexpr int kNameMaxLength = 36;
+constexpr int kNameBufferSize = kNameMaxLength + 1;
+
+// Bit 0 of a document's mode: it is written at close.
+constexpr int kDocumentWritable = 1;
+
+class CMoxOleDocument {
+ public:
+  // Allocates nothing; init builds the contents.
+  explicit CMoxOleDocument(tag_TPVAPIServices* services);
+
+  // Releases the header, the root with every entry, then the output object
+  // (which writes out its buffer and closes the host's I/O object), then
+  // the arrays.
+  ~CMoxOleDocument();
+
+  CMoxOleDocument(const CMoxOleDocument&) = delete;
+  CMoxOleDocument& operator=(const CMoxOleDocument&) = delete;
+
+  // Builds the header and the root; with bit 0 of flags also the output
+  // object, opened on io.  0, 2 (no memory) or the output's open status.
+  // A document whose init failed is only fit to be deleted.
+  int init(_ZqTPIOobj* io, int flags);
+
+  // Splits path at its last backslash into parent (a buffer of
+  // kPathBufferSize bytes) and name (kNameBufferSize bytes).  Without a
+  // backslash the parent is empty.  The path is cut to 1023 characters and
+  // the name to 36 before anything else is done with them.
+  void parseKey(char const* path, char* parent, char* name);
+
+  // The entry that parent (a path, cut up in place) names, or null when a
+  // component is missing.  Null and empty paths name the root.
+  CMoxOleDirectory* findParent(char* parent);
+
+  // The entry that path names, or null.
+  CMoxOleDirectory* findDirectory(char const* path);
+
+  // Creates a storage (type 1) or stream (type 2) at path.  0 and entry
+  // set; otherwise entry null and 6 (not writable, no such parent, or the
+  // name is taken), 34 (bad type) or 2 (no memory).
+  int addDirectory(char const* path, int type, CMoxOleDirectory*& entry);
+
+  CMoxOleDirectory* pRootEntry;
+  CMoxOleHeader* pHeader;
+  tag_TPVAPIServices* pServices;
+  CMoxOleIo* pOleIo;
+  int64_t lNextOrdinal;
+  MoxGrowArray<CMoxOleDirectory*> vDirectories;  // creation order; not owned
+  MoxGrowArray<int64_t> vFat;
+  int32_t iMode;
+};
+
+#endif  // MOXOLEFIO_WRITER_MOXOLEDOC_H_

@@ -23,6 +23,8 @@ install(FILES ${CMAKE_BINARY_DIR}/moxolefioConfig.cmake
               ${CMAKE_BINARY_DIR}/moxolefioConfigVersion.cmake
         DESTINATION ${MOX_CMAKE_DIR})
 
+file(RELATIVE_PATH MOX_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
+     ${CMAKE_INSTALL_PREFIX})
 configure_file(${CMAKE_CURRENT_LIST_DIR}/moxolefio.pc.in
                ${CMAKE_BINARY_DIR}/moxolefio.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/moxolefio.pc

@@ -224,6 +224,11 @@ int runPack(const Library& library, const Invocation& call) {
   const std::string& dir = call.operands[0];
   const std::string& file = call.operands[1];
   const MoxOleInterface& api = library.api();
+  int status = checkSourceDirectory(dir);
+  if (status != kExitOk) return status;
+  std::vector<PackItem> items;
+  status = scan(dir, "", 0, &items);
+  if (status != kExitOk) return status;
   if (!library.require(reinterpret_cast<const void*>(api.hOLEopenEx),
                        "hOLEopenEx") ||
       !library.require(reinterpret_cast<const void*>(api.iOLEopenStreamEx),
@@ -232,11 +237,6 @@ int runPack(const Library& library, const Invocation& call) {
                        "iOLEwrite")) {
     return kExitIo;
   }
-  int status = checkSourceDirectory(dir);
-  if (status != kExitOk) return status;
-  std::vector<PackItem> items;
-  status = scan(dir, "", 0, &items);
-  if (status != kExitOk) return status;
 
   std::string temporary = temporaryBeside(file);
   if (temporary.empty()) return kExitIo;

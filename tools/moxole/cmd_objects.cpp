@@ -111,13 +111,6 @@ int runObject(const Library& library, const Invocation& call) {
     fail(kExitUsage, "object", "N must be a decimal object number");
     return kExitUsage;
   }
-  const MoxOleInterface& api = library.api();
-  if (!library.require(reinterpret_cast<const void*>(api.bOLEgetObject),
-                       "bOLEgetObject") ||
-      !library.require(reinterpret_cast<const void*>(api.bOLEopenStream),
-                       "bOLEopenStream")) {
-    return kExitIo;
-  }
   int status;
   std::unique_ptr<Document> doc = Document::open(library, file, &status);
   if (!doc) return status;
@@ -141,6 +134,13 @@ int runObject(const Library& library, const Invocation& call) {
     return fail(kExitNotFound, file,
                 "object " + std::to_string(number) + " has no " +
                     escapeName(streamName) + " stream");
+  }
+  const MoxOleInterface& api = library.api();
+  if (!library.require(reinterpret_cast<const void*>(api.bOLEgetObject),
+                       "bOLEgetObject") ||
+      !library.require(reinterpret_cast<const void*>(api.bOLEopenStream),
+                       "bOLEopenStream")) {
+    return kExitIo;
   }
   // Extraction hands the document back positioned in its main text, so it
   // needs that stream current to begin with.

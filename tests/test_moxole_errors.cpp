@@ -188,7 +188,7 @@ TEST_F(MoxoleDocumentErrors, TruncatedDocumentsAreReportedAsDamaged) {
   ASSERT_GT(last, tablesEnd + 1) << "the builder put a table after the stream";
   ASSERT_LT(startOf("Early"), startOf("Large"));
   cut = layout_;
-  cut.truncateTo = static_cast<int64_t>(last) * 512 + 10;
+  cut.truncateTo = static_cast<int64_t>(last + 1) * 512 + 10;  // 10 bytes in
   write(at("short.doc"), cut);
   ASSERT_EQ(moxole({"cat", at("short.doc"), "Early"}).out, std::string(5000, 'E'));
   r = moxole({"cat", at("short.doc"), "Large"});

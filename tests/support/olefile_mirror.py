@@ -8,7 +8,8 @@ moxole names them: each name is reduced to the low byte of each character
 0x7F up, '/' and '\\' are written \\xHH, the first dot of "." and ".." is
 escaped, and the empty name is \\x00.  One line per entry is printed:
 TYPE<TAB>PATH<TAB>SIZE, TYPE being D or F.  Exits 3 when a name cannot be
-reduced that way (a character beyond the 16-bit range).
+reduced that way (a character beyond the 16-bit range) or when two names
+become one once reduced.
 """
 import os
 import sys
@@ -43,6 +44,8 @@ def main():
         rel = "/".join(low)
         target = os.path.join(outdir, *low)
         kind = ole.get_type(entry)
+        if os.path.lexists(target):
+            sys.exit(3)
         if kind == olefile.STGTY_STORAGE:
             os.makedirs(target, exist_ok=True)
             print("D\t%s\t0" % rel)

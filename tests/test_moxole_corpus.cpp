@@ -50,7 +50,8 @@ class MoxoleCorpus : public ::testing::Test {
  protected:
   void SetUp() override {
     if (corpus::directory().empty()) GTEST_SKIP() << "no corpus folder";
-    if (!moxtest::haveOlefile()) GTEST_SKIP() << "python3-olefile is not installed";
+    python_ = moxtest::olefilePython();
+    if (python_.empty()) GTEST_SKIP() << "python3-olefile is not installed";
     MOXOLE_SKIP_WITHOUT(MOXOLE_READER_FUNCTIONS);
     files_ = cleanHeaders();
     ASSERT_GT(files_.size(), 20u) << "the manifest lists too few clean files";
@@ -64,7 +65,7 @@ class MoxoleCorpus : public ::testing::Test {
   // written the way the library reads them (names past 8 bits that clash).
   bool mirror(const std::string& file, const std::string& dir,
               std::string* listing) {
-    ProgramResult r = moxtest::runProgram({"python3", kMirror, pathOf(file), dir});
+    ProgramResult r = moxtest::runProgram({python_, kMirror, pathOf(file), dir});
     if (r.status == 3) return false;
     EXPECT_EQ(r.status, 0) << file << ": " << r.err;
     *listing = r.out;
@@ -72,6 +73,7 @@ class MoxoleCorpus : public ::testing::Test {
   }
 
   std::map<std::string, std::vector<std::string>> files_;
+  std::string python_;
 };
 
 TEST_F(MoxoleCorpus, ExtractWritesWhatOlefileReads) {
@@ -177,7 +179,7 @@ TEST_F(MoxoleCorpus, EmbeddedObjectsMatchOlefile) {
       "        open(sys.argv[2] + '/' + e[-2] + '.wmf', 'wb').write(meta[skip:])\n"
       "        open(sys.argv[2] + '/' + e[-2] + '.pic', 'wb').write(pic)\n";
   moxtest::ScratchDir scratch;
-  ProgramResult py = moxtest::runProgram({"python3", "-c", script, pathOf(file),
+  ProgramResult py = moxtest::runProgram({python_, "-c", script, pathOf(file),
                                           scratch.path()});
   ASSERT_EQ(py.status, 0) << py.err;
   ASSERT_FALSE(py.out.empty()) << "olefile finds no objects in " << file;

@@ -52,10 +52,11 @@ TEST_F(MoxolePackExtract, TreesSurviveTwoRoundTripsExactly) {
 }
 
 TEST_F(MoxolePackExtract, OlefileReadsWhatPackWrote) {
-  if (!moxtest::haveOlefile()) GTEST_SKIP() << "python3-olefile is not installed";
+  std::string python_ = moxtest::olefilePython();
+  if (python_.empty()) GTEST_SKIP() << "python3-olefile is not installed";
   ASSERT_EQ(moxole({"pack", at("src"), at("doc")}).status, 0);
   moxtest::ProgramResult mirror = moxtest::runProgram(
-      {"python3", MOX_SOURCE_DIR "/tests/support/olefile_mirror.py", at("doc"),
+      {python_, MOX_SOURCE_DIR "/tests/support/olefile_mirror.py", at("doc"),
        at("mirror")});
   ASSERT_EQ(mirror.status, 0) << mirror.err;
   EXPECT_TRUE(snapshotTree(at("mirror")) == moxtest::sampleSnapshot(tree_))

@@ -125,8 +125,11 @@ std::string missingFunction(const std::string& libraryPath,
   return missing;
 }
 
-bool haveOlefile() {
-  return runProgram({"python3", "-c", "import olefile"}).status == 0;
+std::string olefilePython() {
+  for (const char* python : {"/usr/bin/python3", "python3"}) {
+    if (runProgram({python, "-c", "import olefile"}).status == 0) return python;
+  }
+  return "";
 }
 
 std::string slurp(const std::string& path) {

@@ -35,8 +35,10 @@ ProgramResult runProgram(const std::vector<std::string>& argv,
 std::string missingFunction(const std::string& libraryPath,
                             const std::vector<std::string>& functions);
 
-// Whether python3 with the olefile module can be run.
-bool haveOlefile();
+// A Python interpreter that has the olefile module: Debian's own first (a
+// python3 earlier in PATH, such as a pyenv one, may lack Debian's
+// modules); "" when there is none.
+std::string olefilePython();
 
 // Reads a whole file into a string; "" when it cannot be read.
 std::string slurp(const std::string& path);

@@ -79,6 +79,9 @@ class MoxoleCorpus : public ::testing::Test {
 TEST_F(MoxoleCorpus, ExtractWritesWhatOlefileReads) {
   int compared = 0;
   for (const auto& [file, header] : files_) {
+    // Trees of thousands of entries spend seconds creating files on both
+    // sides and teach nothing new; cat and info still read them.
+    if (std::stoull(header[10]) > 2000) continue;
     moxtest::ScratchDir scratch;
     std::string listing;
     if (!mirror(file, scratch.file("olefile"), &listing)) continue;

@@ -1,8 +1,9 @@
 #include "tools/moxole/progress.h"
 
 #include <stdio.h>
-#include <time.h>
 #include <unistd.h>
+
+#include <chrono>
 
 namespace moxole {
 
@@ -12,9 +13,9 @@ namespace {
 bool lineShown = false;
 
 int64_t nowMillis() {
-  timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return static_cast<int64_t>(t.tv_sec) * 1000 + t.tv_nsec / 1000000;
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
 }
 
 std::string megabytes(int64_t bytes) {

@@ -46,6 +46,25 @@ TEST_F(MoxoleRead, ExtractWritesTheWholeTreeWithEscapedNames) {
   }
 }
 
+TEST_F(MoxoleRead, ProgressIsDrawnOnATerminalAndWipedAtTheEnd) {
+  // script(1) gives the program a terminal and copies what it draws.
+  std::string command = std::string(MOXOLE_PROGRAM) + " extract " + doc_ + " " +
+                        at("out");
+  moxtest::ProgramOptions options;
+  options.unsetEnv.push_back("MOXOLE_LIBRARY");
+  moxtest::ProgramResult r =
+      moxtest::runProgram({"script", "-qec", command, "/dev/null"}, options);
+  if (r.status == 127 || r.err.find("script") != std::string::npos) {
+    GTEST_SKIP() << "script(1) cannot run here: " << r.err;
+  }
+  ASSERT_EQ(r.status, 0) << r.out;
+  EXPECT_NE(r.out.find("\rmoxole: extract: "), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(" entries, "), std::string::npos) << r.out;
+  // The last thing drawn wipes the line.
+  EXPECT_EQ(r.out.substr(r.out.size() - 4), "\r\033[K") << r.out;
+  EXPECT_TRUE(snapshotTree(at("out")) == moxtest::sampleSnapshot(tree_));
+}
+
 TEST_F(MoxoleRead, ExtractIntoAFolderThatIsNotEmptyIsRefused) {
   ASSERT_TRUE(moxtest::spit(at("WordDocument"), "mine"));
   moxtest::ProgramResult r = moxole({"extract", doc_, scratch_.path()});

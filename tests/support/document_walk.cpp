@@ -10,6 +10,19 @@ namespace {
 
 using Path = std::vector<std::string>;
 
+// The name-based lookups scan the whole directory when a descent misses;
+// a few dozen per document reach every lookup path without making a walk
+// of a large file quadratic.
+constexpr int kNamedLookups = 48;
+
+struct Walk {
+  _MoxOleFile* h;
+  HostMemory* memory;
+  int depth;
+  int namedLookupsLeft = kNamedLookups;
+  bool mayLookUp() { return namedLookupsLeft-- > 0; }
+};
+
 // Reads the current stream in uneven pieces with seeks in between.
 void readAround(_MoxOleFile* h) {
   static const uint32_t kPieces[] = {1, 63, 64, 65, 511, 512, 4096, 70000};
@@ -38,14 +51,14 @@ void openNested(_MoxOleFile* h, int depth) {
   hSwitchFromOLE(h);
 }
 
-void walkStorage(_MoxOleFile* h, HostMemory* memory, const _MoxOleTreeNode* node, Path& path,
-                 int depth) {
+void walkStorage(Walk& w, const _MoxOleTreeNode* node, Path& path) {
+  _MoxOleFile* h = w.h;
   std::vector<char> slots(36 * (path.size() + 1), 0);
   for (size_t i = 0; i < path.size(); ++i) strncpy(&slots[36 * i], path[i].c_str(), 35);
   auto* typed = reinterpret_cast<const char(*)[36]>(slots.data());
   _MoxOleObjectEntry* list = nullptr;
   if (moxoleGetObjectList(h, typed, static_cast<int>(path.size()), &list) > 0) {
-    memory->free(memory, list);
+    w.memory->free(w.memory, list);
   }
   for (int i = 0; i < node->iChildCount; ++i) {
     const _MoxOleTreeNode* child = node->ppChildren[i];
@@ -53,16 +66,20 @@ void walkStorage(_MoxOleFile* h, HostMemory* memory, const _MoxOleTreeNode* node
     if (child->iType == 2) {
       if (iReadStreamChain(child->iIndex, h) == 0 && lOLEseek(h, 0, 0) == 0) {
         readAround(h);
-        if (i == 0) openNested(h, depth);
+        if (i == 0) openNested(h, w.depth);
       }
-      bOLEopenStream(h, child->szName);
-      bOLEopenEmbeddedStreamEx(h, typed, static_cast<int>(path.size()), child->szName);
-      bOLEopenStreamIgnoreStorage(h, child->szName);
+      if (w.mayLookUp()) {
+        bOLEopenStream(h, child->szName);
+        bOLEopenEmbeddedStreamEx(h, typed, static_cast<int>(path.size()), child->szName);
+        bOLEopenStreamIgnoreStorage(h, child->szName);
+      }
     } else if (child->iType == 1 && path.size() < 8) {
-      bOLEopenEmbeddedStream(h, nullptr, child->szName);
-      lOLEopenObject(h, child->szName, 3);
+      if (w.mayLookUp()) {
+        bOLEopenEmbeddedStream(h, nullptr, child->szName);
+        lOLEopenObject(h, child->szName, 3);
+      }
       path.push_back(child->szName);
-      walkStorage(h, memory, child, path, depth);
+      walkStorage(w, child, path);
       path.pop_back();
     }
   }
@@ -78,7 +95,8 @@ void walkDocument(_MoxOleFile* h, HostMemory* memory, int depth) {
   _MoxOleTreeNode* root = nullptr;
   if (iOLEGetStreamTree(h, pool, &root) == 0 && root != nullptr) {
     Path path;
-    walkStorage(h, memory, root, path, depth + 1);
+    Walk w{h, memory, depth + 1};
+    walkStorage(w, root, path);
   }
   services.destroyPool(pool);
   _MoxOleFile* clone = hOLEopenClone(h);

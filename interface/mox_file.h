@@ -93,6 +93,12 @@ struct _MoxOleFile {
   _ZqTPIOobj* pSwitchIo;
   CMoxOleDocument* pDocument;
   CMoxOleDirectory* pWriterStream;
+  // Not part of the handle's published shape: the regular sectors of the
+  // mini stream in chain order (entry k lies k FAT steps after lRootStart),
+  // found once on the first mini-stream seek so that later seeks need no
+  // walk.  Null until then, or when it could not be allocated.
+  int64_t* plMiniStreamSectors;
+  int64_t lMiniStreamSectors;
 };
 
 #endif  // MOXOLEFIO_INTERFACE_MOX_FILE_H_

@@ -5,6 +5,7 @@
 #include "interface/mox_memory.h"
 #include "interface/writer_hooks.h"
 #include "reader/reader.h"
+#include "reader/stream.h"
 
 extern "C" {
 
@@ -41,6 +42,11 @@ MOXOLE_API int iOLEcloseEXT(_MoxOleFile* h, int closeIo) {
   if (closeIo && h->pHostIo != nullptr) h->pHostIo->close(h->pHostIo);
   if (h->pDocument != nullptr) moxCloseWriter(h);
   HostMemory* memory = h->pMemory;
+  // A host that forgot to end its stream or its stream-backed object must
+  // not leak them with the handle.
+  moxReleaseChain(h);
+  moxFree(memory, h->pSwitchIo);
+  moxForgetMiniStream(h);
   moxFree(memory, h->plMiniFat);
   if (h->ppFat != nullptr) {
     for (int64_t i = 0; i < h->lFatCount; ++i) moxFree(memory, h->ppFat[i]);

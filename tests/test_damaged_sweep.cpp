@@ -53,12 +53,22 @@ std::vector<std::pair<int64_t, int64_t>> structureRanges(const std::vector<uint8
   return ranges;
 }
 
-// Opens one variant and does everything a host can do with it.
-void exercise(ViewIo* io) {
+// Opens one variant and, when `everything`, does everything a host can do
+// with it; otherwise only builds the storage tree.
+void exercise(ViewIo* io, bool everything) {
   moxhost::CountingMemory memory;
   _MoxOleFile* h = hOLEopen(io->io(), memory.memory());
   if (h != nullptr) {
-    walkDocument(h);
+    if (everything) {
+      walkDocument(h, memory.memory());
+    } else {
+      moxhost::PoolServices services;
+      int status = 0;
+      HostMemory* pool = services.createPool(4096, 0, &status);
+      _MoxOleTreeNode* root = nullptr;
+      iOLEGetStreamTree(h, pool, &root);
+      services.destroyPool(pool);
+    }
     iOLEclose(h);
   }
   ASSERT_EQ(memory.liveBlocks(), 0);
@@ -72,14 +82,16 @@ TEST_P(DamagedSweep, CutsAndFlipsOpenOrFailCleanly) {
   auto start = std::chrono::steady_clock::now();
   unsigned shift = bytes.size() > 0x20 ? bytes[0x1E] : 9;
   int64_t step = (shift >= 7 && shift <= 16) ? int64_t{1} << shift : 512;
-  for (int64_t cut = 0; cut < static_cast<int64_t>(bytes.size()); cut += step) {
+  // Cuts mostly break the loading steps; reading every stream of every
+  // cut would only repeat the same reads.
+  for (int64_t cut = 0, n = 0; cut < static_cast<int64_t>(bytes.size()); cut += step, ++n) {
     ViewIo io(bytes, cut);
-    exercise(&io);
+    exercise(&io, n % 32 == 0);
     if (HasFatalFailure()) return;
   }
   auto ranges = structureRanges(bytes);
   std::mt19937 random(static_cast<uint32_t>(std::hash<std::string>()(GetParam())));
-  for (int n = 0; n < 1000; ++n) {
+  for (int n = 0; n < 400; ++n) {
     const auto& r = ranges[random() % ranges.size()];
     ViewIo io(bytes, static_cast<int64_t>(bytes.size()));
     for (int k = 0; k <= static_cast<int>(random() % 3); ++k) {
@@ -88,7 +100,7 @@ TEST_P(DamagedSweep, CutsAndFlipsOpenOrFailCleanly) {
         io.replace(at, static_cast<uint8_t>(bytes[at] ^ (1 + random() % 255)));
       }
     }
-    exercise(&io);
+    exercise(&io, true);
     if (HasFatalFailure()) return;
   }
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

@@ -1,12 +1,89 @@
 #include "support/document_walk.h"
 
+#include <string.h>
+
+#include <vector>
+
 #include "host/moxhost.h"
 
-void walkDocument(_MoxOleFile* h) {
+namespace {
+
+using Path = std::vector<std::string>;
+
+// Reads the current stream in uneven pieces with seeks in between.
+void readAround(_MoxOleFile* h) {
+  static const uint32_t kPieces[] = {1, 63, 64, 65, 511, 512, 4096, 70000};
+  std::vector<unsigned char> buffer(70000);
+  int64_t size = lOLEseek(h, 0, 2);
+  lOLEseek(h, size / 2, 0);
+  lOLEseek(h, -3, 1);
+  lOLEseek(h, -1, 2);
+  lOLEseek(h, 0, 0);
+  for (int i = 0; i < 1 << 16; ++i) {
+    uint32_t got = iOLEread(h, buffer.data(), kPieces[i % 8]);
+    if (got == 0) break;
+  }
+}
+
+// Opens a document nested in the current stream, if there is one.
+void openNested(_MoxOleFile* h, int depth) {
+  _ZqTPIOobj* io = hSwitchToOLE(h);
+  if (io == nullptr) return;
+  moxhost::CountingMemory memory;
+  _MoxOleFile* inner = hOLEopenEXT(io, memory.memory(), 0);
+  if (inner != nullptr) {
+    if (depth < 2) walkDocument(inner, memory.memory(), depth);
+    iOLEcloseClone(inner);
+  }
+  hSwitchFromOLE(h);
+}
+
+void walkStorage(_MoxOleFile* h, HostMemory* memory, const _MoxOleTreeNode* node, Path& path,
+                 int depth) {
+  std::vector<char> slots(36 * (path.size() + 1), 0);
+  for (size_t i = 0; i < path.size(); ++i) strncpy(&slots[36 * i], path[i].c_str(), 35);
+  auto* typed = reinterpret_cast<const char(*)[36]>(slots.data());
+  _MoxOleObjectEntry* list = nullptr;
+  if (moxoleGetObjectList(h, typed, static_cast<int>(path.size()), &list) > 0) {
+    memory->free(memory, list);
+  }
+  for (int i = 0; i < node->iChildCount; ++i) {
+    const _MoxOleTreeNode* child = node->ppChildren[i];
+    iOLEobjectType(h, typed, static_cast<int>(path.size()), child->szName);
+    if (child->iType == 2) {
+      if (iReadStreamChain(child->iIndex, h) == 0 && lOLEseek(h, 0, 0) == 0) {
+        readAround(h);
+        if (i == 0) openNested(h, depth);
+      }
+      bOLEopenStream(h, child->szName);
+      bOLEopenEmbeddedStreamEx(h, typed, static_cast<int>(path.size()), child->szName);
+      bOLEopenStreamIgnoreStorage(h, child->szName);
+    } else if (child->iType == 1 && path.size() < 8) {
+      bOLEopenEmbeddedStream(h, nullptr, child->szName);
+      lOLEopenObject(h, child->szName, 3);
+      path.push_back(child->szName);
+      walkStorage(h, memory, child, path, depth);
+      path.pop_back();
+    }
+  }
+  bOLEcloseStream(h, nullptr);
+}
+
+}  // namespace
+
+void walkDocument(_MoxOleFile* h, HostMemory* memory, int depth) {
   moxhost::PoolServices services;
   int status = 0;
   HostMemory* pool = services.createPool(4096, 0, &status);
   _MoxOleTreeNode* root = nullptr;
-  iOLEGetStreamTree(h, pool, &root);
+  if (iOLEGetStreamTree(h, pool, &root) == 0 && root != nullptr) {
+    Path path;
+    walkStorage(h, memory, root, path, depth + 1);
+  }
   services.destroyPool(pool);
+  _MoxOleFile* clone = hOLEopenClone(h);
+  if (clone != nullptr) {
+    bOLEopenStream(clone, "WordDocument");
+    iOLEcloseClone(clone);
+  }
 }

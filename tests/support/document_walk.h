@@ -1,11 +1,15 @@
 // Does everything a host can do with an open document, without caring
-// about the answers: the storage tree now, more as the library grows.
-// Used by sweeps whose only question is "no crash, no hang, no leak".
+// about the answers: the tree, the object list and types of every storage,
+// every stream opened each way and read in uneven pieces with seeks, a
+// document nested in a stream, a clone.  Used by sweeps and fuzzers whose
+// only question is "no crash, no hang, no leak".
 #ifndef MOXOLEFIO_TESTS_SUPPORT_DOCUMENT_WALK_H_
 #define MOXOLEFIO_TESTS_SUPPORT_DOCUMENT_WALK_H_
 
 #include "moxolefio.h"
 
-void walkDocument(_MoxOleFile* h);
+// `memory` is the interface the document was opened with (object lists
+// are returned to it); `depth` counts nested documents already entered.
+void walkDocument(_MoxOleFile* h, HostMemory* memory, int depth = 0);
 
 #endif  // MOXOLEFIO_TESTS_SUPPORT_DOCUMENT_WALK_H_

@@ -1,0 +1,162 @@
+// Building the current stream's sector list from the FAT or the mini FAT.
+//
+// A chain is walked twice over tables already in memory: once to check it
+// and count its sectors, once to store them into a list of exactly that
+// size.  Both walks follow links read from the file, so the count pass is
+// bounded twice over: by the loop guard, which catches a return to any of
+// the first 128 sectors jumped back to, and by the number of sectors the
+// table can describe, which no chain visiting each sector once can exceed.
+
+#include "interface/mox_memory.h"
+#include "reader/reader.h"
+#include "reader/stream.h"
+
+namespace {
+
+// Where the links of a chain are looked up.
+enum LinkSource {
+  kLinksInFat,
+  kLinksInMiniFat,
+  kLinksNowhere,  // a mini chain under the exact rules, without a mini FAT
+};
+
+// Where a chain's links come from and what its sectors are.
+struct ChainWalk {
+  _MoxOleFile* h;
+  MoxChainRules rules;
+  bool mini;          // the sectors are mini sectors
+  LinkSource links;
+  int64_t bound;      // most sectors a chain without a cycle can have
+};
+
+int64_t miniFatEntries(const _MoxOleFile* h) {
+  return h->plMiniFat == nullptr ? 0 : h->lMiniFatCount * h->iFatPerSector;
+}
+
+bool endsChain(int64_t link) { return link == kSectorEndOfChain || link == kSectorFat; }
+
+// The link after `sector`; false when the chain is broken there.
+bool nextLink(const ChainWalk& w, int64_t sector, int64_t* link) {
+  if (w.links == kLinksNowhere) return false;
+  if (w.links == kLinksInMiniFat) {
+    if (sector < 0 || sector >= miniFatEntries(w.h)) return false;
+    *link = w.h->plMiniFat[sector];
+    return true;
+  }
+  int found = 0;
+  int64_t next = lGetSect(w.h, sector, &found);
+  if (!found) return false;
+  // Some writers end chains with a free link; only the exact rules refuse.
+  if (next == kSectorFree && w.rules == kChainLenient) next = kSectorEndOfChain;
+  *link = next;
+  return true;
+}
+
+// Sets up the walk for a stream entry; false when it cannot be walked.
+bool planWalk(_MoxOleFile* h, const _MoxOleDirInfo& d, MoxChainRules rules, ChainWalk* w) {
+  w->h = h;
+  w->rules = rules;
+  w->mini = d.lSize < h->lMiniCutoff;
+  // lRootStart stays -1 when no root entry was read: there is no mini
+  // stream to hold the sectors.
+  if (w->mini && h->lRootStart == -1) return false;
+  w->links = kLinksInFat;
+  if (w->mini && h->plMiniFat != nullptr) {
+    w->links = kLinksInMiniFat;
+  } else if (w->mini && rules == kChainExact) {
+    // Only an empty stream, which has no link to look up, gets through.
+    w->links = kLinksNowhere;
+  }
+  w->bound = w->links == kLinksInMiniFat ? miniFatEntries(h) : moxFatSectorCapacity(h);
+  return true;
+}
+
+// The count pass: the number of sectors from `start`, or -1.
+int64_t countSectors(const ChainWalk& w, int64_t start) {
+  vSectorCheckConstructor(w.h);
+  if (endsChain(start)) return 0;
+  int64_t count = 0;
+  for (int64_t sector = start;;) {
+    int64_t link = 0;
+    if (!nextLink(w, sector, &link)) return -1;
+    if (bSectorCheckForInfiniteLoop(w.h, sector, link)) return -1;
+    if (++count > w.bound) return -1;
+    if (endsChain(link)) return count;
+    sector = link;
+  }
+}
+
+bool lengthFits(const ChainWalk& w, int64_t size, int64_t sectors) {
+  const int64_t unit = w.mini ? w.h->lMiniSectorSize : w.h->lSectorSize;
+  if (w.rules == kChainExact) return sectors == (size + unit - 1) / unit;
+  return size <= sectors * unit;
+}
+
+int64_t* chainSlot(const _MoxOleFile* h, int64_t index) {
+  return index < kChainFirstPart ? &h->plChain[index] : &h->plChainMore[index - kChainFirstPart];
+}
+
+// Allocates a list of `entries` entries in the split layout.
+bool allocateList(_MoxOleFile* h, int64_t entries) {
+  const int64_t first = entries < kChainFirstPart ? entries : kChainFirstPart;
+  h->plChain = static_cast<int64_t*>(moxAllocate(h->pMemory, first, sizeof(int64_t)));
+  if (h->plChain == nullptr) return false;
+  if (entries < kChainFirstPart) return true;
+  h->plChainMore = static_cast<int64_t*>(
+      moxAllocate(h->pMemory, entries - kChainFirstPart, sizeof(int64_t)));
+  if (h->plChainMore != nullptr) return true;
+  moxReleaseChain(h);
+  return false;
+}
+
+// The fill pass: the count pass has already proved every step.
+void storeSectors(const ChainWalk& w, int64_t start, int64_t sectors) {
+  int64_t sector = start;
+  for (int64_t i = 0; i < sectors; ++i) {
+    *chainSlot(w.h, i) = sector;
+    nextLink(w, sector, &sector);
+  }
+  *chainSlot(w.h, sectors) = kSectorEndOfChain;
+}
+
+// Checks entry `entry` and counts its chain: the sector count, or -1.
+int64_t checkChain(_MoxOleFile* h, int64_t entry, MoxChainRules rules, ChainWalk* w) {
+  if (entry < 0 || entry >= h->iDirCount) return -1;
+  const _MoxOleDirInfo& d = h->pDir[entry];
+  if (d.byType != kEntryStream || !planWalk(h, d, rules, w)) return -1;
+  const int64_t sectors = countSectors(*w, d.lStart);
+  if (sectors < 0 || !lengthFits(*w, d.lSize, sectors)) return -1;
+  return sectors;
+}
+
+}  // namespace
+
+bool moxReleaseChain(_MoxOleFile* h) {
+  const bool had = h->plChain != nullptr;
+  moxFree(h->pMemory, h->plChain);
+  moxFree(h->pMemory, h->plChainMore);
+  h->plChain = nullptr;
+  h->plChainMore = nullptr;
+  return had;
+}
+
+int64_t moxChainEntry(const _MoxOleFile* h, int64_t index) { return *chainSlot(h, index); }
+
+int moxBuildChain(_MoxOleFile* h, int64_t entry, MoxChainRules rules) {
+  ChainWalk walk = {};
+  const int64_t sectors = checkChain(h, entry, rules, &walk);
+  // The old stream goes whether or not the new one can be built, so that a
+  // failed open never leaves a stale stream looking current.
+  moxReleaseChain(h);
+  if (sectors < 0 || !allocateList(h, sectors + 1)) return -1;
+  const _MoxOleDirInfo& d = h->pDir[entry];
+  storeSectors(walk, d.lStart, sectors);
+  h->lStreamSize = d.lSize;
+  h->iInMini = walk.mini ? 1 : 0;
+  return 0;
+}
+
+extern "C" MOXOLE_API int iReadStreamChain(int entry, _MoxOleFile* h) {
+  if (h == nullptr) return -1;
+  return moxBuildChain(h, entry, kChainLenient);
+}

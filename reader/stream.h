@@ -1,0 +1,59 @@
+// The handle's current reader stream: its sector list, and the internal
+// names the writer reaches it by.
+//
+// A sector list holds the stream's sectors in chain order (mini sectors
+// when iInMini is 1) followed by one -2.  It is split in two arrays so that
+// the first never exceeds kChainFirstPart entries: list entry i lies in
+// plChain[i] below kChainFirstPart and in plChainMore[i - kChainFirstPart]
+// from there on.  Once the list reaches kChainFirstPart entries the second
+// array is always allocated, even with no entries.
+#ifndef MOXOLEFIO_READER_STREAM_H_
+#define MOXOLEFIO_READER_STREAM_H_
+
+#include <stdint.h>
+
+#include "interface/mox_file.h"
+
+// How strictly a chain must agree with its directory entry.
+enum MoxChainRules {
+  // The plain opens: a free link (-1) ends a FAT chain, a mini chain falls
+  // back to the FAT when the document has no mini FAT, and a chain longer
+  // than the size needs is accepted.
+  kChainLenient,
+  // Opening by storage path: a free link is an error, a mini chain needs
+  // the mini FAT, and the chain must have exactly the sectors the size needs.
+  kChainExact,
+};
+
+// Makes directory entry `entry` the current stream: walks its chain into a
+// new sector list and sets lStreamSize and iInMini; lPosition is left for
+// the caller's seek.  The previous list is released first, whether or not
+// the build then succeeds.  Reads no file data.  0, or -1.
+int moxBuildChain(_MoxOleFile* h, int64_t entry, MoxChainRules rules);
+
+// Frees both arrays of the sector list; true when there was one.
+bool moxReleaseChain(_MoxOleFile* h);
+
+// Entry `index` of the current sector list; the caller keeps index within
+// the list.
+int64_t moxChainEntry(const _MoxOleFile* h, int64_t index);
+
+// Positions a freshly built stream at 0, closing it again when that fails.
+// 1 when the stream is open, 0 when not.
+int moxFinishOpen(_MoxOleFile* h);
+
+// The regular sector `steps` FAT links after lRootStart, the start of the
+// mini stream; false when the chain breaks before.  A walk of more steps
+// than the FAT has sectors can only be going round a cycle and fails too.
+// The chain is walked once per handle and remembered.
+bool moxMiniStreamSector(_MoxOleFile* h, int64_t steps, int64_t* sector);
+
+// Releases what moxMiniStreamSector remembered.
+void moxForgetMiniStream(_MoxOleFile* h);
+
+// The same operations as bOLEcloseStream and lOLEseek, under the names the
+// writer calls.
+int bOLEcloseStream_internal(_MoxOleFile* h, const char* stream);
+int64_t lOLEseek_internal(_MoxOleFile* h, int64_t offset, int whence);
+
+#endif  // MOXOLEFIO_READER_STREAM_H_

@@ -1,0 +1,114 @@
+// Seeking and reading in the current stream.
+//
+// No file position is cached between calls: every seek derives the file
+// position afresh from the sector list, and every read places the host
+// object before each piece.  A clone shares the host object, so its reads
+// may have moved it in between.
+//
+// Without a current stream there is nothing to place the host object in:
+// the seek returns -1 and the read returns 0.  A stream without sectors
+// (its list is only the terminator) has no file position at all; seeking in
+// it only sets the stream position, which can then be nothing but 0.
+#include "reader/reader.h"
+#include "reader/stream.h"
+
+namespace {
+
+// Bytes per sector of the current stream.
+int64_t streamUnit(const _MoxOleFile* h) {
+  return h->iInMini ? h->lMiniSectorSize : h->lSectorSize;
+}
+
+// base + offset, saturated instead of overflowing: any result outside the
+// stream is clamped afterwards anyway.
+int64_t addSaturated(int64_t base, int64_t offset) {
+  int64_t sum = 0;
+  if (!__builtin_add_overflow(base, offset, &sum)) return sum;
+  return offset > 0 ? INT64_MAX : INT64_MIN;
+}
+
+// The regular sector holding mini sector `mini`, and the mini sector's byte
+// offset inside it.
+bool locateMiniSector(_MoxOleFile* h, int64_t mini, int64_t* sector, int64_t* offset) {
+  if (!moxMiniStreamSector(h, mini / h->lMiniPerSector, sector)) return false;
+  *offset = (mini % h->lMiniPerSector) * h->lMiniSectorSize;
+  return true;
+}
+
+// The file position of stream position `position`, or -1 when the mini
+// stream's chain cannot be followed that far (or the list leads before the
+// start of the file, which no host could seek to).
+int64_t filePosition(_MoxOleFile* h, int64_t position) {
+  const int64_t unit = streamUnit(h);
+  int64_t at = position;
+  int64_t past = 0;
+  int64_t listed = moxChainEntry(h, at / unit);
+  if (listed == kSectorEndOfChain) {
+    // The end of a stream that fills its last sector: no sector follows,
+    // so aim just past the last byte of the last one.
+    at = position - 1;
+    past = 1;
+    listed = moxChainEntry(h, at / unit);
+  }
+  int64_t sector = listed;
+  int64_t within = 0;
+  if (h->iInMini) {
+    if (!locateMiniSector(h, listed, &sector, &within)) return -1;
+    within += at % h->lMiniSectorSize;
+  } else {
+    within = at % h->lSectorSize;
+  }
+  return (sector + 1) * h->lSectorSize + within + past;
+}
+
+}  // namespace
+
+int64_t lOLEseek_internal(_MoxOleFile* h, int64_t offset, int whence) {
+  return lOLEseek(h, offset, whence);
+}
+
+extern "C" {
+
+MOXOLE_API int64_t lOLEseek(_MoxOleFile* h, int64_t offset, int whence) {
+  if (h == nullptr || h->plChain == nullptr) return -1;
+  int64_t position = 0;
+  switch (whence) {
+    case 0: position = offset; break;
+    case 1: position = addSaturated(h->lPosition, offset); break;
+    case 2: position = addSaturated(h->lStreamSize, offset); break;
+    default: return -1;
+  }
+  if (position < 0) position = 0;
+  if (position > h->lStreamSize) position = h->lStreamSize;
+  h->lPosition = position;
+  if (h->plChain[0] == kSectorEndOfChain) return position;
+  const int64_t target = filePosition(h, position);
+  if (target < 0 || !h->pHostIo->seek(h->pHostIo, target, 0)) return -1;
+  return position;
+}
+
+MOXOLE_API uint32_t iOLEread(_MoxOleFile* h, void* buffer, uint32_t count) {
+  // A stream built but never positioned has no place to read from.
+  if (h == nullptr || h->plChain == nullptr || h->lPosition < 0) return 0;
+  const int64_t left = h->lStreamSize - h->lPosition;
+  int64_t wanted = count < left ? count : left;
+  if (wanted <= 0) return 0;
+  const int64_t unit = streamUnit(h);
+  int64_t room = unit - h->lPosition % unit;
+  unsigned char* out = static_cast<unsigned char*>(buffer);
+  uint32_t total = 0;
+  // One piece per (mini) sector: consecutive sectors of a stream need not
+  // be adjacent in the file.
+  while (wanted > 0) {
+    if (lOLEseek(h, h->lPosition, 0) == -1) break;
+    const int piece = static_cast<int>(room < wanted ? room : wanted);
+    if (h->pHostIo->read(h->pHostIo, out + total, piece) != piece) break;
+    total += piece;
+    h->lPosition += piece;
+    wanted -= piece;
+    room = unit;
+  }
+  return total;
+}
+
+}  // extern "C"

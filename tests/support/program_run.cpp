@@ -1,0 +1,182 @@
+#include "support/program_run.h"
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "moxolefio.h"
+
+extern char** environ;
+
+namespace moxtest {
+
+namespace {
+
+const char* const kSlotNames[MOXOLE_INTERFACE_SLOTS] = {
+    "hOLEopen", "hOLEopenClone", "bOLEopenStream",
+    "bOLEopenStreamIgnoreStorage", "bOLEopenEmbeddedStream", "lOLEseek",
+    "lOLEtell", "iOLEread", "iOLEclose", "iOLEcloseClone", "bOLEcloseStream",
+    "hSwitchToOLE", "hSwitchFromOLE", "bOLEgetObject", "lOLEopenObject",
+    "bOLEopenEmbeddedStreamEx", "iOLEobjectType", "moxoleGetObjectList",
+    "hOLEopenEx", "iOLEopenStreamEx", "iOLEwrite", "iOLEGetStreamTree"};
+
+std::vector<std::string> buildEnvironment(const ProgramOptions& options) {
+  std::vector<std::string> env;
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string entry = *e;
+    std::string name = entry.substr(0, entry.find('='));
+    bool dropped = options.setEnv.count(name) != 0;
+    for (const std::string& unset : options.unsetEnv) dropped |= unset == name;
+    if (!dropped) env.push_back(entry);
+  }
+  for (const auto& [name, value] : options.setEnv) env.push_back(name + "=" + value);
+  return env;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& strings) {
+  std::vector<char*> out;
+  for (std::string& s : strings) out.push_back(&s[0]);
+  out.push_back(nullptr);
+  return out;
+}
+
+std::string temporaryFile() {
+  const char* dir = getenv("TMPDIR");
+  std::string pattern = std::string(dir != nullptr ? dir : "/tmp") +
+                        "/moxole-run-XXXXXX";
+  int fd = mkstemp(&pattern[0]);
+  if (fd >= 0) close(fd);
+  return pattern;
+}
+
+}  // namespace
+
+ProgramResult runProgram(const std::vector<std::string>& argv,
+                         const ProgramOptions& options) {
+  ProgramResult result;
+  std::string outPath = options.stdoutPath.empty() ? temporaryFile()
+                                                   : options.stdoutPath;
+  std::string errPath = temporaryFile();
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  std::vector<std::string> args = argv;
+  std::vector<std::string> env = buildEnvironment(options);
+  std::vector<char*> argp = pointers(args);
+  std::vector<char*> envp = pointers(env);
+  pid_t pid;
+  int spawned = posix_spawnp(&pid, argp[0], &actions, nullptr, argp.data(),
+                             envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned == 0) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+    }
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status)
+                                      : 128 + WTERMSIG(status);
+  }
+  if (options.stdoutPath.empty()) {
+    result.out = slurp(outPath);
+    unlink(outPath.c_str());
+  }
+  result.err = slurp(errPath);
+  unlink(errPath.c_str());
+  return result;
+}
+
+std::string missingFunction(const std::string& libraryPath,
+                            const std::vector<std::string>& functions) {
+  void* handle = dlopen(libraryPath.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (handle == nullptr) return "GetOLEInterface";
+  auto getTable =
+      reinterpret_cast<void (*)(void**)>(dlsym(handle, "GetOLEInterface"));
+  void* table[MOXOLE_INTERFACE_SLOTS] = {};
+  if (getTable != nullptr) getTable(table);
+  std::string missing;
+  for (const std::string& name : functions) {
+    bool present = false;
+    bool inTable = false;
+    for (int slot = 0; slot < MOXOLE_INTERFACE_SLOTS; ++slot) {
+      if (name == kSlotNames[slot]) {
+        inTable = true;
+        present = table[slot] != nullptr;
+      }
+    }
+    if (!inTable) present = dlsym(handle, name.c_str()) != nullptr;
+    if (!present) {
+      missing = name;
+      break;
+    }
+  }
+  dlclose(handle);
+  return missing;
+}
+
+std::string olefilePython() {
+  for (const char* python : {"/usr/bin/python3", "python3"}) {
+    if (runProgram({python, "-c", "import olefile"}).status == 0) return python;
+  }
+  return "";
+}
+
+std::string slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+bool spit(const std::string& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return static_cast<bool>(out);
+}
+
+namespace {
+
+void snapshotInto(const std::string& root, const std::string& relative,
+                  std::map<std::string, std::string>* tree) {
+  std::string dir = relative.empty() ? root : root + "/" + relative;
+  DIR* handle = opendir(dir.c_str());
+  if (handle == nullptr) return;
+  std::vector<std::string> names;
+  while (dirent* entry = readdir(handle)) {
+    std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(handle);
+  for (const std::string& name : names) {
+    std::string rel = relative.empty() ? name : relative + "/" + name;
+    struct stat st;
+    if (lstat((root + "/" + rel).c_str(), &st) != 0) continue;
+    if (S_ISDIR(st.st_mode)) {
+      (*tree)[rel] = "<dir>";
+      snapshotInto(root, rel, tree);
+    } else {
+      (*tree)[rel] = slurp(root + "/" + rel);
+    }
+  }
+}
+
+}  // namespace
+
+std::map<std::string, std::string> snapshotTree(const std::string& root) {
+  std::map<std::string, std::string> tree;
+  snapshotInto(root, "", &tree);
+  return tree;
+}
+
+}  // namespace moxtest

@@ -1,0 +1,95 @@
+#include "support/sample_tree.h"
+
+#include <sys/stat.h>
+
+#include <random>
+
+#include "support/program_run.h"
+
+namespace moxtest {
+
+std::string patternBytes(size_t size, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string bytes(size, '\0');
+  for (char& c : bytes) c = static_cast<char>(random());
+  return bytes;
+}
+
+std::vector<SampleEntry> sampleTree() {
+  std::vector<SampleEntry> t;
+  auto add = [&t](int parent, std::string name, std::string fileName,
+                  bool storage, std::string bytes) {
+    t.push_back({parent, std::move(name), std::move(fileName), storage,
+                 std::move(bytes)});
+    return static_cast<int>(t.size()) - 1;
+  };
+  add(-1, "WordDocument", "WordDocument", false, patternBytes(6000, 1));
+  add(-1, "\x05SummaryInformation", "\\x05SummaryInformation", false,
+      patternBytes(300, 2));
+  add(-1, "\x01" "CompObj", "\\x01CompObj", false, "");
+  add(-1, "Big", "Big", false, patternBytes(5 * 1000 * 1000, 3));
+  add(-1, "Mini4095", "Mini4095", false, patternBytes(4095, 4));
+  add(-1, "Regular4096", "Regular4096", false, patternBytes(4096, 5));
+  add(-1, "..", "\\x2e.", false, "dot dot");
+  int pool = add(-1, "ObjectPool", "ObjectPool", true, "");
+  int object = add(pool, "_1", "_1", true, "");
+  // An object's metafile stream starts with a header whose first two bytes
+  // give its length.
+  add(object, "\x03META", "\\x03META", false,
+      std::string("\x08\x00" "header", 8) + patternBytes(692, 6));
+  add(object, "\x02OlePres000", "\\x02OlePres000", false, "");
+  add(pool, "Empty", "Empty", true, "");
+  int a = add(-1, "A", "A", true, "");
+  int b = add(a, "B", "B", true, "");
+  int c = add(b, "C", "C", true, "");
+  add(c, "deep", "deep", false, patternBytes(10, 7));
+  add(a, "a/b", "a\\x2fb", false, "slash");
+  add(a, ".", "\\x2e", false, "dot");
+  add(a, "caf\xe9", "caf\\xe9", false, "e acute");
+  return t;
+}
+
+std::string samplePath(const std::vector<SampleEntry>& tree, int index) {
+  std::string path = tree[index].fileName;
+  for (int p = tree[index].parent; p >= 0; p = tree[p].parent) {
+    path = tree[p].fileName + "/" + path;
+  }
+  return path;
+}
+
+std::map<std::string, std::string> sampleSnapshot(
+    const std::vector<SampleEntry>& tree) {
+  std::map<std::string, std::string> snapshot;
+  for (size_t i = 0; i < tree.size(); ++i) {
+    snapshot[samplePath(tree, static_cast<int>(i))] =
+        tree[i].storage ? "<dir>" : tree[i].bytes;
+  }
+  return snapshot;
+}
+
+bool writeSampleTree(const std::vector<SampleEntry>& tree,
+                     const std::string& dir) {
+  for (size_t i = 0; i < tree.size(); ++i) {
+    std::string path = dir + "/" + samplePath(tree, static_cast<int>(i));
+    bool ok = tree[i].storage ? mkdir(path.c_str(), 0777) == 0
+                              : spit(path, tree[i].bytes);
+    if (!ok) return false;
+  }
+  return true;
+}
+
+cfb::Bytes buildSampleDocument(const std::vector<SampleEntry>& tree) {
+  cfb::CfbBuilder builder;
+  std::vector<int> entryOf(tree.size());
+  for (size_t i = 0; i < tree.size(); ++i) {
+    int parent = tree[i].parent < 0 ? 0 : entryOf[tree[i].parent];
+    entryOf[i] = tree[i].storage
+                     ? builder.addStorage(parent, tree[i].name)
+                     : builder.addStream(parent, tree[i].name,
+                                         cfb::Bytes(tree[i].bytes.begin(),
+                                                    tree[i].bytes.end()));
+  }
+  return builder.build();
+}
+
+}  // namespace moxtest

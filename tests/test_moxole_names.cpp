@@ -1,0 +1,81 @@
+// The escaping that moxole uses for names on screen and on disk.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "tools/moxole/names.h"
+
+namespace {
+
+using moxole::escapeName;
+using moxole::splitPath;
+using moxole::unescapeName;
+
+// What makes an escaped name safe as one file name inside a directory.
+void expectSafeFileName(const std::string& escaped, const std::string& raw) {
+  SCOPED_TRACE("raw name bytes: " + std::to_string(raw.size()));
+  EXPECT_FALSE(escaped.empty());
+  EXPECT_NE(escaped, ".");
+  EXPECT_NE(escaped, "..");
+  EXPECT_EQ(escaped.find('/'), std::string::npos) << escaped;
+  for (char c : escaped) {
+    EXPECT_TRUE(c >= 0x20 && c < 0x7F) << "unprintable byte in " << escaped;
+  }
+}
+
+TEST(MoxoleNames, EveryOneAndTwoByteNameRoundTripsSafelyAndUniquely) {
+  std::set<std::string> seen;
+  for (int a = 0; a < 256; ++a) {
+    for (int b = -1; b < 256; ++b) {
+      if (a == 0 || b == 0) continue;  // names never hold a zero byte
+      std::string raw(1, static_cast<char>(a));
+      if (b > 0) raw += static_cast<char>(b);
+      std::string escaped = escapeName(raw);
+      expectSafeFileName(escaped, raw);
+      std::string back;
+      ASSERT_TRUE(unescapeName(escaped, &back)) << escaped;
+      ASSERT_EQ(back, raw) << escaped;
+      ASSERT_TRUE(seen.insert(escaped).second) << "two names give " << escaped;
+    }
+  }
+}
+
+TEST(MoxoleNames, SpecialNamesStayReadableAndReversible) {
+  EXPECT_EQ(escapeName("\x05SummaryInformation"), "\\x05SummaryInformation");
+  EXPECT_EQ(escapeName("a/b\\c"), "a\\x2fb\\x5cc");
+  EXPECT_EQ(escapeName("."), "\\x2e");
+  EXPECT_EQ(escapeName(".."), "\\x2e.");
+  EXPECT_EQ(escapeName("..."), "...");
+  EXPECT_EQ(escapeName("Root Entry"), "Root Entry");
+  for (const std::string raw : {"", ".", "..", "a\\b", "\\x41"}) {
+    std::string escaped = escapeName(raw);
+    expectSafeFileName(escaped, raw);
+    std::string back = "junk";
+    ASSERT_TRUE(unescapeName(escaped, &back));
+    EXPECT_EQ(back, raw) << escaped;
+  }
+}
+
+TEST(MoxoleNames, UnescapingAcceptsTypedNames) {
+  std::string name;
+  ASSERT_TRUE(unescapeName("\\X05Sum", &name));  // upper-case x is not ours
+  EXPECT_EQ(name, "\\X05Sum");
+  ASSERT_TRUE(unescapeName("\\x0ASum\\x4a", &name));
+  EXPECT_EQ(name, "\nSumJ");
+  ASSERT_TRUE(unescapeName("trailing\\x4", &name));
+  EXPECT_EQ(name, "trailing\\x4");
+  EXPECT_FALSE(unescapeName("a\\x00b", &name));
+}
+
+TEST(MoxoleNames, PathsSplitOnSlashesOnly) {
+  std::vector<std::string> names;
+  ASSERT_TRUE(splitPath("/ObjectPool//_12/\\x03META/", &names));
+  EXPECT_EQ(names, (std::vector<std::string>{"ObjectPool", "_12", "\x03META"}));
+  ASSERT_TRUE(splitPath("a\\x2fb", &names));
+  EXPECT_EQ(names, std::vector<std::string>{"a/b"});
+  ASSERT_TRUE(splitPath("/", &names));
+  EXPECT_TRUE(names.empty());
+  EXPECT_FALSE(splitPath("ok/bad\\x00name", &names));
+}
+
+}  // namespace

@@ -1,0 +1,56 @@
+// The command table: names, synopses and the text of each --help.
+#include "tools/moxole/commands.h"
+
+namespace moxole {
+
+const std::vector<Command>& allCommands() {
+  static const std::vector<Command> commands = {
+      {"info", "info FILE",
+       "Shows the layout of a compound file: versions, byte order, sector and\n"
+       "mini sector sizes, the mini stream cutoff, the number of FAT, mini FAT,\n"
+       "DIFAT and directory sectors, the number of storages and streams below\n"
+       "the root, and the bytes held in streams.\n",
+       "", 1, 1, runInfo},
+      {"ls", "ls [-l] [-R] FILE [PATH]",
+       "Lists the entries of the storage at PATH (the root by default), sorted\n"
+       "by name; a PATH naming a stream lists that stream.\n"
+       "\n"
+       "  -l  long listing: type, size in bytes (\"-\" for storages), name\n"
+       "  -R  list every entry below PATH, as paths relative to it\n",
+       "lR", 1, 2, runList},
+      {"tree", "tree FILE",
+       "Draws the whole storage tree: storages end in '/', streams show their\n"
+       "size.\n",
+       "", 1, 1, runTree},
+      {"cat", "cat FILE PATH",
+       "Writes the bytes of the stream at PATH to standard output.\n", "", 2, 2,
+       runCat},
+      {"extract", "extract FILE DIR",
+       "Writes every storage below the root as a directory and every stream as\n"
+       "a file under DIR, which must not exist yet or be empty.  Names are\n"
+       "escaped as 'ls' shows them, so no file is written outside DIR.  Shows\n"
+       "progress on standard error when that is a terminal.\n",
+       "", 2, 2, runExtract},
+      {"pack", "pack DIR FILE",
+       "Writes a new compound file FILE holding DIR's tree: directories become\n"
+       "storages and files become streams, names unescaped as 'extract' wrote\n"
+       "them.  Names must have at most 31 characters, contain no '\\' once\n"
+       "unescaped, and siblings must differ by more than letter case.  FILE is\n"
+       "replaced only when the whole document was written.  Shows progress on\n"
+       "standard error when that is a terminal.\n",
+       "", 2, 2, runPack},
+      {"objects", "objects FILE",
+       "Lists the embedded objects of a word-processing document: storages\n"
+       "named '_' and a number, with the streams each one holds.\n",
+       "", 1, 1, runObjects},
+      {"object", "object [-p] FILE N OUT",
+       "Extracts embedded object N of a word-processing document into OUT: the\n"
+       "metafile of its \\x03META stream, without the stream's leading header.\n"
+       "\n"
+       "  -p  copy the 76-byte picture record of its \\x03PIC stream instead\n",
+       "p", 3, 3, runObject},
+  };
+  return commands;
+}
+
+}  // namespace moxole

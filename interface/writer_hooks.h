@@ -13,8 +13,4 @@ void closeWriter(_MoxOleFile* h);
 // Ends the current writer stream: 0, or 34 when there is none.
 int iCloseWriterStream(_MoxOleFile* h);
 
-// The names the handle's close and the stream close call them by.
-inline void moxCloseWriter(_MoxOleFile* h) { closeWriter(h); }
-inline int moxCloseWriterStream(_MoxOleFile* h) { return iCloseWriterStream(h); }
-
 #endif  // MOXOLEFIO_INTERFACE_WRITER_HOOKS_H_

@@ -17,7 +17,10 @@ namespace {
 // A document built through the library's writer into memory.
 class DocWriter {
  public:
-  DocWriter() { h_ = hOLEopenEx(io_.io(), host_.services(), 1); }
+  DocWriter() {
+    host_.setScribble(false);
+    h_ = hOLEopenEx(io_.io(), host_.services(), 1);
+  }
   bool ok() const { return h_ != nullptr && ok_; }
 
   void storage(const std::string& path) {

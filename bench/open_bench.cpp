@@ -61,6 +61,7 @@ void measure(const Options& options, Table* table, const std::string& label,
              moxhost::HostIo* memoryIo, const uint8_t* bytes, size_t size,
              const std::string& path, const std::string& note) {
   moxhost::CountingMemory memory;
+  memory.setScribble(false);
   Row inMemory("open", label + ", memory", "ms", false);
   inMemory.note = note;
   inMemory.mox = openLatency(options.runs, moxOpener(memoryIo, &memory));

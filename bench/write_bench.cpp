@@ -55,6 +55,7 @@ std::string describe(const Scenario& s) {
 // One document per call into `io`, whose buffer is reused.
 Result moxWrite(const Scenario& s, moxhost::MemoryIo* io) {
   moxhost::PoolServices host;
+  host.setScribble(false);
   io->bytes().clear();
   std::vector<unsigned char> data(static_cast<size_t>(s.piece));
   for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 31 + 7);

@@ -129,9 +129,17 @@ int MemoryIo::readAt(int64_t position, void* buffer, int count) {
 }
 
 bool MemoryIo::writeAt(int64_t position, const void* buffer, int count) {
+  const unsigned char* from = static_cast<const unsigned char*>(buffer);
+  // Appending is the common case (a writer going front to back): growing
+  // by the copy itself touches each byte once, not zeros first and then
+  // the data.
+  if (static_cast<size_t>(position) == bytes_.size()) {
+    bytes_.insert(bytes_.end(), from, from + count);
+    return true;
+  }
   size_t end = static_cast<size_t>(position) + static_cast<size_t>(count);
   if (end > bytes_.size()) bytes_.resize(end);
-  memcpy(bytes_.data() + position, buffer, static_cast<size_t>(count));
+  memcpy(bytes_.data() + position, from, static_cast<size_t>(count));
   return true;
 }
 

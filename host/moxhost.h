@@ -76,6 +76,11 @@ class CountingMemory {
   // Size asked for by the last call that reached the allocator.
   int lastRequest() const { return lastRequest_; }
 
+  // New blocks are filled with a pattern (on by default) so that a missing
+  // clear in the library shows up in tests.  Benchmarks turn it off: a real
+  // host's allocator does not write to the memory it hands out.
+  void setScribble(bool on) { scribble_ = on; }
+
   void* allocate(int size);
   void release(void* block);
   void* reallocate(void* block, int size);
@@ -94,6 +99,7 @@ class CountingMemory {
   int64_t peakBytes_ = 0;
   int64_t allocations_ = 0;
   int lastRequest_ = 0;
+  bool scribble_ = true;
   friend struct CountingMemoryThunks;
 };
 
@@ -130,6 +136,13 @@ class PoolServices {
   HostMemory* createPool(int initialSize, int flags, int* status);
   void destroyPool(HostMemory* pool);
 
+  // Pattern-fills pool memory and heap blocks as CountingMemory does (on
+  // by default); benchmarks turn it off.
+  void setScribble(bool on) {
+    scribble_ = on;
+    heap_.setScribble(on);
+  }
+
  private:
   struct Face {
     tag_TPVAPIServices services;
@@ -151,6 +164,7 @@ class PoolServices {
   int64_t poolArrayCalls_ = 0;
   int lastInitialSize_ = 0;
   int lastFlags_ = 0;
+  bool scribble_ = true;
 };
 
 // One recorded call on a HostIo.

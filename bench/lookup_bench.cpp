@@ -64,7 +64,7 @@ Figure perLookup(int runs, const std::vector<std::string>& names, size_t count, 
 
 void siblingsCase(const Options& options, Table* table, int count) {
   moxhost::MemoryIo io(siblingsDocument(count));
-  MoxDoc doc(&io);
+  MoxDoc doc(io.io());
   _MoxOleFile* h = doc.h();
   if (h == nullptr) {
     fprintf(stderr, "lookup: could not open the document of %d siblings\n", count);

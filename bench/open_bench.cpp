@@ -107,7 +107,7 @@ std::map<int64_t, Bytes> mergeRuns(std::map<int64_t, Bytes> runs) {
 }
 
 void difatCase(const Options& options, Table* table, const ScratchDir& scratch) {
-  const int64_t target = options.quick ? (int64_t{1} << 27) : int64_t{2140} << 20;
+  const int64_t target = options.quick ? (int64_t{1} << 27) : int64_t{2047} << 20;
   SparseDocument doc = difatDocument(target);
   const std::string path = scratch.file("difat.doc");
   if (!writeSparseFile(path, doc)) {

@@ -32,9 +32,9 @@ void writeSection(const Options& options, Table* table);
 // in every benchmark: a real host's allocator hands memory out untouched.
 class MoxDoc {
  public:
-  explicit MoxDoc(moxhost::HostIo* io) {
+  explicit MoxDoc(_ZqTPIOobj* io) {
     memory_.setScribble(false);
-    h_ = hOLEopen(io->io(), memory_.memory());
+    h_ = hOLEopen(io, memory_.memory());
   }
   ~MoxDoc() {
     if (h_ != nullptr) iOLEclose(h_);

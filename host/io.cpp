@@ -149,8 +149,15 @@ FileIo::~FileIo() {
   if (fd_ >= 0) close(fd_);
 }
 
+namespace {
+
+constexpr int kReadWindow = 32 * 1024;
+
+}  // namespace
+
 bool FileIo::openBackend() {
   if (fd_ >= 0) return true;
+  dropWindow();
   int flags = O_RDONLY;
   if (mode_ == kCreate) flags = O_RDWR | O_CREAT | O_TRUNC;
   if (mode_ == kReadWrite) flags = O_RDWR;
@@ -162,6 +169,7 @@ bool FileIo::openBackend() {
 void FileIo::closeBackend() {
   if (fd_ >= 0) close(fd_);
   fd_ = -1;
+  dropWindow();
 }
 
 int64_t FileIo::size() const {
@@ -170,8 +178,8 @@ int64_t FileIo::size() const {
   return st.st_size;
 }
 
-int FileIo::readAt(int64_t position, void* buffer, int count) {
-  if (fd_ < 0) return 0;
+// pread until `count` bytes, the end of the file or an error.
+int FileIo::readFile(int64_t position, void* buffer, int count) {
   int done = 0;
   while (done < count) {
     ssize_t n = pread(fd_, static_cast<char*>(buffer) + done,
@@ -183,8 +191,26 @@ int FileIo::readAt(int64_t position, void* buffer, int count) {
   return done;
 }
 
+int FileIo::readAt(int64_t position, void* buffer, int count) {
+  if (fd_ < 0) return 0;
+  if (count >= kReadWindow) return readFile(position, buffer, count);
+  const bool inWindow = position >= windowStart_ &&
+                        position + count <= windowStart_ + windowLength_;
+  if (!inWindow) {
+    window_.resize(kReadWindow);
+    windowStart_ = position;
+    windowLength_ = readFile(position, window_.data(), kReadWindow);
+  }
+  const int64_t have = windowStart_ + windowLength_ - position;
+  const int n = static_cast<int>(have < count ? have : count);
+  if (n <= 0) return 0;
+  memcpy(buffer, window_.data() + (position - windowStart_), static_cast<size_t>(n));
+  return n;
+}
+
 bool FileIo::writeAt(int64_t position, const void* buffer, int count) {
   if (fd_ < 0) return false;
+  dropWindow();
   int done = 0;
   while (done < count) {
     ssize_t n = pwrite(fd_, static_cast<const char*>(buffer) + done,

@@ -258,6 +258,13 @@ class MemoryIo : public HostIo {
 
 // An I/O object over a file.  The file is opened by the object's open slot
 // (as the library expects) and closed by its close slot.
+//
+// Small reads are served from a window of the file held in memory, as
+// stdio serves them: the library reads a stream one sector (or one 64-byte
+// mini sector) at a time, and a system call for each would cost more than
+// the copy.  Reads of a window or more go straight to the file.  A write
+// through this object drops the window; changes made to the file by anyone
+// else while it is open may go unseen until the next miss, as with stdio.
 class FileIo : public HostIo {
  public:
   enum Mode { kRead, kCreate, kReadWrite };
@@ -274,10 +281,16 @@ class FileIo : public HostIo {
   void closeBackend() override;
 
  private:
+  int readFile(int64_t position, void* buffer, int count);
+  void dropWindow() { windowLength_ = 0; }
+
   std::string path_;
   Mode mode_;
   int fd_ = -1;
   int openError_ = 0;
+  std::vector<uint8_t> window_;
+  int64_t windowStart_ = 0;
+  int64_t windowLength_ = 0;
 };
 
 // Reads a whole file; false when it cannot be read.

@@ -36,6 +36,39 @@ double medianOf(int runs, const std::function<double()>& work) {
   return median(times);
 }
 
+std::vector<double> mediansOf(int runs, const std::vector<std::function<double()>>& works) {
+  std::vector<std::vector<double>> times(works.size());
+  std::vector<bool> failed(works.size(), false);
+  for (int round = 0; round < runs; ++round) {
+    for (size_t i = 0; i < works.size(); ++i) {
+      if (failed[i]) continue;
+      double t = works[i]();
+      if (t < 0) failed[i] = true;
+      times[i].push_back(t);
+    }
+  }
+  std::vector<double> medians;
+  for (size_t i = 0; i < works.size(); ++i) medians.push_back(failed[i] ? -1 : median(times[i]));
+  return medians;
+}
+
+void measureRow(Row* row, int runs, const Work& mox, const Work& gsf, const Work& physical,
+                const std::function<double(double)>& unit) {
+  std::vector<Work> works;
+  std::vector<Figure*> figures;
+  const std::pair<const Work*, Figure*> all[] = {
+      {&mox, &row->mox}, {&gsf, &row->gsf}, {&physical, &row->physical}};
+  for (const auto& [work, figure] : all) {
+    if (!*work) continue;
+    works.push_back(*work);
+    figures.push_back(figure);
+  }
+  const std::vector<double> medians = mediansOf(runs, works);
+  for (size_t i = 0; i < figures.size(); ++i) {
+    figures[i]->value = medians[i] > 0 ? unit(medians[i]) : -1;
+  }
+}
+
 double timeIt(const std::function<void()>& work) {
   double start = now();
   work();

@@ -24,6 +24,12 @@ double now();
 // negative value when it failed, which makes the whole result negative.
 double medianOf(int runs, const std::function<double()>& work);
 
+// Runs every one of `works` once per round, for `runs` rounds, and returns
+// the median of each.  Taking turns puts the libraries under the same
+// load from whatever else the machine runs, which back-to-back series of
+// runs do not.  A work that fails (negative) gets -1.
+std::vector<double> mediansOf(int runs, const std::vector<std::function<double()>>& works);
+
 // Times `work` once.
 double timeIt(const std::function<void()>& work);
 
@@ -67,6 +73,15 @@ class Table {
   std::vector<Row> rows_;
   bool echo_ = false;
 };
+
+// A timed piece of work: its duration in seconds, negative on failure.
+using Work = std::function<double()>;
+
+// Fills the figures of `row` from its works, timed in turns (mediansOf);
+// `unit` turns a median duration into the row's unit.  Empty works leave
+// their figure out.
+void measureRow(Row* row, int runs, const Work& mox, const Work& gsf, const Work& physical,
+                const std::function<double(double)>& unit);
 
 // Runs `work` in a child process and returns what it wrote into `out`
 // (at most `size` bytes), plus the child's peak resident size in MiB.

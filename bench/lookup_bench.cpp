@@ -49,18 +49,20 @@ double meanDepth(const _MoxOleFile* h) {
   return nodes > 0 ? static_cast<double>(depths) / static_cast<double>(nodes) : 0;
 }
 
-// Microseconds per call of `lookup` over `names`; negative when one fails.
+// Seconds per call of `lookup` over the first `count` of `names`;
+// negative when one fails.
 template <typename Lookup>
-Figure perLookup(int runs, const std::vector<std::string>& names, size_t count, Lookup lookup) {
-  double seconds = medianOf(runs, [&] {
+Work perLookup(const std::vector<std::string>& names, size_t count, Lookup lookup) {
+  return [&names, count, lookup] {
     double start = now();
     for (size_t i = 0; i < count; ++i) {
       if (!lookup(names[i])) return -1.0;
     }
-    return now() - start;
-  });
-  return Figure{seconds < 0 ? -1 : seconds * 1e6 / static_cast<double>(count)};
+    return (now() - start) / static_cast<double>(count);
+  };
 }
+
+double microseconds(double seconds) { return seconds * 1e6; }
 
 void siblingsCase(const Options& options, Table* table, int count) {
   moxhost::MemoryIo io(siblingsDocument(count));
@@ -75,27 +77,31 @@ void siblingsCase(const Options& options, Table* table, int count) {
   snprintf(depth, sizeof depth, "mean tree depth %.1f", meanDepth(h));
 
   Row descent("lookup", "descent only, " + std::to_string(count) + " siblings", "us", false);
-  descent.mox = perLookup(options.runs, names, names.size(), [&](const std::string& name) {
-    int entry = iFindIStreamGivenIStorage(h, name.c_str(), 0);
-    return entry > 0 && entry < h->iDirCount;
-  });
+  measureRow(&descent, options.runs,
+             perLookup(names, names.size(),
+                       [h](const std::string& name) {
+                         int entry = iFindIStreamGivenIStorage(h, name.c_str(), 0);
+                         return entry > 0 && entry < h->iDirCount;
+                       }),
+             Work(), Work(), microseconds);
   descent.note = depth;
   table->add(descent);
 
   Row open("lookup", "open by name, " + std::to_string(count) + " siblings", "us", false);
-  open.mox = perLookup(options.runs, names, names.size(), [&](const std::string& name) {
-    return bOLEopenStream(h, name.c_str()) == 1;
-  });
-  bOLEcloseStream(h, nullptr);
   gsf::Doc* peer = gsf::openMemory(io.bytes().data(), io.bytes().size());
-  if (peer != nullptr) {
-    const size_t sample = std::min(names.size(), kGsfSample);
-    open.gsf = perLookup(options.runs, names, sample, [&](const std::string& name) {
-      return gsf::openChild(peer, name);
-    });
-    gsf::close(peer);
-  }
-  open.note = "libgsf: first " + std::to_string(std::min(names.size(), kGsfSample)) + " names";
+  const size_t sample = std::min(names.size(), kGsfSample);
+  measureRow(&open, options.runs,
+             perLookup(names, names.size(),
+                       [h](const std::string& name) { return bOLEopenStream(h, name.c_str()) == 1; }),
+             peer != nullptr ? perLookup(names, sample,
+                                         [peer](const std::string& name) {
+                                           return gsf::openChild(peer, name);
+                                         })
+                             : Work(),
+             Work(), microseconds);
+  bOLEcloseStream(h, nullptr);
+  gsf::close(peer);
+  open.note = "libgsf: first " + std::to_string(sample) + " names";
   table->add(open);
 }
 

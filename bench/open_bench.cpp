@@ -26,18 +26,19 @@ namespace {
 // when the open failed.
 using Opener = std::function<std::function<void()>()>;
 
-// Median milliseconds of the open alone; closing is not timed.
-Figure openLatency(int runs, const Opener& open) {
-  double seconds = medianOf(runs, [&] {
+// Seconds of one open; the close that follows is not timed.
+Work timedOpen(const Opener& open) {
+  return [open] {
     double start = now();
     std::function<void()> close = open();
     double elapsed = now() - start;
     if (!close) return -1.0;
     close();
     return elapsed;
-  });
-  return Figure{seconds < 0 ? -1 : seconds * 1000};
+  };
 }
+
+double milliseconds(double seconds) { return seconds * 1000; }
 
 Opener moxOpener(moxhost::HostIo* io, moxhost::CountingMemory* memory) {
   return [io, memory]() -> std::function<void()> {
@@ -64,14 +65,18 @@ void measure(const Options& options, Table* table, const std::string& label,
   memory.setScribble(false);
   Row inMemory("open", label + ", memory", "ms", false);
   inMemory.note = note;
-  inMemory.mox = openLatency(options.runs, moxOpener(memoryIo, &memory));
-  inMemory.gsf = openLatency(options.runs, gsfOpener([&] { return gsf::openMemory(bytes, size); }));
+  const Work gsfMemory =
+      gsf::available() ? timedOpen(gsfOpener([&] { return gsf::openMemory(bytes, size); })) : Work();
+  measureRow(&inMemory, options.runs, timedOpen(moxOpener(memoryIo, &memory)), gsfMemory, Work(),
+             milliseconds);
   table->add(inMemory);
 
   moxhost::FileIo file(path, moxhost::FileIo::kRead);
   Row inFile("open", label + ", file", "ms", false);
-  inFile.mox = openLatency(options.runs, moxOpener(&file, &memory));
-  inFile.gsf = openLatency(options.runs, gsfOpener([&] { return gsf::openFile(path); }));
+  const Work gsfFile = gsf::available() ? timedOpen(gsfOpener([&] { return gsf::openFile(path); }))
+                                         : Work();
+  measureRow(&inFile, options.runs, timedOpen(moxOpener(&file, &memory)), gsfFile, Work(),
+             milliseconds);
   table->add(inFile);
 }
 

@@ -95,29 +95,25 @@ void bigRows(const Options& options, Table* table, BigCase& c, moxhost::MemoryIo
   const double mb = static_cast<double>(c.streamSize) / kMiB;
   const std::string what = std::to_string(static_cast<long long>(mb)) + " MiB stream, ";
   const int runs = options.runs;
+  const int64_t size = c.streamSize;
   uint8_t* b = buffer.data();
+  auto rate = [size](double seconds) { return throughput(size, seconds); };
   for (uint32_t request : kRequests) {
     const std::string label = what + requestName(request);
-    const double perPiece = throughput(
-        c.streamSize, medianOf(runs, [&] { return memcpyBig(c, b, request, 512); }));
+    Row memoryRow("read", label + ", memory", "MB/s", true);
+    const double perPiece = rate(medianOf(runs, [&] { return memcpyBig(c, b, request, 512); }));
+    measureRow(&memoryRow, runs, [&] { return moxReadBig(inMemory.h(), b, request, size); },
+               gsfMemory ? Work([&] { return gsfReadBig(gsfMemory, b, request, size); }) : Work(),
+               [&] { return memcpyBig(c, b, request, request); }, rate);
     char note[64];
     snprintf(note, sizeof note, "memcpy per 512 B piece %.0f MB/s", perPiece);
-
-    Row memoryRow("read", label + ", memory", "MB/s", true);
-    memoryRow.mox.value = throughput(
-        c.streamSize, medianOf(runs, [&] { return moxReadBig(inMemory.h(), b, request, c.streamSize); }));
-    memoryRow.gsf.value = throughput(
-        c.streamSize, medianOf(runs, [&] { return gsfReadBig(gsfMemory, b, request, c.streamSize); }));
-    memoryRow.physical.value = throughput(
-        c.streamSize, medianOf(runs, [&] { return memcpyBig(c, b, request, request); }));
     memoryRow.note = note;
     table->add(memoryRow);
 
     Row fileRow("read", label + ", file", "MB/s", true);
-    fileRow.mox.value = throughput(
-        c.streamSize, medianOf(runs, [&] { return moxReadBig(inFile.h(), b, request, c.streamSize); }));
-    fileRow.gsf.value = throughput(
-        c.streamSize, medianOf(runs, [&] { return gsfReadBig(gsfFile, b, request, c.streamSize); }));
+    measureRow(&fileRow, runs, [&] { return moxReadBig(inFile.h(), b, request, size); },
+               gsfFile ? Work([&] { return gsfReadBig(gsfFile, b, request, size); }) : Work(),
+               Work(), rate);
     table->add(fileRow);
   }
   gsf::close(gsfMemory);
@@ -225,44 +221,46 @@ void miniRows(const Options& options, Table* table, const MiniDocument& doc,
   const int runs = options.runs;
   const int streams = doc.folders * doc.perFolder;
   const std::string what = std::to_string(streams) + " mini streams, ";
-  const double perPiece = throughput(
-      doc.totalBytes,
-      medianOf(runs, [&] { return memcpyMini(doc, memoryIo->bytes().data() + miniOffset, b); }));
-  const double opens = medianOf(runs, [&] { return moxReadMini(inMemory.h(), doc, b, 0, false); });
-  const double bareOpens = medianOf(runs, [&] { return moxReadMini(inBare.h(), doc, b, 0, false); });
+  auto rate = [&](double seconds) { return throughput(doc.totalBytes, seconds); };
+  const uint8_t* miniStream = memoryIo->bytes().data() + miniOffset;
   for (uint32_t request : kRequests) {
     const std::string label = what + requestName(request);
     Row memoryRow("read", label + ", memory", "MB/s", true);
-    const double total = medianOf(runs, [&] { return moxReadMini(inMemory.h(), doc, b, request); });
-    memoryRow.mox.value = throughput(doc.totalBytes, total);
-    memoryRow.gsf.value = throughput(
-        doc.totalBytes, medianOf(runs, [&] { return gsfReadMini(gsfMemory, doc, b, request); }));
+    measureRow(&memoryRow, runs, [&] { return moxReadMini(inMemory.h(), doc, b, request); },
+               gsfMemory ? Work([&] { return gsfReadMini(gsfMemory, doc, b, request); }) : Work(),
+               Work(), rate);
+
+    // The same reads with the opens' time taken out (the opens alone timed
+    // in the same turns), beside memcpy of the same bytes 64 at a time;
+    // then the same through the bare memory object.
+    const std::vector<double> t = mediansOf(
+        runs, {[&] { return moxReadMini(inMemory.h(), doc, b, request); },
+               [&] { return moxReadMini(inMemory.h(), doc, b, 0, false); },
+               [&] { return moxReadMini(inBare.h(), doc, b, request); },
+               [&] { return moxReadMini(inBare.h(), doc, b, 0, false); },
+               [&] { return memcpyMini(doc, miniStream, b); }});
     char note[96];
     snprintf(note, sizeof note, "each stream opened by path (%.0f ns), then read",
-             opens * 1e9 / streams);
+             t[1] * 1e9 / streams);
     memoryRow.note = note;
     table->add(memoryRow);
 
-    // The same reads with the opens' time taken out, beside memcpy of the
-    // same bytes 64 at a time.
     Row readsRow("read", label + ", memory, reads alone", "MB/s", true);
-    readsRow.mox.value = readsAlone(doc.totalBytes, total, opens);
-    readsRow.physical.value = perPiece;
+    readsRow.mox.value = readsAlone(doc.totalBytes, t[0], t[1]);
+    readsRow.physical.value = rate(t[4]);
     readsRow.note = "memcpy column: per 64 B piece";
     table->add(readsRow);
 
     Row bareRow("read", label + ", bare host object, reads alone", "MB/s", true);
-    const double bareTotal = medianOf(runs, [&] { return moxReadMini(inBare.h(), doc, b, request); });
-    bareRow.mox.value = readsAlone(doc.totalBytes, bareTotal, bareOpens);
-    bareRow.physical.value = perPiece;
+    bareRow.mox.value = readsAlone(doc.totalBytes, t[2], t[3]);
+    bareRow.physical.value = rate(t[4]);
     bareRow.note = "memcpy column: per 64 B piece";
     table->add(bareRow);
 
     Row fileRow("read", label + ", file", "MB/s", true);
-    fileRow.mox.value = throughput(
-        doc.totalBytes, medianOf(runs, [&] { return moxReadMini(inFile.h(), doc, b, request); }));
-    fileRow.gsf.value = throughput(
-        doc.totalBytes, medianOf(runs, [&] { return gsfReadMini(gsfFile, doc, b, request); }));
+    measureRow(&fileRow, runs, [&] { return moxReadMini(inFile.h(), doc, b, request); },
+               gsfFile ? Work([&] { return gsfReadMini(gsfFile, doc, b, request); }) : Work(),
+               Work(), rate);
     table->add(fileRow);
   }
   gsf::close(gsfMemory);

@@ -105,31 +105,50 @@ size_t reserveFor(const Scenario& s) {
   return static_cast<size_t>(total + total / 100 + (1 << 20));
 }
 
-// Medians of `runs` fresh child processes; *rss gets the median peak RSS.
-Result freshRuns(int runs, const std::function<Result()>& work, double* rss) {
-  std::vector<Result> results;
-  std::vector<double> peaks;
-  for (int i = 0; i < runs; ++i) {
-    Result r;
-    double peak = 0;
-    if (!runInChild([&](void* out) { *static_cast<Result*>(out) = work(); }, &r, sizeof r,
-                    &peak) ||
-        r.seconds < 0) {
-      return Result();
-    }
-    results.push_back(r);
-    peaks.push_back(peak);
+// One document written in a fresh child process.
+struct Fresh {
+  Result result;
+  double rssMB = -1;
+};
+
+bool freshRun(const std::function<Result()>& work, Fresh* out) {
+  return runInChild([&](void* to) { *static_cast<Result*>(to) = work(); }, &out->result,
+                    sizeof out->result, &out->rssMB) &&
+         out->result.seconds >= 0;
+}
+
+// The medians of several fresh runs.
+Fresh medianFresh(const std::vector<Fresh>& runs) {
+  if (runs.empty()) return Fresh();
+  std::vector<double> seconds, closes, rss;
+  for (const Fresh& f : runs) {
+    seconds.push_back(f.result.seconds);
+    closes.push_back(f.result.closeSeconds);
+    rss.push_back(f.rssMB);
   }
-  Result m = results[0];
-  std::vector<double> seconds, closes;
-  for (const Result& r : results) {
-    seconds.push_back(r.seconds);
-    closes.push_back(r.closeSeconds);
-  }
-  m.seconds = median(seconds);
-  m.closeSeconds = median(closes);
-  *rss = median(peaks);
+  Fresh m = runs[0];
+  m.result.seconds = median(seconds);
+  m.result.closeSeconds = median(closes);
+  m.rssMB = median(rss);
   return m;
+}
+
+// `runs` fresh processes for each library, taking turns.
+void freshRuns(int runs, const Scenario& s, Fresh* mox, Fresh* peer) {
+  std::vector<Fresh> moxRuns, peerRuns;
+  for (int i = 0; i < runs; ++i) {
+    Fresh f;
+    if (freshRun([&] {
+          moxhost::MemoryIo io;
+          io.bytes().reserve(reserveFor(s));
+          return moxWrite(s, &io);
+        }, &f)) {
+      moxRuns.push_back(f);
+    }
+    if (gsf::available() && freshRun([&] { return gsfWrite(s); }, &f)) peerRuns.push_back(f);
+  }
+  *mox = medianFresh(moxRuns);
+  *peer = medianFresh(peerRuns);
 }
 
 // `runs` documents in one child after one untimed warm-up, with freed
@@ -138,7 +157,7 @@ Result warmRuns(int runs, const Scenario& s) {
   Result m;
   runInChild(
       [&](void* out) {
-        mallopt(M_TRIM_THRESHOLD, 1 << 30);
+        mallopt(M_TRIM_THRESHOLD, 0x7fffffff);
         mallopt(M_MMAP_THRESHOLD, 32 << 20);
         moxhost::MemoryIo io;
         io.bytes().reserve(reserveFor(s));
@@ -179,14 +198,10 @@ Figure figureOf(const Scenario& s, const Result& r) {
 void scenarioRows(const Options& options, Table* table, const Scenario& s) {
   const bool rate = s.count == 1;
   const char* unit = rate ? "MB/s" : "s";
-  double moxRss = -1, gsfRss = -1;
-  Result mox = freshRuns(options.runs, [&] {
-    moxhost::MemoryIo io;
-    io.bytes().reserve(reserveFor(s));
-    return moxWrite(s, &io);
-  }, &moxRss);
-  Result peer = gsf::available() ? freshRuns(options.runs, [&] { return gsfWrite(s); }, &gsfRss)
-                                 : Result();
+  Fresh moxFresh, gsfFresh;
+  freshRuns(options.runs, s, &moxFresh, &gsfFresh);
+  const Result& mox = moxFresh.result;
+  const Result& peer = gsfFresh.result;
 
   Row fresh("write", describe(s) + ", fresh process", unit, rate);
   fresh.mox = figureOf(s, mox);
@@ -213,8 +228,8 @@ void scenarioRows(const Options& options, Table* table, const Scenario& s) {
   table->add(mapped);
 
   Row memory("write", describe(s) + ", peak RSS", "MB", false);
-  memory.mox.value = moxRss;
-  memory.gsf.value = gsfRss;
+  memory.mox.value = moxFresh.rssMB;
+  memory.gsf.value = gsfFresh.rssMB;
   snprintf(note, sizeof note, "writer %.0f MB = %.2fx file", mox.writerMB,
            mox.fileMB > 0 ? mox.writerMB / mox.fileMB : 0);
   memory.note = note;

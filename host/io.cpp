@@ -121,7 +121,9 @@ int HostIo::doClose() {
 }
 
 int MemoryIo::readAt(int64_t position, void* buffer, int count) {
-  int64_t have = size() - position;
+  // bytes_.size(), not the virtual size(): the reader calls this once per
+  // 64-byte piece of a mini stream.
+  int64_t have = static_cast<int64_t>(bytes_.size()) - position;
   if (have <= 0) return 0;
   int n = static_cast<int>(std::min<int64_t>(have, count));
   memcpy(buffer, bytes_.data() + position, static_cast<size_t>(n));

@@ -1,5 +1,6 @@
 #include "support/document_walk.h"
 
+#include <stdlib.h>
 #include <string.h>
 
 #include <vector>
@@ -25,21 +26,38 @@ void readAround(_MoxOleFile* h) {
   }
 }
 
-// Opens a document nested in the current stream, if there is one.
-void openNested(_MoxOleFile* h, int depth) {
+// Opens a document nested in the current stream, if there is one.  It
+// takes its memory from the outer document's interface, so that a leak in
+// it shows in the caller's count.
+void openNested(_MoxOleFile* h, HostMemory* memory, int depth, const char* objectFile) {
   _ZqTPIOobj* io = hSwitchToOLE(h);
   if (io == nullptr) return;
-  moxhost::CountingMemory memory;
-  _MoxOleFile* inner = hOLEopenEXT(io, memory.memory(), 0);
+  _MoxOleFile* inner = hOLEopenEXT(io, memory, 0);
   if (inner != nullptr) {
-    if (depth < 2) walkDocument(inner, memory.memory(), depth);
+    if (depth < 2) walkDocument(inner, memory, depth, objectFile);
     iOLEcloseClone(inner);
   }
   hSwitchFromOLE(h);
 }
 
+// The number n of a storage named "_n", or -1.
+int64_t objectNumber(const char* name) {
+  if (name[0] != '_' || name[1] < '0' || name[1] > '9') return -1;
+  char* end = nullptr;
+  long long n = strtoll(name + 1, &end, 10);
+  return *end == 0 ? n : -1;
+}
+
+void extractObject(_MoxOleFile* h, const char* name, const char* objectFile) {
+  int64_t n = objectNumber(name);
+  if (n < 0 || objectFile == nullptr) return;
+  unsigned char picture[76];
+  bOLEgetObject(h, n, picture, 0);
+  bOLEgetObject(h, n, const_cast<char*>(objectFile), 3);
+}
+
 void walkStorage(_MoxOleFile* h, HostMemory* memory, const _MoxOleTreeNode* node, Path& path,
-                 int depth) {
+                 int depth, const char* objectFile) {
   std::vector<char> slots(36 * (path.size() + 1), 0);
   for (size_t i = 0; i < path.size(); ++i) strncpy(&slots[36 * i], path[i].c_str(), 35);
   auto* typed = reinterpret_cast<const char(*)[36]>(slots.data());
@@ -53,7 +71,7 @@ void walkStorage(_MoxOleFile* h, HostMemory* memory, const _MoxOleTreeNode* node
     if (child->iType == 2) {
       if (iReadStreamChain(child->iIndex, h) == 0 && lOLEseek(h, 0, 0) == 0) {
         readAround(h);
-        if (i == 0) openNested(h, depth);
+        if (i == 0) openNested(h, memory, depth, objectFile);
       }
       bOLEopenStream(h, child->szName);
       bOLEopenEmbeddedStreamEx(h, typed, static_cast<int>(path.size()), child->szName);
@@ -61,8 +79,9 @@ void walkStorage(_MoxOleFile* h, HostMemory* memory, const _MoxOleTreeNode* node
     } else if (child->iType == 1 && path.size() < 8) {
       bOLEopenEmbeddedStream(h, nullptr, child->szName);
       lOLEopenObject(h, child->szName, 3);
+      extractObject(h, child->szName, objectFile);
       path.push_back(child->szName);
-      walkStorage(h, memory, child, path, depth);
+      walkStorage(h, memory, child, path, depth, objectFile);
       path.pop_back();
     }
   }
@@ -71,14 +90,14 @@ void walkStorage(_MoxOleFile* h, HostMemory* memory, const _MoxOleTreeNode* node
 
 }  // namespace
 
-void walkDocument(_MoxOleFile* h, HostMemory* memory, int depth) {
+void walkDocument(_MoxOleFile* h, HostMemory* memory, int depth, const char* objectFile) {
   moxhost::PoolServices services;
   int status = 0;
   HostMemory* pool = services.createPool(4096, 0, &status);
   _MoxOleTreeNode* root = nullptr;
   if (iOLEGetStreamTree(h, pool, &root) == 0 && root != nullptr) {
     Path path;
-    walkStorage(h, memory, root, path, depth + 1);
+    walkStorage(h, memory, root, path, depth + 1, objectFile);
   }
   services.destroyPool(pool);
   _MoxOleFile* clone = hOLEopenClone(h);

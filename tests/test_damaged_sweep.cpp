@@ -104,7 +104,7 @@ TEST_P(DamagedSweep, CutsAndFlipsOpenOrFailCleanly) {
     if (HasFatalFailure()) return;
   }
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_LT(seconds, 60.0) << "damaged variants must fail fast";
+  EXPECT_LT(seconds, 150.0) << "damaged variants must fail fast, also under the sanitizers";
 }
 
 INSTANTIATE_TEST_SUITE_P(Corpus, DamagedSweep, ::testing::ValuesIn(corpus::files()),

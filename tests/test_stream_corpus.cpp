@@ -15,6 +15,7 @@
 #include <map>
 #include <sstream>
 
+#include "support/manifest.h"
 #include "support/sha256.h"
 #include "support/stream_kit.h"
 
@@ -24,42 +25,9 @@ using cfb::Bytes;
 
 const std::string kCorpus = MOX_CORPUS_DIR;
 
-struct ManifestStream {
-  int64_t size = 0;
-  std::string sha;
-  std::string note;  // "-" when olefile read the whole stream
-};
+using ManifestFile = manifest::File;
 
-struct ManifestFile {
-  std::string path;
-  bool olefileOpens = false;
-  std::map<int, ManifestStream> streams;  // by entry number
-  bool damaged() const { return path.rfind("damaged/", 0) == 0; }
-};
-
-std::vector<std::string> splitTabs(const std::string& line) {
-  std::vector<std::string> fields;
-  std::stringstream in(line);
-  for (std::string field; std::getline(in, field, '\t');) fields.push_back(field);
-  return fields;
-}
-
-std::vector<ManifestFile> loadManifest() {
-  std::ifstream in(kCorpus + "/MANIFEST.tsv");
-  std::map<std::string, ManifestFile> files;
-  for (std::string line; std::getline(in, line);) {
-    std::vector<std::string> f = splitTabs(line);
-    if (f.size() >= 5 && f[0] == "file") {
-      files[f[1]].path = f[1];
-      files[f[1]].olefileOpens = f[4] == "yes";
-    } else if (f.size() >= 9 && f[0] == "entry" && f[3] == "stream") {
-      files[f[1]].streams[std::stoi(f[2])] = ManifestStream{std::stoll(f[4]), f[5], f[8]};
-    }
-  }
-  std::vector<ManifestFile> out;
-  for (auto& kv : files) out.push_back(std::move(kv.second));
-  return out;
-}
+std::vector<ManifestFile> loadManifest() { return manifest::load(kCorpus); }
 
 bool corpusPresent() {
   struct stat st;
@@ -121,9 +89,9 @@ TEST(StreamCorpus, EveryStreamReadsAsOlefileReadIt) {
     const LibraryView view = readCorpusFile(m.path);
     EXPECT_EQ(view.leakedBlocks, 0);
     if (m.damaged()) continue;
-    ASSERT_EQ(view.opened, m.olefileOpens);
-    for (const auto& [sid, expected] : m.streams) {
-      if (expected.note != "-") continue;
+    ASSERT_EQ(view.opened, m.opens);
+    for (const auto& [sid, expected] : m.entries) {
+      if (expected.type != "stream" || expected.note != "-") continue;
       auto found = view.streams.find(sid);
       const std::string got = found == view.streams.end() ? "unreadable" : found->second;
       if (got != expected.sha) {
@@ -148,7 +116,7 @@ bool olefileView(const std::string& path, std::map<int, std::string>* streams) {
   if (pipe == nullptr) return false;
   char line[256];
   while (fgets(line, sizeof line, pipe) != nullptr) {
-    std::vector<std::string> f = splitTabs(std::string(line, strcspn(line, "\n")));
+    std::vector<std::string> f = manifest::split(std::string(line, strcspn(line, "\n")), '\t');
     if (f.size() == 2) (*streams)[std::stoi(f[0])] = f[1];
   }
   const int status = pclose(pipe);

@@ -11,6 +11,20 @@ namespace {
 
 using Path = std::vector<std::string>;
 
+// The name-based lookups scan the whole directory when a descent misses;
+// a few dozen per document reach every lookup path without making a walk
+// of a large file quadratic.
+constexpr int kNamedLookups = 48;
+
+struct Walk {
+  _MoxOleFile* h;
+  HostMemory* memory;
+  int depth;
+  const char* objectFile;
+  int namedLookupsLeft = kNamedLookups;
+  bool mayLookUp() { return namedLookupsLeft-- > 0; }
+};
+
 // Reads the current stream in uneven pieces with seeks in between.
 void readAround(_MoxOleFile* h) {
   static const uint32_t kPieces[] = {1, 63, 64, 65, 511, 512, 4096, 70000};
@@ -29,15 +43,15 @@ void readAround(_MoxOleFile* h) {
 // Opens a document nested in the current stream, if there is one.  It
 // takes its memory from the outer document's interface, so that a leak in
 // it shows in the caller's count.
-void openNested(_MoxOleFile* h, HostMemory* memory, int depth, const char* objectFile) {
-  _ZqTPIOobj* io = hSwitchToOLE(h);
+void openNested(Walk& w) {
+  _ZqTPIOobj* io = hSwitchToOLE(w.h);
   if (io == nullptr) return;
-  _MoxOleFile* inner = hOLEopenEXT(io, memory, 0);
+  _MoxOleFile* inner = hOLEopenEXT(io, w.memory, 0);
   if (inner != nullptr) {
-    if (depth < 2) walkDocument(inner, memory, depth, objectFile);
+    if (w.depth < 2) walkDocument(inner, w.memory, w.depth, w.objectFile);
     iOLEcloseClone(inner);
   }
-  hSwitchFromOLE(h);
+  hSwitchFromOLE(w.h);
 }
 
 // The number n of a storage named "_n", or -1.
@@ -48,22 +62,22 @@ int64_t objectNumber(const char* name) {
   return *end == 0 ? n : -1;
 }
 
-void extractObject(_MoxOleFile* h, const char* name, const char* objectFile) {
+void extractObject(Walk& w, const char* name) {
   int64_t n = objectNumber(name);
-  if (n < 0 || objectFile == nullptr) return;
+  if (n < 0 || w.objectFile == nullptr) return;
   unsigned char picture[76];
-  bOLEgetObject(h, n, picture, 0);
-  bOLEgetObject(h, n, const_cast<char*>(objectFile), 3);
+  bOLEgetObject(w.h, n, picture, 0);
+  bOLEgetObject(w.h, n, const_cast<char*>(w.objectFile), 3);
 }
 
-void walkStorage(_MoxOleFile* h, HostMemory* memory, const _MoxOleTreeNode* node, Path& path,
-                 int depth, const char* objectFile) {
+void walkStorage(Walk& w, const _MoxOleTreeNode* node, Path& path) {
+  _MoxOleFile* h = w.h;
   std::vector<char> slots(36 * (path.size() + 1), 0);
   for (size_t i = 0; i < path.size(); ++i) strncpy(&slots[36 * i], path[i].c_str(), 35);
   auto* typed = reinterpret_cast<const char(*)[36]>(slots.data());
   _MoxOleObjectEntry* list = nullptr;
   if (moxoleGetObjectList(h, typed, static_cast<int>(path.size()), &list) > 0) {
-    memory->free(memory, list);
+    w.memory->free(w.memory, list);
   }
   for (int i = 0; i < node->iChildCount; ++i) {
     const _MoxOleTreeNode* child = node->ppChildren[i];
@@ -71,17 +85,21 @@ void walkStorage(_MoxOleFile* h, HostMemory* memory, const _MoxOleTreeNode* node
     if (child->iType == 2) {
       if (iReadStreamChain(child->iIndex, h) == 0 && lOLEseek(h, 0, 0) == 0) {
         readAround(h);
-        if (i == 0) openNested(h, memory, depth, objectFile);
+        if (i == 0) openNested(w);
       }
-      bOLEopenStream(h, child->szName);
-      bOLEopenEmbeddedStreamEx(h, typed, static_cast<int>(path.size()), child->szName);
-      bOLEopenStreamIgnoreStorage(h, child->szName);
+      if (w.mayLookUp()) {
+        bOLEopenStream(h, child->szName);
+        bOLEopenEmbeddedStreamEx(h, typed, static_cast<int>(path.size()), child->szName);
+        bOLEopenStreamIgnoreStorage(h, child->szName);
+      }
     } else if (child->iType == 1 && path.size() < 8) {
-      bOLEopenEmbeddedStream(h, nullptr, child->szName);
-      lOLEopenObject(h, child->szName, 3);
-      extractObject(h, child->szName, objectFile);
+      if (w.mayLookUp()) {
+        bOLEopenEmbeddedStream(h, nullptr, child->szName);
+        lOLEopenObject(h, child->szName, 3);
+        extractObject(w, child->szName);
+      }
       path.push_back(child->szName);
-      walkStorage(h, memory, child, path, depth, objectFile);
+      walkStorage(w, child, path);
       path.pop_back();
     }
   }
@@ -97,7 +115,8 @@ void walkDocument(_MoxOleFile* h, HostMemory* memory, int depth, const char* obj
   _MoxOleTreeNode* root = nullptr;
   if (iOLEGetStreamTree(h, pool, &root) == 0 && root != nullptr) {
     Path path;
-    walkStorage(h, memory, root, path, depth + 1, objectFile);
+    Walk w{h, memory, depth + 1, objectFile};
+    walkStorage(w, root, path);
   }
   services.destroyPool(pool);
   _MoxOleFile* clone = hOLEopenClone(h);

@@ -1,5 +1,6 @@
-// A document opened from bytes in memory, closed (and checked for leaks)
-// when the test is done with it.
+// A document opened from bytes in memory.  The destructor ends whatever
+// the test left open (stream, stream object, handle) and checks that
+// nothing of the memory interface is left.
 #ifndef MOXOLEFIO_TESTS_SUPPORT_OPEN_DOC_H_
 #define MOXOLEFIO_TESTS_SUPPORT_OPEN_DOC_H_
 
@@ -13,18 +14,28 @@ class OpenDoc {
   explicit OpenDoc(std::vector<uint8_t> bytes) : io_(std::move(bytes)) {
     h_ = hOLEopen(io_.io(), memory_.memory());
   }
-  ~OpenDoc() {
-    if (h_ != nullptr) iOLEclose(h_);
-    EXPECT_EQ(memory_.liveBlocks(), 0) << "the document leaked";
-  }
+  ~OpenDoc() { EXPECT_TRUE(closeCleanly()) << "the document leaked"; }
   OpenDoc(const OpenDoc&) = delete;
   OpenDoc& operator=(const OpenDoc&) = delete;
 
   _MoxOleFile* handle() const { return h_; }
+  _MoxOleFile* h() const { return h_; }
   _MoxOleFile* operator->() const { return h_; }
   bool ok() const { return h_ != nullptr; }
   moxhost::MemoryIo& io() { return io_; }
   moxhost::CountingMemory& memory() { return memory_; }
+
+  // Ends the stream, the stream object and the handle; true when no block
+  // of the memory interface is left.
+  bool closeCleanly() {
+    if (h_ != nullptr) {
+      bOLEcloseStream(h_, nullptr);
+      hSwitchFromOLE(h_);
+      iOLEclose(h_);
+      h_ = nullptr;
+    }
+    return memory_.liveBlocks() == 0;
+  }
 
  private:
   moxhost::MemoryIo io_;

@@ -14,22 +14,6 @@ cfb::Bytes pattern(size_t size, uint32_t seed) {
   return out;
 }
 
-OpenDocument::OpenDocument(cfb::Bytes bytes) : io_(std::move(bytes)) {
-  handle_ = hOLEopen(io_.io(), memory_.memory());
-}
-
-OpenDocument::~OpenDocument() { closeCleanly(); }
-
-bool OpenDocument::closeCleanly() {
-  if (handle_ != nullptr) {
-    bOLEcloseStream(handle_, nullptr);
-    hSwitchFromOLE(handle_);
-    iOLEclose(handle_);
-    handle_ = nullptr;
-  }
-  return memory_.liveBlocks() == 0;
-}
-
 cfb::Bytes readToEnd(_MoxOleFile* h, uint32_t chunk) {
   cfb::Bytes out;
   cfb::Bytes buffer(chunk);

@@ -11,6 +11,7 @@
 #include "host/moxhost.h"
 #include "interface/mox_file.h"
 #include "support/cfb_builder.h"
+#include "support/open_doc.h"
 
 namespace streamkit {
 
@@ -18,28 +19,8 @@ namespace streamkit {
 // the wrong offset, the wrong sector or the wrong stream never matches.
 cfb::Bytes pattern(size_t size, uint32_t seed);
 
-// A document opened with hOLEopen on bytes in memory.  The destructor ends
-// whatever the test left open (stream, stream object, handle).
-class OpenDocument {
- public:
-  explicit OpenDocument(cfb::Bytes bytes);
-  ~OpenDocument();
-  OpenDocument(const OpenDocument&) = delete;
-  OpenDocument& operator=(const OpenDocument&) = delete;
-
-  _MoxOleFile* h() const { return handle_; }
-  moxhost::MemoryIo& io() { return io_; }
-  moxhost::CountingMemory& memory() { return memory_; }
-
-  // Ends the stream, the stream object and the handle; true when no block
-  // of the memory interface is left.
-  bool closeCleanly();
-
- private:
-  moxhost::CountingMemory memory_;
-  moxhost::MemoryIo io_;
-  _MoxOleFile* handle_;
-};
+// A document opened on bytes in memory (see open_doc.h).
+using OpenDocument = ::OpenDoc;
 
 // Reads the current stream from its position to its end, `chunk` bytes per
 // call, stopping at the first call that returns 0.

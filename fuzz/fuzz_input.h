@@ -33,7 +33,12 @@ class FuzzInput {
   // is always a clean C string of the bytes chosen.
   std::string text(size_t limit, bool wide = false, char zero = '0') {
     size_t length = wide ? u16() : byte();
-    if (length > limit) length = limit;
+    return chars(length < limit ? length : limit, zero);
+  }
+
+  // The next `length` bytes (fewer when the input ends first) as a string,
+  // zero bytes replaced by `zero`.
+  std::string chars(size_t length, char zero = '0') {
     std::string out;
     for (size_t i = 0; i < length && !empty(); ++i) {
       char c = static_cast<char>(byte());

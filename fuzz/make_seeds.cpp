@@ -104,6 +104,41 @@ Bytes withDifat() {
   return l.serialize();
 }
 
+// 240 FAT sectors: two DIFAT sectors, the first linking to the second.
+Bytes withTwoDifatSectors() {
+  cfb::CfbLayout l = streamsOfEverySize().layout();
+  uint32_t next = l.sectorCount();
+  l.fat.resize(240 * 128, cfb::kFree);
+  while (l.fatSectors.size() < 240) {
+    l.fat[next] = cfb::kFatSect;
+    l.fatSectors.push_back(next++);
+  }
+  for (int k = 0; k < 2; ++k) {
+    l.fat[next] = cfb::kDifSect;
+    l.difatSectors.push_back(next++);
+  }
+  l.header.fatSectors = 240;
+  return l.serialize();
+}
+
+// A stream whose chain runs through 16400 sectors of a FAT that describes
+// them, far past the end of the file: its sector list needs both parts.
+Bytes withLongChain() {
+  cfb::CfbLayout l = streamsOfEverySize(12).layout();
+  uint32_t next = l.sectorCount();
+  l.fat.resize(17 * 1024, cfb::kFree);
+  while (l.fatSectors.size() < 17) {
+    l.fat[next] = cfb::kFatSect;
+    l.fatSectors.push_back(next++);
+  }
+  l.header.fatSectors = 17;
+  const uint32_t first = next + 1;
+  for (uint32_t k = 0; k < 16400; ++k) l.fat[first + k] = k + 1 < 16400 ? first + k + 1 : cfb::kEnd;
+  l.dir[11].start = first;  // s10
+  l.dir[11].sizeLow = 16400u * 4096u;
+  return l.serialize();
+}
+
 void saveDamaged() {
   // A stream whose chain returns to its start.
   cfb::CfbLayout loop = streamsOfEverySize().layout();
@@ -178,6 +213,8 @@ void saveCompoundFiles() {
   save("read", "deep-and-wide", deepAndWide().build());
   save("read", "nested", nested().build());
   save("read", "difat", withDifat());
+  save("read", "difat-two-sectors", withTwoDifatSectors());
+  save("read", "long-chain", withLongChain());
   cfb::CfbBuilder spare = wordDocument();
   spare.setSpareDirEntries(9);
   spare.setMiniCutoff(512);

@@ -43,7 +43,7 @@ std::string path(FuzzInput& in) {
   std::string out;
   for (int i = 0; i < components; ++i) {
     const uint8_t length = in.byte();
-    std::string name = in.text(length & 0x80 ? 3 * (length & 0x7F) : length, false, '0');
+    std::string name = in.chars(length & 0x80 ? 3 * (length & 0x7F) : length);
     for (char& c : name) {
       if (c == '/') c = '_';
     }

@@ -46,6 +46,12 @@ void readAround(_MoxOleFile* h) {
 void openNested(Walk& w) {
   _ZqTPIOobj* io = hSwitchToOLE(w.h);
   if (io == nullptr) return;
+  // The slots the library's own open does not use.
+  io->open(io);
+  io->tell(io);
+  io->write(io, "x", 1);
+  io->error(io);
+  io->close(io);
   _MoxOleFile* inner = hOLEopenEXT(io, w.memory, 0);
   if (inner != nullptr) {
     if (w.depth < 2) walkDocument(inner, w.memory, w.depth, w.objectFile);

@@ -319,7 +319,7 @@ void saveWriterPrograms() {
 
   // Over 13843 sectors: the FAT needs a DIFAT sector.
   Program difat;
-  difat.byte(0);
+  difat.byte(kWriteLargeDocument);
   create(difat, kOpCreateStream, 0, "big").byte(kOpWriteLarge).u16(0x7200).byte(1);
   create(difat, kOpCreateStream, 0, "small").byte(kOpWrite).u16(100).byte(2);
   save("write", "difat", difat.bytes());

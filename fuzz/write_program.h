@@ -7,6 +7,9 @@
 //   bit 2     a u16 follows: the allocation attempt that fails (host
 //             memory, pool creation and pool allocations counted together)
 //   bit 3     a u16 follows: the host write call that fails
+//   bit 4     the document may grow to 9 MB, enough to need DIFAT sectors;
+//             otherwise the bytes written stop at 512 kB, which keeps most
+//             inputs fast
 // Then operations until the input ends, each an opcode byte and its
 // arguments.  Names and paths are bytes; a zero byte in them becomes '0'.
 #ifndef MOXOLEFIO_FUZZ_WRITE_PROGRAM_H_
@@ -19,6 +22,7 @@ namespace moxfuzz {
 constexpr uint8_t kWriteFlagsMask = 3;
 constexpr uint8_t kWriteFailAllocation = 4;
 constexpr uint8_t kWriteFailOutput = 8;
+constexpr uint8_t kWriteLargeDocument = 16;
 
 enum WriteOp : uint8_t {
   // parent (byte: index among the entries made so far, the root first),

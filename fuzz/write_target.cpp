@@ -29,9 +29,11 @@ namespace {
 using moxfuzz::WriteModel;
 
 constexpr int kMaxOps = 256;
-// Enough to need DIFAT sectors (a little over 7 MB of sectors), little
-// enough to keep an input fast.
-constexpr uint64_t kByteBudget = 9u << 20;
+// Bytes an input may write: enough to need DIFAT sectors (a little over
+// 7 MB of sectors) when it asks for a large document, little enough to
+// keep the others fast.
+constexpr uint64_t kLargeBudget = 9u << 20;
+constexpr uint64_t kSmallBudget = 512u << 10;
 
 void require(bool condition, const char* what) {
   if (condition) return;
@@ -41,8 +43,8 @@ void require(bool condition, const char* what) {
 
 class Run {
  public:
-  Run(const MoxOleInterface& api, _MoxOleFile* h, bool faultsArmed)
-      : api_(api), h_(h), faultsArmed_(faultsArmed) {}
+  Run(const MoxOleInterface& api, _MoxOleFile* h, bool faultsArmed, uint64_t budget)
+      : api_(api), h_(h), faultsArmed_(faultsArmed), budget_(budget) {}
 
   WriteModel& model() { return model_; }
 
@@ -117,7 +119,7 @@ class Run {
   }
 
   void write(uint64_t length, uint8_t pattern) {
-    if (written_ + length > kByteBudget) length = kByteBudget - written_;
+    if (written_ + length > budget_) length = budget_ - written_;
     written_ += length;
     const int current = model_.current;
     std::vector<uint8_t> data(length);
@@ -214,6 +216,7 @@ class Run {
   const MoxOleInterface& api_;
   _MoxOleFile* h_;
   bool faultsArmed_;
+  uint64_t budget_;
   WriteModel model_;
   uint64_t written_ = 0;
 };
@@ -365,7 +368,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(io.openCalls() == io.closeCalls(), "a failed hOLEopenEx left the I/O object open");
     return 0;
   }
-  Run run(api, h, faultsArmed);
+  Run run(api, h, faultsArmed, (mode & moxfuzz::kWriteLargeDocument) ? kLargeBudget : kSmallBudget);
   for (int n = 0; n < kMaxOps && !in.empty(); ++n) run.step(in);
   require(iOLEclose(h) == 1, "iOLEclose of a new document");
   require(services.liveObjects() == 0, "the writer left allocations or pools live");

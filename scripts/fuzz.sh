@@ -107,9 +107,17 @@ coverage() {
   done
   rm -rf "$scratch"
   llvm-profdata-14 merge -sparse "$profiles"/*.profraw -o "$profiles/all.profdata"
-  llvm-cov-14 report "$dir/fuzz/fuzz_read" -object "$dir/fuzz/fuzz_write" \
-    -object "$dir/fuzz/fuzz_vos" -instr-profile="$profiles/all.profdata" \
-    "$root/reader" "$root/writer" "$root/interface" "$root/tree" "$root/vos"
+  local objects=("$dir/fuzz/fuzz_read" -object "$dir/fuzz/fuzz_write" -object "$dir/fuzz/fuzz_vos"
+                 -instr-profile="$profiles/all.profdata")
+  llvm-cov-14 report "${objects[@]}" "$root/reader" "$root/writer" "$root/interface" \
+    "$root/tree" "$root/vos" | tee "$profiles/report.txt"
+  echo
+  echo "lines covered by the corpora (full report: $profiles/report.txt):"
+  for part in reader writer tree interface vos; do
+    awk -v part="$part" 'index($1, part "/") == 1 { lines += $8; missed += $9 }
+      END { if (lines > 0) printf "  %-10s %6d of %6d lines  %.1f%%\n", part, lines - missed, lines, 100 * (lines - missed) / lines
+            else printf "  %-10s not linked into the targets\n", part }' "$profiles/report.txt"
+  done
 }
 
 what=${1:-all}

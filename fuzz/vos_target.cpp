@@ -1,7 +1,7 @@
 // Fuzz target: the OS layer's file, directory, lock, temporary-name and
 // memory functions driven by a program of operations (see vos_program.h)
 // on generated names, all inside a scratch directory of this process's own
-// under /tmp, which is also the working directory.  Generated paths are
+// under $TMPDIR (/tmp by default), which is also the working directory.  Generated paths are
 // relative and never hold a ".." component, and nothing the target can
 // call makes a symbolic link, so no call can reach outside the scratch
 // directory; getcwd checks that the working directory stays inside.

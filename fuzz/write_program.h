@@ -44,13 +44,42 @@ enum WriteOp : uint8_t {
   kWriteOpCount
 };
 
-// Byte `offset` of stream `entry` as the target writes it with `pattern`:
-// cheap, and different from one position, stream and write to the next,
-// so that a byte read back from the wrong place is caught.
-inline uint8_t patternByte(uint32_t entry, uint8_t pattern, uint64_t offset) {
-  uint64_t x = (offset + 1) * 0x9E3779B97F4A7C15ull;
-  x ^= (static_cast<uint64_t>(entry) << 8 | pattern) * 0xBF58476D1CE4E5B9ull;
-  return static_cast<uint8_t>((x ^ (x >> 29)) >> 48);
+// The bytes the target writes: a table of pseudo-random bytes whose length
+// is a prime, so that no shift by a whole number of sectors or mini
+// sectors lines it up with itself, read from a place chosen by the stream
+// and the write.  A byte read back from the wrong place is caught.
+constexpr uint32_t kPatternLength = 65521;
+
+inline const uint8_t* patternTable() {
+  static uint8_t table[kPatternLength];
+  static bool made = false;
+  if (!made) {
+    uint64_t x = 0x9E3779B97F4A7C15ull;
+    for (uint8_t& b : table) {
+      x ^= x << 13;
+      x ^= x >> 7;
+      x ^= x << 17;
+      b = static_cast<uint8_t>(x >> 24);
+    }
+    made = true;
+  }
+  return table;
+}
+
+// Fills `out` with `length` pattern bytes for stream `entry`, written with
+// `pattern`, starting at stream offset `offset`.
+inline void fillPattern(uint8_t* out, uint64_t length, uint32_t entry, uint8_t pattern,
+                        uint64_t offset) {
+  const uint8_t* table = patternTable();
+  uint64_t at = (offset + entry * 7919ull + pattern * 104729ull) % kPatternLength;
+  while (length > 0) {
+    uint64_t run = kPatternLength - at;
+    if (run > length) run = length;
+    for (uint64_t i = 0; i < run; ++i) out[i] = table[at + i];
+    out += run;
+    length -= run;
+    at = 0;
+  }
 }
 
 }  // namespace moxfuzz

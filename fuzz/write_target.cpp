@@ -122,12 +122,12 @@ class Run {
     if (written_ + length > budget_) length = budget_ - written_;
     written_ += length;
     const int current = model_.current;
-    std::vector<uint8_t> data(length);
+    // One buffer for every write of the input, as large as the largest.
+    if (data_.size() < length) data_.resize(length);
+    uint8_t* data = data_.data();
     const uint64_t offset = current < 0 ? 0 : model_.entries[current].data.size();
-    for (uint64_t i = 0; i < length; ++i) {
-      data[i] = moxfuzz::patternByte(static_cast<uint32_t>(current), pattern, offset + i);
-    }
-    const int status = api_.iOLEwrite(h_, data.data(), static_cast<int>(length));
+    moxfuzz::fillPattern(data, length, static_cast<uint32_t>(current), pattern, offset);
+    const int status = api_.iOLEwrite(h_, data, static_cast<int>(length));
     int want = 0;
     if (current < 0) {
       want = 34;
@@ -138,7 +138,7 @@ class Run {
     if (current < 0 || model_.entries[current].type != 2) return;
     moxfuzz::ModelEntry& e = model_.entries[current];
     if (status == 0) {
-      e.data.insert(e.data.end(), data.begin(), data.end());
+      e.data.insert(e.data.end(), data, data + length);
     } else {
       e.dataKnown = false;
     }
@@ -219,6 +219,7 @@ class Run {
   uint64_t budget_;
   WriteModel model_;
   uint64_t written_ = 0;
+  std::vector<uint8_t> data_;
 };
 
 // Reads the current reader stream of h whole and compares it.

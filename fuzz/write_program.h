@@ -16,6 +16,7 @@
 #define MOXOLEFIO_FUZZ_WRITE_PROGRAM_H_
 
 #include <stdint.h>
+#include <string.h>
 
 namespace moxfuzz {
 
@@ -75,7 +76,7 @@ inline void fillPattern(uint8_t* out, uint64_t length, uint32_t entry, uint8_t p
   while (length > 0) {
     uint64_t run = kPatternLength - at;
     if (run > length) run = length;
-    for (uint64_t i = 0; i < run; ++i) out[i] = table[at + i];
+    memcpy(out, table + at, run);
     out += run;
     length -= run;
     at = 0;

@@ -80,9 +80,10 @@ run_target() {  # target seconds
   # removed afterwards even when a finding stopped the target.
   local scratch
   scratch=$(mktemp -d "$scratch_base/moxfuzz-run-XXXXXX")
-  local status=0
+  local status=0 options=()
+  [ -f "$root/fuzz/$target.dict" ] && options+=(-dict="$root/fuzz/$target.dict")
   # Absolute paths only: the OS-layer target changes its working directory.
-  TMPDIR="$scratch" "$build/fuzz/fuzz_$target" \
+  TMPDIR="$scratch" "$build/fuzz/fuzz_$target" "${options[@]}" \
     -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
     -max_len="$(max_len "$target")" -print_final_stats=1 \
     -artifact_prefix="$findings/" "$corpus" "$build/seeds/$target" >"$log" 2>&1 || status=$?

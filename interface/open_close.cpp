@@ -40,7 +40,7 @@ MOXOLE_API _MoxOleFile* hOLEopenClone(_MoxOleFile* h) {
 
 MOXOLE_API int iOLEcloseEXT(_MoxOleFile* h, int closeIo) {
   if (closeIo && h->pHostIo != nullptr) h->pHostIo->close(h->pHostIo);
-  if (h->pDocument != nullptr) moxCloseWriter(h);
+  if (h->pDocument != nullptr) closeWriter(h);
   HostMemory* memory = h->pMemory;
   // A host that forgot to end its stream or its stream-backed object must
   // not leak them with the handle.

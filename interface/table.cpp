@@ -21,6 +21,9 @@ extern "C" MOXOLE_API void GetOLEInterface(void** table) {
   t.lOLEopenObject = lOLEopenObject;
   t.iOLEobjectType = iOLEobjectType;
   t.moxoleGetObjectList = moxoleGetObjectList;
+  t.hOLEopenEx = hOLEopenEx;
+  t.iOLEopenStreamEx = iOLEopenStreamEx;
+  t.iOLEwrite = iOLEwrite;
   t.iOLEGetStreamTree = iOLEGetStreamTree;
   static_assert(sizeof t == MOXOLE_INTERFACE_SLOTS * sizeof(void*),
                 "the table is 22 pointers, nothing else");

@@ -6,10 +6,11 @@
 
 #include "interface/mox_file.h"
 
-// Lays out and writes the document, destroys it and clears pDocument.
-void moxCloseWriter(_MoxOleFile* h);
+// Lays out and writes the document, destroys it (which closes the output)
+// and clears pDocument.  Nothing happens for a handle without a document.
+void closeWriter(_MoxOleFile* h);
 
 // Ends the current writer stream: 0, or 34 when there is none.
-int moxCloseWriterStream(_MoxOleFile* h);
+int iCloseWriterStream(_MoxOleFile* h);
 
 #endif  // MOXOLEFIO_INTERFACE_WRITER_HOOKS_H_

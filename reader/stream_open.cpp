@@ -89,7 +89,7 @@ MOXOLE_API int bOLEopenEmbeddedStreamEx(_MoxOleFile* h, const char (*path)[36], 
 MOXOLE_API int bOLEcloseStream(_MoxOleFile* h, const char* /*stream*/) {
   if (h == nullptr) return 0;
   if (moxReleaseChain(h)) return 1;
-  if (h->pWriterStream != nullptr) return moxCloseWriterStream(h) == 0 ? 1 : 0;
+  if (h->pWriterStream != nullptr) return iCloseWriterStream(h) == 0 ? 1 : 0;
   return 0;
 }
 

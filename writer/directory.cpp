@@ -3,6 +3,8 @@
 
 #include <string.h>
 
+#include <new>
+
 #include "interface/mox_file.h"
 #include "writer/header.h"
 
@@ -82,6 +84,16 @@ void CMoxOleDirectory::setDefaults(int type, CMoxOleHeader* header) {
 CMoxOleDirectory::~CMoxOleDirectory() { DeleteAllNodes(); }
 
 bool CMoxOleDirectory::ready() const { return pPool != nullptr && pszName != nullptr; }
+
+CMoxOleDirectory* CMoxOleDirectory::create(char* name, int type, tag_TPVAPIServices* services,
+                                           CMoxOleHeader* header) {
+  CMoxOleDirectory* entry = new (std::nothrow) CMoxOleDirectory(name, type, services, header);
+  if (entry != nullptr && !entry->ready()) {
+    delete entry;
+    entry = nullptr;
+  }
+  return entry;
+}
 
 int CMoxOleDirectory::addChild(CMoxOleDirectory* child) {
   _MoxOleRedBlackNode* node = nullptr;

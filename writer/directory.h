@@ -24,6 +24,7 @@
 #include "tree/redblack.h"
 
 class CMoxOleHeader;
+class CMoxOleIo;
 
 // One sector's worth of stream data.
 struct _MoxOleBlock {
@@ -33,6 +34,9 @@ struct _MoxOleBlock {
 
 // Sector size of an entry built without a header.
 constexpr int kDefaultBlockSize = 512;
+
+// Bytes of one directory entry on disk.
+constexpr int kDirEntrySize = 128;
 
 class CMoxOleDirectory final : public CMoxOleRedBlack {
  public:
@@ -49,6 +53,11 @@ class CMoxOleDirectory final : public CMoxOleRedBlack {
   // False when the pool or the copy of the name could not be had: such an
   // entry can hold neither children nor data and must be deleted.
   bool ready() const;
+
+  // A new entry on the process heap, or null when the object, its pool or
+  // its name could not be had.
+  static CMoxOleDirectory* create(char* name, int type, tag_TPVAPIServices* services,
+                                  CMoxOleHeader* header);
 
   // Inserts child into this entry's tree, which fixes the child's future
   // directory index from the shared counter.  0, 6 (an equal name is
@@ -84,6 +93,33 @@ class CMoxOleDirectory final : public CMoxOleRedBlack {
   // Only the root's size is set from outside (to the mini stream's size):
   // 0 for the root, 34 and no change for any other entry.
   int setStreamSize(long size);
+
+  // --- Layout at close ---------------------------------------------------
+  // A stream of at least the cutoff size takes one sector per block, from
+  // the sector at byte position on, chained in fat; position moves past
+  // them.  Any other type gets start sector -2.  Always 0.
+  int assignStreamSectors(long& position, long* fat);
+
+  // A stream below the cutoff takes ceil(size / 64) consecutive mini
+  // sectors from miniPosition on, and keeps their chain in a list from its
+  // pool.  Storages and empty streams take none.  0, or 2 without memory.
+  int assignMiniStreamSectors(long& miniPosition);
+
+  // Copies this entry's mini chain into the mini FAT table of `entries`
+  // values.  0, or 2 when the chain would leave the table.
+  int collectMiniFATSectors(long* table, long entries);
+
+  // --- Output at close ---------------------------------------------------
+  // The 128-byte directory entry.  Also fixes lChild from the tree.
+  // Returns 0 whatever the output reports; a host that keeps failing is
+  // caught by the next status the file writer checks.
+  int writeDirEntry(CMoxOleIo* io);
+
+  // A regular stream: every block whole, one sector each.  0 or the status.
+  int writeStreamEntry(CMoxOleIo* io);
+
+  // A mini stream: its bytes, padded with zeros to a multiple of 64.
+  int writeMiniStreamEntry(CMoxOleIo* io);
 
   int64_t lLeftSibling;
   int64_t lRightSibling;

@@ -10,6 +10,8 @@
 
 #include <stdint.h>
 
+class CMoxOleIo;
+
 // FAT sector numbers kept in the header itself; further ones go to DIFAT
 // sectors.
 constexpr int kHeaderDifatSlots = 109;
@@ -17,6 +19,10 @@ constexpr int kHeaderDifatSlots = 109;
 class CMoxOleHeader {
  public:
   CMoxOleHeader();
+
+  // Writes the 512 bytes of the file header, every field little-endian.
+  // 0, or the first nonzero status of io (nothing after it is written).
+  int writeDisk(CMoxOleIo* io);
 
   CMoxOleHeader(const CMoxOleHeader&) = delete;
   CMoxOleHeader& operator=(const CMoxOleHeader&) = delete;

@@ -5,22 +5,6 @@
 
 #include "interface/mox_file.h"
 
-namespace {
-
-// A new entry, or null when the object, its pool or its name could not
-// be had.
-CMoxOleDirectory* newEntry(char* name, int type, tag_TPVAPIServices* services,
-                           CMoxOleHeader* header) {
-  CMoxOleDirectory* entry = new (std::nothrow) CMoxOleDirectory(name, type, services, header);
-  if (entry != nullptr && !entry->ready()) {
-    delete entry;
-    entry = nullptr;
-  }
-  return entry;
-}
-
-}  // namespace
-
 CMoxOleDocument::CMoxOleDocument(tag_TPVAPIServices* services)
     : pRootEntry(nullptr),
       pHeader(nullptr),
@@ -40,7 +24,7 @@ int CMoxOleDocument::init(_ZqTPIOobj* io, int flags) {
   pHeader = new (std::nothrow) CMoxOleHeader();
   if (pHeader == nullptr) return MOXOLE_NO_MEMORY;
   char rootName[] = "Root Entry";
-  pRootEntry = newEntry(rootName, kEntryRoot, pServices, pHeader);
+  pRootEntry = CMoxOleDirectory::create(rootName, kEntryRoot, pServices, pHeader);
   if (pRootEntry == nullptr) return MOXOLE_NO_MEMORY;
   pRootEntry->plOrdinalCounter = &lNextOrdinal;
   if ((flags & kDocumentWritable) == 0) return MOXOLE_OK;
@@ -64,7 +48,7 @@ int CMoxOleDocument::addDirectory(char const* path, int type, CMoxOleDirectory*&
   // Room in the list first: once the child is in its parent's tree and has
   // drawn its index, nothing may fail any more.
   if (!vDirectories.reserveMore(1)) return MOXOLE_NO_MEMORY;
-  CMoxOleDirectory* child = newEntry(name, type, pServices, pHeader);
+  CMoxOleDirectory* child = CMoxOleDirectory::create(name, type, pServices, pHeader);
   if (child == nullptr) return MOXOLE_NO_MEMORY;
   child->plOrdinalCounter = &lNextOrdinal;
   int status = parent->addChild(child);

@@ -73,6 +73,50 @@ class CMoxOleDocument {
   // name is taken), 34 (bad type) or 2 (no memory).
   int addDirectory(char const* path, int type, CMoxOleDirectory*& entry);
 
+  // --- Layout, run once at close --------------------------------------
+  // The file is planned whole before its first byte is written: regions in
+  // the order DIFAT, FAT, mini FAT, directory, regular streams, mini
+  // stream.  Positions are byte offsets from the start of sector 0, the
+  // sector after the header.
+
+  // Counts the sectors every region needs and solves the FAT and DIFAT
+  // sizes.  Returns the FAT sector count, also stored in fatSectors.
+  long getAllBlockCount(long& fatSectors, long& miniFatSectors, long& difatSectors);
+
+  // Gives the directory, every regular stream and the mini stream their
+  // sectors from position on, chains them in the FAT and hands out the
+  // mini sectors.  0, or 2 when a mini sector list cannot be had.
+  int assignSectors(long& position);
+
+  // The directory's sectors from position on, chained in the FAT.
+  void assignDirectorySectors(long& position);
+
+  // --- Output, in file order --------------------------------------------
+  // Plans and writes the whole file through the output object in one
+  // forward pass.  0; 6 when the document is not writable (nothing is
+  // written); 2 from planning; otherwise the first failing output status.
+  int writeDisk();
+
+  int writeHeader();
+
+  // The DIFAT sectors: the numbers of the FAT sectors beyond the header's
+  // (rest of them), 127 to a sector with a link to the next in the last
+  // slot, everything else -2.
+  int writeDIFATSectors(long rest, long difatSectors);
+
+  // The FAT, then the mini FAT.  Chains the mini FAT's own sectors first
+  // and gives the root the size of the mini stream in use.
+  int writeFATSectors(long fatEntries, long miniEntries, long miniFatSectors,
+                      long difatSectors);
+
+  // The root, then every entry in index order, padded to whole sectors.
+  // Sibling links come from each storage's tree.
+  int writeDirSectors();
+
+  // Regular streams in creation order, then the mini stream, then zeros
+  // to the end of the last sector.
+  int writeStreamSectors();
+
   CMoxOleDirectory* pRootEntry;
   CMoxOleHeader* pHeader;
   tag_TPVAPIServices* pServices;
@@ -81,6 +125,25 @@ class CMoxOleDocument {
   MoxGrowArray<CMoxOleDirectory*> vDirectories;  // creation order; not owned
   MoxGrowArray<int64_t> vFat;
   int32_t iMode;
+
+ private:
+  int64_t sectorSize() const { return int64_t{1} << pHeader->iSectorShift; }
+  // FAT entries per sector.
+  int64_t fatPerSector() const { return sectorSize() / 4; }
+  // Sector holding byte position p (counted from sector 0).
+  int64_t sectorAt(int64_t p) const { return p >> pHeader->iSectorShift; }
+  // Sectors of the directory: the root and every entry, 128 bytes each.
+  int64_t directorySectors() const;
+
+  // The FAT with its own and the DIFAT's sectors marked, and the header's
+  // region fields; position ends at the first directory sector.  False
+  // when the FAT cannot be had.
+  bool setUpRegions(long fatSectors, long miniFatSectors, long difatSectors,
+                    long& position);
+  // The header's 109 slots: the first FAT sectors, then -1.
+  void fillHeaderDifat(long fatSectors, long difatSectors);
+  // Pads the output with zeros up to a multiple of unit bytes.
+  int padTo(int64_t unit);
 };
 
 #endif  // MOXOLEFIO_WRITER_MOXOLEDOC_H_

@@ -96,3 +96,17 @@ void CMoxOleIo::close() {
   if (pIoObj->close != nullptr) pIoObj->close(pIoObj);
   pIoObj = nullptr;
 }
+
+int moxWriteZeros(CMoxOleIo* io, int64_t count) {
+  // Padding never exceeds a sector, so one small table of zeros serves.
+  static const unsigned char kZeros[512] = {};
+  int status = MOXOLE_OK;
+  while (count > 0 && status == MOXOLE_OK) {
+    const int n = count < static_cast<int64_t>(sizeof kZeros) ? static_cast<int>(count)
+                                                               : static_cast<int>(sizeof kZeros);
+    // writeBytes only reads from its argument.
+    status = io->writeBytes(const_cast<unsigned char*>(kZeros), n);
+    count -= n;
+  }
+  return status;
+}

@@ -79,4 +79,7 @@ class CMoxOleIo {
   int writeLittleEndian(uint64_t value, int width);
 };
 
+// Writes count zero bytes (padding) through io: 0 or io's status.
+int moxWriteZeros(CMoxOleIo* io, int64_t count);
+
 #endif  // MOXOLEFIO_WRITER_OLEIO_H_

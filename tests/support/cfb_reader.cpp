@@ -1,0 +1,340 @@
+#include "support/cfb_reader.h"
+
+#include <string.h>
+
+#include <functional>
+
+namespace cfb {
+
+namespace {
+
+uint16_t get16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
+uint32_t get32(const uint8_t* p) {
+  return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
+         (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+}
+
+constexpr uint32_t kUnowned = 0xFFFFFFFFu;
+
+class Parser {
+ public:
+  Parser(const Bytes& file, ParsedFile* out) : file_(file), out_(*out) {}
+
+  bool run(std::string* error) {
+    bool ok = header() && difat() && fat() && directory() && miniFat() && miniStream() &&
+              streams() && leftovers();
+    if (!ok) *error = error_;
+    return ok;
+  }
+
+ private:
+  bool fail(const std::string& why) {
+    error_ = why;
+    return false;
+  }
+
+  const uint8_t* sector(uint32_t n) const {
+    return file_.data() + (static_cast<size_t>(n) + 1) * sectorSize_;
+  }
+
+  // Marks a sector as belonging to `owner`; a sector may have one owner.
+  bool own(uint32_t n, uint32_t owner, const char* what) {
+    if (n >= out_.sectorCount) return fail(std::string(what) + ": sector past the file");
+    if (owner_[n] != kUnowned) {
+      return fail(std::string(what) + ": sector " + std::to_string(n) + " is used twice");
+    }
+    owner_[n] = owner;
+    return true;
+  }
+
+  // Follows a FAT chain, claiming each sector; exactly `count` sectors.
+  bool chain(uint32_t start, uint64_t count, uint32_t owner, const char* what,
+             std::vector<uint32_t>* sectors) {
+    uint32_t s = start;
+    for (uint64_t i = 0; i < count; ++i) {
+      if (s >= out_.fat.size()) return fail(std::string(what) + ": chain leaves the FAT");
+      if (!own(s, owner, what)) return false;
+      sectors->push_back(s);
+      s = out_.fat[s];
+    }
+    if (s != kEnd) return fail(std::string(what) + ": chain longer than its size");
+    return true;
+  }
+
+  bool header() {
+    if (file_.size() < 512 || file_.size() % 512 != 0) return fail("size not whole sectors");
+    const uint8_t* h = file_.data();
+    CfbHeader& hd = out_.header;
+    if (memcmp(h, hd.signature, 8) != 0) return fail("signature");
+    hd.minor = get16(h + 0x18);
+    hd.major[0] = h[0x1A];
+    hd.major[1] = h[0x1B];
+    hd.byteOrder = get16(h + 0x1C);
+    hd.sectorShift = get16(h + 0x1E);
+    hd.miniShift = get16(h + 0x20);
+    hd.dirSectors = get32(h + 0x28);
+    hd.fatSectors = get32(h + 0x2C);
+    hd.dirStart = get32(h + 0x30);
+    hd.transaction = get32(h + 0x34);
+    hd.miniCutoff = get32(h + 0x38);
+    hd.miniFatStart = get32(h + 0x3C);
+    hd.miniFatSectors = get32(h + 0x40);
+    hd.difatStart = get32(h + 0x44);
+    hd.difatSectors = get32(h + 0x48);
+    for (int i = 0; i < 109; ++i) hd.difat[i] = get32(h + 0x4C + 4 * i);
+    if (hd.byteOrder != 0xFFFE) return fail("byte order");
+    if (hd.sectorShift != 9 || hd.miniShift != 6) return fail("geometry");
+    sectorSize_ = 512;
+    out_.sectorCount = static_cast<uint32_t>(file_.size() / 512 - 1);
+    owner_.assign(out_.sectorCount, kUnowned);
+    return true;
+  }
+
+  bool difat() {
+    const CfbHeader& hd = out_.header;
+    for (uint32_t i = 0; i < 109 && i < hd.fatSectors; ++i) out_.fatSectors.push_back(hd.difat[i]);
+    for (uint32_t i = hd.fatSectors; i < 109; ++i) {
+      if (hd.difat[i] != kFree) return fail("header DIFAT slot past the FAT is not -1");
+    }
+    if ((hd.difatSectors == 0) != (hd.difatStart == kEnd)) return fail("DIFAT start/count");
+    uint32_t s = hd.difatStart;
+    for (uint32_t j = 0; j < hd.difatSectors; ++j) {
+      if (!own(s, kUnowned - 1, "DIFAT")) return false;
+      out_.difatSectors.push_back(s);
+      const uint8_t* p = sector(s);
+      for (int k = 0; k < 127; ++k) {
+        uint32_t v = get32(p + 4 * k);
+        if (out_.fatSectors.size() < hd.fatSectors) {
+          out_.fatSectors.push_back(v);
+        } else if (v != kEnd) {
+          return fail("DIFAT slot past the FAT is not -2");
+        }
+      }
+      s = get32(p + 508);
+    }
+    if (hd.difatSectors > 0 && s != kEnd) return fail("last DIFAT link is not -2");
+    if (out_.fatSectors.size() != hd.fatSectors) return fail("DIFAT lists too few FAT sectors");
+    return true;
+  }
+
+  bool fat() {
+    for (uint32_t s : out_.fatSectors) {
+      if (!own(s, kUnowned - 2, "FAT")) return false;
+      const uint8_t* p = sector(s);
+      for (int k = 0; k < 128; ++k) out_.fat.push_back(get32(p + 4 * k));
+    }
+    for (uint32_t s : out_.fatSectors) {
+      if (out_.fat[s] != kFatSect) return fail("FAT sector not marked -3");
+    }
+    for (uint32_t s : out_.difatSectors) {
+      if (s >= out_.fat.size() || out_.fat[s] != kDifSect) return fail("DIFAT sector not -4");
+    }
+    return true;
+  }
+
+  bool directory() {
+    std::vector<uint32_t> sectors;
+    uint32_t s = out_.header.dirStart;
+    // The directory's length is not stored: follow the chain to its end.
+    while (s != kEnd) {
+      if (s >= out_.fat.size()) return fail("directory chain leaves the FAT");
+      if (!own(s, kUnowned - 3, "directory")) return false;
+      sectors.push_back(s);
+      s = out_.fat[s];
+    }
+    for (uint32_t d : sectors) {
+      for (int k = 0; k < 4; ++k) {
+        const uint8_t* e = sector(d) + 128 * k;
+        ParsedEntry entry;
+        entry.nameLength = get16(e + 0x40);
+        entry.type = e[0x42];
+        entry.colour = e[0x43];
+        entry.left = get32(e + 0x44);
+        entry.right = get32(e + 0x48);
+        entry.child = get32(e + 0x4C);
+        entry.start = get32(e + 0x74);
+        entry.size = get32(e + 0x78) | (static_cast<uint64_t>(get32(e + 0x7C)) << 32);
+        if (entry.nameLength > 64 || entry.nameLength % 2 != 0) return fail("name length");
+        for (int i = 0; i + 2 < entry.nameLength; i += 2) entry.name.push_back(get16(e + i));
+        if (entry.nameLength > 0 && get16(e + entry.nameLength - 2) != 0) {
+          return fail("name not terminated");
+        }
+        out_.dir.push_back(entry);
+      }
+    }
+    if (out_.dir.empty() || out_.dir[0].type != 5) return fail("no root entry");
+    return true;
+  }
+
+  bool miniFat() {
+    const CfbHeader& hd = out_.header;
+    if (hd.miniFatSectors == 0) {
+      return hd.miniFatStart == kEnd ? true : fail("mini FAT start without sectors");
+    }
+    std::vector<uint32_t> sectors;
+    if (!chain(hd.miniFatStart, hd.miniFatSectors, kUnowned - 4, "mini FAT", &sectors)) {
+      return false;
+    }
+    for (uint32_t s : sectors) {
+      for (int k = 0; k < 128; ++k) out_.miniFat.push_back(get32(sector(s) + 4 * k));
+    }
+    return true;
+  }
+
+  bool miniStream() {
+    const ParsedEntry& root = out_.dir[0];
+    if (root.size == 0) return root.start == kEnd ? true : fail("root start without size");
+    std::vector<uint32_t> sectors;
+    if (!chain(root.start, (root.size + 511) / 512, kUnowned - 5, "mini stream", &sectors)) {
+      return false;
+    }
+    for (uint32_t s : sectors) out_.miniStream.insert(out_.miniStream.end(), sector(s), sector(s) + 512);
+    out_.miniStream.resize(root.size);
+    miniOwner_.assign(root.size / 64, kUnowned);
+    return true;
+  }
+
+  bool miniChain(uint32_t entry, const ParsedEntry& e, Bytes* data) {
+    uint32_t s = e.start;
+    uint64_t count = (e.size + 63) / 64;
+    for (uint64_t i = 0; i < count; ++i) {
+      if (s >= out_.miniFat.size() || s >= miniOwner_.size()) {
+        return fail("mini chain leaves the mini stream");
+      }
+      if (miniOwner_[s] != kUnowned) return fail("mini sector used twice");
+      miniOwner_[s] = entry;
+      data->insert(data->end(), out_.miniStream.begin() + 64 * s,
+                   out_.miniStream.begin() + 64 * (s + 1));
+      s = out_.miniFat[s];
+    }
+    if (s != kEnd) return fail("mini chain longer than its size");
+    data->resize(e.size);
+    return true;
+  }
+
+  bool streams() {
+    out_.streams.resize(out_.dir.size());
+    for (uint32_t i = 1; i < out_.dir.size(); ++i) {
+      const ParsedEntry& e = out_.dir[i];
+      if (e.type != 2) {
+        if (e.start != kEnd && e.type != 0) return fail("storage with a start sector");
+        continue;
+      }
+      if (e.size == 0) {
+        if (e.start != kEnd) return fail("empty stream with a start sector");
+        continue;
+      }
+      Bytes& data = out_.streams[i];
+      if (e.size < out_.header.miniCutoff) {
+        if (!miniChain(i, e, &data)) return false;
+        continue;
+      }
+      std::vector<uint32_t> sectors;
+      if (!chain(e.start, (e.size + 511) / 512, i, "stream", &sectors)) return false;
+      for (uint32_t s : sectors) data.insert(data.end(), sector(s), sector(s) + 512);
+      data.resize(e.size);
+    }
+    return true;
+  }
+
+  bool leftovers() {
+    for (uint32_t s = 0; s < out_.sectorCount; ++s) {
+      if (owner_[s] == kUnowned) return fail("sector " + std::to_string(s) + " belongs to nothing");
+    }
+    for (size_t s = out_.sectorCount; s < out_.fat.size(); ++s) {
+      if (out_.fat[s] != kFree) return fail("FAT entry past the file is not free");
+    }
+    for (size_t s = miniOwner_.size(); s < out_.miniFat.size(); ++s) {
+      if (out_.miniFat[s] != kFree) return fail("mini FAT entry past the mini stream is not free");
+    }
+    for (uint32_t owner : miniOwner_) {
+      if (owner == kUnowned) return fail("mini sector in use by nothing");
+    }
+    return true;
+  }
+
+  const Bytes& file_;
+  ParsedFile& out_;
+  uint32_t sectorSize_ = 512;
+  std::vector<uint32_t> owner_;
+  std::vector<uint32_t> miniOwner_;
+  std::string error_;
+};
+
+std::string narrow(const std::u16string& name) {
+  std::string out;
+  for (char16_t c : name) out.push_back(static_cast<char>(c));
+  return out;
+}
+
+}  // namespace
+
+bool parse(const Bytes& file, ParsedFile* out, std::string* error) {
+  *out = ParsedFile();
+  return Parser(file, out).run(error);
+}
+
+std::string treeProblems(const ParsedFile& file) {
+  const std::vector<ParsedEntry>& dir = file.dir;
+  std::vector<int> seen(dir.size(), 0);
+  std::string problems;
+  auto note = [&problems](const std::string& p) { problems += p + "\n"; };
+  for (uint32_t storage = 0; storage < dir.size(); ++storage) {
+    const ParsedEntry& s = dir[storage];
+    if (s.type == 2 && s.child != kNone) note("stream " + std::to_string(storage) + " has a child");
+    if ((s.type != 1 && s.type != 5) || s.child == kNone) continue;
+    // In-order walk with an explicit stack; a visited entry stops the walk.
+    std::vector<uint32_t> inOrder, stack;
+    uint32_t at = s.child;
+    bool broken = false;
+    while (!broken && (at != kNone || !stack.empty())) {
+      while (at != kNone) {
+        if (at >= dir.size() || at == 0 || dir[at].type == 0) {
+          note("link out of range under " + std::to_string(storage));
+          broken = true;
+          break;
+        }
+        if (seen[at]++ > 0) {
+          note("entry " + std::to_string(at) + " reached twice");
+          broken = true;
+          break;
+        }
+        stack.push_back(at);
+        at = dir[at].left;
+      }
+      if (broken || stack.empty()) break;
+      at = stack.back();
+      stack.pop_back();
+      inOrder.push_back(at);
+      at = dir[at].right;
+    }
+    for (size_t i = 1; i < inOrder.size(); ++i) {
+      if (!siblingLess(dir[inOrder[i - 1]].name, dir[inOrder[i]].name)) {
+        note("siblings out of order: " + narrow(dir[inOrder[i - 1]].name) + " / " +
+             narrow(dir[inOrder[i]].name));
+      }
+    }
+  }
+  for (uint32_t i = 1; i < dir.size(); ++i) {
+    if (dir[i].type != 0 && seen[i] == 0) note("entry " + std::to_string(i) + " unreachable");
+  }
+  return problems;
+}
+
+std::map<std::string, Item> contents(const ParsedFile& file) {
+  std::map<std::string, Item> items;
+  std::function<void(uint32_t, const std::string&)> visit = [&](uint32_t at,
+                                                                const std::string& prefix) {
+    if (at == kNone || at >= file.dir.size()) return;
+    const ParsedEntry& e = file.dir[at];
+    std::string path = prefix + narrow(e.name);
+    items[path] = Item{e.type, file.streams[at]};
+    visit(e.left, prefix);
+    visit(e.right, prefix);
+    if (e.type == 1) visit(e.child, path + "\\");
+  };
+  visit(file.dir[0].child, "");
+  return items;
+}
+
+}  // namespace cfb

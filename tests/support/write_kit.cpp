@@ -1,0 +1,194 @@
+#include "support/write_kit.h"
+
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <algorithm>
+#include <set>
+
+#include "support/leak_report.h"
+
+namespace writekit {
+
+NewFile::NewFile() { handle_ = hOLEopenEx(io_.io(), host_.services(), 1); }
+
+NewFile::~NewFile() {
+  if (handle_ != nullptr) close();
+}
+
+int NewFile::storage(const std::string& path) {
+  return iOLEopenStreamEx(handle_, path.c_str(), 1, 1);
+}
+
+int NewFile::stream(const std::string& path, const cfb::Bytes& data, size_t piece) {
+  int status = iOLEopenStreamEx(handle_, path.c_str(), 2, 1);
+  if (status != 0 || data.empty()) return status;
+  if (piece == 0) piece = data.size();
+  for (size_t at = 0; at < data.size() && status == 0; at += piece) {
+    size_t n = std::min(piece, data.size() - at);
+    status = iOLEwrite(handle_, const_cast<unsigned char*>(data.data() + at), static_cast<int>(n));
+  }
+  return status;
+}
+
+int NewFile::write(const cfb::Bytes& data) {
+  return iOLEwrite(handle_, const_cast<unsigned char*>(data.data()), static_cast<int>(data.size()));
+}
+
+const cfb::Bytes& NewFile::close() {
+  if (handle_ != nullptr) {
+    EXPECT_EQ(iOLEclose(handle_), 1);
+    handle_ = nullptr;
+    EXPECT_EQ(moxtest::leakReport(host_), "");
+    EXPECT_EQ(io_.openCalls(), 1);
+    EXPECT_EQ(io_.closeCalls(), 1);
+  }
+  return io_.bytes();
+}
+
+std::map<std::string, cfb::Item> expected(const Shape& shape) {
+  std::map<std::string, cfb::Item> items;
+  for (const Part& p : shape) {
+    std::string path = p.path[0] == '\\' ? p.path.substr(1) : p.path;
+    items[path] = cfb::Item{p.type, p.data};
+  }
+  return items;
+}
+
+cfb::Bytes write(const Shape& shape, size_t piece) {
+  NewFile file;
+  EXPECT_NE(file.h(), nullptr);
+  for (const Part& p : shape) {
+    int status = p.type == 1 ? file.storage(p.path) : file.stream(p.path, p.data, piece);
+    EXPECT_EQ(status, 0) << p.path;
+  }
+  return file.close();
+}
+
+namespace {
+
+struct Seen {
+  int type;
+  int64_t size;
+  int index;
+};
+
+void collect(const _MoxOleTreeNode* node, const std::string& prefix,
+             std::map<std::string, Seen>* out) {
+  for (int i = 0; i < node->iChildCount; ++i) {
+    const _MoxOleTreeNode* child = node->ppChildren[i];
+    std::string path = prefix + std::string(child->szName, strnlen(child->szName, 36));
+    EXPECT_EQ(out->count(path), 0u) << path << " listed twice";
+    (*out)[path] = Seen{child->iType, child->iSize, child->iIndex};
+    collect(child, path + "\\", out);
+  }
+}
+
+cfb::Bytes readCurrent(_MoxOleFile* h) {
+  cfb::Bytes out;
+  std::vector<unsigned char> buffer(70000);
+  for (;;) {
+    uint32_t n = iOLEread(h, buffer.data(), static_cast<uint32_t>(buffer.size()));
+    if (n == 0) break;
+    out.insert(out.end(), buffer.begin(), buffer.begin() + n);
+  }
+  return out;
+}
+
+// Opens path ("A\\B\\name") with the storage-path open.
+bool openByPath(_MoxOleFile* h, const std::string& path) {
+  // 36-byte name slots, outermost storage first, as one block.
+  std::vector<char> slots;
+  size_t from = 0;
+  for (size_t cut = path.find('\\'); cut != std::string::npos; cut = path.find('\\', from)) {
+    std::string name = path.substr(from, std::min<size_t>(cut - from, 35));
+    name.resize(36, 0);
+    slots.insert(slots.end(), name.begin(), name.end());
+    from = cut + 1;
+  }
+  const std::string name = path.substr(from);
+  const char(*storagePath)[36] =
+      slots.empty() ? nullptr : reinterpret_cast<const char(*)[36]>(slots.data());
+  return bOLEopenEmbeddedStreamEx(h, storagePath, static_cast<int>(slots.size() / 36),
+                                  name.c_str()) == 1;
+}
+
+std::string parentOf(const std::string& path) {
+  size_t cut = path.rfind('\\');
+  return cut == std::string::npos ? "" : path.substr(0, cut);
+}
+
+std::string nameOf(const std::string& path) {
+  size_t cut = path.rfind('\\');
+  return cut == std::string::npos ? path : path.substr(cut + 1);
+}
+
+bool hasUpperCase(const std::string& text) {
+  return std::any_of(text.begin(), text.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
+}
+
+// The storage-path open descends sibling trees comparing names of equal
+// length byte for byte, while the writer orders them with letters folded
+// to lower case; the two orders agree only where no sibling met on the
+// way has an upper-case letter.
+bool pathOpenCanFind(const std::map<std::string, cfb::Item>& want, const std::string& path) {
+  std::set<std::string> mixedCase;  // storages with a child named in upper case
+  for (const auto& kv : want) {
+    if (hasUpperCase(nameOf(kv.first))) mixedCase.insert(parentOf(kv.first));
+  }
+  for (std::string at = path;; at = parentOf(at)) {
+    if (mixedCase.count(parentOf(at)) > 0) return false;
+    if (parentOf(at).empty()) return true;
+  }
+}
+
+}  // namespace
+
+void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::Item>& want) {
+  moxhost::CountingMemory memory;
+  moxhost::MemoryIo io(file);
+  _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+  ASSERT_NE(h, nullptr) << "the library cannot open the file";
+  moxhost::PoolServices pools;
+  HostMemory* pool = pools.createPool(4096, 0, nullptr);
+  _MoxOleTreeNode* root = nullptr;
+  EXPECT_EQ(iOLEGetStreamTree(h, pool, &root), 0);
+  std::map<std::string, Seen> seen;
+  if (root != nullptr) collect(root, "", &seen);
+  pools.destroyPool(pool);
+
+  EXPECT_EQ(seen.size(), want.size());
+  for (const auto& kv : want) {
+    auto it = seen.find(kv.first);
+    if (it == seen.end()) {
+      ADD_FAILURE() << kv.first << " is not in the library's tree";
+      continue;
+    }
+    EXPECT_EQ(it->second.type, kv.second.type) << kv.first;
+    if (kv.second.type != 2) continue;
+    EXPECT_EQ(it->second.size, static_cast<int64_t>(kv.second.data.size())) << kv.first;
+    EXPECT_EQ(iReadStreamChain(it->second.index, h), 0) << kv.first;
+    EXPECT_EQ(lOLEseek(h, 0, 0), 0) << kv.first;
+    EXPECT_TRUE(readCurrent(h) == kv.second.data) << kv.first << " read by entry number";
+    if (openByPath(h, kv.first)) {
+      EXPECT_TRUE(readCurrent(h) == kv.second.data) << kv.first << " read by path";
+    } else {
+      EXPECT_FALSE(pathOpenCanFind(want, kv.first)) << kv.first << " not opened by path";
+    }
+  }
+  bOLEcloseStream(h, nullptr);
+  EXPECT_EQ(iOLEclose(h), 1);
+  EXPECT_EQ(memory.liveBlocks(), 0);
+}
+
+uint32_t u32(const cfb::Bytes& file, size_t offset) {
+  return static_cast<uint32_t>(file.at(offset)) | (static_cast<uint32_t>(file.at(offset + 1)) << 8) |
+         (static_cast<uint32_t>(file.at(offset + 2)) << 16) |
+         (static_cast<uint32_t>(file.at(offset + 3)) << 24);
+}
+
+uint16_t u16(const cfb::Bytes& file, size_t offset) {
+  return static_cast<uint16_t>(file.at(offset) | (file.at(offset + 1) << 8));
+}
+
+}  // namespace writekit

@@ -22,12 +22,13 @@
 
 namespace {
 
-// What the host has to give.  The rules of the format let a damaged file
-// make a loader read the same few sectors again and again up to a count of
-// hundreds of millions (a DIFAT or mini FAT chain that runs in a circle),
-// each keeping memory; a host that says no at some point must then see a
-// clean failure rather than be run out of memory.
-constexpr int64_t kHostMemory = 512 << 20;
+// What the host has to give: far more than any input of the target's
+// size needs, far less than the machine has.  The loading rules let a
+// damaged file make the loader read the same few sectors again and again
+// up to a count in the millions (a DIFAT or mini FAT chain that runs in a
+// circle is followed to the count the header gives), keeping memory for
+// each; a host that says no at some point must then see a clean failure.
+constexpr int64_t kHostMemory = 256 << 20;
 
 void require(bool condition, const char* what) {
   if (condition) return;

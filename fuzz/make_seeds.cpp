@@ -317,12 +317,14 @@ void saveWriterPrograms() {
   raw.byte(kOpCreateRawPath).byte(3).wideText("three");
   save("write", "raw-paths", raw.bytes());
 
-  // Over 13843 sectors: the FAT needs a DIFAT sector.
-  Program difat;
-  difat.byte(kWriteLargeDocument);
-  create(difat, kOpCreateStream, 0, "big").byte(kOpWriteLarge).u16(0x7200).byte(1);
-  create(difat, kOpCreateStream, 0, "small").byte(kOpWrite).u16(100).byte(2);
-  save("write", "difat", difat.bytes());
+  // Over 13843 sectors: the FAT needs a DIFAT sector; over 29971, two.
+  for (uint16_t units : {0x7200, 0xF200}) {
+    Program difat;
+    difat.byte(kWriteLargeDocument);
+    create(difat, kOpCreateStream, 0, "big").byte(kOpWriteLarge).u16(units).byte(1);
+    create(difat, kOpCreateStream, 0, "small").byte(kOpWrite).u16(100).byte(2);
+    save("write", units == 0x7200 ? "difat" : "difat-two-sectors", difat.bytes());
+  }
 
   Program faults = basic;
   Bytes failing = faults.bytes();
@@ -334,6 +336,8 @@ void saveWriterPrograms() {
   failing.insert(failing.begin() + 1, {2, 0});
   save("write", "failing-output", failing);
   save("write", "flags-2", Program().byte(2).bytes());
+  save("write", "output-refuses-open", Program().byte(kWriteRefuseOpen).bytes());
+  save("write", "output-read-only", Program().byte(kWriteReadOnlyOutput).bytes());
 }
 
 // OS-layer programs.  A path is a count (minus one) and components.

@@ -7,9 +7,11 @@
 //   bit 2     a u16 follows: the allocation attempt that fails (host
 //             memory, pool creation and pool allocations counted together)
 //   bit 3     a u16 follows: the host write call that fails
-//   bit 4     the document may grow to 9 MB, enough to need DIFAT sectors;
-//             otherwise the bytes written stop at 512 kB, which keeps most
-//             inputs fast
+//   bit 4     the document may grow to 16 MB, enough to need two DIFAT
+//             sectors; otherwise the bytes written stop at 512 kB, which
+//             keeps most inputs fast
+//   bit 5     the host I/O object refuses to open
+//   bit 6     the host I/O object cannot be written (no write function)
 // Then operations until the input ends, each an opcode byte and its
 // arguments.  Names and paths are bytes; a zero byte in them becomes '0'.
 #ifndef MOXOLEFIO_FUZZ_WRITE_PROGRAM_H_
@@ -24,6 +26,8 @@ constexpr uint8_t kWriteFlagsMask = 3;
 constexpr uint8_t kWriteFailAllocation = 4;
 constexpr uint8_t kWriteFailOutput = 8;
 constexpr uint8_t kWriteLargeDocument = 16;
+constexpr uint8_t kWriteRefuseOpen = 32;
+constexpr uint8_t kWriteReadOnlyOutput = 64;
 
 enum WriteOp : uint8_t {
   // parent (byte: index among the entries made so far, the root first),

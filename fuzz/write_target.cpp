@@ -29,10 +29,10 @@ namespace {
 using moxfuzz::WriteModel;
 
 constexpr int kMaxOps = 256;
-// Bytes an input may write: enough to need DIFAT sectors (a little over
-// 7 MB of sectors) when it asks for a large document, little enough to
-// keep the others fast.
-constexpr uint64_t kLargeBudget = 9u << 20;
+// Bytes an input may write: enough to need two DIFAT sectors (a little
+// over 15 MB of sectors) when it asks for a large document, little enough
+// to keep the others fast.
+constexpr uint64_t kLargeBudget = 16u << 20;
 constexpr uint64_t kSmallBudget = 512u << 10;
 
 void require(bool condition, const char* what) {
@@ -360,13 +360,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (failOutput > 0) io.failWriteAt(failOutput);
   if (failAllocation > 0) services.faults().failAt(failAllocation);
   const bool faultsArmed = failAllocation > 0 || failOutput > 0;
+  // An output that cannot be opened or written makes no document, and the
+  // object, once opened, is closed again.
+  const bool unusableOutput = (mode & (moxfuzz::kWriteRefuseOpen | moxfuzz::kWriteReadOnlyOutput)) != 0;
+  io.failOpen((mode & moxfuzz::kWriteRefuseOpen) != 0);
+  io.setWritable((mode & moxfuzz::kWriteReadOnlyOutput) == 0);
 
   _MoxOleFile* h = api.hOLEopenEx(io.io(), services.services(), flags);
-  if (flags == 2) require(h == nullptr, "hOLEopenEx with flags 2 made a document");
+  if (flags == 2 || unusableOutput) require(h == nullptr, "hOLEopenEx made a document it cannot write");
   if (h == nullptr) {
-    require(flags == 2 || faultsArmed, "hOLEopenEx failed");
+    require(flags == 2 || unusableOutput || faultsArmed, "hOLEopenEx failed");
     require(services.liveObjects() == 0, "a failed hOLEopenEx left allocations or pools");
     require(io.openCalls() == io.closeCalls(), "a failed hOLEopenEx left the I/O object open");
+    require(io.writeCalls() == 0, "a failed hOLEopenEx wrote to the I/O object");
     return 0;
   }
   Run run(api, h, faultsArmed, (mode & moxfuzz::kWriteLargeDocument) ? kLargeBudget : kSmallBudget);

@@ -121,7 +121,9 @@ int HostIo::doClose() {
 }
 
 int MemoryIo::readAt(int64_t position, void* buffer, int count) {
-  int64_t have = size() - position;
+  // bytes_.size(), not the virtual size(): the reader calls this once per
+  // 64-byte piece of a mini stream.
+  int64_t have = static_cast<int64_t>(bytes_.size()) - position;
   if (have <= 0) return 0;
   int n = static_cast<int>(std::min<int64_t>(have, count));
   memcpy(buffer, bytes_.data() + position, static_cast<size_t>(n));
@@ -129,9 +131,17 @@ int MemoryIo::readAt(int64_t position, void* buffer, int count) {
 }
 
 bool MemoryIo::writeAt(int64_t position, const void* buffer, int count) {
+  const unsigned char* from = static_cast<const unsigned char*>(buffer);
+  // Appending is the common case (a writer going front to back): growing
+  // by the copy itself touches each byte once, not zeros first and then
+  // the data.
+  if (static_cast<size_t>(position) == bytes_.size()) {
+    bytes_.insert(bytes_.end(), from, from + count);
+    return true;
+  }
   size_t end = static_cast<size_t>(position) + static_cast<size_t>(count);
   if (end > bytes_.size()) bytes_.resize(end);
-  memcpy(bytes_.data() + position, buffer, static_cast<size_t>(count));
+  memcpy(bytes_.data() + position, from, static_cast<size_t>(count));
   return true;
 }
 
@@ -141,8 +151,15 @@ FileIo::~FileIo() {
   if (fd_ >= 0) close(fd_);
 }
 
+namespace {
+
+constexpr int kReadWindow = 32 * 1024;
+
+}  // namespace
+
 bool FileIo::openBackend() {
   if (fd_ >= 0) return true;
+  dropWindow();
   int flags = O_RDONLY;
   if (mode_ == kCreate) flags = O_RDWR | O_CREAT | O_TRUNC;
   if (mode_ == kReadWrite) flags = O_RDWR;
@@ -154,6 +171,7 @@ bool FileIo::openBackend() {
 void FileIo::closeBackend() {
   if (fd_ >= 0) close(fd_);
   fd_ = -1;
+  dropWindow();
 }
 
 int64_t FileIo::size() const {
@@ -162,8 +180,8 @@ int64_t FileIo::size() const {
   return st.st_size;
 }
 
-int FileIo::readAt(int64_t position, void* buffer, int count) {
-  if (fd_ < 0) return 0;
+// pread until `count` bytes, the end of the file or an error.
+int FileIo::readFile(int64_t position, void* buffer, int count) {
   int done = 0;
   while (done < count) {
     ssize_t n = pread(fd_, static_cast<char*>(buffer) + done,
@@ -175,8 +193,26 @@ int FileIo::readAt(int64_t position, void* buffer, int count) {
   return done;
 }
 
+int FileIo::readAt(int64_t position, void* buffer, int count) {
+  if (fd_ < 0) return 0;
+  if (count >= kReadWindow) return readFile(position, buffer, count);
+  const bool inWindow = position >= windowStart_ &&
+                        position + count <= windowStart_ + windowLength_;
+  if (!inWindow) {
+    window_.resize(kReadWindow);
+    windowStart_ = position;
+    windowLength_ = readFile(position, window_.data(), kReadWindow);
+  }
+  const int64_t have = windowStart_ + windowLength_ - position;
+  const int n = static_cast<int>(have < count ? have : count);
+  if (n <= 0) return 0;
+  memcpy(buffer, window_.data() + (position - windowStart_), static_cast<size_t>(n));
+  return n;
+}
+
 bool FileIo::writeAt(int64_t position, const void* buffer, int count) {
   if (fd_ < 0) return false;
+  dropWindow();
   int done = 0;
   while (done < count) {
     ssize_t n = pwrite(fd_, static_cast<const char*>(buffer) + done,

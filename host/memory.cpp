@@ -71,7 +71,7 @@ void* CountingMemory::allocate(int size) {
   if (raw == nullptr) return nullptr;
   size_t stored = static_cast<size_t>(size);
   memcpy(raw, &stored, sizeof stored);
-  memset(raw + kHeader, kScribble, stored);
+  if (scribble_) memset(raw + kHeader, kScribble, stored);
   ++liveBlocks_;
   ++allocations_;
   liveBytes_ += size;
@@ -98,7 +98,7 @@ void* CountingMemory::reallocate(void* block, int size) {
   if (raw == nullptr) return nullptr;
   size_t stored = static_cast<size_t>(size);
   memcpy(raw, &stored, sizeof stored);
-  if (stored > old) memset(raw + kHeader + old, kScribble, stored - old);
+  if (stored > old && scribble_) memset(raw + kHeader + old, kScribble, stored - old);
   liveBytes_ += static_cast<int64_t>(stored) - static_cast<int64_t>(old);
   if (liveBytes_ > peakBytes_) peakBytes_ = liveBytes_;
   ++allocations_;

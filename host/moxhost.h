@@ -79,6 +79,11 @@ class CountingMemory {
   // Size asked for by the last call that reached the allocator.
   int lastRequest() const { return lastRequest_; }
 
+  // New blocks are filled with a pattern (on by default) so that a missing
+  // clear in the library shows up in tests.  Benchmarks turn it off: a real
+  // host's allocator does not write to the memory it hands out.
+  void setScribble(bool on) { scribble_ = on; }
+
   void* allocate(int size);
   void release(void* block);
   void* reallocate(void* block, int size);
@@ -98,6 +103,7 @@ class CountingMemory {
   int64_t peakBytes_ = 0;
   int64_t allocations_ = 0;
   int lastRequest_ = 0;
+  bool scribble_ = true;
   friend struct CountingMemoryThunks;
 };
 
@@ -134,6 +140,13 @@ class PoolServices {
   HostMemory* createPool(int initialSize, int flags, int* status);
   void destroyPool(HostMemory* pool);
 
+  // Pattern-fills pool memory and heap blocks as CountingMemory does (on
+  // by default); benchmarks turn it off.
+  void setScribble(bool on) {
+    scribble_ = on;
+    heap_.setScribble(on);
+  }
+
  private:
   struct Face {
     tag_TPVAPIServices services;
@@ -155,6 +168,7 @@ class PoolServices {
   int64_t poolArrayCalls_ = 0;
   int lastInitialSize_ = 0;
   int lastFlags_ = 0;
+  bool scribble_ = true;
 };
 
 // One recorded call on a HostIo.
@@ -248,6 +262,13 @@ class MemoryIo : public HostIo {
 
 // An I/O object over a file.  The file is opened by the object's open slot
 // (as the library expects) and closed by its close slot.
+//
+// Small reads are served from a window of the file held in memory, as
+// stdio serves them: the library reads a stream one sector (or one 64-byte
+// mini sector) at a time, and a system call for each would cost more than
+// the copy.  Reads of a window or more go straight to the file.  A write
+// through this object drops the window; changes made to the file by anyone
+// else while it is open may go unseen until the next miss, as with stdio.
 class FileIo : public HostIo {
  public:
   enum Mode { kRead, kCreate, kReadWrite };
@@ -264,10 +285,16 @@ class FileIo : public HostIo {
   void closeBackend() override;
 
  private:
+  int readFile(int64_t position, void* buffer, int count);
+  void dropWindow() { windowLength_ = 0; }
+
   std::string path_;
   Mode mode_;
   int fd_ = -1;
   int openError_ = 0;
+  std::vector<uint8_t> window_;
+  int64_t windowStart_ = 0;
+  int64_t windowLength_ = 0;
 };
 
 // Reads a whole file; false when it cannot be read.

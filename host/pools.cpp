@@ -106,7 +106,7 @@ void* PoolServices::Pool::take(int size) {
   void* block = cursor;
   cursor += need;
   left -= need;
-  memset(block, kScribble, static_cast<size_t>(size));
+  if (owner->scribble_) memset(block, kScribble, static_cast<size_t>(size));
   return block;
 }
 

@@ -20,13 +20,18 @@ enum LinkSource {
   kLinksNowhere,  // a mini chain under the exact rules, without a mini FAT
 };
 
-// Where a chain's links come from and what its sectors are.
+// Where a chain's links come from and what its sectors are.  The tables
+// are copied out of the handle once per walk: a stream of a million
+// sectors looks up a million links twice.
 struct ChainWalk {
   _MoxOleFile* h;
   MoxChainRules rules;
   bool mini;          // the sectors are mini sectors
   LinkSource links;
   int64_t bound;      // most sectors a chain without a cycle can have
+  MoxFatView fat;
+  const int64_t* miniFat;
+  int64_t miniFatEntries;
 };
 
 int64_t miniFatEntries(const _MoxOleFile* h) {
@@ -36,16 +41,15 @@ int64_t miniFatEntries(const _MoxOleFile* h) {
 bool endsChain(int64_t link) { return link == kSectorEndOfChain || link == kSectorFat; }
 
 // The link after `sector`; false when the chain is broken there.
-bool nextLink(const ChainWalk& w, int64_t sector, int64_t* link) {
-  if (w.links == kLinksNowhere) return false;
+inline bool nextLink(const ChainWalk& w, int64_t sector, int64_t* link) {
   if (w.links == kLinksInMiniFat) {
-    if (sector < 0 || sector >= miniFatEntries(w.h)) return false;
-    *link = w.h->plMiniFat[sector];
+    if (sector < 0 || sector >= w.miniFatEntries) return false;
+    *link = w.miniFat[sector];
     return true;
   }
-  int found = 0;
-  int64_t next = lGetSect(w.h, sector, &found);
-  if (!found) return false;
+  if (w.links == kLinksNowhere) return false;
+  int64_t next = 0;
+  if (!w.fat.next(sector, &next)) return false;
   // Some writers end chains with a free link; only the exact rules refuse.
   if (next == kSectorFree && w.rules == kChainLenient) next = kSectorEndOfChain;
   *link = next;
@@ -68,7 +72,24 @@ bool planWalk(_MoxOleFile* h, const _MoxOleDirInfo& d, MoxChainRules rules, Chai
     w->links = kLinksNowhere;
   }
   w->bound = w->links == kLinksInMiniFat ? miniFatEntries(h) : moxFatSectorCapacity(h);
+  w->miniFat = h->plMiniFat;
+  w->miniFatEntries = miniFatEntries(h);
   return true;
+}
+
+// The sector after `sector` given its link.  Chains are mostly runs of
+// consecutive sectors; continuing at sector + 1 on a predicted branch lets
+// the processor fetch the next link before this one has arrived, where
+// taking the loaded value would make every step wait for the last load.
+inline int64_t followLink(int64_t sector, int64_t link) {
+  if (__builtin_expect(link == sector + 1, 1)) {
+    // The empty asm hides that the result equals the loaded value, so that
+    // the compiler computes it from `sector` instead of reusing `link`.
+    int64_t base = sector;
+    asm("" : "+r"(base));
+    return base + 1;
+  }
+  return link;
 }
 
 // The count pass: the number of sectors from `start`, or -1.
@@ -79,10 +100,11 @@ int64_t countSectors(const ChainWalk& w, int64_t start) {
   for (int64_t sector = start;;) {
     int64_t link = 0;
     if (!nextLink(w, sector, &link)) return -1;
-    if (bSectorCheckForInfiniteLoop(w.h, sector, link)) return -1;
+    // The guard neither reports nor records a forward step.
+    if (link <= sector && bSectorCheckForInfiniteLoop(w.h, sector, link)) return -1;
     if (++count > w.bound) return -1;
     if (endsChain(link)) return count;
-    sector = link;
+    sector = followLink(sector, link);
   }
 }
 
@@ -109,13 +131,24 @@ bool allocateList(_MoxOleFile* h, int64_t entries) {
   return false;
 }
 
+// Stores `count` sectors of the chain from `sector` on into `out` and
+// returns the sector that follows them.  The walk is copied so that the
+// compiler can see the stores into the list never change it.
+int64_t storeRun(ChainWalk walk, int64_t sector, int64_t count, int64_t* out) {
+  for (int64_t i = 0; i < count; ++i) {
+    out[i] = sector;
+    int64_t link = 0;
+    nextLink(walk, sector, &link);
+    sector = followLink(sector, link);
+  }
+  return sector;
+}
+
 // The fill pass: the count pass has already proved every step.
 void storeSectors(const ChainWalk& w, int64_t start, int64_t sectors) {
-  int64_t sector = start;
-  for (int64_t i = 0; i < sectors; ++i) {
-    *chainSlot(w.h, i) = sector;
-    nextLink(w, sector, &sector);
-  }
+  const int64_t inFirst = sectors < kChainFirstPart ? sectors : kChainFirstPart;
+  const int64_t next = storeRun(w, start, inFirst, w.h->plChain);
+  if (sectors > inFirst) storeRun(w, next, sectors - inFirst, w.h->plChainMore);
   *chainSlot(w.h, sectors) = kSectorEndOfChain;
 }
 
@@ -140,10 +173,8 @@ bool moxReleaseChain(_MoxOleFile* h) {
   return had;
 }
 
-int64_t moxChainEntry(const _MoxOleFile* h, int64_t index) { return *chainSlot(h, index); }
-
 int moxBuildChain(_MoxOleFile* h, int64_t entry, MoxChainRules rules) {
-  ChainWalk walk = {};
+  ChainWalk walk = {h, rules, false, kLinksNowhere, 0, MoxFatView(h), nullptr, 0};
   const int64_t sectors = checkChain(h, entry, rules, &walk);
   // The old stream goes whether or not the new one can be built, so that a
   // failed open never leaves a stale stream looking current.

@@ -141,18 +141,9 @@ int iBldDIF_Fat(_MoxOleFile* h, const unsigned char* headerDifat) {
 }
 
 int64_t lGetSect(_MoxOleFile* h, int64_t sector, int* found) {
-  *found = 1;
-  const int64_t slot = sector / h->iFatPerSector;
-  const int64_t entry = sector % h->iFatPerSector;
-  if (slot < 0 || slot >= h->lFatCount || entry < 0) {
-    *found = 0;
-    return sector;
-  }
-  return lGetLong(h->iByteOrder, h->ppFat[slot] + 4 * entry);
-}
-
-int64_t moxFatSectorCapacity(const _MoxOleFile* h) {
-  return h->lFatCount > 0 ? h->lFatCount * h->iFatPerSector : 0;
+  int64_t link = 0;
+  *found = MoxFatView(h).next(sector, &link) ? 1 : 0;
+  return *found ? link : sector;
 }
 
 void vSectorCheckConstructor(_MoxOleFile* h) { h->iCheckCount = 0; }

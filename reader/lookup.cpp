@@ -23,15 +23,13 @@ int compareSameLength(MoxName a, MoxName b, MoxNameRule rule) {
   return 0;
 }
 
-// One step of a descent: the link to follow from `entry` for `wanted`.
-int64_t nextSibling(const _MoxOleFile* h, int64_t entry, MoxName wanted, MoxNameRule rule) {
+// One step of a descent: the link to follow from `entry` once `wanted`
+// has compared as `order` with the entry's name.  A name that compares
+// equal is the same name under the rule, so each step of a descent needs
+// one comparison for both questions: is this it, and which way on.
+int64_t nextSibling(const _MoxOleFile* h, int64_t entry, int order) {
   const _MoxOleDirInfo& d = h->pDir[entry];
-  return moxSiblingOrder(wanted, moxEntryName(h, entry), rule) < 0 ? d.lLeft : d.lRight;
-}
-
-bool isStreamNamed(const _MoxOleFile* h, int64_t entry, MoxName name) {
-  return h->pDir[entry].byType == kEntryStream &&
-         moxNamesEqual(moxEntryName(h, entry), name, kNameTolerant);
+  return order < 0 ? d.lLeft : d.lRight;
 }
 
 }  // namespace
@@ -74,8 +72,9 @@ int64_t moxFindChildExact(const _MoxOleFile* h, int64_t storage, MoxName name) {
   if (!moxIsEntry(h, storage)) return -1;
   int64_t entry = h->pDir[storage].lChild;
   for (int32_t steps = 0; moxIsEntry(h, entry) && steps < h->iDirCount; ++steps) {
-    if (moxNamesEqual(moxEntryName(h, entry), name, kNameExact)) return entry;
-    entry = nextSibling(h, entry, name, kNameExact);
+    const int order = moxSiblingOrder(name, moxEntryName(h, entry), kNameExact);
+    if (order == 0) return entry;
+    entry = nextSibling(h, entry, order);
   }
   return -1;
 }
@@ -121,8 +120,9 @@ extern "C" MOXOLE_API int iFindIStreamGivenIStorage(_MoxOleFile* h, const char* 
   if (!moxIsEntry(h, entry)) return -1;
   // A cyclic tree ends the descent as a missing link would: by the scan.
   for (int32_t steps = 0; steps < h->iDirCount; ++steps) {
-    if (isStreamNamed(h, entry, wanted)) return static_cast<int>(entry);
-    entry = nextSibling(h, entry, wanted, kNameTolerant);
+    const int order = moxSiblingOrder(wanted, moxEntryName(h, entry), kNameTolerant);
+    if (order == 0 && h->pDir[entry].byType == kEntryStream) return static_cast<int>(entry);
+    entry = nextSibling(h, entry, order);
     if (entry < -1) {
       h->iError = MOXOLE_BAD_LINK;
       return -1;

@@ -50,7 +50,7 @@ void remember(_MoxOleFile* h) {
 
 }  // namespace
 
-bool moxMiniStreamSector(_MoxOleFile* h, int64_t steps, int64_t* sector) {
+bool moxMiniStreamSectorSlow(_MoxOleFile* h, int64_t steps, int64_t* sector) {
   if (steps < 0 || steps > moxFatSectorCapacity(h)) return false;
   if (h->plMiniStreamSectors == nullptr) remember(h);
   if (h->plMiniStreamSectors == nullptr) return walkSteps(h, steps, sector);

@@ -9,12 +9,7 @@
 #include <stdint.h>
 
 #include "interface/mox_file.h"
-
-// --- Fields in the document's byte order --------------------------------
-// byteOrder 1 reads the first byte as the low one; any other value reads
-// most significant byte first.
-unsigned uiGetShort(uint32_t byteOrder, const unsigned char* bytes);
-int64_t lGetLong(uint32_t byteOrder, const unsigned char* bytes);
+#include "reader/byte_order.h"
 
 // --- Loading steps, run in this order by hOLEopenEXT ----------------------
 int iParseHeader(_MoxOleFile* h);
@@ -27,12 +22,57 @@ int iBldDirInfo(_MoxOleFile* h);
 // Next sector after `sector`; *found is 0 (and `sector` is returned) when
 // the sector has no FAT entry.
 int64_t lGetSect(_MoxOleFile* h, int64_t sector, int* found);
+
+// The loaded FAT as a chain walk reads it.  The handle's fields are copied
+// once, so that a walk over a million links keeps them in registers instead
+// of reloading them around every store into a sector list; lookups answer
+// exactly as lGetSect does.
+class MoxFatView {
+ public:
+  explicit MoxFatView(const _MoxOleFile* h)
+      : sectors_(h->ppFat),
+        sectorCount_(h->lFatCount),
+        perSector_(h->iFatPerSector),
+        byteOrder_(h->iByteOrder) {
+    // Entries per FAT sector are a power of two in every file the header
+    // step accepts; shifting then replaces a 64-bit division per link.
+    const uint64_t per = static_cast<uint64_t>(perSector_);
+    shift_ = perSector_ > 0 && (per & (per - 1)) == 0 ? __builtin_ctzll(per) : -1;
+  }
+
+  // The link after `sector`; false when the FAT has no entry for it (every
+  // negative sector, the special values included).
+  bool next(int64_t sector, int64_t* link) const {
+    if (sector < 0 || perSector_ <= 0) return false;
+    int64_t slot = 0;
+    int64_t entry = 0;
+    if (shift_ >= 0) {
+      slot = sector >> shift_;
+      entry = sector & (perSector_ - 1);
+    } else {
+      slot = sector / perSector_;
+      entry = sector % perSector_;
+    }
+    if (slot >= sectorCount_) return false;
+    *link = lGetLong(byteOrder_, sectors_[slot] + 4 * entry);
+    return true;
+  }
+
+ private:
+  unsigned char* const* sectors_;
+  int64_t sectorCount_;
+  int64_t perSector_;
+  uint32_t byteOrder_;
+  int shift_;
+};
 void vSectorCheckConstructor(_MoxOleFile* h);
 int bSectorCheckForInfiniteLoop(_MoxOleFile* h, int64_t current, int64_t next);
 
 // Number of sectors the loaded FAT describes: no chain that visits each
 // sector once can be longer, so it bounds every walk over FAT links.
-int64_t moxFatSectorCapacity(const _MoxOleFile* h);
+inline int64_t moxFatSectorCapacity(const _MoxOleFile* h) {
+  return h->lFatCount > 0 ? h->lFatCount * h->iFatPerSector : 0;
+}
 
 // Seeks the handle's table I/O object to the start of `sector`.
 int moxSeekSector(_MoxOleFile* h, int64_t sector);

@@ -13,6 +13,7 @@
 #include <stdint.h>
 
 #include "interface/mox_file.h"
+#include "reader/reader.h"
 
 // How strictly a chain must agree with its directory entry.
 enum MoxChainRules {
@@ -35,8 +36,10 @@ int moxBuildChain(_MoxOleFile* h, int64_t entry, MoxChainRules rules);
 bool moxReleaseChain(_MoxOleFile* h);
 
 // Entry `index` of the current sector list; the caller keeps index within
-// the list.
-int64_t moxChainEntry(const _MoxOleFile* h, int64_t index);
+// the list.  Inline: every piece of every read looks one up.
+inline int64_t moxChainEntry(const _MoxOleFile* h, int64_t index) {
+  return index < kChainFirstPart ? h->plChain[index] : h->plChainMore[index - kChainFirstPart];
+}
 
 // Positions a freshly built stream at 0, closing it again when that fails.
 // 1 when the stream is open, 0 when not.
@@ -46,7 +49,18 @@ int moxFinishOpen(_MoxOleFile* h);
 // mini stream; false when the chain breaks before.  A walk of more steps
 // than the FAT has sectors can only be going round a cycle and fails too.
 // The chain is walked once per handle and remembered.
-bool moxMiniStreamSector(_MoxOleFile* h, int64_t steps, int64_t* sector);
+bool moxMiniStreamSectorSlow(_MoxOleFile* h, int64_t steps, int64_t* sector);
+
+// The same, inline for the case every read of a mini stream meets once per
+// 64-byte piece: the chain already remembered.
+inline bool moxMiniStreamSector(_MoxOleFile* h, int64_t steps, int64_t* sector) {
+  if (h->plMiniStreamSectors == nullptr) return moxMiniStreamSectorSlow(h, steps, sector);
+  if (steps < 0 || steps > moxFatSectorCapacity(h) || steps >= h->lMiniStreamSectors) {
+    return false;
+  }
+  *sector = h->plMiniStreamSectors[steps];
+  return true;
+}
 
 // Releases what moxMiniStreamSector remembered.
 void moxForgetMiniStream(_MoxOleFile* h);

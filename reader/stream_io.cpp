@@ -14,11 +14,6 @@
 
 namespace {
 
-// Bytes per sector of the current stream.
-int64_t streamUnit(const _MoxOleFile* h) {
-  return h->iInMini ? h->lMiniSectorSize : h->lSectorSize;
-}
-
 // base + offset, saturated instead of overflowing: any result outside the
 // stream is clamped afterwards anyway.
 int64_t addSaturated(int64_t base, int64_t offset) {
@@ -27,38 +22,62 @@ int64_t addSaturated(int64_t base, int64_t offset) {
   return offset > 0 ? INT64_MAX : INT64_MIN;
 }
 
-// The regular sector holding mini sector `mini`, and the mini sector's byte
-// offset inside it.
-bool locateMiniSector(_MoxOleFile* h, int64_t mini, int64_t* sector, int64_t* offset) {
-  if (!moxMiniStreamSector(h, mini / h->lMiniPerSector, sector)) return false;
-  *offset = (mini % h->lMiniPerSector) * h->lMiniSectorSize;
-  return true;
+// log2 of the bytes per sector of the current stream.  Sector sizes are
+// powers of two (the header step accepts nothing else), and a read costs
+// one seek per 64-byte piece of a mini stream, so the position arithmetic
+// below shifts and masks rather than divides: a 64-bit division costs more
+// than the rest of the seek together.
+uint32_t unitShift(const _MoxOleFile* h) {
+  return h->iInMini ? h->iMiniSectorShift : h->iSectorShift;
 }
 
-// The file position of stream position `position`, or -1 when the mini
-// stream's chain cannot be followed that far (or the list leads before the
-// start of the file, which no host could seek to).
+// The file position of byte `within` of mini sector `mini`, or -1 when the
+// mini stream's chain cannot be followed that far.
+int64_t miniFilePosition(_MoxOleFile* h, int64_t mini, int64_t within) {
+  int64_t steps = 0;
+  int64_t offset = 0;
+  if (mini >= 0) {
+    const uint32_t perSectorShift = h->iSectorShift - h->iMiniSectorShift;
+    steps = mini >> perSectorShift;
+    offset = (mini & (h->lMiniPerSector - 1)) << h->iMiniSectorShift;
+  } else {
+    // Lists hold no negative sector but the terminator; kept exact anyway.
+    steps = mini / h->lMiniPerSector;
+    offset = (mini % h->lMiniPerSector) * h->lMiniSectorSize;
+  }
+  int64_t sector = 0;
+  if (!moxMiniStreamSector(h, steps, &sector)) return -1;
+  return (sector + 1) * h->lSectorSize + offset + within;
+}
+
+// The file position of stream position `position` (0 to the size, the
+// list not only the terminator), or -1 when the mini stream's chain cannot
+// be followed that far.
 int64_t filePosition(_MoxOleFile* h, int64_t position) {
-  const int64_t unit = streamUnit(h);
+  const uint32_t shift = unitShift(h);
   int64_t at = position;
   int64_t past = 0;
-  int64_t listed = moxChainEntry(h, at / unit);
+  int64_t listed = moxChainEntry(h, at >> shift);
   if (listed == kSectorEndOfChain) {
     // The end of a stream that fills its last sector: no sector follows,
-    // so aim just past the last byte of the last one.
+    // so aim just past the last byte of the last one.  Position 0 cannot
+    // get here, since the list holds more than the terminator.
     at = position - 1;
     past = 1;
-    listed = moxChainEntry(h, at / unit);
+    listed = moxChainEntry(h, at >> shift);
   }
-  int64_t sector = listed;
-  int64_t within = 0;
-  if (h->iInMini) {
-    if (!locateMiniSector(h, listed, &sector, &within)) return -1;
-    within += at % h->lMiniSectorSize;
-  } else {
-    within = at % h->lSectorSize;
-  }
-  return (sector + 1) * h->lSectorSize + within + past;
+  const int64_t within = (at & ((int64_t{1} << shift) - 1)) + past;
+  if (h->iInMini) return miniFilePosition(h, listed, within);
+  return (listed + 1) * h->lSectorSize + within;
+}
+
+// lOLEseek once the new position is known and clamped.
+int64_t seekTo(_MoxOleFile* h, int64_t position) {
+  h->lPosition = position;
+  if (h->plChain[0] == kSectorEndOfChain) return position;
+  const int64_t target = filePosition(h, position);
+  if (target < 0 || !h->pHostIo->seek(h->pHostIo, target, 0)) return -1;
+  return position;
 }
 
 }  // namespace
@@ -80,11 +99,7 @@ MOXOLE_API int64_t lOLEseek(_MoxOleFile* h, int64_t offset, int whence) {
   }
   if (position < 0) position = 0;
   if (position > h->lStreamSize) position = h->lStreamSize;
-  h->lPosition = position;
-  if (h->plChain[0] == kSectorEndOfChain) return position;
-  const int64_t target = filePosition(h, position);
-  if (target < 0 || !h->pHostIo->seek(h->pHostIo, target, 0)) return -1;
-  return position;
+  return seekTo(h, position);
 }
 
 MOXOLE_API uint32_t iOLEread(_MoxOleFile* h, void* buffer, uint32_t count) {
@@ -93,14 +108,16 @@ MOXOLE_API uint32_t iOLEread(_MoxOleFile* h, void* buffer, uint32_t count) {
   const int64_t left = h->lStreamSize - h->lPosition;
   int64_t wanted = count < left ? count : left;
   if (wanted <= 0) return 0;
-  const int64_t unit = streamUnit(h);
-  int64_t room = unit - h->lPosition % unit;
+  const int64_t unit = int64_t{1} << unitShift(h);
+  int64_t room = unit - (h->lPosition & (unit - 1));
   unsigned char* out = static_cast<unsigned char*>(buffer);
   uint32_t total = 0;
   // One piece per (mini) sector: consecutive sectors of a stream need not
   // be adjacent in the file.
   while (wanted > 0) {
-    if (lOLEseek(h, h->lPosition, 0) == -1) break;
+    // The same seek as lOLEseek (h, lPosition, 0): the position already
+    // lies within the stream.
+    if (seekTo(h, h->lPosition) == -1) break;
     const int piece = static_cast<int>(room < wanted ? room : wanted);
     if (h->pHostIo->read(h->pHostIo, out + total, piece) != piece) break;
     total += piece;

@@ -5,7 +5,7 @@
 #include "interface/mox_file.h"
 #include "writer/directory.h"
 
-_MoxOleBlock* CMoxOleDirectory::allocBlock(int& error) {
+_MoxOleBlock* CMoxOleDirectory::takeBlock(int& error) {
   error = MOXOLE_OK;
   _MoxOleBlock* block = nullptr;
   if (pPool != nullptr) {
@@ -19,11 +19,16 @@ _MoxOleBlock* CMoxOleDirectory::allocBlock(int& error) {
     error = MOXOLE_NO_MEMORY;
     return nullptr;  // a record taken without data stays in the pool unused
   }
-  // The tail of a stream's last sector is written as it is, so it must be
-  // zeros, whatever the pool handed out.
-  memset(data, 0, static_cast<size_t>(iBlockSize));
   block->pbData = data;
   block->pNext = nullptr;
+  return block;
+}
+
+_MoxOleBlock* CMoxOleDirectory::allocBlock(int& error) {
+  _MoxOleBlock* block = takeBlock(error);
+  // The tail of a stream's last sector is written as it is, so it must be
+  // zeros, whatever the pool handed out.
+  if (block != nullptr) memset(block->pbData, 0, static_cast<size_t>(iBlockSize));
   return block;
 }
 
@@ -48,8 +53,14 @@ int CMoxOleDirectory::write(unsigned char* data, int length) {
   while (length > 0) {
     if (iLastBlockFill == iBlockSize) {
       int error = MOXOLE_OK;
-      _MoxOleBlock* block = allocBlock(error);
+      _MoxOleBlock* block = takeBlock(error);
       if (block == nullptr) return error;
+      // Only the part of the new block this write leaves must be zeroed
+      // (it may end the stream); clearing bytes about to be copied over
+      // would touch every byte of a large stream once more.
+      if (length < iBlockSize) {
+        memset(block->pbData + length, 0, static_cast<size_t>(iBlockSize - length));
+      }
       insertBlock(block);
       iLastBlockFill = 0;
     }

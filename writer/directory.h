@@ -28,7 +28,7 @@ class CMoxOleIo;
 
 // One sector's worth of stream data.
 struct _MoxOleBlock {
-  unsigned char* pbData;  // block-size bytes, zero-filled when allocated
+  unsigned char* pbData;  // block-size bytes; those past the stream's end are zero
   _MoxOleBlock* pNext;    // null at the end of the list
 };
 
@@ -148,6 +148,9 @@ class CMoxOleDirectory final : public CMoxOleRedBlack {
   CMoxOleDirectory(ProbeTag, char* name);
 
   void setDefaults(int type, CMoxOleHeader* header);
+
+  // allocBlock without the zeroing: write clears what it does not fill.
+  _MoxOleBlock* takeBlock(int& error);
 };
 
 #endif  // MOXOLEFIO_WRITER_DIRECTORY_H_

@@ -66,6 +66,7 @@ void* CountingMemory::allocate(int size) {
   lastRequest_ = size;
   if (size < 0) return nullptr;
   if (plan_->nextFails()) return nullptr;
+  if (limit_ > 0 && liveBytes_ + size > limit_) return nullptr;
   char* raw = static_cast<char*>(malloc(kHeader + static_cast<size_t>(size)));
   if (raw == nullptr) return nullptr;
   size_t stored = static_cast<size_t>(size);
@@ -91,6 +92,7 @@ void* CountingMemory::reallocate(void* block, int size) {
   if (size < 0) return nullptr;
   if (plan_->nextFails()) return nullptr;
   size_t old = blockSize(block);
+  if (limit_ > 0 && liveBytes_ - static_cast<int64_t>(old) + size > limit_) return nullptr;
   char* raw = static_cast<char*>(
       realloc(static_cast<char*>(block) - kHeader, kHeader + static_cast<size_t>(size)));
   if (raw == nullptr) return nullptr;

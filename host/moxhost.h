@@ -66,6 +66,9 @@ class CountingMemory {
 
   HostMemory* memory() { return &face_.memory; }
   FaultPlan& faults() { return *plan_; }
+  // Refuse (answer null to) any request that would take the live bytes past
+  // `bytes`, as a host with that much memory to give would; 0 lifts it.
+  void setLimit(int64_t bytes) { limit_ = bytes; }
   // Share another plan (for example a PoolServices') instead of our own.
   void useFaultPlan(FaultPlan* plan) { plan_ = plan; }
 
@@ -94,6 +97,7 @@ class CountingMemory {
   Face face_;
   FaultPlan ownPlan_;
   FaultPlan* plan_;
+  int64_t limit_ = 0;
   int64_t liveBlocks_ = 0;
   int64_t liveBytes_ = 0;
   int64_t peakBytes_ = 0;

@@ -1,5 +1,11 @@
 // The directory: every 128-byte entry of the directory chain, loaded once
 // into _MoxOleDirInfo records that all later lookups work on.
+//
+// The chain is counted in the FAT before anything is read, and a FAT can
+// chain far more sectors than the file holds; the table of records
+// therefore grows as sectors are read, so that a chain running past the
+// end of a small file fails there without having taken memory for all of
+// it.
 #include <string.h>
 
 #include "interface/mox_memory.h"
@@ -89,11 +95,31 @@ void cleanLinks(_MoxOleFile* h) {
   }
 }
 
-int readEntries(_MoxOleFile* h, int64_t total, int64_t perSector) {
+// Makes room in pDir for record `index`, doubling the table up to `total`
+// records; `room` is the room there is.  New records are zero.  False when
+// memory runs out.
+bool makeRoom(_MoxOleFile* h, int64_t* room, int64_t index, int64_t total) {
+  if (index < *room) return true;
+  int64_t grown = *room * 2;
+  if (grown < index + 1) grown = index + 1;
+  if (grown > total) grown = total;
+  _MoxOleDirInfo* table = static_cast<_MoxOleDirInfo*>(
+      moxAllocate(h->pTableMemory, grown, sizeof(_MoxOleDirInfo)));
+  if (table == nullptr) return false;
+  memset(table, 0, sizeof(_MoxOleDirInfo) * grown);
+  if (*room > 0) memcpy(table, h->pDir, sizeof(_MoxOleDirInfo) * *room);
+  moxFree(h->pTableMemory, h->pDir);
+  h->pDir = table;
+  *room = grown;
+  return true;
+}
+
+int readEntries(_MoxOleFile* h, int64_t total, int64_t perSector, int64_t room) {
   unsigned char raw[kEntrySize];
   int64_t sector = h->lDirStart;
   for (int64_t i = 0; i < total; ++i) {
     if (h->pIo->read(h->pIo, raw, kEntrySize) != kEntrySize) return -1;
+    if (!makeRoom(h, &room, i, total)) return -1;
     ++h->iDirCount;
     if (decodeEntry(h, raw, i, &h->pDir[i]) != 0) return -1;
     if ((i + 1) % perSector != 0) continue;
@@ -113,12 +139,16 @@ int iBldDirInfo(_MoxOleFile* h) {
   if (sectors < 0) return -1;
   const int64_t perSector = h->lSectorSize / kEntrySize;
   const int64_t total = sectors * perSector;
+  // A table no host could be asked for fails as its allocation would.
+  if (moxHostSize(total, sizeof(_MoxOleDirInfo)) < 0) return -1;
+  // The first sector's records, or all of them when that is less.
+  const int64_t room = perSector < total ? perSector : total;
   h->pDir = static_cast<_MoxOleDirInfo*>(
-      moxAllocate(h->pTableMemory, total, sizeof(_MoxOleDirInfo)));
+      moxAllocate(h->pTableMemory, room, sizeof(_MoxOleDirInfo)));
   if (h->pDir == nullptr) return -1;
-  memset(h->pDir, 0, sizeof(_MoxOleDirInfo) * total);
+  memset(h->pDir, 0, sizeof(_MoxOleDirInfo) * room);
   h->iDirCount = 0;
-  if (moxSeekSector(h, h->lDirStart) != 0 || readEntries(h, total, perSector) != 0) {
+  if (moxSeekSector(h, h->lDirStart) != 0 || readEntries(h, total, perSector, room) != 0) {
     moxFree(h->pTableMemory, h->pDir);
     h->pDir = nullptr;
     h->iDirCount = 0;

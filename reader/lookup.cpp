@@ -80,6 +80,8 @@ int64_t moxFindChildExact(const _MoxOleFile* h, int64_t storage, MoxName name) {
 }
 
 int64_t moxWalkStoragePath(const _MoxOleFile* h, const char (*path)[36], int depth) {
+  // A handle of a new document has no directory, so no root to name.
+  if (!moxIsEntry(h, 0)) return -1;
   if (path == nullptr || depth < 1) return 0;
   MoxName first = {path[0], strnlen(path[0], sizeof path[0])};
   if (moxNamesEqual(first, moxNameOf(kRootName), kNameExact)) return 0;

@@ -69,7 +69,8 @@ int64_t moxFindChildExact(const _MoxOleFile* h, int64_t storage, MoxName name);
 
 // The storage a path of 36-byte name slots (outermost first) leads to.
 // A null path, a depth below 1 or a first slot "Root Entry" all mean the
-// root, entry 0.  Every step must reach a storage (type 1).
+// root, entry 0, when the handle has a directory.  Every step must reach a
+// storage (type 1).
 int64_t moxWalkStoragePath(const _MoxOleFile* h, const char (*path)[36], int depth);
 
 // The stream a storage named without a stream name stands for: the entry

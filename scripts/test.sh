@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
-# Installs what the tests need (Debian packages), then builds and runs the
-# whole suite twice: an optimised build and an AddressSanitizer +
-# UndefinedBehaviorSanitizer build.
+# Installs what the tests and the fuzz targets need (Debian packages), then
+# builds and runs the whole suite twice: an optimised build and an
+# AddressSanitizer + UndefinedBehaviorSanitizer build.  The fuzz targets
+# themselves are built and run by scripts/fuzz.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(cmake g++ make pkg-config libgtest-dev libbenchmark-dev
-          python3 python3-olefile libgsf-bin libolecf-utils)
+          python3 python3-olefile libgsf-bin libolecf-utils
+          clang libclang-rt-14-dev)
 if [ "$(id -u)" = 0 ] && command -v apt-get >/dev/null 2>&1; then
   missing=()
   for p in "${packages[@]}"; do

@@ -2,7 +2,6 @@
 // thousands of deterministic byte flips in the header, FAT, DIFAT and
 // directory.  Each must open or fail cleanly, quickly, leaving nothing
 // allocated.
-#include <chrono>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -54,7 +53,9 @@ std::vector<std::pair<int64_t, int64_t>> structureRanges(const std::vector<uint8
 }
 
 // Opens one variant and, when `everything`, does everything a host can do
-// with it; otherwise only builds the storage tree.
+// with it; otherwise only builds the storage tree.  The work must stay in
+// proportion to the file: a loop that never ends, or one that goes round a
+// cycle millions of times, shows up as a flood of host calls.
 void exercise(ViewIo* io, bool everything) {
   moxhost::CountingMemory memory;
   _MoxOleFile* h = hOLEopen(io->io(), memory.memory());
@@ -72,6 +73,8 @@ void exercise(ViewIo* io, bool everything) {
     iOLEclose(h);
   }
   ASSERT_EQ(memory.liveBlocks(), 0);
+  const int64_t calls = io->readCalls() + io->seekCalls();
+  ASSERT_LT(calls, 64 * (io->size() / 64) + 200000) << "work out of proportion to the file";
 }
 
 class DamagedSweep : public ::testing::TestWithParam<std::string> {};
@@ -79,7 +82,6 @@ class DamagedSweep : public ::testing::TestWithParam<std::string> {};
 TEST_P(DamagedSweep, CutsAndFlipsOpenOrFailCleanly) {
   std::vector<uint8_t> bytes;
   ASSERT_TRUE(moxhost::readFile(corpus::directory() + "/" + GetParam(), &bytes));
-  auto start = std::chrono::steady_clock::now();
   unsigned shift = bytes.size() > 0x20 ? bytes[0x1E] : 9;
   int64_t step = (shift >= 7 && shift <= 16) ? int64_t{1} << shift : 512;
   // Cuts mostly break the loading steps; reading every stream of every
@@ -103,8 +105,6 @@ TEST_P(DamagedSweep, CutsAndFlipsOpenOrFailCleanly) {
     exercise(&io, true);
     if (HasFatalFailure()) return;
   }
-  double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_LT(seconds, 150.0) << "damaged variants must fail fast, also under the sanitizers";
 }
 
 INSTANTIATE_TEST_SUITE_P(Corpus, DamagedSweep, ::testing::ValuesIn(corpus::files()),

@@ -152,4 +152,23 @@ TEST(ObjectType, ExactNamesUnderAStoragePath) {
   EXPECT_EQ(iOLEobjectType(doc.handle(), inA, 1, "Inner"), 0) << "A is a stream";
 }
 
+// A new document made by the writer's entry has a handle with no
+// directory at all (no entry 0, no table); asking it for the root's
+// children or type must find nothing rather than read a missing table.
+TEST(ObjectType, HandleWithoutDirectoryHasNoRoot) {
+  moxhost::CountingMemory memory;
+  _MoxOleFile handle = {};
+  handle.pMemory = memory.memory();
+  handle.pTableMemory = memory.memory();
+  _MoxOleObjectEntry* records = nullptr;
+  EXPECT_EQ(moxoleGetObjectList(&handle, nullptr, 0, &records), 0);
+  EXPECT_EQ(records, nullptr);
+  EXPECT_EQ(iOLEobjectType(&handle, nullptr, 0, ""), 0);
+  EXPECT_EQ(iOLEobjectType(&handle, nullptr, 0, "x"), 0);
+  Path root[1] = {"Root Entry"};
+  EXPECT_EQ(moxoleGetObjectList(&handle, root, 1, &records), 0);
+  EXPECT_EQ(iOLEobjectType(&handle, root, 1, ""), 0);
+  EXPECT_EQ(memory.allocations(), 0);
+}
+
 }  // namespace

@@ -1,5 +1,6 @@
 #include "support/document_walk.h"
 
+#include <stdlib.h>
 #include <string.h>
 
 #include <vector>
@@ -19,6 +20,7 @@ struct Walk {
   _MoxOleFile* h;
   HostMemory* memory;
   int depth;
+  const char* objectFile;
   int namedLookupsLeft = kNamedLookups;
   bool mayLookUp() { return namedLookupsLeft-- > 0; }
 };
@@ -38,17 +40,40 @@ void readAround(_MoxOleFile* h) {
   }
 }
 
-// Opens a document nested in the current stream, if there is one.
-void openNested(_MoxOleFile* h, int depth) {
-  _ZqTPIOobj* io = hSwitchToOLE(h);
+// Opens a document nested in the current stream, if there is one.  It
+// takes its memory from the outer document's interface, so that a leak in
+// it shows in the caller's count.
+void openNested(Walk& w) {
+  _ZqTPIOobj* io = hSwitchToOLE(w.h);
   if (io == nullptr) return;
-  moxhost::CountingMemory memory;
-  _MoxOleFile* inner = hOLEopenEXT(io, memory.memory(), 0);
+  // The slots the library's own open does not use.
+  io->open(io);
+  io->tell(io);
+  io->write(io, "x", 1);
+  io->error(io);
+  io->close(io);
+  _MoxOleFile* inner = hOLEopenEXT(io, w.memory, 0);
   if (inner != nullptr) {
-    if (depth < 2) walkDocument(inner, memory.memory(), depth);
+    if (w.depth < 2) walkDocument(inner, w.memory, w.depth, w.objectFile);
     iOLEcloseClone(inner);
   }
-  hSwitchFromOLE(h);
+  hSwitchFromOLE(w.h);
+}
+
+// The number n of a storage named "_n", or -1.
+int64_t objectNumber(const char* name) {
+  if (name[0] != '_' || name[1] < '0' || name[1] > '9') return -1;
+  char* end = nullptr;
+  long long n = strtoll(name + 1, &end, 10);
+  return *end == 0 ? n : -1;
+}
+
+void extractObject(Walk& w, const char* name) {
+  int64_t n = objectNumber(name);
+  if (n < 0 || w.objectFile == nullptr) return;
+  unsigned char picture[76];
+  bOLEgetObject(w.h, n, picture, 0);
+  bOLEgetObject(w.h, n, const_cast<char*>(w.objectFile), 3);
 }
 
 void walkStorage(Walk& w, const _MoxOleTreeNode* node, Path& path) {
@@ -66,7 +91,7 @@ void walkStorage(Walk& w, const _MoxOleTreeNode* node, Path& path) {
     if (child->iType == 2) {
       if (iReadStreamChain(child->iIndex, h) == 0 && lOLEseek(h, 0, 0) == 0) {
         readAround(h);
-        if (i == 0) openNested(h, w.depth);
+        if (i == 0) openNested(w);
       }
       if (w.mayLookUp()) {
         bOLEopenStream(h, child->szName);
@@ -77,6 +102,7 @@ void walkStorage(Walk& w, const _MoxOleTreeNode* node, Path& path) {
       if (w.mayLookUp()) {
         bOLEopenEmbeddedStream(h, nullptr, child->szName);
         lOLEopenObject(h, child->szName, 3);
+        extractObject(w, child->szName);
       }
       path.push_back(child->szName);
       walkStorage(w, child, path);
@@ -88,14 +114,14 @@ void walkStorage(Walk& w, const _MoxOleTreeNode* node, Path& path) {
 
 }  // namespace
 
-void walkDocument(_MoxOleFile* h, HostMemory* memory, int depth) {
+void walkDocument(_MoxOleFile* h, HostMemory* memory, int depth, const char* objectFile) {
   moxhost::PoolServices services;
   int status = 0;
   HostMemory* pool = services.createPool(4096, 0, &status);
   _MoxOleTreeNode* root = nullptr;
   if (iOLEGetStreamTree(h, pool, &root) == 0 && root != nullptr) {
     Path path;
-    Walk w{h, memory, depth + 1};
+    Walk w{h, memory, depth + 1, objectFile};
     walkStorage(w, root, path);
   }
   services.destroyPool(pool);

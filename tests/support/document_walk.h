@@ -10,6 +10,10 @@
 
 // `memory` is the interface the document was opened with (object lists
 // are returned to it); `depth` counts nested documents already entered.
-void walkDocument(_MoxOleFile* h, HostMemory* memory, int depth = 0);
+// With `objectFile`, every storage named "_" and a number is also
+// extracted as an embedded object: its metafile to that file, its picture
+// header to a buffer.
+void walkDocument(_MoxOleFile* h, HostMemory* memory, int depth = 0,
+                  const char* objectFile = nullptr);
 
 #endif  // MOXOLEFIO_TESTS_SUPPORT_DOCUMENT_WALK_H_

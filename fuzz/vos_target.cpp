@@ -1,0 +1,456 @@
+// Fuzz target: the OS layer's file, directory, lock, temporary-name and
+// memory functions driven by a program of operations (see vos_program.h)
+// on generated names, all inside a scratch directory of this process's own
+// under $TMPDIR (/tmp by default), which is also the working directory.  Generated paths are
+// relative and never hold a ".." component, and nothing the target can
+// call makes a symbolic link, so no call can reach outside the scratch
+// directory; getcwd checks that the working directory stays inside.
+//
+// Beside "no crash", the target checks what the layer promises whatever
+// the names: descriptors at 256 or above, files created empty, whole
+// elements counted, a created path being a directory, temporary names
+// made of the directory and prefix given, allocation limits, and after
+// every input no descriptor, lock or host-memory block left behind.
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "fuzz/fuzz_input.h"
+#include "fuzz/scratch_dir.h"
+#include "fuzz/vos_program.h"
+#include "host/moxhost.h"
+#include "moxvos.h"
+
+namespace {
+
+constexpr int kMaxOps = 64;
+constexpr int kLowestDescriptor = 256;
+
+void require(bool condition, const char* what) {
+  if (condition) return;
+  fprintf(stderr, "moxfuzz vos: %s (errno %d)\n", what, errno);
+  abort();
+}
+
+// A relative path inside the working directory (see vos_program.h).
+std::string path(FuzzInput& in) {
+  const int components = in.byte() % 12 + 1;
+  std::string out;
+  for (int i = 0; i < components; ++i) {
+    const uint8_t length = in.byte();
+    std::string name = in.chars(length & 0x80 ? 3 * (length & 0x7F) : length);
+    for (char& c : name) {
+      if (c == '/') c = '_';
+    }
+    if (name == "..") name = "._";
+    if (i == 0 && name.empty()) name = "e";
+    if (i > 0) out += '/';
+    out += name;
+  }
+  return out;
+}
+
+struct Slot {
+  int fd = -1;
+  bool readable = false;
+  bool writable = false;
+  bool appending = false;
+  bool locked = false;  // holds lock, not fd
+  _MoxvosFlock lock;
+};
+
+class Run {
+ public:
+  Run(const std::string& scratch, mode_t mask)
+      : scratch_(scratch), mask_(mask), highDescriptors_(descriptorLimit() > kLowestDescriptor + 64) {}
+
+  ~Run() {
+    for (Slot& s : slots_) release(s);
+  }
+
+  moxhost::CountingMemory& memory() { return memory_; }
+  mode_t mask() const { return mask_; }
+
+  void step(FuzzInput& in) {
+    switch (in.byte() % moxfuzz::kVosOpCount) {
+      case moxfuzz::kVosMkdir: makeDirectories(in); break;
+      case moxfuzz::kVosTempnam: temporaryName(in); break;
+      case moxfuzz::kVosOpen: open(in); break;
+      case moxfuzz::kVosFopen: fopen(in); break;
+      case moxfuzz::kVosWrite: write(in); break;
+      case moxfuzz::kVosRead: read(in); break;
+      case moxfuzz::kVosSeek: seek(in); break;
+      case moxfuzz::kVosFileOps: fileOps(in); break;
+      case moxfuzz::kVosStatus: status(in); break;
+      case moxfuzz::kVosRemove: remove(in); break;
+      case moxfuzz::kVosRename: {
+        const std::string from = path(in);
+        moxvos_rename(from.c_str(), path(in).c_str(), nullptr);
+        break;
+      }
+      case moxfuzz::kVosChmod: {
+        const std::string p = path(in);
+        moxvos_chmod(p.c_str(), in.u16() & 07777, nullptr);
+        break;
+      }
+      case moxfuzz::kVosListDir: listDirectory(in); break;
+      case moxfuzz::kVosChdir: changeDirectory(in); break;
+      case moxfuzz::kVosLock: lock(in); break;
+      case moxfuzz::kVosUmask: {
+        const mode_t mask = in.u16() & 0777;
+        require(static_cast<mode_t>(moxvos_umask(mask, nullptr)) == mask_, "umask's previous mask");
+        mask_ = mask;
+        break;
+      }
+      case moxfuzz::kVosMemory: allocate(in); break;
+    }
+  }
+
+ private:
+  static rlim_t descriptorLimit() {
+    struct rlimit limit;
+    return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
+  }
+
+  Slot& slot(FuzzInput& in) { return slots_[in.byte() % moxfuzz::kVosSlots]; }
+
+  static void release(Slot& s) {
+    if (s.locked) {
+      require(moxvos_flock_free(&s.lock, nullptr) == 0, "moxvos_flock_free");
+      require(s.lock.iFd == -1 && s.lock.pszPath == nullptr, "a freed lock still holds something");
+    } else if (s.fd >= 0) {
+      moxvos_fclose(s.fd);
+    }
+    s = Slot();
+  }
+
+  void opened(Slot& s, int64_t fd, int flags) {
+    require(fd == -1 || fd >= 0, "a descriptor below -1");
+    if (fd >= 0 && highDescriptors_) require(fd >= kLowestDescriptor, "a descriptor below 256");
+    if (fd < 0) return;
+    s.fd = static_cast<int>(fd);
+    const int access = flags & O_ACCMODE;
+    s.readable = access == O_RDONLY || access == O_RDWR;
+    s.writable = access == O_WRONLY || access == O_RDWR;
+    s.appending = (flags & O_APPEND) != 0;
+    if (flags & O_TRUNC) require(moxvos_filesize(s.fd) == 0, "a file opened to be truncated is not empty");
+  }
+
+  void makeDirectories(FuzzInput& in) {
+    const std::string p = path(in);
+    const int mode = in.u16() & 07777;
+    const int result = moxvos_mkdir(p.c_str(), mode, nullptr);
+    require(result == 0 || result == -1, "moxvos_mkdir's result");
+    if (result != 0) return;
+    struct stat record;
+    const std::string used = p.substr(0, 4096);
+    require(stat(used.c_str(), &record) == 0 && S_ISDIR(record.st_mode),
+            "moxvos_mkdir succeeded and the path is no directory");
+  }
+
+  void temporaryName(FuzzInput& in) {
+    const std::string dir = path(in);
+    std::string prefix = in.text(40, false, 'p');
+    for (char& c : prefix) {
+      if (c == '/') c = '_';
+    }
+    const bool noPrefix = in.byte() & 1;
+    char* name = moxvos_tempnam(dir.c_str(), noPrefix ? nullptr : prefix.c_str(), nullptr);
+    if (name == nullptr) return;
+    const std::string expected = dir + "/" + (noPrefix ? "" : prefix);
+    require(strncmp(name, expected.c_str(), expected.size()) == 0 && strlen(name) == expected.size() + 6,
+            "a temporary name not made of the directory and prefix");
+    struct stat record;
+    require(stat(name, &record) == 0 && S_ISREG(record.st_mode) && record.st_size == 0,
+            "a temporary name without its empty file");
+    require((record.st_mode & 0777) == (0600 & ~mask_), "a temporary file's permissions");
+    unlink(name);
+    moxvos_free(name);
+  }
+
+  void open(FuzzInput& in) {
+    static const int kFlags[] = {
+        O_RDONLY, O_WRONLY | O_CREAT, O_RDWR | O_CREAT | O_TRUNC, O_WRONLY | O_CREAT | O_EXCL,
+        O_RDWR | O_CREAT | O_APPEND, O_RDONLY | O_DIRECTORY, O_RDWR, O_WRONLY | O_TRUNC};
+    Slot& s = slot(in);
+    release(s);
+    const std::string p = path(in);
+    const int flags = kFlags[in.byte() % 8];
+    const int fd = (in.byte() & 1) ? moxvos_open64(p.c_str(), flags, nullptr)
+                                   : moxvos_open(p.c_str(), flags, nullptr);
+    opened(s, fd, flags);
+  }
+
+  void fopen(FuzzInput& in) {
+    Slot& s = slot(in);
+    release(s);
+    const std::string p = path(in);
+    const std::string mode = in.text(4, false, 'b');
+    const bool wide = in.byte() & 1;
+    const int64_t fd = wide ? moxvos_fopen64(p.c_str(), mode.c_str(), nullptr)
+                            : moxvos_fopen(p.c_str(), mode.c_str(), nullptr);
+    // The mode table: first character, and '+' anywhere.
+    const bool update = mode.find('+') != std::string::npos;
+    int flags = O_RDONLY;
+    if (!mode.empty() && mode[0] == 'r') flags = update ? O_RDWR : O_RDONLY;
+    if (!mode.empty() && mode[0] == 'w') flags = (update ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
+    if (!mode.empty() && mode[0] == 'a') flags = (update ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
+    opened(s, fd, flags);
+    if (fd < 0) return;
+    const int got = fcntl(s.fd, F_GETFL) & (O_ACCMODE | O_APPEND);
+    require(got == (flags & (O_ACCMODE | O_APPEND)), "moxvos_fopen opened with other flags");
+  }
+
+  void write(FuzzInput& in) {
+    Slot& s = slot(in);
+    const uint64_t size = in.byte() % 16 + 1;
+    const uint64_t count = in.u16() % 4096;
+    const uint8_t pattern = in.byte();
+    if (s.locked) return;
+    const int bytes = static_cast<int>(size * count);
+    unsigned char* buffer = static_cast<unsigned char*>(memory_.allocate(bytes > 0 ? bytes : 1));
+    require(buffer != nullptr, "host memory");
+    for (int i = 0; i < bytes; ++i) buffer[i] = static_cast<unsigned char>(pattern + i * 7);
+    const int64_t before = s.fd >= 0 ? moxvos_ftell(s.fd) : -1;
+    const int64_t written = moxvos_fwrite(s.fd, buffer, size, count);
+    require(written >= 0 && static_cast<uint64_t>(written) <= count, "moxvos_fwrite's element count");
+    // Read back what a plain read-write descriptor has just written.
+    if (s.readable && s.writable && !s.appending && written > 0 && before >= 0) {
+      const int64_t back = static_cast<int64_t>(written * size);
+      require(moxvos_ftell(s.fd) == before + back, "the offset after moxvos_fwrite");
+      require(moxvos_fseek(s.fd, before, SEEK_SET) == 0, "moxvos_fseek back");
+      unsigned char* check = static_cast<unsigned char*>(memory_.allocate(static_cast<int>(back)));
+      require(check != nullptr, "host memory");
+      require(moxvos_fread(s.fd, check, size, written) == written, "moxvos_fread of what was written");
+      require(memcmp(check, buffer, static_cast<size_t>(back)) == 0, "bytes read back differ");
+      memory_.release(check);
+    }
+    memory_.release(buffer);
+  }
+
+  void read(FuzzInput& in) {
+    Slot& s = slot(in);
+    const uint64_t size = in.byte() % 16 + 1;
+    const uint64_t count = in.u16() % 4096;
+    if (s.locked) return;
+    const int bytes = static_cast<int>(size * count);
+    void* buffer = memory_.allocate(bytes > 0 ? bytes : 1);
+    require(buffer != nullptr, "host memory");
+    const int64_t got = moxvos_fread(s.fd, buffer, size, count);
+    require(got >= 0 && static_cast<uint64_t>(got) <= count, "moxvos_fread's element count");
+    memory_.release(buffer);
+  }
+
+  void seek(FuzzInput& in) {
+    Slot& s = slot(in);
+    const int64_t offset = static_cast<int32_t>(in.u32());
+    const int whence = in.byte() % 4;
+    const uint8_t variant = in.byte() % 3;
+    if (s.locked) return;
+    if (variant == 0) {
+      const int64_t at = moxvos_lseek(s.fd, offset, whence);
+      if (at >= 0) require(moxvos_ftell(s.fd) == at, "moxvos_ftell after moxvos_lseek");
+    } else if (variant == 1) {
+      const int result = moxvos_fseek(s.fd, offset, whence);
+      require(result == 0 || result == -1, "moxvos_fseek's result");
+      if (result == 0 && whence == SEEK_SET) require(moxvos_ftell(s.fd) == offset, "moxvos_ftell");
+    } else {
+      const int result = moxvos_fseek64(s.fd, offset, whence);
+      if (result == 0) require(moxvos_ftell64(s.fd) == moxvos_lseek64(s.fd, 0, SEEK_CUR), "moxvos_ftell64");
+    }
+  }
+
+  void fileOps(FuzzInput& in) {
+    Slot& s = slot(in);
+    const uint8_t op = in.byte() % 6;
+    const uint16_t length = in.u16();
+    if (s.locked) return;
+    struct stat record;
+    struct stat64 record64;
+    switch (op) {
+      case 0: {
+        const int64_t size = moxvos_filesize(s.fd);
+        require(size == moxvos_filesize64(s.fd), "moxvos_filesize and moxvos_filesize64 differ");
+        if (s.fd < 0) require(size == -1, "the size of no file");
+        break;
+      }
+      case 1: moxvos_fstat(s.fd, &record); break;
+      case 2: moxvos_fstat64(s.fd, &record64); break;
+      case 3: moxvos_fsync(s.fd); break;
+      case 4:
+        if (moxvos_ftruncate(s.fd, length) == 0) {
+          require(moxvos_filesize(s.fd) == length, "the size after moxvos_ftruncate");
+        }
+        break;
+      case 5: release(s); break;
+    }
+  }
+
+  void status(FuzzInput& in) {
+    const std::string p = path(in);
+    const int mode = in.byte() & 7;
+    struct stat record;
+    struct statfs fs;
+    moxvos_stat(p.c_str(), &record, nullptr);
+    moxvos_access(p.c_str(), mode, nullptr);
+    moxvos_statfs(p.c_str(), &fs);
+    moxvos_utimes(p.c_str(), nullptr);
+  }
+
+  void remove(FuzzInput& in) {
+    const std::string p = path(in);
+    if (in.byte() & 1) {
+      moxvos_rmdir(p.c_str(), nullptr);
+    } else {
+      moxvos_unlink(p.c_str(), nullptr);
+    }
+  }
+
+  void listDirectory(FuzzInput& in) {
+    const std::string p = path(in);
+    const int wanted = in.byte();
+    DIR* dir = moxvos_opendir(p.c_str(), nullptr);
+    if (dir == nullptr) return;
+    struct dirent spare;
+    memset(&spare, 0x5A, sizeof spare);
+    for (int i = 0; i < wanted; ++i) {
+      struct dirent* e = (i & 1) ? moxvos_readdir_r(dir, &spare, nullptr) : moxvos_readdir(dir, nullptr);
+      if (e == nullptr) break;
+      require(strchr(e->d_name, '/') == nullptr, "a directory entry holding '/'");
+    }
+    const unsigned char* raw = reinterpret_cast<const unsigned char*>(&spare);
+    for (size_t i = 0; i < sizeof spare; ++i) require(raw[i] == 0x5A, "moxvos_readdir_r wrote its entry");
+    require(moxvos_closedir(dir, nullptr) == 0, "moxvos_closedir");
+  }
+
+  void changeDirectory(FuzzInput& in) {
+    const std::string p = path(in);
+    const uint16_t size = in.u16() % 8192;
+    moxvos_chdir(p.c_str(), nullptr);
+    char* cwd = nullptr;
+    char* buffer = nullptr;
+    if (size == 0) {
+      cwd = moxvos_getcwd(nullptr, 0, nullptr);  // the platform allocates
+    } else {
+      buffer = static_cast<char*>(memory_.allocate(size));
+      require(buffer != nullptr, "host memory");
+      cwd = moxvos_getcwd(buffer, size, nullptr);
+      require(cwd == nullptr || cwd == buffer, "moxvos_getcwd answered in another buffer");
+    }
+    if (cwd != nullptr) {
+      require(strncmp(cwd, scratch_.c_str(), scratch_.size()) == 0, "the working directory left the scratch directory");
+    }
+    if (buffer != nullptr) {
+      memory_.release(buffer);
+    } else {
+      free(cwd);
+    }
+  }
+
+  void lock(FuzzInput& in) {
+    static const int kFlags[] = {O_RDWR | O_CREAT, O_RDONLY, O_WRONLY | O_CREAT, O_RDWR};
+    Slot& s = slot(in);
+    release(s);
+    const std::string p = path(in);
+    const int flags = kFlags[in.byte() % 4];
+    const int whence = in.byte() % 3;
+    const int64_t start = in.u16();
+    const int64_t length = in.u16();
+    const bool noFile = p.size() == 1 && p[0] == 'e';
+    s.locked = true;
+    const int result = moxvos_flock_init(&s.lock, flags, noFile ? nullptr : p.c_str(), nullptr);
+    if (noFile) {
+      require(result == 0 && s.lock.iFd == -1 && s.lock.pszPath == nullptr, "a lock object without a file");
+      require(moxvos_flock_trywrlock(&s.lock, whence, start, length, nullptr) == -1, "a lock without a file");
+      return;
+    }
+    require(s.lock.pszPath != nullptr && strcmp(s.lock.pszPath, p.c_str()) == 0, "the lock's name copy");
+    require((result == 0) == (s.lock.iFd != -1), "moxvos_flock_init's result");
+    if (result != 0) return;
+    if (highDescriptors_) require(s.lock.iFd >= kLowestDescriptor, "a lock descriptor below 256");
+    const int locked = moxvos_flock_trywrlock(&s.lock, whence, start, length, nullptr);
+    require(locked == 0 || locked == -1, "moxvos_flock_trywrlock's result");
+    const int unlocked = moxvos_flock_unlock(&s.lock, whence, start, length, nullptr);
+    require(unlocked == 0 || unlocked == -1, "moxvos_flock_unlock's result");
+  }
+
+  void allocate(FuzzInput& in) {
+    const uint8_t op = in.byte() % 4;
+    const uint8_t choice = in.byte();
+    const uint16_t small = in.u16();
+    // Sizes the allocator may see, or sizes it must never see.
+    static const uint64_t kHuge[] = {2147483648ull, 4294967296ull + 16, ~0ull, 1ull << 62};
+    const bool huge = choice & 1;
+    const uint64_t size = huge ? kHuge[(choice >> 1) % 4] : small;
+    switch (op) {
+      case 0: {
+        void* p = moxvos_malloc(size);
+        require((p == nullptr) == (huge || size == 0), "moxvos_malloc's limits");
+        moxvos_free(p);
+        break;
+      }
+      case 1: {
+        const uint64_t count = (choice >> 3) + (huge ? 0 : 1);
+        unsigned char* p = static_cast<unsigned char*>(moxvos_calloc(count, size));
+        require((p == nullptr) == (count == 0 || huge || size == 0), "moxvos_calloc's limits");
+        for (uint64_t i = 0; p != nullptr && i < count * size; ++i) require(p[i] == 0, "moxvos_calloc's zeros");
+        moxvos_free(p);
+        break;
+      }
+      case 2: {
+        void* p = moxvos_malloc(64);
+        void* q = moxvos_realloc(p, size);
+        if (huge) {
+          require(q == nullptr, "moxvos_realloc past the limit");
+          moxvos_free(p);  // still ours
+        } else if (q != nullptr || size != 0) {
+          require(q != nullptr, "moxvos_realloc");
+          moxvos_free(q);
+        }
+        break;
+      }
+      case 3: {
+        void* p = moxvos_malloc(64);
+        void* q = moxvos_Saferealloc(p, size);
+        // Past the limit or to nothing, the old block is gone either way.
+        if (huge || size == 0) require(q == nullptr, "moxvos_Saferealloc past the limit");
+        moxvos_free(q);
+        break;
+      }
+    }
+  }
+
+  std::string scratch_;
+  mode_t mask_;
+  bool highDescriptors_;
+  moxhost::CountingMemory memory_;
+  Slot slots_[moxfuzz::kVosSlots];
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const std::string scratch = moxfuzz::scratchDir("vos");
+  require(chdir(scratch.c_str()) == 0, "cannot enter the scratch directory");
+  const int descriptors = moxfuzz::openDescriptors();
+  const mode_t mask = umask(022);
+  umask(mask);
+  FuzzInput in(data, size);
+  int64_t live = 0;
+  {
+    Run run(scratch, mask);
+    for (int n = 0; n < kMaxOps && !in.empty(); ++n) run.step(in);
+    umask(mask);
+    live = run.memory().liveBlocks();
+  }
+  require(live == 0, "host memory left live");
+  require(chdir(scratch.c_str()) == 0, "cannot return to the scratch directory");
+  require(moxfuzz::openDescriptors() == descriptors, "a descriptor left open");
+  moxfuzz::emptyDir(scratch);
+  return 0;
+}

@@ -1,0 +1,389 @@
+// Fuzz target: the input is a program of creates and writes (see
+// write_program.h).  The target runs it against a new document while
+// keeping its own account of what the document must hold, checks every
+// status the writer returns against that account, closes the document,
+// and reads the file back twice, with the reader and through the writer's
+// entry for reading: every entry must be where it was created, with its
+// name, type and every byte of its stream.  The host's memory, the pools
+// and the I/O object must be left as they were found.
+//
+// Allocation and output failures can be injected; a run in which one
+// fired is only required to fail cleanly, not to round-trip.
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "fuzz/fuzz_input.h"
+#include "fuzz/write_model.h"
+#include "fuzz/write_program.h"
+#include "host/moxhost.h"
+#include "moxolefio.h"
+
+namespace {
+
+using moxfuzz::WriteModel;
+
+constexpr int kMaxOps = 256;
+// Bytes an input may write: enough to need two DIFAT sectors (a little
+// over 15 MB of sectors) when it asks for a large document, little enough
+// to keep the others fast.
+constexpr uint64_t kLargeBudget = 16u << 20;
+constexpr uint64_t kSmallBudget = 512u << 10;
+
+void require(bool condition, const char* what) {
+  if (condition) return;
+  fprintf(stderr, "moxfuzz write: %s\n", what);
+  abort();
+}
+
+class Run {
+ public:
+  Run(const MoxOleInterface& api, _MoxOleFile* h, bool faultsArmed, uint64_t budget)
+      : api_(api), h_(h), faultsArmed_(faultsArmed), budget_(budget) {}
+
+  WriteModel& model() { return model_; }
+
+  void step(FuzzInput& in) {
+    switch (in.byte() % moxfuzz::kWriteOpCount) {
+      case moxfuzz::kOpCreateStorage: create(in, 1); break;
+      case moxfuzz::kOpCreateStream: create(in, 2); break;
+      case moxfuzz::kOpWrite: write(in.u16(), in.byte()); break;
+      case moxfuzz::kOpWriteLarge: write(static_cast<uint64_t>(in.u16()) << 8, in.byte()); break;
+      case moxfuzz::kOpCreateRawPath: createRaw(in); break;
+      case moxfuzz::kOpOpenForReading: openForReading(in.byte()); break;
+      case moxfuzz::kOpCloseStream: closeStream(); break;
+      case moxfuzz::kOpOddCall: oddCall(in.byte()); break;
+    }
+  }
+
+ private:
+  // A status the account predicts.  With failures armed the writer may
+  // also report no memory, or miss an entry whose lookup needed memory.
+  void expect(int got, int want, const char* what) {
+    if (got == want) return;
+    if (faultsArmed_ && (got == 2 || got == 6)) return;
+    fprintf(stderr, "moxfuzz write: %s returned %d, expected %d\n", what, got, want);
+    abort();
+  }
+
+  void create(FuzzInput& in, int type) {
+    const uint8_t choice = in.byte();
+    int parent = (choice & 0x7F) % static_cast<int>(model_.entries.size());
+    const moxfuzz::ModelEntry& p = model_.entries[parent];
+    // An empty name as a path component would read as a doubled
+    // backslash; such entries stay leaves.
+    if (!p.placed || (parent != 0 && p.name.empty())) parent = 0;
+    std::string name = in.text(48);
+    for (char& c : name) {
+      if (c == '\\') c = '/';
+    }
+    std::string path;
+    model_.pathOf(parent, moxfuzz::kKeptName, &path);
+    if (parent == 0) path.clear();
+    path += "\\" + name;
+    // Without its leading backslash, unless the first name is empty.
+    if ((choice & 0x80) && path.size() > 1 && path[1] != '\\') path.erase(0, 1);
+    if (path.size() > moxfuzz::kLongestPath) return;
+    const std::string kept = name.substr(0, moxfuzz::kKeptName);
+    const int status = api_.iOLEopenStreamEx(h_, path.c_str(), type, 1);
+    model_.current = -1;
+    const bool taken = model_.nameTaken(parent, kept);
+    if (model_.allPlaced) {
+      expect(status, taken ? 6 : 0, "creating an entry");
+    } else {
+      require(status == 0 || status == 6 || (faultsArmed_ && status == 2), "creating an entry");
+    }
+    if (status == 0) {
+      require(!taken, "two siblings whose names differ only in case");
+      model_.current = model_.add(type, true, parent, kept);
+    }
+  }
+
+  void createRaw(FuzzInput& in) {
+    const int type = in.byte() % 4;
+    const std::string path = in.text(1100, true);
+    const int status = api_.iOLEopenStreamEx(h_, path.c_str(), type, 1);
+    model_.current = -1;
+    if (type != 1 && type != 2) {
+      expect(status, 34, "creating an entry of a type that does not exist");
+      return;
+    }
+    require(status == 0 || status == 6 || (faultsArmed_ && status == 2),
+            "creating an entry by a raw path");
+    if (status == 0) model_.current = model_.add(type, false, -1, "");
+  }
+
+  void write(uint64_t length, uint8_t pattern) {
+    if (written_ + length > budget_) length = budget_ - written_;
+    written_ += length;
+    const int current = model_.current;
+    // One buffer for every write of the input, as large as the largest.
+    if (data_.size() < length) data_.resize(length);
+    uint8_t* data = data_.data();
+    const uint64_t offset = current < 0 ? 0 : model_.entries[current].data.size();
+    moxfuzz::fillPattern(data, length, static_cast<uint32_t>(current), pattern, offset);
+    const int status = api_.iOLEwrite(h_, data, static_cast<int>(length));
+    int want = 0;
+    if (current < 0) {
+      want = 34;
+    } else if (length > 0 && model_.entries[current].type != 2) {
+      want = 6;
+    }
+    expect(status, want, "iOLEwrite");
+    if (current < 0 || model_.entries[current].type != 2) return;
+    moxfuzz::ModelEntry& e = model_.entries[current];
+    if (status == 0) {
+      e.data.insert(e.data.end(), data, data + length);
+    } else {
+      e.dataKnown = false;
+    }
+  }
+
+  void openForReading(uint8_t choice) {
+    const int k = choice % static_cast<int>(model_.entries.size());
+    std::string path;
+    if (k == 0 || !model_.pathOf(k, moxfuzz::kKeptName, &path)) return;
+    if (path.size() > moxfuzz::kLongestPath) return;
+    const int status = api_.iOLEopenStreamEx(h_, path.c_str(), 0, 0);
+    model_.current = -1;
+    // Entries of a new document have no place in a file yet.
+    expect(status, -1, "opening a new document's entry for reading");
+  }
+
+  void closeStream() {
+    const int closed = bOLEcloseStream(h_, nullptr);
+    expect(closed, model_.current >= 0 ? 1 : 0, "bOLEcloseStream");
+    model_.current = -1;
+  }
+
+  void oddCall(uint8_t kind) {
+    unsigned char buffer[128] = {};
+    const int noStream = model_.current < 0 ? 34 : 0;
+    switch (kind % 8) {
+      case 0:
+        expect(api_.iOLEwrite(h_, nullptr, 10), noStream, "iOLEwrite of a null buffer");
+        break;
+      case 1:
+        expect(api_.iOLEwrite(h_, buffer, 0), noStream, "iOLEwrite of nothing");
+        break;
+      case 2:
+        // Whatever it answers, a negative length must not add bytes.
+        api_.iOLEwrite(h_, buffer, -1 - kind);
+        break;
+      case 3:
+        expect(api_.iOLEopenStreamEx(h_, nullptr, 2, 1), 34, "iOLEopenStreamEx of a null path");
+        expect(api_.iOLEopenStreamEx(h_, "\\x", 2, 2), 34, "iOLEopenStreamEx with flags 2");
+        expect(api_.iOLEopenStreamEx(nullptr, "x", 2, 1), 34, "iOLEopenStreamEx of no handle");
+        expect(api_.iOLEwrite(nullptr, buffer, 5), 34, "iOLEwrite on no handle");
+        break;
+      case 4:
+        require(hOLEopenClone(h_) == nullptr, "a clone of a new document");
+        break;
+      case 5:
+        require(lOLEseek(h_, 0, 0) == -1, "lOLEseek on a new document");
+        require(iOLEread(h_, buffer, sizeof buffer) == 0, "iOLEread on a new document");
+        lOLEtell(h_);
+        break;
+      case 6: {
+        // The reader's structure functions on a document with no directory.
+        moxhost::PoolServices services;
+        HostMemory* pool = services.createPool(4096, 0, nullptr);
+        _MoxOleTreeNode* root = nullptr;
+        iOLEGetStreamTree(h_, pool, &root);
+        services.destroyPool(pool);
+        _MoxOleObjectEntry* list = nullptr;
+        require(moxoleGetObjectList(h_, nullptr, 0, &list) == 0, "object list of a new document");
+        require(iOLEobjectType(h_, nullptr, 0, "") == 0, "type of a new document's root");
+        require(iOLEobjectType(h_, nullptr, 0, "x") == 0, "type of a new document's entry");
+        break;
+      }
+      case 7: {
+        require(bOLEopenStream(h_, "x") == 0, "bOLEopenStream on a new document");
+        require(lOLEopenObject(h_, "_1", 3) == 0, "lOLEopenObject on a new document");
+        // Ends the current writer stream on its way.
+        require(bOLEgetObject(h_, 1, buffer, 0) == 0, "bOLEgetObject on a new document");
+        model_.current = -1;
+        break;
+      }
+    }
+  }
+
+  const MoxOleInterface& api_;
+  _MoxOleFile* h_;
+  bool faultsArmed_;
+  uint64_t budget_;
+  WriteModel model_;
+  uint64_t written_ = 0;
+  std::vector<uint8_t> data_;
+};
+
+// Reads the current reader stream of h whole and compares it.
+void compareStream(_MoxOleFile* h, const moxfuzz::ModelEntry& e, const char* how) {
+  require(lOLEseek(h, 0, 2) == static_cast<int64_t>(e.data.size()), how);
+  require(lOLEseek(h, 0, 0) == 0, how);
+  static const uint32_t kPieces[] = {4096, 1, 63, 700, 65536};
+  std::vector<uint8_t> buffer(65536);
+  size_t at = 0;
+  for (int i = 0; at < e.data.size(); ++i) {
+    uint32_t got = iOLEread(h, buffer.data(), kPieces[i % 5]);
+    require(got > 0 && at + got <= e.data.size(), how);
+    if (e.dataKnown) require(memcmp(buffer.data(), e.data.data() + at, got) == 0, how);
+    at += got;
+  }
+  require(iOLEread(h, buffer.data(), 1) == 0, how);
+}
+
+void indexTree(const _MoxOleTreeNode* node, std::vector<const _MoxOleTreeNode*>* byIndex,
+               size_t* count) {
+  ++*count;
+  require(*count <= byIndex->size(), "the file holds more entries than were created");
+  require(node->iIndex >= 0 && static_cast<size_t>(node->iIndex) < byIndex->size(),
+          "an entry number outside the entries created");
+  require((*byIndex)[node->iIndex] == nullptr, "an entry reached twice");
+  (*byIndex)[node->iIndex] = node;
+  for (int i = 0; i < node->iChildCount; ++i) indexTree(node->ppChildren[i], byIndex, count);
+}
+
+// Opens every stream by storage path and exact names.  Only meaningful
+// when exact and case-blind ordering agree (plain names) and the path is
+// made of storages.
+void checkExactPaths(_MoxOleFile* h, const WriteModel& m) {
+  for (size_t k = 1; k < m.entries.size(); ++k) {
+    if (m.entries[k].type != 2) continue;
+    std::vector<std::string> names;
+    bool storages = true;
+    for (int at = m.entries[k].parent; at != 0; at = m.entries[at].parent) {
+      storages = storages && m.entries[at].type == 1;
+      names.insert(names.begin(), m.entries[at].name);
+    }
+    if (!storages) continue;
+    std::vector<MoxOleStorageName> slots(names.size() + 1);
+    memset(slots.data(), 0, sizeof(MoxOleStorageName) * slots.size());
+    for (size_t i = 0; i < names.size(); ++i) memcpy(slots[i], names[i].data(), names[i].size());
+    require(bOLEopenEmbeddedStreamEx(h, slots.data(), static_cast<int>(names.size()),
+                                     m.entries[k].name.c_str()) == 1,
+            "a stream not found by its storage path");
+    compareStream(h, m.entries[k], "a stream opened by path reads back wrong");
+  }
+}
+
+void checkWithReader(const WriteModel& m, const std::vector<uint8_t>& file) {
+  require(file.size() % 512 == 0 && file.size() >= 1536, "the file is not whole sectors");
+  moxhost::MemoryIo io(file);
+  moxhost::CountingMemory memory;
+  _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+  require(h != nullptr, "the written file does not open");
+  moxhost::PoolServices services;
+  HostMemory* pool = services.createPool(4096, 0, nullptr);
+  _MoxOleTreeNode* root = nullptr;
+  require(iOLEGetStreamTree(h, pool, &root) == 0, "the written tree does not read back");
+  std::vector<const _MoxOleTreeNode*> byIndex(m.entries.size(), nullptr);
+  size_t count = 0;
+  indexTree(root, &byIndex, &count);
+  require(count == m.entries.size(), "entries missing from the written tree");
+  for (size_t k = 1; k < m.entries.size(); ++k) {
+    const moxfuzz::ModelEntry& e = m.entries[k];
+    const _MoxOleTreeNode* node = byIndex[k];
+    require(node->iType == e.type, "an entry of the wrong type");
+    if (e.placed) {
+      require(node->szName == e.name.substr(0, moxfuzz::kStoredName), "an entry's name");
+      require(node->pParent != nullptr && node->pParent->iIndex == e.parent, "an entry's parent");
+    }
+    if (e.type == 2) {
+      require(iReadStreamChain(static_cast<int>(k), h) == 0, "a written stream does not open");
+      compareStream(h, e, "a written stream reads back wrong");
+    } else {
+      require(iReadStreamChain(static_cast<int>(k), h) != 0, "a storage opens as a stream");
+    }
+  }
+  if (m.plainNames()) checkExactPaths(h, m);
+  bOLEcloseStream(h, nullptr);
+  services.destroyPool(pool);
+  require(iOLEclose(h) == 1, "iOLEclose of the file read back");
+  require(memory.liveBlocks() == 0, "reading the written file left allocations live");
+}
+
+// The file opened through the writer's entry for reading: every stream by
+// its backslash path.
+void checkWithWriterEntry(const MoxOleInterface& api, const WriteModel& m,
+                          const std::vector<uint8_t>& file) {
+  if (!m.allPlaced) return;
+  moxhost::MemoryIo io(file);
+  moxhost::PoolServices services;
+  _MoxOleFile* h = api.hOLEopenEx(io.io(), services.services(), 0);
+  require(h != nullptr, "the written file does not open through hOLEopenEx");
+  for (size_t k = 1; k < m.entries.size(); ++k) {
+    std::string path;
+    if (!m.reachableOnDisk(static_cast<int>(k))) continue;
+    m.pathOf(static_cast<int>(k), moxfuzz::kStoredName, &path);
+    if (path.size() > moxfuzz::kLongestPath) continue;
+    const int status = api.iOLEopenStreamEx(h, path.c_str(), 0, 0);
+    if (m.entries[k].type == 2) {
+      require(status == 0, "a written stream not found by its path");
+      compareStream(h, m.entries[k], "a stream opened by its path reads back wrong");
+    } else {
+      require(status == -1, "a storage opened by its path as a stream");
+    }
+  }
+  unsigned char byte = 0;
+  require(api.iOLEopenStreamEx(h, "\\new", 2, 1) == 6, "an entry created in a document read");
+  require(api.iOLEwrite(h, &byte, 1) == 34, "a write to a document read");
+  require(api.iOLEclose(h) == 1, "iOLEclose of a document read through hOLEopenEx");
+  require(services.liveObjects() == 0, "reading through hOLEopenEx left allocations or pools");
+  require(io.writeCalls() == 0, "a document opened for reading was written to");
+  require(io.openCalls() == io.closeCalls(), "hOLEopenEx: I/O object opened and closed unevenly");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  MoxOleInterface api;
+  GetOLEInterface(reinterpret_cast<void**>(&api));
+  // A build without the writer has nothing to fuzz here.
+  if (api.hOLEopenEx == nullptr || api.iOLEopenStreamEx == nullptr || api.iOLEwrite == nullptr) {
+    return 0;
+  }
+  FuzzInput in(data, size);
+  const uint8_t mode = in.byte();
+  static const int kFlags[] = {1, 3, 2, 1};
+  const int flags = kFlags[mode & moxfuzz::kWriteFlagsMask];
+  const int64_t failAllocation = (mode & moxfuzz::kWriteFailAllocation) ? in.u16() + 1 : 0;
+  const int64_t failOutput = (mode & moxfuzz::kWriteFailOutput) ? in.u16() + 1 : 0;
+
+  moxhost::MemoryIo io;
+  moxhost::PoolServices services;
+  if (failOutput > 0) io.failWriteAt(failOutput);
+  if (failAllocation > 0) services.faults().failAt(failAllocation);
+  const bool faultsArmed = failAllocation > 0 || failOutput > 0;
+  // An output that cannot be opened or written makes no document, and the
+  // object, once opened, is closed again.
+  const bool unusableOutput = (mode & (moxfuzz::kWriteRefuseOpen | moxfuzz::kWriteReadOnlyOutput)) != 0;
+  io.failOpen((mode & moxfuzz::kWriteRefuseOpen) != 0);
+  io.setWritable((mode & moxfuzz::kWriteReadOnlyOutput) == 0);
+
+  _MoxOleFile* h = api.hOLEopenEx(io.io(), services.services(), flags);
+  if (flags == 2 || unusableOutput) require(h == nullptr, "hOLEopenEx made a document it cannot write");
+  if (h == nullptr) {
+    require(flags == 2 || unusableOutput || faultsArmed, "hOLEopenEx failed");
+    require(services.liveObjects() == 0, "a failed hOLEopenEx left allocations or pools");
+    require(io.openCalls() == io.closeCalls(), "a failed hOLEopenEx left the I/O object open");
+    require(io.writeCalls() == 0, "a failed hOLEopenEx wrote to the I/O object");
+    return 0;
+  }
+  Run run(api, h, faultsArmed, (mode & moxfuzz::kWriteLargeDocument) ? kLargeBudget : kSmallBudget);
+  for (int n = 0; n < kMaxOps && !in.empty(); ++n) run.step(in);
+  require(iOLEclose(h) == 1, "iOLEclose of a new document");
+  require(services.liveObjects() == 0, "the writer left allocations or pools live");
+  require(io.openCalls() == io.closeCalls(), "the writer did not close its I/O object");
+
+  const bool faultFired = services.faults().fired() || (failOutput > 0 && io.writeCalls() >= failOutput);
+  if (faultFired) return 0;
+  checkWithReader(run.model(), io.bytes());
+  checkWithWriterEntry(api, run.model(), io.bytes());
+  return 0;
+}

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -115,11 +116,15 @@ void Table::printRow(const Row& row) const {
   std::string label = row.section + ": " + row.label;
   // The memcpy column reads as "moxolefio takes this many times memcpy's
   // time", which is the ratio the throughput targets are stated in.
-  printf("%-52s %-6s %10s %10s %8s %10s %8s  %s\n", label.c_str(), row.unit.c_str(),
-         formatValue(row.mox).c_str(), formatValue(row.gsf).c_str(),
-         formatRatio(row.mox, row.gsf, row.higherIsBetter).c_str(),
-         formatValue(row.physical).c_str(),
-         formatRatio(row.physical, row.mox, row.higherIsBetter).c_str(), row.note.c_str());
+  char line[512];
+  snprintf(line, sizeof line, "%-52s %-6s %10s %10s %8s %10s %8s  %s", label.c_str(),
+           row.unit.c_str(), formatValue(row.mox).c_str(), formatValue(row.gsf).c_str(),
+           formatRatio(row.mox, row.gsf, row.higherIsBetter).c_str(),
+           formatValue(row.physical).c_str(),
+           formatRatio(row.physical, row.mox, row.higherIsBetter).c_str(), row.note.c_str());
+  size_t end = strlen(line);
+  while (end > 0 && line[end - 1] == ' ') --end;
+  printf("%.*s\n", static_cast<int>(end), line);
 }
 
 void Table::print() const {

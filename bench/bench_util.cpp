@@ -163,21 +163,6 @@ bool runInChild(const std::function<void(void* out)>& work, void* out, size_t si
   return got == size && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-ScratchDir::ScratchDir() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/moxbench-XXXXXX";
-  std::vector<char> name(pattern.begin(), pattern.end());
-  name.push_back(0);
-  if (mkdtemp(name.data()) != nullptr) path_ = name.data();
-}
-
-ScratchDir::~ScratchDir() {
-  if (path_.empty()) return;
-  std::string command = "rm -rf '" + path_ + "'";
-  int ignored = system(command.c_str());
-  (void)ignored;
-}
-
 bool writeCachedFile(const std::string& path, const std::vector<uint8_t>& bytes) {
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return false;

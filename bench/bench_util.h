@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "host/scratch_dir.h"
+
 namespace bench {
 
 // Seconds on a monotonic clock.
@@ -89,19 +91,7 @@ void measureRow(Row* row, int runs, const Work& mox, const Work& gsf, const Work
 bool runInChild(const std::function<void(void* out)>& work, void* out, size_t size,
                 double* peakRssMB);
 
-// A scratch folder removed with everything in it when the object goes.
-class ScratchDir {
- public:
-  ScratchDir();
-  ~ScratchDir();
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
+using ScratchDir = moxhost::ScratchDir;
 
 // Writes `bytes` to `path` and reads it back once so that it sits in the
 // page cache.  False on any error.

@@ -13,26 +13,6 @@
 
 namespace moxtest {
 
-ScratchDir::ScratchDir() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern =
-      std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") +
-      "/moxvos-test-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (mkdtemp(buffer.data()) != nullptr) path_ = buffer.data();
-}
-
-ScratchDir::~ScratchDir() {
-  if (path_.empty()) return;
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
-std::string ScratchDir::file(const std::string& name) const {
-  return path_ + "/" + name;
-}
-
 CwdGuard::CwdGuard(const std::string& dir) {
   char buffer[4096];
   if (getcwd(buffer, sizeof buffer) != nullptr) previous_ = buffer;

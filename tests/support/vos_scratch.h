@@ -8,24 +8,11 @@
 #include <functional>
 #include <string>
 
+#include "host/scratch_dir.h"
+
 namespace moxtest {
 
-// A fresh directory under $TMPDIR (or /tmp), removed with everything in it
-// when the object goes.
-class ScratchDir {
- public:
-  ScratchDir();
-  ~ScratchDir();
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-
-  const std::string& path() const { return path_; }
-  // path() + "/" + name
-  std::string file(const std::string& name) const;
-
- private:
-  std::string path_;
-};
+using ScratchDir = moxhost::ScratchDir;
 
 // Changes the working directory for the guard's life.
 class CwdGuard {

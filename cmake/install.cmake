@@ -7,7 +7,7 @@ install(TARGETS moxolefio EXPORT moxolefioTargets
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/include/
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-        FILES_MATCHING PATTERN "*.h")
+        FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 
 set(MOX_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/moxolefio)
 install(EXPORT moxolefioTargets NAMESPACE moxolefio::

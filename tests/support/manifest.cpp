@@ -30,6 +30,22 @@ std::vector<std::string> namePath(const std::string& field) {
   return names;
 }
 
+// The same field as whole UTF-16 names.
+std::vector<std::u16string> unitPath(const std::string& field) {
+  std::vector<std::u16string> names;
+  if (field == "/") return names;
+  for (const std::string& name : split(field, '/')) {
+    std::u16string units;
+    if (name != "-") {
+      for (const std::string& unit : split(name, ' ')) {
+        if (!unit.empty()) units += static_cast<char16_t>(std::stoul(unit, nullptr, 16));
+      }
+    }
+    names.push_back(units);
+  }
+  return names;
+}
+
 }  // namespace
 
 std::vector<File> load(const std::string& corpusDir) {
@@ -48,7 +64,7 @@ std::vector<File> load(const std::string& corpusDir) {
       file.header = Header{std::stoll(f[2]), std::stoll(f[3]), std::stoll(f[7]),
                            std::stoll(f[8]), std::stoll(f[9]), std::stoll(f[10])};
     } else if (f[0] == "entry" && f.size() >= 9) {
-      file.entries[std::stoi(f[2])] = Entry{f[3], std::stoll(f[4]), f[5], namePath(f[6]), f[8]};
+      file.entries[std::stoi(f[2])] = Entry{f[3], std::stoll(f[4]), f[5], namePath(f[6]), f[8], unitPath(f[6])};
     }
   }
   std::vector<File> out;

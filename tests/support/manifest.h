@@ -24,6 +24,7 @@ struct Entry {
   // UTF-16 unit, as this library keeps them); empty for the root.
   std::vector<std::string> path;
   std::string note;  // "-" when olefile read a stream whole
+  std::vector<std::u16string> names;  // the same names as whole UTF-16 units
 };
 
 struct File {

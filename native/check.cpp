@@ -1,0 +1,7 @@
+#include "native/check.h"
+
+namespace mox::detail {
+
+std::vector<Defect> checkImage(const Image& image) { return image.loadDefects(); }
+
+}  // namespace mox::detail

@@ -1,0 +1,129 @@
+// mox::CompoundFile: opening, the entry queries and streams.  Editing
+// lives in native/edit/.
+#include <algorithm>
+
+#include "moxolefio/moxolefio.hpp"
+#include "native/check.h"
+#include "native/file_impl.h"
+#include "native/stream_impl.h"
+
+namespace mox {
+
+using detail::kNoNode;
+
+std::string CompoundFile::Impl::name() const {
+  if (image) return image->name();
+  return path.empty() ? std::string("<memory>") : path.string();
+}
+
+std::uint32_t CompoundFile::Impl::require(std::string_view p) const {
+  const std::uint32_t node = tree.find(p);
+  if (node == kNoNode) throw Error(Errc::not_found, name() + ": " + std::string(p) + ": no such entry");
+  return node;
+}
+
+Entry CompoundFile::Impl::entryOf(std::uint32_t i, std::string p) const {
+  const detail::Node& n = tree.node(i);
+  Entry e;
+  e.name = n.utf8;
+  e.path = std::move(p);
+  e.type = n.type;
+  e.size = n.data ? n.data->size() : n.size;
+  e.clsid = n.clsid;
+  e.state_bits = n.state_bits;
+  e.created = n.created;
+  e.modified = n.modified;
+  e.id = n.id;
+  return e;
+}
+
+Stream CompoundFile::Impl::openStream(std::uint32_t i, const std::string& p) const {
+  const detail::Node& n = tree.node(i);
+  if (n.type != EntryType::stream) {
+    throw Error(Errc::invalid_argument, name() + ": " + p + ": not a stream");
+  }
+  if (n.data) return makeStream(n.data, p);
+  return makeStream(detail::openStoredStream(image, n.id, p), p);
+}
+
+namespace {
+
+std::shared_ptr<CompoundFile::Impl> openImage(std::unique_ptr<detail::ByteSource> source,
+                                              OpenOptions options) {
+  auto impl = std::make_shared<CompoundFile::Impl>();
+  impl->image = detail::Image::load(std::move(source));
+  impl->tree = detail::Tree::fromImage(*impl->image);
+  impl->options = options;
+  impl->version = impl->image->version();
+  impl->sector_size = impl->image->sectorSize();
+  if (options.strict) {
+    for (const Defect& d : detail::checkImage(*impl->image)) {
+      if (d.severity == Severity::error) {
+        throw Error(Errc::damaged, impl->name() + ": " + (d.path.empty() ? "" : d.path + ": ") + d.message);
+      }
+    }
+  }
+  return impl;
+}
+
+}  // namespace
+
+CompoundFile::CompoundFile(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
+CompoundFile::CompoundFile(CompoundFile&&) noexcept = default;
+CompoundFile& CompoundFile::operator=(CompoundFile&&) noexcept = default;
+CompoundFile::~CompoundFile() = default;
+
+CompoundFile CompoundFile::open(const std::filesystem::path& path, OpenOptions options) {
+  auto impl = openImage(detail::openFileSource(path), options);
+  impl->path = path;
+  return CompoundFile(std::move(impl));
+}
+
+CompoundFile CompoundFile::open_memory(const void* data, std::size_t size, OpenOptions options) {
+  if (data == nullptr && size != 0) throw Error(Errc::invalid_argument, "<memory>: null data");
+  return CompoundFile(openImage(detail::borrowMemory(data, size), options));
+}
+
+int CompoundFile::version() const { return impl_->version; }
+std::uint32_t CompoundFile::sector_size() const { return impl_->sector_size; }
+bool CompoundFile::writable() const { return impl_->writable; }
+
+Entry CompoundFile::root() const { return impl_->entryOf(0, std::string()); }
+
+std::optional<Entry> CompoundFile::entry(std::string_view path) const {
+  const std::uint32_t node = impl_->tree.find(path);
+  if (node == kNoNode) return std::nullopt;
+  return impl_->entryOf(node, impl_->tree.pathOf(node));
+}
+
+bool CompoundFile::exists(std::string_view path) const { return impl_->tree.find(path) != kNoNode; }
+
+std::vector<Entry> CompoundFile::children(std::string_view path) const {
+  const std::uint32_t node = impl_->require(path);
+  const std::string base = impl_->tree.pathOf(node);
+  std::vector<Entry> list;
+  list.reserve(impl_->tree.node(node).children.size());
+  for (std::uint32_t child : impl_->tree.node(node).children) {
+    list.push_back(impl_->entryOf(child, detail::childPath(base, node == 0, impl_->tree.node(child).utf8)));
+  }
+  return list;
+}
+
+std::vector<Entry> CompoundFile::walk() const {
+  std::vector<Entry> list;
+  list.reserve(impl_->tree.size());
+  impl_->tree.walk([&](std::uint32_t node, const std::string& path) { list.push_back(impl_->entryOf(node, path)); });
+  return list;
+}
+
+Stream CompoundFile::open_stream(std::string_view path) const {
+  const std::uint32_t node = impl_->require(path);
+  return impl_->openStream(node, impl_->tree.pathOf(node));
+}
+
+std::vector<Defect> CompoundFile::check() const {
+  if (!impl_->image) return {};
+  return detail::checkImage(*impl_->image);
+}
+
+}  // namespace mox

@@ -1,0 +1,36 @@
+// What a CompoundFile holds: the file as read (absent for a new one) and
+// the tree the interface answers from.  Editing keeps its state beside
+// them; reading never changes either.
+#ifndef MOXOLEFIO_NATIVE_FILE_IMPL_H_
+#define MOXOLEFIO_NATIVE_FILE_IMPL_H_
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "moxolefio/moxolefio.hpp"
+#include "native/image.h"
+#include "native/tree.h"
+
+namespace mox {
+
+struct CompoundFile::Impl {
+  std::shared_ptr<const detail::Image> image;  // null for a file made by create
+  detail::Tree tree;
+  std::filesystem::path path;  // empty for files in memory
+  OpenOptions options;
+  int version = 4;
+  std::uint32_t sector_size = 4096;
+  bool writable = false;
+
+  // For messages: the file's path, or "<memory>".
+  std::string name() const;
+  // The node a path names; throws Error(not_found).
+  std::uint32_t require(std::string_view path) const;
+  Entry entryOf(std::uint32_t node, std::string path) const;
+  Stream openStream(std::uint32_t node, const std::string& path) const;
+};
+
+}  // namespace mox
+
+#endif  // MOXOLEFIO_NATIVE_FILE_IMPL_H_

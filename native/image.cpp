@@ -1,0 +1,250 @@
+#include "native/image.h"
+
+#include <string.h>
+
+#include <algorithm>
+#include <unordered_set>
+
+namespace mox::detail {
+
+namespace {
+
+using moxfmt::kEndOfChain;
+using moxfmt::kFreeSector;
+using moxfmt::kMaxRegularSector;
+
+bool isRegular(std::uint32_t sector) { return sector <= kMaxRegularSector; }
+
+std::string sectorText(std::uint64_t sector) { return "sector " + std::to_string(sector); }
+
+}  // namespace
+
+std::shared_ptr<const Image> Image::load(std::unique_ptr<ByteSource> source) {
+  std::shared_ptr<Image> image(new Image(std::move(source)));
+  image->loadHeader();
+  image->loadFat();
+  image->loadMiniFat();
+  image->loadDirectory();
+  image->loadMiniStream();
+  return image;
+}
+
+int Image::version() const {
+  if (header_.major_version == 3 || header_.major_version == 4) return header_.major_version;
+  return header_.sector_shift >= 12 ? 4 : 3;
+}
+
+void Image::noteDefect(Severity severity, std::string code, std::int64_t sector,
+                       std::string message) {
+  load_defects_.push_back(Defect{severity, std::move(code), "", sector, std::move(message)});
+}
+
+void Image::loadHeader() {
+  unsigned char bytes[moxfmt::kHeaderSize] = {};
+  const bool whole = source_->size() >= moxfmt::kHeaderSize &&
+                     source_->readAt(0, bytes, sizeof bytes) == sizeof bytes;
+  if (!whole || memcmp(bytes, moxfmt::kSignature, sizeof moxfmt::kSignature) != 0) {
+    throw Error(Errc::not_a_compound_file, name() + ": not a compound file");
+  }
+  header_ = moxfmt::decodeHeader(bytes);
+  const unsigned shift = header_.sector_shift;
+  const unsigned mini = header_.mini_sector_shift;
+  // Sectors below 128 bytes cannot hold a directory entry, and above 64 KiB
+  // no writer has ever gone; the mini sector must be the smaller one.
+  if (shift < 7 || shift > 16 || mini < 1 || mini >= shift) {
+    throw Error(Errc::not_a_compound_file,
+                name() + ": unusable sector sizes (shifts " + std::to_string(shift) + ", " +
+                    std::to_string(mini) + ")");
+  }
+  sector_size_ = 1u << shift;
+  mini_sector_size_ = 1u << mini;
+  const std::uint64_t size = source_->size();
+  sectors_in_file_ = size > sector_size_ ? (size - sector_size_ + sector_size_ - 1) / sector_size_ : 0;
+}
+
+bool Image::appendSectorLinks(std::uint32_t sector, std::vector<std::uint32_t>& table) const {
+  const std::uint32_t links = moxfmt::linksPerSector(sector_size_);
+  const std::size_t at = table.size();
+  table.resize(at + links, kFreeSector);
+  if (!isRegular(sector) || sector >= sectors_in_file_) return false;
+  const std::uint64_t offset = (static_cast<std::uint64_t>(sector) + 1) * sector_size_;
+  std::vector<unsigned char> scratch;
+  const unsigned char* bytes = nullptr;
+  std::size_t available = 0;
+  if (source_->data() != nullptr) {
+    bytes = source_->data() + offset;
+    available = static_cast<std::size_t>(std::min<std::uint64_t>(sector_size_, source_->size() - offset));
+  } else {
+    scratch.resize(sector_size_);
+    available = source_->readAt(offset, scratch.data(), sector_size_);
+    bytes = scratch.data();
+  }
+  const std::size_t whole = available / 4;
+  // Little-endian words copy as they are on the little-endian hosts this
+  // library builds for.
+  if (header_.order == moxfmt::ByteOrder::kLittle && whole > 0) {
+    memcpy(table.data() + at, bytes, whole * 4);
+  } else {
+    for (std::size_t i = 0; i < whole; ++i) table[at + i] = moxfmt::get32(header_.order, bytes + 4 * i);
+  }
+  return true;
+}
+
+void Image::loadFat() {
+  std::uint64_t wanted = header_.fat_sector_count;
+  // A FAT needs no more sectors than the file has: more could only repeat
+  // sectors, and would cost memory the file does not account for.
+  if (wanted > sectors_in_file_) {
+    noteDefect(Severity::error, "fat-count", -1,
+               "the header counts " + std::to_string(wanted) + " FAT sectors, the file has " +
+                   std::to_string(sectors_in_file_) + " sectors");
+    wanted = sectors_in_file_;
+  }
+  for (std::size_t i = 0; i < moxfmt::kHeaderFatSlots && fat_sectors_.size() < wanted; ++i) {
+    fat_sectors_.push_back(header_.fat_slots[i]);
+  }
+  std::uint32_t next = header_.difat_start;
+  std::unordered_set<std::uint32_t> seen;
+  const std::uint32_t perSector = moxfmt::linksPerSector(sector_size_);
+  std::vector<std::uint32_t> links;
+  while (fat_sectors_.size() < wanted && isRegular(next)) {
+    if (next >= sectors_in_file_ || !seen.insert(next).second) {
+      noteDefect(Severity::error, next >= sectors_in_file_ ? "difat-range" : "difat-cycle", next,
+                 "DIFAT " + sectorText(next) +
+                     (next >= sectors_in_file_ ? " lies past the end of the file" : " is visited twice"));
+      break;
+    }
+    difat_sectors_.push_back(next);
+    links.clear();
+    appendSectorLinks(next, links);
+    for (std::uint32_t k = 0; k + 1 < perSector && fat_sectors_.size() < wanted; ++k) {
+      fat_sectors_.push_back(links[k]);
+    }
+    next = links[perSector - 1];
+  }
+  if (fat_sectors_.size() < wanted) {
+    noteDefect(Severity::error, "fat-count", -1,
+               "the header counts " + std::to_string(header_.fat_sector_count) +
+                   " FAT sectors, the DIFAT lists " + std::to_string(fat_sectors_.size()));
+  }
+  if (difat_sectors_.size() != header_.difat_count) {
+    noteDefect(Severity::warning, "difat-count", -1,
+               "the header counts " + std::to_string(header_.difat_count) +
+                   " DIFAT sectors, the chain has " + std::to_string(difat_sectors_.size()));
+  }
+  fat_.reserve(fat_sectors_.size() * perSector);
+  for (std::uint32_t sector : fat_sectors_) {
+    if (!appendSectorLinks(sector, fat_)) {
+      noteDefect(Severity::error, "fat-sector-range", sector,
+                 "FAT " + sectorText(sector) + " cannot be read");
+    }
+  }
+}
+
+Chain Image::chain(std::uint32_t start, bool mini, std::uint64_t wanted) const {
+  const std::vector<std::uint32_t>& table = mini ? mini_fat_ : fat_;
+  const std::uint64_t limit = mini ? table.size() : std::min<std::uint64_t>(table.size(), sectors_in_file_);
+  Chain c;
+  std::uint32_t s = start;
+  for (;;) {
+    if (wanted != 0 && c.sectors == wanted) {
+      c.end = ChainEnd::enough;
+      break;
+    }
+    if (s == kEndOfChain) {
+      c.end = ChainEnd::end_of_chain;
+      break;
+    }
+    if (!isRegular(s)) {
+      c.end = ChainEnd::broken;
+      c.last = s;
+      break;
+    }
+    if (s >= limit) {
+      c.end = ChainEnd::out_of_range;
+      c.last = s;
+      break;
+    }
+    // More links than the table has entries can only be going round.
+    if (c.sectors >= table.size()) {
+      c.end = ChainEnd::cycle;
+      break;
+    }
+    if (!c.runs.empty() && c.runs.back().first + c.runs.back().count == s) {
+      ++c.runs.back().count;
+    } else {
+      c.runs.push_back(Run{s, 1});
+    }
+    ++c.sectors;
+    c.last = s;
+    s = table[s];
+  }
+  return c;
+}
+
+void Image::loadMiniFat() {
+  if (header_.mini_fat_count == 0 && !isRegular(header_.mini_fat_start)) return;
+  Chain c = chain(header_.mini_fat_start, false);
+  if (c.end != ChainEnd::end_of_chain) {
+    noteDefect(Severity::error, "minifat-chain", c.last, "the mini FAT's chain is broken");
+  }
+  if (c.sectors != header_.mini_fat_count) {
+    noteDefect(Severity::warning, "minifat-count", -1,
+               "the header counts " + std::to_string(header_.mini_fat_count) +
+                   " mini FAT sectors, the chain has " + std::to_string(c.sectors));
+  }
+  for (const Run& run : c.runs) {
+    for (std::uint64_t k = 0; k < run.count; ++k) {
+      const auto sector = static_cast<std::uint32_t>(run.first + k);
+      mini_fat_sectors_.push_back(sector);
+      appendSectorLinks(sector, mini_fat_);
+    }
+  }
+}
+
+void Image::loadDirectory() {
+  Chain c = chain(header_.dir_start, false);
+  if (c.end != ChainEnd::end_of_chain) {
+    noteDefect(Severity::error, "directory-chain", c.last, "the directory's chain is broken");
+  }
+  const std::uint64_t perSector = sector_size_ / moxfmt::kEntrySize;
+  unsigned char bytes[moxfmt::kEntrySize];
+  for (const Run& run : c.runs) {
+    for (std::uint64_t k = 0; k < run.count; ++k) {
+      const std::uint64_t sector = run.first + k;
+      directory_sectors_.push_back(static_cast<std::uint32_t>(sector));
+      const std::uint64_t base = (sector + 1) * sector_size_;
+      for (std::uint64_t e = 0; e < perSector; ++e) {
+        if (source_->readAt(base + e * moxfmt::kEntrySize, bytes, sizeof bytes) != sizeof bytes) break;
+        entries_.push_back(moxfmt::decodeEntry(header_.order, bytes));
+      }
+    }
+  }
+  if (entries_.empty()) throw Error(Errc::damaged, name() + ": the directory cannot be read");
+  if (entries_[0].type != moxfmt::kTypeRoot) {
+    noteDefect(Severity::error, "root-type", -1, "the first directory entry is not the root");
+  }
+}
+
+void Image::loadMiniStream() {
+  const moxfmt::EntryRecord& root = entries_[0];
+  mini_stream_size_ = entrySize(root);
+  if (mini_stream_size_ == 0) return;
+  const std::uint64_t wanted = (mini_stream_size_ + sector_size_ - 1) / sector_size_;
+  mini_stream_ = chain(root.start, false, wanted);
+  if (mini_stream_.sectors < wanted) {
+    noteDefect(Severity::error, "ministream-chain", mini_stream_.last,
+               "the mini stream's chain has " + std::to_string(mini_stream_.sectors) +
+                   " sectors, its size needs " + std::to_string(wanted));
+  }
+}
+
+std::uint64_t Image::entrySize(const moxfmt::EntryRecord& e) const {
+  return header_.sector_shift >= 12 ? e.size : (e.size & 0xFFFFFFFFu);
+}
+
+bool Image::inMiniStream(const moxfmt::EntryRecord& e) const {
+  return e.type == moxfmt::kTypeStream && entrySize(e) < header_.mini_cutoff;
+}
+
+}  // namespace mox::detail

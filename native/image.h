@@ -1,0 +1,117 @@
+// A compound file as read: its header, FAT, mini FAT and directory,
+// loaded once and never changed, so that any number of streams and
+// threads can read through one Image at once.
+//
+// Loading is permissive and bounded by the file: a table grows only with
+// sectors that exist, a FAT sector or DIFAT sector listed twice is loaded
+// once, and every chain walk stops after as many links as its table has
+// entries.  What loading had to step over is kept as defects, so that
+// check() and strict opens can report it.
+#ifndef MOXOLEFIO_NATIVE_IMAGE_H_
+#define MOXOLEFIO_NATIVE_IMAGE_H_
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "format/records.h"
+#include "moxolefio/moxolefio.hpp"
+#include "native/source.h"
+
+namespace mox::detail {
+
+// Consecutive sectors first .. first + count - 1 of a chain.
+struct Run {
+  std::uint64_t first;
+  std::uint64_t count;
+};
+
+// How a chain walk ended.
+enum class ChainEnd {
+  end_of_chain,  // reached the end mark
+  enough,        // had the sectors the caller asked for
+  cycle,         // came back to a sector it had visited
+  out_of_range,  // a link past the table or the file
+  broken,        // a free or other special link in the middle
+};
+
+struct Chain {
+  std::vector<Run> runs;
+  std::uint64_t sectors = 0;
+  ChainEnd end = ChainEnd::end_of_chain;
+  std::uint32_t last = moxfmt::kEndOfChain;  // the last sector read, or the bad link
+};
+
+class Image {
+ public:
+  // Throws Error(not_a_compound_file) for anything without the signature
+  // and a usable header, Error(damaged) when no directory can be read.
+  static std::shared_ptr<const Image> load(std::unique_ptr<ByteSource> source);
+
+  const ByteSource& source() const { return *source_; }
+  const std::string& name() const { return source_->name(); }
+  const moxfmt::HeaderRecord& header() const { return header_; }
+  int version() const;
+  std::uint32_t sectorSize() const { return sector_size_; }
+  std::uint32_t miniSectorSize() const { return mini_sector_size_; }
+  // Sectors after the header, the last one possibly cut short.
+  std::uint64_t sectorsInFile() const { return sectors_in_file_; }
+
+  // The tables as loaded, in host byte order.  Entries of FAT sectors that
+  // could not be read are free.
+  const std::vector<std::uint32_t>& fat() const { return fat_; }
+  const std::vector<std::uint32_t>& miniFat() const { return mini_fat_; }
+  const std::vector<std::uint32_t>& fatSectors() const { return fat_sectors_; }
+  const std::vector<std::uint32_t>& difatSectors() const { return difat_sectors_; }
+  const std::vector<std::uint32_t>& miniFatSectors() const { return mini_fat_sectors_; }
+  const std::vector<std::uint32_t>& directorySectors() const { return directory_sectors_; }
+  const std::vector<moxfmt::EntryRecord>& entries() const { return entries_; }
+  // The mini stream: the root entry's chain of regular sectors.
+  const Chain& miniStream() const { return mini_stream_; }
+  std::uint64_t miniStreamSize() const { return mini_stream_size_; }
+
+  // What loading stepped over.
+  const std::vector<Defect>& loadDefects() const { return load_defects_; }
+
+  // Walks a chain of the FAT (mini == false) or the mini FAT.  `wanted`
+  // stops the walk once that many sectors are found (0: walk to the end).
+  Chain chain(std::uint32_t start, bool mini, std::uint64_t wanted = 0) const;
+
+  // An entry's size as readers see it: all 64 bits with 4096-byte sectors,
+  // the low 32 with smaller ones.
+  std::uint64_t entrySize(const moxfmt::EntryRecord& e) const;
+  // Whether a stream of this entry lives in the mini stream.
+  bool inMiniStream(const moxfmt::EntryRecord& e) const;
+
+ private:
+  explicit Image(std::unique_ptr<ByteSource> source) : source_(std::move(source)) {}
+  void loadHeader();
+  void loadFat();
+  void loadMiniFat();
+  void loadDirectory();
+  void loadMiniStream();
+  // Appends the sector's links to `table`; false when it lies past the file.
+  bool appendSectorLinks(std::uint32_t sector, std::vector<std::uint32_t>& table) const;
+  void noteDefect(Severity severity, std::string code, std::int64_t sector, std::string message);
+
+  std::unique_ptr<ByteSource> source_;
+  moxfmt::HeaderRecord header_;
+  std::uint32_t sector_size_ = 512;
+  std::uint32_t mini_sector_size_ = 64;
+  std::uint64_t sectors_in_file_ = 0;
+  std::vector<std::uint32_t> fat_;
+  std::vector<std::uint32_t> mini_fat_;
+  std::vector<std::uint32_t> fat_sectors_;
+  std::vector<std::uint32_t> difat_sectors_;
+  std::vector<std::uint32_t> mini_fat_sectors_;
+  std::vector<std::uint32_t> directory_sectors_;
+  std::vector<moxfmt::EntryRecord> entries_;
+  Chain mini_stream_;
+  std::uint64_t mini_stream_size_ = 0;
+  std::vector<Defect> load_defects_;
+};
+
+}  // namespace mox::detail
+
+#endif  // MOXOLEFIO_NATIVE_IMAGE_H_

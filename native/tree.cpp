@@ -1,0 +1,178 @@
+#include "native/tree.h"
+
+#include <algorithm>
+
+#include "format/names.h"
+
+namespace mox::detail {
+
+namespace {
+
+EntryType typeOf(std::uint8_t stored) {
+  switch (stored) {
+    case moxfmt::kTypeRoot: return EntryType::root;
+    case moxfmt::kTypeStorage: return EntryType::storage;
+    case moxfmt::kTypeStream: return EntryType::stream;
+    default: return EntryType::other;
+  }
+}
+
+Node nodeOf(const Image& image, std::uint32_t id) {
+  const moxfmt::EntryRecord& e = image.entries()[id];
+  Node n;
+  n.name.assign(reinterpret_cast<const char16_t*>(e.name), e.nameLength());
+  n.utf8 = moxfmt::utf16ToUtf8(e.name, e.nameLength());
+  n.type = id == 0 ? EntryType::root : typeOf(e.type);
+  if (id != 0 && n.type == EntryType::root) n.type = EntryType::other;
+  std::copy(std::begin(e.clsid), std::end(e.clsid), n.clsid.begin());
+  n.state_bits = e.state_bits;
+  n.created = e.created;
+  n.modified = e.modified;
+  n.size = n.type == EntryType::stream || n.type == EntryType::root ? image.entrySize(e) : 0;
+  n.id = id;
+  return n;
+}
+
+bool siblingLess(const Node& a, const Node& b) {
+  return moxfmt::compareSiblingNames(a.name, b.name) < 0;
+}
+
+}  // namespace
+
+std::string childPath(const std::string& parentPath, bool parentIsRoot, const std::string& name) {
+  // Below the root a path is just the name, but an empty first name would
+  // make it "" (the root) or lose its leading empty element: it keeps a '/'.
+  if (parentIsRoot) return name.empty() ? "/" : name;
+  return parentPath + "/" + name;
+}
+
+std::vector<std::string_view> splitPath(std::string_view path) {
+  std::vector<std::string_view> parts;
+  if (path.empty()) return parts;
+  if (path.front() == '/') path.remove_prefix(1);
+  for (;;) {
+    const std::size_t slash = path.find('/');
+    parts.push_back(path.substr(0, slash));
+    if (slash == std::string_view::npos) break;
+    path.remove_prefix(slash + 1);
+  }
+  return parts;
+}
+
+Tree Tree::empty() {
+  Tree t;
+  Node root;
+  root.name = u"Root Entry";
+  root.utf8 = moxfmt::kRootName;
+  root.type = EntryType::root;
+  t.nodes_.push_back(std::move(root));
+  return t;
+}
+
+Tree Tree::fromImage(const Image& image) {
+  const auto& entries = image.entries();
+  Tree t;
+  t.nodes_.reserve(entries.size());
+  t.nodes_.push_back(nodeOf(image, 0));
+  std::vector<bool> seen(entries.size(), false);
+  seen[0] = true;
+  // Each storage's sibling tree is read in order (left, self, right);
+  // entries met a second time are listed once, where first met.
+  std::vector<std::uint32_t> pending{0};
+  std::vector<std::uint32_t> stack;
+  while (!pending.empty()) {
+    const std::uint32_t parent = pending.back();
+    pending.pop_back();
+    std::uint32_t at = entries[t.nodes_[parent].id].child;
+    stack.clear();
+    while (at < entries.size() || !stack.empty()) {
+      if (at < entries.size() && !seen[at]) {
+        seen[at] = true;
+        stack.push_back(at);
+        at = entries[at].left;
+        continue;
+      }
+      if (stack.empty()) break;
+      const std::uint32_t id = stack.back();
+      stack.pop_back();
+      const auto index = static_cast<std::uint32_t>(t.nodes_.size());
+      t.nodes_.push_back(nodeOf(image, id));
+      t.nodes_.back().parent = parent;
+      t.nodes_[parent].children.push_back(index);
+      pending.push_back(index);
+      at = entries[id].right;
+    }
+    std::vector<std::uint32_t>& list = t.nodes_[parent].children;
+    auto less = [&](std::uint32_t a, std::uint32_t b) { return siblingLess(t.nodes_[a], t.nodes_[b]); };
+    if (!std::is_sorted(list.begin(), list.end(), less)) std::stable_sort(list.begin(), list.end(), less);
+  }
+  return t;
+}
+
+std::uint32_t Tree::findChild(std::uint32_t parent, std::string_view name) const {
+  const std::vector<std::uint32_t>& kids = nodes_[parent].children;
+  const std::u16string wanted = moxfmt::utf8ToUtf16(name);
+  auto lower = std::lower_bound(kids.begin(), kids.end(), wanted, [&](std::uint32_t i, const std::u16string& w) {
+    return moxfmt::compareSiblingNames(nodes_[i].name, w) < 0;
+  });
+  auto upper = lower;
+  while (upper != kids.end() && moxfmt::compareSiblingNames(nodes_[*upper].name, wanted) == 0) ++upper;
+  for (auto it = lower; it != upper; ++it) {
+    if (nodes_[*it].utf8 == name) return *it;
+  }
+  if (upper - lower == 1) return *lower;
+  // Names with unpaired surrogates read as U+FFFD, which sorts elsewhere
+  // than the stored unit: such a name is found by its UTF-8 form.
+  if (lower == upper && name.find("\xEF\xBF\xBD") != std::string_view::npos) {
+    for (std::uint32_t i : kids) {
+      if (nodes_[i].utf8 == name) return i;
+    }
+  }
+  return kNoNode;
+}
+
+std::uint32_t Tree::find(std::string_view path) const {
+  std::uint32_t at = 0;
+  for (std::string_view part : splitPath(path)) {
+    at = findChild(at, part);
+    if (at == kNoNode) return kNoNode;
+  }
+  return at;
+}
+
+std::string Tree::pathOf(std::uint32_t i) const {
+  std::vector<std::uint32_t> chain;
+  for (std::uint32_t at = i; at != 0 && at != kNoNode; at = nodes_[at].parent) chain.push_back(at);
+  std::string path;
+  for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+    path = childPath(path, it == chain.rbegin(), nodes_[*it].utf8);
+  }
+  return path;
+}
+
+std::uint32_t Tree::addChild(std::uint32_t parent, Node child) {
+  const auto index = static_cast<std::uint32_t>(nodes_.size());
+  child.parent = kNoNode;
+  nodes_.push_back(std::move(child));
+  attach(parent, index);
+  return index;
+}
+
+void Tree::attach(std::uint32_t parent, std::uint32_t i) {
+  std::vector<std::uint32_t>& kids = nodes_[parent].children;
+  auto at = std::upper_bound(kids.begin(), kids.end(), i, [&](std::uint32_t a, std::uint32_t b) {
+    return siblingLess(nodes_[a], nodes_[b]);
+  });
+  kids.insert(at, i);
+  nodes_[i].parent = parent;
+}
+
+void Tree::detach(std::uint32_t i) {
+  const std::uint32_t parent = nodes_[i].parent;
+  if (parent == kNoNode) return;
+  std::vector<std::uint32_t>& kids = nodes_[parent].children;
+  kids.erase(std::remove(kids.begin(), kids.end(), i), kids.end());
+  nodes_[i].parent = kNoNode;
+}
+
+}  // namespace mox::detail

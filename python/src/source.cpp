@@ -107,7 +107,12 @@ void raise(const mox::Error& e, const std::string& fileName) {
     case mox::Errc::exists: type = PyExc_FileExistsError; break;
     case mox::Errc::read_only: type = g_exceptions.unsupported.ptr(); break;
   }
-  PyErr_SetString(type, message.c_str());
+  // Names may hold any character, NUL included: the message is passed
+  // whole, not as a C string.
+  PyObject* text = PyUnicode_DecodeUTF8(message.data(), static_cast<Py_ssize_t>(message.size()), "replace");
+  if (text == nullptr) throw py::error_already_set();
+  PyErr_SetObject(type, text);
+  Py_DECREF(text);
   throw py::error_already_set();
 }
 

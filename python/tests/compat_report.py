@@ -42,8 +42,8 @@ def report(module, path):
             lines.append('%s: %s' % ('/'.join(name), ' '.join(fields)))
         for name in streams:
             try:
-                with_stream = ole.openstream(name)
-                digest = hashlib.sha256(with_stream.read()).hexdigest()
+                data = ole.openstream(name).read()
+                digest = '%d %s' % (len(data), hashlib.sha256(data).hexdigest())
             except Exception as exc:
                 digest = _error(exc)
             lines.append('sha256 %s: %s' % ('/'.join(name), digest))

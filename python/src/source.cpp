@@ -10,7 +10,7 @@ namespace {
 
 // Trimming gives back pages of large mappings only: small files stay
 // resident, so nothing is read twice from the page cache for them.
-constexpr std::uint64_t kTrimEvery = 64ull << 20;
+constexpr std::uint64_t kTrimEvery = 32ull << 20;
 
 }  // namespace
 

@@ -3,6 +3,7 @@ folders by the command-line host (``moxole pack``), which writes them with
 the library's own writer."""
 
 import os
+import shutil
 import subprocess
 import sys
 
@@ -52,27 +53,35 @@ def _fill(folder, tree):
         path = os.path.join(folder, name)
         if isinstance(content, dict):
             _fill(path, content)
+        elif callable(content):
+            with open(path, 'wb') as f:
+                content(f)
         else:
             with open(path, 'wb') as f:
                 f.write(content)
 
 
-@pytest.fixture
-def pack(tmp_path):
-    """pack(tree) -> path of a compound file holding ``tree`` (a dict of
-    name -> bytes for streams, name -> dict for storages; names as
-    ``moxole extract`` escapes them)."""
+def pack_folder(tree, folder, out):
+    """Writes ``tree`` (a dict of name -> bytes for streams, name -> dict
+    for storages, name -> a callable writing to a binary file for large
+    streams; names as ``moxole extract`` escapes them) as a folder and
+    packs it into the compound file ``out``."""
     program = moxole_program()
     if program is None:
         pytest.skip('moxole is not built (set MOXOLE_PROGRAM)')
+    _fill(str(folder), tree)
+    subprocess.run([program, 'pack', str(folder), str(out)], check=True)
+    shutil.rmtree(str(folder))
+    return str(out)
+
+
+@pytest.fixture
+def pack(tmp_path):
+    """pack(tree) -> path of a new compound file holding ``tree``."""
     count = [0]
 
     def make(tree):
         count[0] += 1
-        folder = tmp_path / ('tree%d' % count[0])
-        out = tmp_path / ('doc%d.cfb' % count[0])
-        _fill(str(folder), tree)
-        subprocess.run([program, 'pack', str(folder), str(out)], check=True)
-        return str(out)
+        return pack_folder(tree, tmp_path / ('tree%d' % count[0]), tmp_path / ('doc%d.cfb' % count[0]))
 
     return make

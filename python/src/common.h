@@ -29,15 +29,17 @@ namespace py = pybind11;
 
 // --- Bytes behind a file opened for reading -----------------------------------
 
-// Either a read-only mapping of a file made here, or a Python object's
-// buffer held for as long as anything reads from it.  Mapped pages that
-// have been read are given back to the kernel every so often, so that
-// reading a stream larger than memory does not leave the whole file
-// resident in the process.
+// A small file's bytes read into memory, a read-only mapping of a larger
+// file made here, or a Python object's buffer held for as long as
+// anything reads from it.  Mapped pages that have been read are given
+// back to the kernel every so often, so that reading a file larger than
+// memory does not leave all of it resident in the process.
 class Source {
  public:
-  // Maps an open descriptor; null when the file cannot be mapped (then
-  // the native reader's own file access is used instead).
+  // Reads a whole file; null when it cannot be read in one go (then the
+  // native reader's own file access is used instead).
+  static std::shared_ptr<Source> read(int fd, std::uint64_t size);
+  // Maps an open descriptor; null when the file cannot be mapped.
   static std::shared_ptr<Source> map(int fd, std::uint64_t size);
   // Holds `owner`'s buffer (bytes, bytearray, memoryview, mmap...).
   // Needs the GIL, as does the destruction of such a source.
@@ -49,6 +51,7 @@ class Source {
 
   const void* data() const { return data_; }
   std::size_t size() const { return size_; }
+  bool mapped() const { return mapped_; }
   // Counts bytes copied out of the mapping and trims it when enough have
   // gone by.  Safe without the GIL.
   void noteRead(std::size_t count);
@@ -59,6 +62,7 @@ class Source {
   std::size_t size_ = 0;
   bool mapped_ = false;
   bool has_view_ = false;
+  std::unique_ptr<unsigned char[]> owned_;
   Py_buffer view_{};
   std::atomic<std::uint64_t> since_trim_{0};
 };
@@ -69,6 +73,10 @@ struct FileState {
   std::string name;                // the file's name for messages ("<memory>" for bytes)
   bool writable = false;
   bool modified = false;           // changed since the last commit (write mode)
+  // A mapped file's descriptor, kept so that large streams can be read
+  // with pread from the very same file (-1 when there is none).
+  int fd = -1;
+  ~FileState();
 };
 
 // --- Errors -----------------------------------------------------------------
@@ -84,7 +92,8 @@ void registerExceptions(py::module_& m);
 
 // Raises the Python exception matching `e`; messages that name the file
 // as "<memory>" name `fileName` instead when there is one.
-[[noreturn]] void raise(const mox::Error& e, const std::string& fileName = std::string());
+[[noreturn]] void raise(const mox::Error& e, const std::string& fileName = std::string(),
+                        const std::string& nativeName = "<memory>");
 
 // --- The name index ------------------------------------------------------------
 
@@ -172,7 +181,9 @@ bool lowerName(const char* text, std::size_t length, std::string& out);
 // worth it, so that threads reading different streams run in parallel.
 class PyStream {
  public:
-  PyStream(mox::Stream stream, std::shared_ptr<FileState> state);
+  // `nativeName` is how the native file names itself in messages;
+  // `throughMapping` says whether reads copy out of the state's mapping.
+  PyStream(mox::Stream stream, std::shared_ptr<FileState> state, std::string nativeName, bool throughMapping);
 
   py::bytes read(py::handle size);
   py::bytes readAll();
@@ -197,6 +208,8 @@ class PyStream {
 
   mox::Stream stream_;
   std::shared_ptr<FileState> state_;
+  std::string native_name_;
+  bool through_mapping_;
   std::mutex mutex_;
   bool closed_ = false;
 };

@@ -21,6 +21,17 @@ namespace {
 // walk is long enough to be worth it.
 constexpr std::uint64_t kOpenWithoutGil = 1u << 20;
 
+// Files up to this size are read into memory at once: one system call
+// costs less than setting up and taking down a mapping and faulting its
+// pages in.
+constexpr std::uint64_t kReadWhole = 4u << 20;
+
+// In a mapped file, streams from this size on are read with pread from a
+// second, unmapped opening of the same file: large reads then cost what
+// the system's own reads cost, and the file's pages never become part of
+// the process.
+constexpr std::uint64_t kPreadAtLeast = 1u << 20;
+
 [[noreturn]] void raiseOsError(const char* message) {
   PyErr_SetString(PyExc_OSError, message);
   throw py::error_already_set();
@@ -76,6 +87,7 @@ class File {
   void openPath(py::handle filename, const std::string& fspath, const std::string& name, bool write,
                 bool strict) {
     reset();
+    strict_ = strict;
     auto state = std::make_shared<FileState>();
     state->name = name;
     // The descriptor is opened here, not by the native reader, so that a
@@ -99,8 +111,13 @@ class File {
         throw py::value_error("this build of moxolefio reads only: write_mode is not available");
 #endif
       } else {
-        if (S_ISREG(info.st_mode)) state->source = Source::map(fd, static_cast<std::uint64_t>(info.st_size));
-        ::close(fd);
+        const auto size = static_cast<std::uint64_t>(info.st_size);
+        state->fd = fd;  // the state closes it from here on
+        if (S_ISREG(info.st_mode)) state->source = size <= kReadWhole ? Source::read(fd, size) : Source::map(fd, size);
+        if (!state->source || !state->source->mapped()) {
+          ::close(fd);
+          state->fd = -1;
+        }
         mox::OpenOptions options;
         options.strict = strict;
         py::gil_scoped_release release;
@@ -122,11 +139,15 @@ class File {
   bool openDescriptor(int fd, const std::string& name, bool strict) {
     struct stat info;
     if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) return false;
-    std::shared_ptr<Source> source = Source::map(fd, static_cast<std::uint64_t>(info.st_size));
+    const auto size = static_cast<std::uint64_t>(info.st_size);
+    std::shared_ptr<Source> source = size <= kReadWhole ? Source::read(fd, size) : Source::map(fd, size);
     if (!source) return false;
     reset();
+    strict_ = strict;
     auto state = std::make_shared<FileState>();
     state->name = name;
+    // The caller keeps its descriptor: a copy serves large streams.
+    if (source->mapped()) state->fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
     state->source = std::move(source);
     mox::OpenOptions options;
     options.strict = strict;
@@ -207,6 +228,7 @@ class File {
     // let go, as olefile closes its file object.
     if (state_) state_->modified = false;
     cf_.reset();
+    twin_.reset();
     closed_ = true;
   }
 
@@ -265,9 +287,20 @@ class File {
     if (index_.node(i).type != kTypeStream) raiseOsError("this file is not a stream");
     if (!cf_) raiseOsError("Attempting to open a stream from a closed OLE File");
     const std::string native = index_.nativePath(i);
+    const std::uint64_t size = index_.node(i).size;
+    if (size >= kPreadAtLeast && !state_->writable && unmappedTwin()) {
+      std::optional<mox::Stream> stream;
+      try {
+        py::gil_scoped_release release;
+        stream.emplace(twin_->open_stream(native));
+      } catch (const mox::Error& e) {
+        raise(e, state_->name, twinName());
+      }
+      return new PyStream(std::move(*stream), state_, twinName(), false);
+    }
     std::optional<mox::Stream> stream;
     try {
-      if (!state_->writable && index_.node(i).size >= kOpenWithoutGil) {
+      if (!state_->writable && size >= kOpenWithoutGil) {
         py::gil_scoped_release release;
         stream.emplace(cf_->open_stream(native));
       } else {
@@ -276,7 +309,7 @@ class File {
     } catch (const mox::Error& e) {
       raise(e, state_->name);
     }
-    return new PyStream(std::move(*stream), state_);
+    return new PyStream(std::move(*stream), state_, "<memory>", true);
   }
 
   // --- Beyond olefile -----------------------------------------------------------------
@@ -454,9 +487,31 @@ class File {
 
  private:
   void reset() {
+    twin_.reset();
+    twin_failed_ = false;
     cf_.reset();
     state_.reset();
     closed_ = false;
+  }
+
+  std::string twinName() const { return "/proc/self/fd/" + std::to_string(state_->fd); }
+
+  // The unmapped opening of a mapped file, made on first need through the
+  // descriptor kept open, so that it is the very file that was mapped.
+  // False when there is none to be had (the mapping serves instead).
+  bool unmappedTwin() {
+    if (twin_) return true;
+    if (twin_failed_ || !state_ || state_->fd < 0) return false;
+    mox::OpenOptions options;
+    options.strict = strict_;
+    options.map = false;
+    try {
+      py::gil_scoped_release release;
+      twin_.emplace(mox::CompoundFile::open(twinName(), options));
+    } catch (const mox::Error&) {
+      twin_failed_ = true;
+    }
+    return twin_.has_value();
   }
 
   void adopt(mox::CompoundFile cf, std::shared_ptr<FileState> state) {
@@ -535,6 +590,9 @@ class File {
   }
 
   std::optional<mox::CompoundFile> cf_;
+  std::optional<mox::CompoundFile> twin_;
+  bool twin_failed_ = false;
+  bool strict_ = false;
   std::shared_ptr<FileState> state_;
   Index index_;
   bool closed_ = false;

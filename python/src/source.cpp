@@ -1,6 +1,10 @@
 // Sources of bytes for files opened for reading, and the exceptions the
 // module raises.
+#include <errno.h>
 #include <sys/mman.h>
+#include <unistd.h>
+
+#include <new>
 
 #include "python/src/common.h"
 
@@ -13,6 +17,24 @@ namespace {
 constexpr std::uint64_t kTrimEvery = 32ull << 20;
 
 }  // namespace
+
+std::shared_ptr<Source> Source::read(int fd, std::uint64_t size) {
+  if (size == 0 || size > SIZE_MAX) return nullptr;
+  std::unique_ptr<unsigned char[]> bytes(new (std::nothrow) unsigned char[static_cast<std::size_t>(size)]);
+  if (!bytes) return nullptr;
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t n = pread(fd, bytes.get() + done, static_cast<std::size_t>(size) - done, static_cast<off_t>(done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return nullptr;  // changed under us, or unreadable: the native reader decides
+    done += static_cast<std::size_t>(n);
+  }
+  std::shared_ptr<Source> s(new Source());
+  s->data_ = bytes.get();
+  s->size_ = static_cast<std::size_t>(size);
+  s->owned_ = std::move(bytes);
+  return s;
+}
 
 std::shared_ptr<Source> Source::map(int fd, std::uint64_t size) {
   if (size == 0 || size > SIZE_MAX) return nullptr;
@@ -46,6 +68,10 @@ void Source::noteRead(std::size_t count) {
   // A shared read-only mapping of a file holds no private pages: dropping
   // it only unmaps page-cache pages, which the next access maps again.
   madvise(const_cast<void*>(data_), size_, MADV_DONTNEED);
+}
+
+FileState::~FileState() {
+  if (fd >= 0) ::close(fd);
 }
 
 // --- Exceptions ----------------------------------------------------------------
@@ -87,14 +113,13 @@ void registerExceptions(py::module_& m) {
   });
 }
 
-void raise(const mox::Error& e, const std::string& fileName) {
+void raise(const mox::Error& e, const std::string& fileName, const std::string& nativeName) {
   // olefile's own words, so that scripts printing the error print the same.
   std::string message = e.code() == mox::Errc::not_a_compound_file
                             ? std::string("not an OLE2 structured storage file")
                             : std::string(e.what());
-  static const std::string kMemory = "<memory>";
-  if (!fileName.empty() && message.compare(0, kMemory.size(), kMemory) == 0) {
-    message.replace(0, kMemory.size(), fileName);
+  if (!fileName.empty() && message.compare(0, nativeName.size(), nativeName) == 0) {
+    message.replace(0, nativeName.size(), fileName);
   }
   PyObject* type = PyExc_OSError;
   switch (e.code()) {

@@ -59,8 +59,10 @@ class PyStream::Busy {
   std::unique_lock<std::mutex> lock_;
 };
 
-PyStream::PyStream(mox::Stream stream, std::shared_ptr<FileState> state)
-    : stream_(std::move(stream)), state_(std::move(state)) {}
+PyStream::PyStream(mox::Stream stream, std::shared_ptr<FileState> state, std::string nativeName,
+                   bool throughMapping)
+    : stream_(std::move(stream)), state_(std::move(state)), native_name_(std::move(nativeName)),
+      through_mapping_(throughMapping) {}
 
 void PyStream::live() const {
   if (closed_) throw py::value_error("I/O operation on closed file.");
@@ -78,9 +80,9 @@ std::size_t PyStream::readInto(char* out, std::size_t count) {
       got = stream_.read(out, count);
     }
   } catch (const mox::Error& e) {
-    raise(e, state_->name);
+    raise(e, state_->name, native_name_);
   }
-  if (state_->source) state_->source->noteRead(got);
+  if (through_mapping_ && state_->source) state_->source->noteRead(got);
   return got;
 }
 
@@ -225,7 +227,7 @@ std::size_t PyStream::write(py::buffer data) {
   try {
     stream_.write(view.buf, static_cast<std::size_t>(view.len));
   } catch (const mox::Error& e) {
-    raise(e, state_->name);
+    raise(e, state_->name, native_name_);
   }
   state_->modified = true;
   return static_cast<std::size_t>(view.len);
@@ -242,7 +244,7 @@ std::uint64_t PyStream::truncate(py::handle size) {
   try {
     stream_.set_size(to);
   } catch (const mox::Error& e) {
-    raise(e, state_->name);
+    raise(e, state_->name, native_name_);
   }
   state_->modified = true;
   return to;

@@ -15,6 +15,9 @@ from conftest import pack_folder
 CHUNK = 4096
 BIG_CHUNKS = 40960          # 160 MiB: several times the amount after which read pages are given back
 MEDIUM_CHUNKS = 768         # 3 MiB
+# Streams just under 1 MiB are read through the file's mapping; together
+# more than the memory bound, so that pages read must be given back.
+MIDS, MID_CHUNKS = 110, 256
 
 
 def chunk(i):
@@ -40,7 +43,10 @@ def big_doc(tmp_path_factory):
         for first in range(0, BIG_CHUNKS, 256):
             f.write(chunks(first, 256))
 
-    tree = {'big': big, 'small': b'tiny'}
+    def mid(j):
+        return lambda f: f.write(chunks(j * MID_CHUNKS, MID_CHUNKS)[:-1])
+
+    tree = {'big': big, 'small': b'tiny', 'mids': {'%03d' % j: mid(j) for j in range(MIDS)}}
     for k in range(4):
         tree['m%d' % k] = chunks(k * MEDIUM_CHUNKS, MEDIUM_CHUNKS)
     top = tmp_path_factory.mktemp('big')
@@ -119,6 +125,10 @@ def test_opening_reads_nothing_and_pieces_keep_memory_flat(big_doc):
             del piece
             peak = max(peak, rss() - before)
         assert stream.read(1) == b''
+        assert peak < 100 << 20, peak
+        for j in range(MIDS):
+            assert ole.openstream('mids/%03d' % j).read() == chunks(j * MID_CHUNKS, MID_CHUNKS)[:-1]
+            peak = max(peak, rss() - before)
     assert peak < 100 << 20, peak
 
 

@@ -118,6 +118,7 @@ std::vector<Entry> CompoundFile::walk() const {
 
 Stream CompoundFile::open_stream(std::string_view path) const {
   const std::uint32_t node = impl_->require(path);
+  if (impl_->writable) return impl_->openWritable(node, impl_->tree.pathOf(node));
   return impl_->openStream(node, impl_->tree.pathOf(node));
 }
 

@@ -12,6 +12,10 @@
 #include "native/image.h"
 #include "native/tree.h"
 
+namespace mox::detail {
+class Scratch;
+}
+
 namespace mox {
 
 struct CompoundFile::Impl {
@@ -22,6 +26,10 @@ struct CompoundFile::Impl {
   int version = 4;
   std::uint32_t sector_size = 4096;
   bool writable = false;
+  // Editing: where new stream bytes wait for the next commit.  A file from
+  // create or open_rw has one; the committed state is `image` itself
+  // (revert rebuilds the tree from it).
+  std::shared_ptr<detail::Scratch> scratch;
 
   // For messages: the file's path, or "<memory>".
   std::string name() const;
@@ -29,6 +37,9 @@ struct CompoundFile::Impl {
   std::uint32_t require(std::string_view path) const;
   Entry entryOf(std::uint32_t node, std::string path) const;
   Stream openStream(std::uint32_t node, const std::string& path) const;
+  // The stream of a writable file, turned into an edited stream (a view of
+  // the stored one until written) on first use.
+  Stream openWritable(std::uint32_t node, const std::string& path);
 };
 
 }  // namespace mox

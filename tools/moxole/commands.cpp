@@ -49,6 +49,26 @@ const std::vector<Command>& allCommands() {
        "\n"
        "  -p  copy the 76-byte picture record of its \\x03PIC stream instead\n",
        "p", 3, 3, runObject},
+      {"put", "put FILE PATH [SRC]",
+       "Writes the stream at PATH from the file SRC, or from standard input when\n"
+       "SRC is missing or '-', replacing a stream already there and making the\n"
+       "storages above it.  FILE is created (version 4) when it does not exist.\n"
+       "The document is rewritten beside itself and renamed over FILE only\n"
+       "when complete.\n",
+       "", 2, 3, runPut},
+      {"rm", "rm FILE PATH",
+       "Removes the stream or storage at PATH, with everything below it,\n"
+       "committed as 'put' does.\n",
+       "", 2, 2, runRemove},
+      {"mv", "mv FILE PATH NEW",
+       "Moves the entry at PATH into the storage NEW when there is one, else\n"
+       "renames and moves it to the path NEW (whose storage must exist).\n"
+       "Committed as 'put' does.\n",
+       "", 3, 3, runMove},
+      {"mkdir", "mkdir FILE PATH",
+       "Makes the storage PATH and any storages above it.  FILE is created\n"
+       "(version 4) when it does not exist.  Committed as 'put' does.\n",
+       "", 2, 2, runMkdir},
   };
   return commands;
 }

@@ -95,7 +95,7 @@ const char* chainEndText(ChainEnd end) {
 
 std::shared_ptr<StreamData> openStoredStream(std::shared_ptr<const Image> image, std::uint32_t id,
                                              const std::string& path) {
-  const moxfmt::EntryRecord& e = image->entries()[id];
+  const moxfmt::EntryRecord e = image->entry(id);
   const std::uint64_t size = image->entrySize(e);
   const bool mini = image->inMiniStream(e);
   const unsigned shift = mini ? image->header().mini_sector_shift : image->header().sector_shift;

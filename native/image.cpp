@@ -141,9 +141,28 @@ void Image::loadFat() {
   }
 }
 
+namespace {
+
+// Whether two runs share a sector: sorted by start, each must end before
+// the next begins.
+bool runsOverlap(std::vector<Run> runs) {
+  std::sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.first < b.first; });
+  for (std::size_t i = 1; i < runs.size(); ++i) {
+    if (runs[i - 1].first + runs[i - 1].count > runs[i].first) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
 Chain Image::chain(std::uint32_t start, bool mini, std::uint64_t wanted) const {
   const std::vector<std::uint32_t>& table = mini ? mini_fat_ : fat_;
   const std::uint64_t limit = mini ? table.size() : std::min<std::uint64_t>(table.size(), sectors_in_file_);
+  // A walk to the end (the tables, once per open) marks what it visits and
+  // stops at the first sector it meets again; a walk for a stream's
+  // `wanted` sectors checks its runs for overlaps at the end instead, which
+  // costs nothing per link and no memory the size of the table per stream.
+  std::vector<bool> visited(wanted == 0 ? limit : 0, false);
   Chain c;
   std::uint32_t s = start;
   for (;;) {
@@ -166,10 +185,12 @@ Chain Image::chain(std::uint32_t start, bool mini, std::uint64_t wanted) const {
       break;
     }
     // More links than the table has entries can only be going round.
-    if (c.sectors >= table.size()) {
+    if (c.sectors >= table.size() || (wanted == 0 && visited[s])) {
       c.end = ChainEnd::cycle;
+      c.last = s;
       break;
     }
+    if (wanted == 0) visited[s] = true;
     if (!c.runs.empty() && c.runs.back().first + c.runs.back().count == s) {
       ++c.runs.back().count;
     } else {
@@ -179,6 +200,7 @@ Chain Image::chain(std::uint32_t start, bool mini, std::uint64_t wanted) const {
     c.last = s;
     s = table[s];
   }
+  if (wanted != 0 && c.runs.size() > 1 && runsOverlap(c.runs)) c.end = ChainEnd::cycle;
   return c;
 }
 
@@ -255,7 +277,9 @@ void Image::loadMiniStream() {
   if (mini_stream_size_ == 0) return;
   const std::uint64_t wanted = (mini_stream_size_ + sector_size_ - 1) / sector_size_;
   mini_stream_ = chain(root.start, false, wanted);
-  if (mini_stream_.sectors < wanted) {
+  if (mini_stream_.end == ChainEnd::cycle) {
+    noteDefect(Severity::error, "ministream-cycle", -1, "the mini stream's chain comes back to a sector");
+  } else if (mini_stream_.sectors < wanted) {
     noteDefect(Severity::error, "ministream-chain", mini_stream_.last,
                "the mini stream's chain has " + std::to_string(mini_stream_.sectors) +
                    " sectors, its size needs " + std::to_string(wanted));

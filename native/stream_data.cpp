@@ -102,7 +102,7 @@ std::shared_ptr<StreamData> openStoredStream(std::shared_ptr<const Image> image,
   const std::uint64_t wanted = (size + (std::uint64_t{1} << shift) - 1) >> shift;
   Chain chain;
   if (wanted > 0) chain = image->chain(e.start, mini, wanted);
-  if (chain.sectors < wanted) {
+  if (chain.sectors < wanted || chain.end == ChainEnd::cycle) {
     throw Error(Errc::damaged, image->name() + ": " + path + ": the stream's " +
                                    (mini ? "mini " : "") + "chain " + chainEndText(chain.end) +
                                    " (" + std::to_string(chain.sectors) + " of " +

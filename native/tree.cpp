@@ -59,10 +59,10 @@ std::vector<std::string_view> splitPath(std::string_view path) {
   return parts;
 }
 
-Tree::Tree() : lock_(std::make_unique<std::mutex>()) {}
+Tree::Tree() : lock_(std::make_unique<std::recursive_mutex>()) {}
 Tree::Tree(const Tree& other)
     : nodes_(other.nodes_), image_(other.image_), claimed_(other.claimed_),
-      lock_(std::make_unique<std::mutex>()) {}
+      lock_(std::make_unique<std::recursive_mutex>()) {}
 Tree& Tree::operator=(const Tree& other) {
   if (this != &other) {
     nodes_ = other.nodes_;
@@ -76,7 +76,7 @@ Tree& Tree::operator=(Tree&&) noexcept = default;
 Tree::~Tree() = default;
 
 std::uint32_t Tree::size() const {
-  std::lock_guard<std::mutex> hold(*lock_);
+  std::lock_guard<std::recursive_mutex> hold(*lock_);
   return static_cast<std::uint32_t>(nodes_.size());
 }
 
@@ -99,7 +99,7 @@ Tree Tree::fromImage(std::shared_ptr<const Image> image) {
 }
 
 const std::vector<std::uint32_t>& Tree::children(std::uint32_t i) const {
-  std::lock_guard<std::mutex> hold(*lock_);
+  std::lock_guard<std::recursive_mutex> hold(*lock_);
   if (!nodes_[i].expanded) expand(i);
   return nodes_[i].kids;
 }
@@ -141,6 +141,7 @@ void Tree::expand(std::uint32_t parent) const {
 }
 
 std::uint32_t Tree::findChild(std::uint32_t parent, std::string_view name) const {
+  std::lock_guard<std::recursive_mutex> hold(*lock_);
   const std::vector<std::uint32_t>& kids = children(parent);
   const std::u16string wanted = moxfmt::utf8ToUtf16(name);
   auto lower = std::lower_bound(kids.begin(), kids.end(), wanted, [&](std::uint32_t i, const std::u16string& w) {
@@ -163,6 +164,7 @@ std::uint32_t Tree::findChild(std::uint32_t parent, std::string_view name) const
 }
 
 std::uint32_t Tree::find(std::string_view path) const {
+  std::lock_guard<std::recursive_mutex> hold(*lock_);
   std::uint32_t at = 0;
   for (std::string_view part : splitPath(path)) {
     at = findChild(at, part);
@@ -172,6 +174,7 @@ std::uint32_t Tree::find(std::string_view path) const {
 }
 
 std::string Tree::pathOf(std::uint32_t i) const {
+  std::lock_guard<std::recursive_mutex> hold(*lock_);
   std::vector<std::uint32_t> chain;
   for (std::uint32_t at = i; at != 0 && at != kNoNode; at = nodes_[at].parent) chain.push_back(at);
   std::string path;

@@ -8,8 +8,9 @@
 // binary-search a storage's children, so a path costs a descent per
 // element whatever order the file's own sibling trees were in.
 //
-// Const methods may run on several threads at once: the expansion they
-// trigger is serialised, and nodes never move once made.
+// Const methods may run on several threads at once: each holds the tree's
+// lock (expansion adds nodes behind them), and nodes never move once made,
+// so a reference to one stays valid.
 #ifndef MOXOLEFIO_NATIVE_TREE_H_
 #define MOXOLEFIO_NATIVE_TREE_H_
 
@@ -61,7 +62,11 @@ class Tree {
   Tree& operator=(Tree&&) noexcept;
   ~Tree();
 
-  const Node& node(std::uint32_t i) const { return nodes_[i]; }
+  const Node& node(std::uint32_t i) const {
+    std::lock_guard<std::recursive_mutex> hold(*lock_);
+    return nodes_[i];
+  }
+  // For editors, which own the tree alone.
   Node& node(std::uint32_t i) { return nodes_[i]; }
   // Nodes made so far (every node once walk() has run).
   std::uint32_t size() const;
@@ -94,7 +99,7 @@ class Tree {
   mutable std::deque<Node> nodes_;
   std::shared_ptr<const Image> image_;
   mutable std::vector<bool> claimed_;  // entries already listed somewhere
-  std::unique_ptr<std::mutex> lock_;
+  std::unique_ptr<std::recursive_mutex> lock_;
 };
 
 // Splits "a/b/c" into its elements after dropping one leading '/'; ""
@@ -110,6 +115,7 @@ void Tree::walk(Visit&& visit) const {
     std::uint32_t node;
     std::string path;
   };
+  std::lock_guard<std::recursive_mutex> hold(*lock_);
   std::vector<Frame> stack;
   stack.push_back(Frame{0, std::string()});
   while (!stack.empty()) {

@@ -111,7 +111,7 @@ std::vector<Entry> CompoundFile::children(std::string_view path) const {
 
 std::vector<Entry> CompoundFile::walk() const {
   std::vector<Entry> list;
-  list.reserve(impl_->tree.size());
+  list.reserve(impl_->image ? impl_->image->entryCount() : impl_->tree.size());
   impl_->tree.walk([&](std::uint32_t node, const std::string& path) { list.push_back(impl_->entryOf(node, path)); });
   return list;
 }

@@ -277,6 +277,7 @@ void Image::loadMiniStream() {
   if (mini_stream_size_ == 0) return;
   const std::uint64_t wanted = (mini_stream_size_ + sector_size_ - 1) / sector_size_;
   mini_stream_ = chain(root.start, false, wanted);
+  mini_stream_map_ = RunMap(mini_stream_.runs, header_.sector_shift);
   if (mini_stream_.end == ChainEnd::cycle) {
     noteDefect(Severity::error, "ministream-cycle", -1, "the mini stream's chain comes back to a sector");
   } else if (mini_stream_.sectors < wanted) {

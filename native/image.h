@@ -17,15 +17,10 @@
 
 #include "format/records.h"
 #include "moxolefio/moxolefio.hpp"
+#include "native/run_map.h"
 #include "native/source.h"
 
 namespace mox::detail {
-
-// Consecutive sectors first .. first + count - 1 of a chain.
-struct Run {
-  std::uint64_t first;
-  std::uint64_t count;
-};
 
 // How a chain walk ended.
 enum class ChainEnd {
@@ -91,6 +86,8 @@ class Image {
   // The mini stream: the root entry's chain of regular sectors.
   const Chain& miniStream() const { return mini_stream_; }
   std::uint64_t miniStreamSize() const { return mini_stream_size_; }
+  // The same runs for reading, shared by every mini stream's reads.
+  const RunMap& miniStreamMap() const { return mini_stream_map_; }
 
   // What loading stepped over.
   const std::vector<Defect>& loadDefects() const { return load_defects_; }
@@ -134,6 +131,7 @@ class Image {
   std::uint32_t entries_per_sector_ = 4;
   std::uint32_t entry_count_ = 0;
   Chain mini_stream_;
+  RunMap mini_stream_map_;
   std::uint64_t mini_stream_size_ = 0;
   std::vector<Defect> load_defects_;
 };

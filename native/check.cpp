@@ -55,8 +55,10 @@ std::string Report::pathOf(std::uint32_t entry) const {
   if (scan_ == nullptr || entry == 0 || entry >= scan_->reached.size() || !scan_->reached[entry]) return "";
   std::vector<std::uint32_t> line;
   for (std::uint32_t at = entry; at != 0 && at != kNone; at = scan_->parent[at]) line.push_back(at);
-  const auto& entries = image_.entries();
-  auto nameOf = [&](std::uint32_t id) { return moxfmt::utf16ToUtf8(entries[id].name, entries[id].nameLength()); };
+  auto nameOf = [&](std::uint32_t id) {
+    const moxfmt::EntryRecord e = image_.entry(id);
+    return moxfmt::utf16ToUtf8(e.name, e.nameLength());
+  };
   std::string path = childPath(std::string(), true, nameOf(line.back()));
   // Appending, not childPath per level: a deep path stays linear to build.
   for (auto it = line.rbegin() + 1; it != line.rend(); ++it) {

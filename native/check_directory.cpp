@@ -20,54 +20,67 @@ bool isStorage(std::uint32_t id, const EntryRecord& e) {
   return id == 0 || e.type == moxfmt::kTypeStorage;
 }
 
-bool isRed(const EntryRecord& e) { return e.colour == moxfmt::kRed; }
-
 class DirectoryChecker {
  public:
   DirectoryChecker(const Image& image, DirectoryScan& scan, Report& report)
-      : entries_(image.entries()), scan_(scan), report_(report) {
-    const std::size_t n = entries_.size();
-    scan_.parent.assign(n, kNone);
-    scan_.reached.assign(n, false);
-    left_.assign(n, kNone);
-    right_.assign(n, kNone);
-    blackHeight_.assign(n, 0);
+      : image_(image), count_(image.entryCount()), scan_(scan), report_(report) {
+    scan_.parent.assign(count_, kNone);
+    scan_.reached.assign(count_, false);
+    red_.assign(count_, false);
+    left_.assign(count_, kNone);
+    right_.assign(count_, kNone);
+    blackHeight_.assign(count_, 0);
   }
 
   void run();
 
  private:
+  struct Member {
+    std::uint32_t id;
+    std::u16string name;
+  };
+  struct Frame {
+    std::uint32_t id;
+    std::uint32_t right;
+    std::u16string name;
+  };
+
   std::uint32_t follow(std::uint32_t from, std::uint32_t link, const char* which);
-  void meet(std::uint32_t id, std::uint32_t parent);
+  EntryRecord meet(std::uint32_t id, std::uint32_t parent);
   void readSiblings(std::uint32_t parent);
   void checkShape(std::uint32_t parent);
   void checkOrder();
-  void checkEntry(std::uint32_t id);
+  void checkEntry(std::uint32_t id, const EntryRecord& e);
 
-  const std::vector<EntryRecord>& entries_;
+  const Image& image_;
+  const std::uint32_t count_;
   DirectoryScan& scan_;
   Report& report_;
+  std::vector<bool> red_;
   // Links as followed: kNone where the stored link was absent or rejected.
   std::vector<std::uint32_t> left_, right_;
   std::vector<std::uint32_t> blackHeight_;
-  // The storages whose sibling trees are still to read.
+  // Entries whose children are still to read, the next one last.
   std::vector<std::uint32_t> pending_;
   // One sibling tree at a time: its entries as met (every parent before
-  // its children) and in order (left, self, right).
-  std::vector<std::uint32_t> met_, inOrder_, stack_;
+  // its children), and its members in order (left, self, right).
+  std::vector<std::uint32_t> met_;
+  std::vector<Member> members_;
+  std::vector<Frame> stack_;
 };
 
 void DirectoryChecker::run() {
   scan_.reached[0] = true;
   scan_.order.push_back(0);
-  const EntryRecord& root = entries_[0];
+  const EntryRecord root = image_.entry(0);
   if (root.left != moxfmt::kNoStream || root.right != moxfmt::kNoStream) {
     report_.add(Severity::warning, "root-siblings", 0, -1,
                 "the root has sibling links; readers ignore them");
   }
-  checkEntry(0);
-  // The same order as Tree::fromImage, so that an entry linked twice is
-  // reported under the path the tree gives it.
+  checkEntry(0, root);
+  // Depth first, each storage's children in sibling order: the order in
+  // which a walk of the tree lists entries, so that an entry linked twice
+  // is reported under the path the walk gives it.
   pending_.push_back(0);
   while (!pending_.empty()) {
     const std::uint32_t parent = pending_.back();
@@ -77,9 +90,9 @@ void DirectoryChecker::run() {
 
   std::uint64_t lost = 0;
   std::int64_t first = -1;
-  for (std::size_t id = 0; id < entries_.size(); ++id) {
-    if (scan_.reached[id] || entries_[id].type == moxfmt::kTypeEmpty) continue;
-    if (lost++ == 0) first = static_cast<std::int64_t>(id);
+  for (std::uint32_t id = 0; id < count_; ++id) {
+    if (scan_.reached[id] || image_.rawEntry(id)[moxfmt::entry_at::kType] == moxfmt::kTypeEmpty) continue;
+    if (lost++ == 0) first = id;
   }
   if (lost != 0) {
     report_.add(Severity::warning, "entry-unreachable", kNone, -1,
@@ -90,11 +103,11 @@ void DirectoryChecker::run() {
 
 std::uint32_t DirectoryChecker::follow(std::uint32_t from, std::uint32_t link, const char* which) {
   if (link == moxfmt::kNoStream) return kNone;
-  if (link >= entries_.size()) {
+  if (link >= count_) {
     if (!report_.full("dir-link-range")) {
       report_.add(Severity::error, "dir-link-range", from, -1,
                   std::string("the ") + which + " link points to entry " + std::to_string(link) +
-                      ", past the directory's " + std::to_string(entries_.size()) + " entries");
+                      ", past the directory's " + std::to_string(count_) + " entries");
     }
     return kNone;
   }
@@ -109,47 +122,52 @@ std::uint32_t DirectoryChecker::follow(std::uint32_t from, std::uint32_t link, c
   return link;
 }
 
-void DirectoryChecker::meet(std::uint32_t id, std::uint32_t parent) {
+EntryRecord DirectoryChecker::meet(std::uint32_t id, std::uint32_t parent) {
   scan_.reached[id] = true;
   scan_.parent[id] = parent;
   scan_.order.push_back(id);
   met_.push_back(id);
-  checkEntry(id);
+  EntryRecord e = image_.entry(id);
+  red_[id] = e.colour == moxfmt::kRed;
+  checkEntry(id, e);
+  return e;
 }
 
 void DirectoryChecker::readSiblings(std::uint32_t parent) {
-  const EntryRecord& p = entries_[parent];
+  const EntryRecord p = image_.entry(parent);
   if (!isStorage(parent, p) && p.child != moxfmt::kNoStream) {
     report_.add(Severity::error, "entry-child", parent, -1,
                 "an entry that is not a storage has a child link (to entry " + std::to_string(p.child) + ")");
   }
   met_.clear();
-  inOrder_.clear();
+  members_.clear();
   stack_.clear();
   std::uint32_t at = follow(parent, p.child, "child");
-  if (at != kNone) meet(at, parent);
   while (at != kNone || !stack_.empty()) {
     if (at != kNone) {
-      stack_.push_back(at);
-      at = left_[at] = follow(at, entries_[at].left, "left");
-      if (at != kNone) meet(at, parent);
+      const EntryRecord e = meet(at, parent);
+      stack_.push_back(Frame{at, e.right, std::u16string(nameOf(e))});
+      const std::uint32_t next = follow(at, e.left, "left");
+      left_[at] = next;
+      at = next;
       continue;
     }
-    const std::uint32_t id = stack_.back();
+    Frame f = std::move(stack_.back());
     stack_.pop_back();
-    inOrder_.push_back(id);
-    pending_.push_back(id);
-    at = right_[id] = follow(id, entries_[id].right, "right");
-    if (at != kNone) meet(at, parent);
+    members_.push_back(Member{f.id, std::move(f.name)});
+    at = follow(f.id, f.right, "right");
+    right_[f.id] = at;
   }
-  if (inOrder_.empty()) return;
+  if (members_.empty()) return;
   checkShape(parent);
   checkOrder();
+  for (auto it = members_.rbegin(); it != members_.rend(); ++it) pending_.push_back(it->id);
 }
 
 // Red-black rules: no red entry with a red child, and as many black
-// entries on every path down.  Readers never rely on them, but a writer
-// that edits the file in place does.
+// entries on every path down.  Readers never rely on them (and Office's
+// own files often break the second), but a writer that edits the file in
+// place may.
 void DirectoryChecker::checkShape(std::uint32_t parent) {
   bool redRed = false, uneven = false;
   for (auto it = met_.rbegin(); it != met_.rend(); ++it) {
@@ -158,9 +176,8 @@ void DirectoryChecker::checkShape(std::uint32_t parent) {
     const std::uint32_t lh = l == kNone ? 1 : blackHeight_[l];
     const std::uint32_t rh = r == kNone ? 1 : blackHeight_[r];
     if (lh != rh) uneven = true;
-    const bool red = isRed(entries_[id]);
-    if (red && ((l != kNone && isRed(entries_[l])) || (r != kNone && isRed(entries_[r])))) redRed = true;
-    blackHeight_[id] = std::max(lh, rh) + (red ? 0 : 1);
+    if (red_[id] && ((l != kNone && red_[l]) || (r != kNone && red_[r]))) redRed = true;
+    blackHeight_[id] = std::max(lh, rh) + (red_[id] ? 0 : 1);
   }
   if (redRed) {
     report_.add(Severity::warning, "rb-red-red", parent, -1,
@@ -174,36 +191,33 @@ void DirectoryChecker::checkShape(std::uint32_t parent) {
 
 // Readers look names up by walking the sibling tree with the format's
 // comparison, so an entry out of order is lost to them, and two entries
-// that compare equal make a name ambiguous.
+// that compare equal make a name ambiguous.  Leaves the members in
+// sibling order.
 void DirectoryChecker::checkOrder() {
   bool sorted = true;
-  for (std::size_t i = 1; i < inOrder_.size(); ++i) {
-    const int c = moxfmt::compareSiblingNames(nameOf(entries_[inOrder_[i - 1]]), nameOf(entries_[inOrder_[i]]));
+  for (std::size_t i = 1; i < members_.size(); ++i) {
+    const int c = moxfmt::compareSiblingNames(members_[i - 1].name, members_[i].name);
     if (c < 0) continue;
     sorted = false;
     if (c > 0) {
-      report_.add(Severity::error, "sibling-order", inOrder_[i], -1,
-                  "sorts before its left neighbour " + report_.describe(inOrder_[i - 1]) +
+      report_.add(Severity::error, "sibling-order", members_[i].id, -1,
+                  "sorts before its left neighbour " + report_.describe(members_[i - 1].id) +
                       " in the sibling tree");
       break;
     }
   }
   if (sorted) return;
-  std::vector<std::uint32_t> byName = inOrder_;
-  auto less = [&](std::uint32_t a, std::uint32_t b) {
-    return moxfmt::compareSiblingNames(nameOf(entries_[a]), nameOf(entries_[b])) < 0;
-  };
-  std::stable_sort(byName.begin(), byName.end(), less);
-  for (std::size_t i = 1; i < byName.size(); ++i) {
-    if (less(byName[i - 1], byName[i]) || report_.full("sibling-duplicate")) continue;
-    report_.add(Severity::error, "sibling-duplicate", byName[i], -1,
-                "has the same name as its sibling entry " + std::to_string(byName[i - 1]) +
+  auto less = [](const Member& a, const Member& b) { return moxfmt::compareSiblingNames(a.name, b.name) < 0; };
+  std::stable_sort(members_.begin(), members_.end(), less);
+  for (std::size_t i = 1; i < members_.size(); ++i) {
+    if (less(members_[i - 1], members_[i]) || report_.full("sibling-duplicate")) continue;
+    report_.add(Severity::error, "sibling-duplicate", members_[i].id, -1,
+                "has the same name as its sibling entry " + std::to_string(members_[i - 1].id) +
                     " under the format's comparison");
   }
 }
 
-void DirectoryChecker::checkEntry(std::uint32_t id) {
-  const EntryRecord& e = entries_[id];
+void DirectoryChecker::checkEntry(std::uint32_t id, const EntryRecord& e) {
   if (id != 0) {
     if (e.type == moxfmt::kTypeEmpty) {
       report_.add(Severity::error, "entry-empty", id, -1, "an unused directory entry is linked into the tree");

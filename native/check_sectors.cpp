@@ -163,9 +163,8 @@ void SectorChecker::run() {
   // past its size: what lies beyond is read by no reader, so a sector
   // there that another chain needs is that chain's, not a conflict.
   walkMiniStream();
-  const auto& entries = image_.entries();
   for (std::uint32_t id : scan_.order) {
-    const moxfmt::EntryRecord& e = entries[id];
+    const moxfmt::EntryRecord e = image_.entry(id);
     if (id == 0 || e.type != moxfmt::kTypeStream || image_.entrySize(e) == 0) continue;
     if (image_.inMiniStream(e)) {
       walkMiniChain(id);
@@ -269,7 +268,7 @@ void SectorChecker::walkMiniStream() {
   const std::uint64_t ss = image_.sectorSize();
   const std::uint64_t needed = (size + ss - 1) / ss;
   const Walk w =
-      claim(fat_, limit_, owner_, 0, image_.entries()[0].start, needed, [&](std::uint64_t pos, std::uint32_t s) {
+      claim(fat_, limit_, owner_, 0, image_.entry(0).start, needed, [&](std::uint64_t pos, std::uint32_t s) {
         if (static_cast<std::int64_t>(s) != partial_) return;
         lostFrom_ = pos * ss + partialBytes_;
         lostTo_ = (pos + 1) * ss;
@@ -279,12 +278,13 @@ void SectorChecker::walkMiniStream() {
 }
 
 void SectorChecker::walkStream(std::uint32_t id) {
-  const std::uint64_t size = image_.entrySize(image_.entries()[id]);
+  const moxfmt::EntryRecord e = image_.entry(id);
+  const std::uint64_t size = image_.entrySize(e);
   const std::uint64_t ss = image_.sectorSize();
   const std::uint64_t needed = (size + ss - 1) / ss;
   std::int64_t cut = -1;
   const Walk w =
-      claim(fat_, limit_, owner_, id, image_.entries()[id].start, needed, [&](std::uint64_t pos, std::uint32_t s) {
+      claim(fat_, limit_, owner_, id, e.start, needed, [&](std::uint64_t pos, std::uint32_t s) {
         if (static_cast<std::int64_t>(s) == partial_ && pos * ss + partialBytes_ < size) cut = s;
       });
   reportEnd(w, needed, size, kRegularCodes, id);
@@ -296,12 +296,13 @@ void SectorChecker::walkStream(std::uint32_t id) {
 }
 
 void SectorChecker::walkMiniChain(std::uint32_t id) {
-  const std::uint64_t size = image_.entrySize(image_.entries()[id]);
+  const moxfmt::EntryRecord e = image_.entry(id);
+  const std::uint64_t size = image_.entrySize(e);
   const std::uint64_t mss = image_.miniSectorSize();
   const std::uint64_t needed = (size + mss - 1) / mss;
   const std::uint64_t streamSize = image_.miniStreamSize();
   std::int64_t beyond = -1, cut = -1;
-  const Walk w = claim(miniFat_, miniFat_.size(), miniOwner_, id, image_.entries()[id].start, needed,
+  const Walk w = claim(miniFat_, miniFat_.size(), miniOwner_, id, e.start, needed,
                        [&](std::uint64_t pos, std::uint32_t m) {
                          const std::uint64_t from = m * mss;
                          const std::uint64_t to = from + std::min(mss, size - pos * mss);

@@ -15,6 +15,8 @@ namespace {
 // Enough of one kind to show the pattern; a damaged file can otherwise
 // repeat the same defect for every sector it has.
 constexpr std::size_t kListedPerCode = 100;
+// Paths quoted in messages longer than this name the entry by number.
+constexpr std::size_t kQuotedPathLimit = 1024;
 
 }  // namespace
 
@@ -29,48 +31,65 @@ bool Report::full(const char* code) const {
 
 bool Report::has(const std::string& code) const { return tallies_.count(code) != 0; }
 
+void Report::drop(const std::string& code, Severity severity) {
+  Tally& tally = tallies_[code];
+  tally.severity = severity;
+  ++tally.dropped;
+}
+
 void Report::addDefect(Defect defect) {
-  Tally& tally = tallies_[defect.code];
-  tally.severity = defect.severity;
-  if (tally.listed >= kListedPerCode) {
-    ++tally.dropped;
+  const std::size_t bytes = defect.path.size() + defect.message.size();
+  if (full(defect.code.c_str()) || bytes > budget_) {
+    drop(defect.code, defect.severity);
     return;
   }
+  budget_ -= bytes;
+  Tally& tally = tallies_[defect.code];
+  tally.severity = defect.severity;
   ++tally.listed;
   defects_.push_back(std::move(defect));
 }
 
 void Report::add(Severity severity, const char* code, std::uint32_t entry, std::int64_t sector,
                  std::string message) {
-  if (full(code)) {
-    Tally& tally = tallies_[code];
-    tally.severity = severity;
-    ++tally.dropped;
+  std::string path;
+  if (full(code) || (entry != kNone && !spellPath(entry, budget_, path))) {
+    drop(code, severity);
     return;
   }
-  addDefect(Defect{severity, code, entry == kNone ? std::string() : pathOf(entry), sector, std::move(message)});
+  addDefect(Defect{severity, code, std::move(path), sector, std::move(message)});
 }
 
-std::string Report::pathOf(std::uint32_t entry) const {
-  if (scan_ == nullptr || entry == 0 || entry >= scan_->reached.size() || !scan_->reached[entry]) return "";
+bool Report::spellPath(std::uint32_t entry, std::size_t limit, std::string& path) const {
+  path.clear();
+  if (scan_ == nullptr || entry == 0 || entry >= scan_->reached.size() || !scan_->reached[entry]) return true;
+  // Every level adds at least a byte, so the climb stops as soon as the
+  // path cannot fit: a hostile file can nest entries as deep as it has them.
   std::vector<std::uint32_t> line;
-  for (std::uint32_t at = entry; at != 0 && at != kNone; at = scan_->parent[at]) line.push_back(at);
+  for (std::uint32_t at = entry; at != 0 && at != kNone; at = scan_->parent[at]) {
+    if (line.size() >= limit) return false;
+    line.push_back(at);
+  }
   auto nameOf = [&](std::uint32_t id) {
     const moxfmt::EntryRecord e = image_.entry(id);
     return moxfmt::utf16ToUtf8(e.name, e.nameLength());
   };
-  std::string path = childPath(std::string(), true, nameOf(line.back()));
+  path = childPath(std::string(), true, nameOf(line.back()));
   // Appending, not childPath per level: a deep path stays linear to build.
-  for (auto it = line.rbegin() + 1; it != line.rend(); ++it) {
+  for (auto it = line.rbegin() + 1; it != line.rend() && path.size() <= limit; ++it) {
     path += '/';
     path += nameOf(*it);
   }
-  return path;
+  return path.size() <= limit;
 }
 
 std::string Report::describe(std::uint32_t entry) const {
   if (entry == 0) return "the root";
-  if (scan_ != nullptr && entry < scan_->reached.size() && scan_->reached[entry]) return "'" + pathOf(entry) + "'";
+  std::string path;
+  if (scan_ != nullptr && entry < scan_->reached.size() && scan_->reached[entry] &&
+      spellPath(entry, kQuotedPathLimit, path)) {
+    return "'" + path + "'";
+  }
   return "entry " + std::to_string(entry);
 }
 

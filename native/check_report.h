@@ -43,10 +43,8 @@ class Report {
            std::string message);
   void addDefect(Defect defect);
 
-  // The path of an entry as the tree shows it; "entry N" for one the scan
-  // did not reach.
-  std::string pathOf(std::uint32_t entry) const;
-  // An entry for messages: "the root", or its path in quotes.
+  // An entry for messages: "the root", its path in quotes, or "entry N"
+  // for one the scan did not reach (or too deep to quote).
   std::string describe(std::uint32_t entry) const;
 
   bool has(const std::string& code) const;
@@ -59,8 +57,16 @@ class Report {
     std::size_t dropped = 0;
     Severity severity = Severity::warning;
   };
+  // The path of an entry as a walk of the tree gives it ("" for the root
+  // and entries the scan did not reach); false when longer than `limit`.
+  bool spellPath(std::uint32_t entry, std::size_t limit, std::string& path) const;
+  void drop(const std::string& code, Severity severity);
+
   const Image& image_;
   const DirectoryScan* scan_ = nullptr;
+  // Bytes of paths and messages the report may still hold: paths in a
+  // deeply nested file are long, and there may be a defect in every entry.
+  std::size_t budget_ = std::size_t{4} << 20;
   std::vector<Defect> defects_;
   std::map<std::string, Tally> tallies_;
 };

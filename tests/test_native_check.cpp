@@ -292,6 +292,33 @@ TEST(NativeCheck, RepeatedDefectsAreListedUpToALimitThenCounted) {
   EXPECT_EQ(summary->message.rfind("50 more", 0), 0u) << summary->message;
 }
 
+TEST(NativeCheck, PathsOfDeeplyNestedEntriesStayWithinABoundedReport) {
+  // Storages nested 30000 deep, the deepest 1000 with a defect each: their
+  // paths run to 60 KB, so only some fit in the report and the rest are
+  // counted.
+  constexpr int kDepth = 30000, kBroken = 1000;
+  cfb::CfbBuilder b;
+  int at = 0;
+  for (int i = 0; i < kDepth; ++i) at = b.addStorage(at, "a");
+  cfb::CfbLayout l = b.layout();
+  for (int i = kDepth - kBroken + 1; i <= kDepth; ++i) l.dir[i].nameLength = 1;
+  const Defects defects = check(l.serialize());
+  std::size_t listed = 0, pathBytes = 0, counted = 0;
+  for (const mox::Defect& d : defects) {
+    ASSERT_EQ(d.code, "name-length");
+    pathBytes += d.path.size();
+    if (!d.path.empty()) {
+      ++listed;
+      EXPECT_GE(d.path.size(), 2u * (kDepth - kBroken));
+    } else {
+      counted = std::stoul(d.message);
+    }
+  }
+  EXPECT_GT(listed, 0u);
+  EXPECT_LE(pathBytes, std::size_t{4} << 20);
+  EXPECT_EQ(listed + counted, static_cast<std::size_t>(kBroken));
+}
+
 // --- moxole check -------------------------------------------------------------
 
 TEST(MoxoleCheck, PrintsADefectALineAndExitsByTheWorstSeverity) {

@@ -380,7 +380,7 @@ void SectorChecker::followTail(const Tail& tail) {
     case End::out_of_range: how = ", then goes to " + unit + " " + std::to_string(w.at) + ", past the end"; break;
     case End::broken: how = ", then holds the link " + hexLink(w.at); break;
   }
-  const char* code = tail.who == 0 ? "ministream-long" : tail.mini ? "mini-chain-long" : "chain-long";
+  const char* code = tail.who == 0 ? "ministream-long" : (tail.mini ? kMiniCodes : kRegularCodes).tooLong;
   const std::string more = w.sectors == 0 ? "" : " for " + counted(w.sectors, unit.c_str(), (unit + "s").c_str());
   report_.add(Severity::warning, code, tail.who == 0 ? kNone : tail.who, w.sectors != 0 ? w.last : tail.last,
               std::string(tail.who == 0 ? "the mini stream's chain" : "the chain") + " goes on past the " +

@@ -30,6 +30,7 @@ const Section kSections[] = {
     {"lookup", bench::lookupSection},
     {"write", bench::writeSection},
     {"edit", bench::editSection},
+    {"native", bench::nativeSection},
 };
 
 int usage() {

@@ -181,7 +181,7 @@ TEST(CommitKills, KilledCommitsLeaveOneWholeGeneration) {
         f.commit();
       }
     }
-    usleep(2000 + rng() % 40000);
+    usleep(20000 + rng() % 200000);
     kill(child, SIGKILL);
     int status = 0;
     waitpid(child, &status, 0);

@@ -76,7 +76,7 @@ std::u16string checkedName(const Impl& impl, std::string_view name) {
 // (letter case aside), other than `except`; kNoNode when there is none.
 std::uint32_t sameName(const Tree& tree, std::uint32_t parent, const std::u16string& name,
                        std::uint32_t except = kNoNode) {
-  for (std::uint32_t child : tree.node(parent).children) {
+  for (std::uint32_t child : tree.children(parent)) {
     if (child != except && moxfmt::compareSiblingNames(tree.node(child).name, name) == 0) return child;
   }
   return kNoNode;
@@ -119,7 +119,7 @@ void detachAll(const Tree& tree, std::uint32_t from) {
     const std::uint32_t i = stack.back();
     stack.pop_back();
     if (EditedStream* s = edited(tree.node(i))) s->detach();
-    for (std::uint32_t c : tree.node(i).children) stack.push_back(c);
+    for (std::uint32_t c : tree.children(i)) stack.push_back(c);
   }
 }
 
@@ -180,34 +180,55 @@ std::shared_ptr<EditedStream> copiedStream(const Impl& to, const Impl& from, std
 
 // After the file's content became `image` (a commit) or went back to it (a
 // revert): the tree is the image's, and edited streams still in the file
-// now show what is stored, so that Streams open on them go on working.
-// `stored` maps old nodes to their directory index in `image`.
-void adopt(Impl& impl, std::shared_ptr<const detail::Image> image, const std::vector<std::uint32_t>& stored) {
-  Tree fresh = image ? Tree::fromImage(*image) : Tree::empty();
-  std::vector<std::uint32_t> byId(image ? image->entries().size() : 0, kNoNode);
-  for (std::uint32_t i = 0; i < fresh.size(); ++i) {
-    if (fresh.node(i).id != kNoNode) byId[fresh.node(i).id] = i;
-  }
+// now show what is stored, so that Streams open on them go on working;
+// the others can no longer be written.  `where` finds an old node's entry
+// in the new tree (kNoNode: none).
+template <typename Where>
+void adopt(Impl& impl, std::shared_ptr<const detail::Image> image, Where&& where) {
+  Tree fresh = image ? Tree::fromImage(image) : Tree::empty();
   Tree& old = impl.tree;
-  std::vector<std::uint32_t> stack{0};
-  while (!stack.empty()) {
-    const std::uint32_t i = stack.back();
-    stack.pop_back();
-    for (std::uint32_t c : old.node(i).children) stack.push_back(c);
+  // Edited nodes were all made before: nodes made so far are enough.
+  for (std::uint32_t i = 0; i < old.size(); ++i) {
     EditedStream* s = edited(old.node(i));
     if (s == nullptr) continue;
-    const std::uint32_t id = i < stored.size() ? stored[i] : kNoNode;
-    const std::uint32_t now = id < byId.size() ? byId[id] : kNoNode;
+    const std::uint32_t now = old.node(i).live ? where(fresh, i) : kNoNode;
     if (now == kNoNode || fresh.node(now).type != EntryType::stream) {
       s->detach();
       continue;
     }
-    const std::string path = fresh.pathOf(now);
-    s->rebase(detail::openStoredStream(image, id, path));
+    s->rebase(detail::openStoredStream(image, fresh.node(now).id, fresh.pathOf(now)));
     fresh.node(now).data = old.node(i).data;
   }
   impl.tree = std::move(fresh);
   impl.image = std::move(image);
+}
+
+// What a commit wrote: every live node under its own path.
+void adoptCommitted(Impl& impl, std::shared_ptr<const detail::Image> image) {
+  adopt(impl, std::move(image), [&](const Tree& fresh, std::uint32_t i) {
+    return fresh.find(impl.tree.pathOf(i));
+  });
+}
+
+// What the image held: entries by their index in its directory, wherever
+// an edit had moved them.
+void adoptReverted(Impl& impl) {
+  std::vector<std::uint32_t> byId;
+  auto where = [&](const Tree& fresh, std::uint32_t i) {
+    const std::uint32_t id = impl.tree.node(i).id;
+    if (byId.empty() && impl.image) {
+      byId.assign(impl.image->entryCount(), kNoNode);
+      std::vector<std::uint32_t> stack{0};
+      while (!stack.empty()) {
+        const std::uint32_t n = stack.back();
+        stack.pop_back();
+        if (fresh.node(n).id != kNoNode) byId[fresh.node(n).id] = n;
+        for (std::uint32_t c : fresh.children(n)) stack.push_back(c);
+      }
+    }
+    return id < byId.size() ? byId[id] : kNoNode;
+  };
+  adopt(impl, impl.image, where);
 }
 
 }  // namespace
@@ -239,7 +260,7 @@ CompoundFile CompoundFile::create_memory(CreateOptions options) {
 CompoundFile CompoundFile::open_rw(const std::filesystem::path& path) {
   auto impl = std::make_shared<Impl>();
   impl->image = detail::Image::load(detail::openFileSource(path));
-  impl->tree = Tree::fromImage(*impl->image);
+  impl->tree = Tree::fromImage(impl->image);
   impl->path = path;
   makeWritable(*impl, versionOf(*impl->image));
   return CompoundFile(std::move(impl));
@@ -250,7 +271,7 @@ CompoundFile CompoundFile::open_memory_rw(const void* data, std::size_t size) {
   const auto* bytes = static_cast<const unsigned char*>(data);
   auto impl = std::make_shared<Impl>();
   impl->image = detail::Image::load(detail::ownBytes(std::vector<unsigned char>(bytes, bytes + size), "<memory>"));
-  impl->tree = Tree::fromImage(*impl->image);
+  impl->tree = Tree::fromImage(impl->image);
   makeWritable(*impl, versionOf(*impl->image));
   return CompoundFile(std::move(impl));
 }
@@ -277,7 +298,7 @@ void CompoundFile::remove(std::string_view path) {
     const std::uint32_t i = stack.back();
     stack.pop_back();
     impl_->tree.node(i).live = false;
-    for (std::uint32_t c : impl_->tree.node(i).children) stack.push_back(c);
+    for (std::uint32_t c : impl_->tree.children(i)) stack.push_back(c);
   }
 }
 
@@ -332,8 +353,7 @@ void CompoundFile::copy(const CompoundFile& from, std::string_view from_path, st
   };
   std::vector<Item> items{{top, 0, source.tree.pathOf(top)}};
   for (std::size_t k = 0; k < items.size(); ++k) {
-    const Node& n = source.tree.node(items[k].node);
-    for (std::uint32_t c : n.children) {
+    for (std::uint32_t c : source.tree.children(items[k].node)) {
       // Entries of no known kind have nothing a copy could keep.
       if (source.tree.node(c).type == EntryType::other) continue;
       items.push_back(Item{c, k, detail::childPath(items[k].path, items[k].node == 0, source.tree.node(c).utf8)});
@@ -408,10 +428,10 @@ void CompoundFile::commit() {
     bytes.reserve(static_cast<std::size_t>(serializer.fileSize()));
     detail::MemorySink sink(bytes);
     serializer.write(sink);
-    adopt(impl, detail::Image::load(detail::ownBytes(std::move(bytes), "<memory>")), serializer.directoryIndex());
+    adoptCommitted(impl, detail::Image::load(detail::ownBytes(std::move(bytes), "<memory>")));
   } else {
     detail::writeAtomically(impl.path, serializer, [&](const std::filesystem::path& placed) {
-      adopt(impl, detail::Image::load(detail::openFileSource(placed)), serializer.directoryIndex());
+      adoptCommitted(impl, detail::Image::load(detail::openFileSource(placed)));
     });
   }
   impl.sector_size = impl.image->sectorSize();
@@ -420,10 +440,7 @@ void CompoundFile::commit() {
 void CompoundFile::revert() {
   Impl& impl = *impl_;
   requireWritable(impl);
-  // Nodes read from the image keep its directory index as their id.
-  std::vector<std::uint32_t> stored(impl.tree.size(), kNoNode);
-  for (std::uint32_t i = 0; i < impl.tree.size(); ++i) stored[i] = impl.tree.node(i).id;
-  adopt(impl, impl.image, stored);
+  adoptReverted(impl);
 }
 
 void CompoundFile::save_as(const std::filesystem::path& path) const {

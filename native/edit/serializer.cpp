@@ -80,16 +80,17 @@ void Serializer::linkSiblings(const std::vector<std::uint32_t>& sorted, std::siz
 
 void Serializer::lay() {
   // Directory order: the root, then depth first, children in order.
-  index_.assign(tree_.size(), kNoNode);
   std::vector<std::uint32_t> stack{0};
   while (!stack.empty()) {
     const std::uint32_t node = stack.back();
     stack.pop_back();
-    index_[node] = static_cast<std::uint32_t>(order_.size());
     order_.push_back(node);
-    const auto& kids = tree_.node(node).children;
+    const auto& kids = tree_.children(node);
     for (auto it = kids.rbegin(); it != kids.rend(); ++it) stack.push_back(*it);
   }
+  // Nodes are made as the walk reads them: the index is sized after it.
+  index_.assign(tree_.size(), kNoNode);
+  for (std::size_t d = 0; d < order_.size(); ++d) index_[order_[d]] = static_cast<std::uint32_t>(d);
   const std::size_t entries = order_.size();
   left_.assign(entries, kNoStream);
   right_.assign(entries, kNoStream);
@@ -100,7 +101,7 @@ void Serializer::lay() {
 
   std::vector<std::uint32_t> sorted;
   for (std::size_t d = 0; d < entries; ++d) {
-    const auto& kids = tree_.node(order_[d]).children;
+    const auto& kids = tree_.children(order_[d]);
     if (kids.empty()) continue;
     sorted.clear();
     for (std::uint32_t k : kids) sorted.push_back(index_[k]);

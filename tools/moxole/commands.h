@@ -43,6 +43,7 @@ int runPut(const Library& library, const Invocation& call);
 int runRemove(const Library& library, const Invocation& call);
 int runMove(const Library& library, const Invocation& call);
 int runMkdir(const Library& library, const Invocation& call);
+int runCheck(const Library& library, const Invocation& call);
 
 // Flushes standard output and turns a failed write into a reported status.
 int finishOutput(int status);

@@ -136,12 +136,14 @@ struct Decimal {
   std::uint64_t low = 0;
 };
 
-// An 8-bit string in the code page of its section.  `text` is it in UTF-8,
-// up to the first null character; `bytes` is what was stored, with the
-// trailing nulls dropped (embedded nulls, padding left by the writing
-// program and bytes the code page cannot map stay there).  The writer
-// stores `bytes` as long as they still decode to `text`; otherwise, as for
-// a string made from text alone, it encodes `text`.
+// An 8-bit string in the code page of its section.  `bytes` is what was
+// stored before the terminator (the last character its size counts, as
+// other readers take it), trailing nulls dropped: embedded nulls, bytes
+// left by the writing program after a first null and bytes the code page
+// cannot map stay there.  `text` is the part before the first null in
+// UTF-8, with U+FFFD for what does not decode.  The writer stores `bytes`
+// as long as they still decode to `text`; otherwise, as for a string made
+// from text alone, it encodes `text`.
 struct CodePageString {
   std::string text;
   std::string bytes;

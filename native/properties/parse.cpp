@@ -138,6 +138,7 @@ class Parser {
     return n;
   }
 
+  std::string terminated(Cursor& c, std::uint64_t size, const char* what);
   CodePageString codePageString(Cursor& c);
   std::u16string unicodeString(Cursor& c);
   ClipboardData clipboard(Cursor& c);
@@ -157,14 +158,23 @@ class Parser {
   TextCodec* codec_ = nullptr;
 };
 
+// The last character a size counts is the terminator, whatever it holds:
+// readers that trust the size (and so this one) drop it.  Nulls before it
+// are padding that some writers count in the size; the writer puts its
+// own terminator and padding back.
+std::string Parser::terminated(Cursor& c, std::uint64_t size, const char* what) {
+  const std::size_t unit = codec_->unit();
+  std::string s = bytes(c, size, what);
+  s.resize(s.size() >= unit ? s.size() - unit : 0);
+  while (!s.empty() && s.back() == '\0') s.pop_back();
+  return s;
+}
+
 CodePageString Parser::codePageString(Cursor& c) {
   const std::uint32_t n = u32(c);
   CodePageString s;
-  s.bytes = bytes(c, n, "a string");
+  s.bytes = terminated(c, n, "a string");
   s.text = codec_->decode(s.bytes);
-  // Trailing nulls are the terminator and padding some writers count in
-  // the size; the writer puts its own back.
-  while (!s.bytes.empty() && s.bytes.back() == '\0') s.bytes.pop_back();
   return s;
 }
 
@@ -351,8 +361,7 @@ std::map<std::uint32_t, std::string> Parser::dictionary(Cursor& c) {
   for (std::uint32_t i = 0; i < n; ++i) {
     const std::uint32_t id = u32(c);
     const std::uint32_t length = u32(c);
-    const std::string stored = bytes(c, static_cast<std::uint64_t>(length) * unit, "a name");
-    names[id] = codec_->decode(stored);
+    names[id] = codec_->decode(terminated(c, static_cast<std::uint64_t>(length) * unit, "a name"));
     // Names in UTF-16 are padded to four bytes; 8-bit names are packed.
     if (unit > 1) {
       const std::size_t pad = (4 - (c.pos - origin) % 4) % 4;

@@ -29,6 +29,7 @@ const Section kSections[] = {
     {"read", bench::readSection},
     {"lookup", bench::lookupSection},
     {"write", bench::writeSection},
+    {"native", bench::nativeSection},
 };
 
 int usage() {

@@ -49,6 +49,18 @@ const std::vector<Command>& allCommands() {
        "\n"
        "  -p  copy the 76-byte picture record of its \\x03PIC stream instead\n",
        "p", 3, 3, runObject},
+      {"check", "check FILE",
+       "Scans the whole structure of FILE (header, FAT, DIFAT, mini FAT,\n"
+       "directory, sibling trees, every chain) and prints one line per defect:\n"
+       "\n"
+       "  SEVERITY<TAB>CODE<TAB>PATH<TAB>SECTOR<TAB>MESSAGE\n"
+       "\n"
+       "SEVERITY is 'error' (data lost or ambiguous) or 'warning' (an oddity\n"
+       "readers tolerate); CODE is a short stable tag such as 'sector-shared';\n"
+       "PATH is the entry concerned and SECTOR the sector (a mini sector for\n"
+       "codes starting with 'mini'), '-' when none.  Prints nothing for a\n"
+       "clean file.  Exits with 0 when there is no error, 2 when there is.\n",
+       "", 1, 1, runCheck},
   };
   return commands;
 }

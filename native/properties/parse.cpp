@@ -399,16 +399,18 @@ PropertySection Parser::section(const Guid& format_id, std::size_t offset) {
     s.offset = offset + at;
   }
 
-  // The code page comes first: the strings and names depend on it.
+  // The code page comes first: the strings and names depend on it.  As
+  // everywhere, the last of repeated ids counts.
   std::uint16_t code_page = props::kDefaultCodePage;
-  for (const Slot& s : slots) {
-    if (s.id != pid::code_page) continue;
-    Cursor c{s.offset, end};
+  for (auto it = slots.rbegin(); it != slots.rend(); ++it) {
+    if (it->id != pid::code_page) continue;
+    Cursor c{it->offset, end};
     const std::uint16_t type = u16(c);
     if (type == vt::i2 || type == vt::ui2) {
       u16(c);
       code_page = u16(c);
     }
+    break;
   }
   TextCodec codec(code_page);
   codec_ = &codec;

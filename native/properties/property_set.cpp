@@ -1,5 +1,5 @@
-// Property sets as objects: types and names, section edits, and reading
-// and writing them in the streams of a compound file.
+// Property sets as objects: types and their names, well-known ids, and
+// edits of sections.
 #include <algorithm>
 #include <cstdio>
 #include <type_traits>
@@ -173,23 +173,6 @@ bool equalsAsciiCase(std::string_view a, std::string_view b) {
     if (x != y) return false;
   }
   return true;
-}
-
-// Control characters in stream names (the leading \x05) as escapes, for
-// messages.
-std::string printable(std::string_view path) {
-  std::string out;
-  for (char c : path) {
-    const unsigned char u = static_cast<unsigned char>(c);
-    if (u < 0x20 || u == 0x7F) {
-      char buffer[8];
-      std::snprintf(buffer, sizeof buffer, "\\x%02x", u);
-      out += buffer;
-    } else {
-      out += c;
-    }
-  }
-  return out;
 }
 
 }  // namespace
@@ -372,14 +355,6 @@ std::string property_label(const PropertySection& section, std::uint32_t id) {
   }
   const char* name = property_name(section.format_id, id);
   return name != nullptr ? name : "";
-}
-
-// --- In compound files ----------------------------------------------------------------
-
-PropertySet read_property_set(const CompoundFile& file, std::string_view path) {
-  Stream stream = file.open_stream(path);
-  const std::vector<std::uint8_t> bytes = stream.read_all();
-  return parse_property_set(bytes.data(), bytes.size(), printable(path));
 }
 
 }  // namespace mox

@@ -158,7 +158,7 @@ class SectionWriter {
     codePageString(v.name);
   }
   void element(const RawValue& v) {
-    if (v.type & vt::vector) refuse("a raw value of type " + type_name(v.type));
+    if ((v.type & 0xF000) == vt::vector) refuse("a raw value of type " + type_name(v.type));
     w_.raw(v.bytes.data(), v.bytes.size());
   }
   template <class T>

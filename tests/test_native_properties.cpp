@@ -9,6 +9,7 @@
 // bytes must fail cleanly.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cmath>
 #include <functional>
@@ -843,6 +844,51 @@ TEST(SectionEdits, NamedPropertiesGetFreshIdsAndNamesFollowCaseRules) {
   EXPECT_EQ(mox::property_name(mox::kUserDefinedProperties, 5), nullptr);
   EXPECT_EQ(mox::guid_from_string(mox::guid_to_string(mox::kDocSummaryInformation)), mox::kDocSummaryInformation);
   EXPECT_EQ(mox::guid_to_string(mox::kSummaryInformation), "F29F85E0-4FF9-1068-AB91-08002B27B3D9");
+}
+
+// --- moxole props ----------------------------------------------------------------------
+
+TEST(MoxoleProps, PrintsEveryPropertyOfTheSummaryStreamsOrOfAPath) {
+  const std::string doc = std::string(MOX_CORPUS_DIR) + "/poi/Bug50936_1.doc";
+  const std::string other = std::string(MOX_CORPUS_DIR) + "/openmcdf/CLSIDPropertyTest.cfs";
+  if (!moxtest::slurp(doc).size() || !moxtest::slurp(other).size()) GTEST_SKIP() << "no corpus";
+  // One line per property, in the order of the streams, sections and
+  // properties, with the id, name and type the interface gives.
+  auto expectLines = [](const std::string& file, const std::vector<std::string>& streams,
+                        const moxtest::ProgramResult& r) {
+    ASSERT_EQ(r.status, 0) << r.err;
+    const mox::CompoundFile cf = mox::CompoundFile::open(file);
+    std::vector<std::string> expected;
+    for (const std::string& stream : streams) {
+      for (const mox::PropertySection& s : mox::read_property_set(cf, stream).sections) {
+        for (const mox::Property& p : s.properties) {
+          const std::string label = mox::property_label(s, p.id);
+          expected.push_back(std::to_string(p.id) + "\t" + (label.empty() ? "-" : label) + "\t" +
+                             mox::type_name(p.value.type()));
+        }
+      }
+    }
+    std::vector<std::string> got;
+    std::istringstream lines(r.out);
+    for (std::string line; std::getline(lines, line);) {
+      const std::vector<std::string> f = manifest::split(line, '\t');
+      ASSERT_EQ(f.size(), 6u) << line;
+      EXPECT_EQ(f[0].rfind("\\x05", 0), 0u) << line;
+      got.push_back(f[2] + "\t" + f[3] + "\t" + f[4]);
+    }
+    EXPECT_EQ(got, expected);
+  };
+  expectLines(doc, {std::string(mox::kSummaryInformationStream), std::string(mox::kDocSummaryInformationStream)},
+              moxtest::runProgram({MOXOLE_PROGRAM, "props", doc}));
+  expectLines(other, {"\x05" "C3teagxwOttdbfkuIaamtae3Ie"},
+              moxtest::runProgram({MOXOLE_PROGRAM, "props", other, "\\x05C3teagxwOttdbfkuIaamtae3Ie"}));
+
+  const moxtest::ProgramResult missing = moxtest::runProgram({MOXOLE_PROGRAM, "props", doc, "Nothing"});
+  EXPECT_EQ(missing.status, 3);
+  const moxtest::ProgramResult notASet = moxtest::runProgram({MOXOLE_PROGRAM, "props", doc, "WordDocument"});
+  EXPECT_EQ(notASet.status, 2);
+  EXPECT_EQ(notASet.err.rfind("moxole: ", 0), 0u);
+  EXPECT_EQ(std::count(notASet.err.begin(), notASet.err.end(), '\n'), 1);
 }
 
 }  // namespace

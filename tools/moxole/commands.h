@@ -40,6 +40,7 @@ int runPack(const Library& library, const Invocation& call);
 int runObjects(const Library& library, const Invocation& call);
 int runObject(const Library& library, const Invocation& call);
 int runCheck(const Library& library, const Invocation& call);
+int runProps(const Library& library, const Invocation& call);
 
 // Flushes standard output and turns a failed write into a reported status.
 int finishOutput(int status);

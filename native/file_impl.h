@@ -14,7 +14,8 @@
 
 namespace mox {
 
-struct CompoundFile::Impl {
+// Hidden: the class around it is exported, its inside is not.
+struct __attribute__((visibility("hidden"))) CompoundFile::Impl {
   std::shared_ptr<const detail::Image> image;  // null for a file made by create
   detail::Tree tree;
   std::filesystem::path path;  // empty for files in memory

@@ -234,4 +234,6 @@ class MOX_CXX_API CompoundFile {
 
 }  // namespace mox
 
+#include "moxolefio/properties.hpp"
+
 #endif  // MOXOLEFIO_MOXOLEFIO_HPP_

@@ -19,6 +19,8 @@ bool readStream(Doc*, Storage*, const std::string&, uint8_t*, size_t, int64_t*, 
 bool openChild(Doc*, const std::string&) { return false; }
 bool writeOneStream(int64_t, int, int64_t*) { return false; }
 bool writeManyStreams(int, int, int64_t*) { return false; }
+bool writeOneStreamToFile(const std::string&, int64_t, int, int64_t*) { return false; }
+bool writeManyStreamsToFile(const std::string&, int, int, int64_t*) { return false; }
 
 }  // namespace gsf
 }  // namespace bench

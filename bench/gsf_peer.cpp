@@ -1,7 +1,9 @@
 // libgsf present: the peer functions over its public API.
 #include "bench/gsf_peer.h"
 
+#include <fcntl.h>
 #include <gsf/gsf.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <vector>
@@ -131,9 +133,8 @@ bool openChild(Doc* doc, const std::string& name) {
   return true;
 }
 
-bool writeOneStream(int64_t total, int piece, int64_t* fileBytes) {
-  initOnce();
-  GsfOutput* sink = gsf_output_memory_new();
+static bool writeOneStreamTo(GsfOutput* sink, int64_t total, int piece, int64_t* fileBytes) {
+  if (sink == nullptr) return false;
   GsfOutfile* outfile = gsf_outfile_msole_new(sink);
   if (outfile == nullptr) return false;
   std::vector<uint8_t> data(static_cast<size_t>(piece));
@@ -150,9 +151,8 @@ bool writeOneStream(int64_t total, int piece, int64_t* fileBytes) {
   return finish(outfile, sink, fileBytes) && ok;
 }
 
-bool writeManyStreams(int count, int size, int64_t* fileBytes) {
-  initOnce();
-  GsfOutput* sink = gsf_output_memory_new();
+static bool writeManyStreamsTo(GsfOutput* sink, int count, int size, int64_t* fileBytes) {
+  if (sink == nullptr) return false;
   GsfOutfile* outfile = gsf_outfile_msole_new(sink);
   if (outfile == nullptr) return false;
   std::vector<uint8_t> data(static_cast<size_t>(size), 0x5A);
@@ -177,6 +177,40 @@ bool writeManyStreams(int count, int size, int64_t* fileBytes) {
     g_object_unref(storage);
   }
   return finish(outfile, sink, fileBytes) && ok;
+}
+
+bool writeOneStream(int64_t total, int piece, int64_t* fileBytes) {
+  initOnce();
+  return writeOneStreamTo(gsf_output_memory_new(), total, piece, fileBytes);
+}
+
+bool writeManyStreams(int count, int size, int64_t* fileBytes) {
+  initOnce();
+  return writeManyStreamsTo(gsf_output_memory_new(), count, size, fileBytes);
+}
+
+namespace {
+
+bool flushToDisk(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool ok = fsync(fd) == 0;
+  ::close(fd);
+  return ok;
+}
+
+}  // namespace
+
+bool writeOneStreamToFile(const std::string& path, int64_t total, int piece, int64_t* fileBytes) {
+  initOnce();
+  return writeOneStreamTo(gsf_output_stdio_new(path.c_str(), nullptr), total, piece, fileBytes) &&
+         flushToDisk(path);
+}
+
+bool writeManyStreamsToFile(const std::string& path, int count, int size, int64_t* fileBytes) {
+  initOnce();
+  return writeManyStreamsTo(gsf_output_stdio_new(path.c_str(), nullptr), count, size, fileBytes) &&
+         flushToDisk(path);
 }
 
 }  // namespace gsf

@@ -49,6 +49,11 @@ bool openChild(Doc* doc, const std::string& name);
 bool writeOneStream(int64_t total, int piece, int64_t* fileBytes);
 bool writeManyStreams(int count, int size, int64_t* fileBytes);
 
+// The same into a file at `path` (libgsf's stdio output), flushed to the
+// disk with fsync once libgsf has closed it, as a commit is.
+bool writeOneStreamToFile(const std::string& path, int64_t total, int piece, int64_t* fileBytes);
+bool writeManyStreamsToFile(const std::string& path, int count, int size, int64_t* fileBytes);
+
 }  // namespace gsf
 }  // namespace bench
 

@@ -2,7 +2,7 @@
 //
 //   moxbench [--runs N] [--quick] [SECTION...]
 //
-// SECTION is open, read, lookup or write (all of them by default).  Each
+// SECTION is open, read, lookup, write or edit (all of them by default).  Each
 // figure is the median of N runs (5 by default); --quick uses smaller
 // documents for a smoke run.  The table goes to standard output.
 #include <stdio.h>
@@ -29,10 +29,12 @@ const Section kSections[] = {
     {"read", bench::readSection},
     {"lookup", bench::lookupSection},
     {"write", bench::writeSection},
+    {"edit", bench::editSection},
+    {"native", bench::nativeSection},
 };
 
 int usage() {
-  fprintf(stderr, "usage: moxbench [--runs N] [--quick] [open|read|lookup|write]...\n");
+  fprintf(stderr, "usage: moxbench [--runs N] [--quick] [open|read|lookup|write|edit]...\n");
   return 1;
 }
 

@@ -25,6 +25,9 @@ void openSection(const Options& options, Table* table);
 void readSection(const Options& options, Table* table);
 void lookupSection(const Options& options, Table* table);
 void writeSection(const Options& options, Table* table);
+// Writing and committing through the native interface (edit_bench.cpp).
+void editSection(const Options& options, Table* table);
+void nativeSection(const Options& options, Table* table);
 
 // A document opened by moxolefio on one of the host kit's I/O objects,
 // with a counting memory interface; closed (with its I/O object) when the

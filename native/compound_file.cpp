@@ -52,7 +52,7 @@ std::shared_ptr<CompoundFile::Impl> openImage(std::unique_ptr<detail::ByteSource
                                               OpenOptions options) {
   auto impl = std::make_shared<CompoundFile::Impl>();
   impl->image = detail::Image::load(std::move(source));
-  impl->tree = detail::Tree::fromImage(*impl->image);
+  impl->tree = detail::Tree::fromImage(impl->image);
   impl->options = options;
   impl->version = impl->image->version();
   impl->sector_size = impl->image->sectorSize();
@@ -102,8 +102,8 @@ std::vector<Entry> CompoundFile::children(std::string_view path) const {
   const std::uint32_t node = impl_->require(path);
   const std::string base = impl_->tree.pathOf(node);
   std::vector<Entry> list;
-  list.reserve(impl_->tree.node(node).children.size());
-  for (std::uint32_t child : impl_->tree.node(node).children) {
+  list.reserve(impl_->tree.children(node).size());
+  for (std::uint32_t child : impl_->tree.children(node)) {
     list.push_back(impl_->entryOf(child, detail::childPath(base, node == 0, impl_->tree.node(child).utf8)));
   }
   return list;
@@ -111,13 +111,14 @@ std::vector<Entry> CompoundFile::children(std::string_view path) const {
 
 std::vector<Entry> CompoundFile::walk() const {
   std::vector<Entry> list;
-  list.reserve(impl_->tree.size());
+  list.reserve(impl_->image ? impl_->image->entryCount() : impl_->tree.size());
   impl_->tree.walk([&](std::uint32_t node, const std::string& path) { list.push_back(impl_->entryOf(node, path)); });
   return list;
 }
 
 Stream CompoundFile::open_stream(std::string_view path) const {
   const std::uint32_t node = impl_->require(path);
+  if (impl_->writable) return impl_->openWritable(node, impl_->tree.pathOf(node));
   return impl_->openStream(node, impl_->tree.pathOf(node));
 }
 

@@ -12,9 +12,14 @@
 #include "native/image.h"
 #include "native/tree.h"
 
+namespace mox::detail {
+class Scratch;
+}
+
 namespace mox {
 
-struct CompoundFile::Impl {
+// Hidden: the class around it is exported, its inside is not.
+struct __attribute__((visibility("hidden"))) CompoundFile::Impl {
   std::shared_ptr<const detail::Image> image;  // null for a file made by create
   detail::Tree tree;
   std::filesystem::path path;  // empty for files in memory
@@ -22,6 +27,10 @@ struct CompoundFile::Impl {
   int version = 4;
   std::uint32_t sector_size = 4096;
   bool writable = false;
+  // Editing: where new stream bytes wait for the next commit.  A file from
+  // create or open_rw has one; the committed state is `image` itself
+  // (revert rebuilds the tree from it).
+  std::shared_ptr<detail::Scratch> scratch;
 
   // For messages: the file's path, or "<memory>".
   std::string name() const;
@@ -29,6 +38,9 @@ struct CompoundFile::Impl {
   std::uint32_t require(std::string_view path) const;
   Entry entryOf(std::uint32_t node, std::string path) const;
   Stream openStream(std::uint32_t node, const std::string& path) const;
+  // The stream of a writable file, turned into an edited stream (a view of
+  // the stored one until written) on first use.
+  Stream openWritable(std::uint32_t node, const std::string& path);
 };
 
 }  // namespace mox

@@ -141,9 +141,28 @@ void Image::loadFat() {
   }
 }
 
+namespace {
+
+// Whether two runs share a sector: sorted by start, each must end before
+// the next begins.
+bool runsOverlap(std::vector<Run> runs) {
+  std::sort(runs.begin(), runs.end(), [](const Run& a, const Run& b) { return a.first < b.first; });
+  for (std::size_t i = 1; i < runs.size(); ++i) {
+    if (runs[i - 1].first + runs[i - 1].count > runs[i].first) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
 Chain Image::chain(std::uint32_t start, bool mini, std::uint64_t wanted) const {
   const std::vector<std::uint32_t>& table = mini ? mini_fat_ : fat_;
   const std::uint64_t limit = mini ? table.size() : std::min<std::uint64_t>(table.size(), sectors_in_file_);
+  // A walk to the end (the tables, once per open) marks what it visits and
+  // stops at the first sector it meets again; a walk for a stream's
+  // `wanted` sectors checks its runs for overlaps at the end instead, which
+  // costs nothing per link and no memory the size of the table per stream.
+  std::vector<bool> visited(wanted == 0 ? limit : 0, false);
   Chain c;
   std::uint32_t s = start;
   for (;;) {
@@ -166,10 +185,12 @@ Chain Image::chain(std::uint32_t start, bool mini, std::uint64_t wanted) const {
       break;
     }
     // More links than the table has entries can only be going round.
-    if (c.sectors >= table.size()) {
+    if (c.sectors >= table.size() || (wanted == 0 && visited[s])) {
       c.end = ChainEnd::cycle;
+      c.last = s;
       break;
     }
+    if (wanted == 0) visited[s] = true;
     if (!c.runs.empty() && c.runs.back().first + c.runs.back().count == s) {
       ++c.runs.back().count;
     } else {
@@ -179,6 +200,7 @@ Chain Image::chain(std::uint32_t start, bool mini, std::uint64_t wanted) const {
     c.last = s;
     s = table[s];
   }
+  if (wanted != 0 && c.runs.size() > 1 && runsOverlap(c.runs)) c.end = ChainEnd::cycle;
   return c;
 }
 
@@ -207,32 +229,58 @@ void Image::loadDirectory() {
   if (c.end != ChainEnd::end_of_chain) {
     noteDefect(Severity::error, "directory-chain", c.last, "the directory's chain is broken");
   }
-  const std::uint64_t perSector = sector_size_ / moxfmt::kEntrySize;
-  unsigned char bytes[moxfmt::kEntrySize];
+  entries_per_sector_ = sector_size_ / static_cast<std::uint32_t>(moxfmt::kEntrySize);
   for (const Run& run : c.runs) {
-    for (std::uint64_t k = 0; k < run.count; ++k) {
-      const std::uint64_t sector = run.first + k;
-      directory_sectors_.push_back(static_cast<std::uint32_t>(sector));
-      const std::uint64_t base = (sector + 1) * sector_size_;
-      for (std::uint64_t e = 0; e < perSector; ++e) {
-        if (source_->readAt(base + e * moxfmt::kEntrySize, bytes, sizeof bytes) != sizeof bytes) break;
-        entries_.push_back(moxfmt::decodeEntry(header_.order, bytes));
-      }
+    for (std::uint64_t k = 0; k < run.count; ++k) directory_sectors_.push_back(static_cast<std::uint32_t>(run.first + k));
+  }
+  // Only whole entries count: the file may end inside its last sector.
+  std::uint64_t count = 0;
+  for (std::uint32_t sector : directory_sectors_) {
+    const std::uint64_t base = (static_cast<std::uint64_t>(sector) + 1) * sector_size_;
+    const std::uint64_t present = source_->size() > base ? source_->size() - base : 0;
+    const std::uint64_t whole = std::min<std::uint64_t>(present / moxfmt::kEntrySize, entries_per_sector_);
+    count += whole;
+    if (whole < entries_per_sector_) break;
+  }
+  entry_count_ = static_cast<std::uint32_t>(std::min<std::uint64_t>(count, moxfmt::kMaxRegularSector));
+  const std::size_t sectors = (entry_count_ + entries_per_sector_ - 1) / entries_per_sector_;
+  if (source_->data() == nullptr) {
+    directory_copy_.resize(sectors * sector_size_);
+    for (std::size_t i = 0; i < sectors; ++i) {
+      const std::uint64_t base = (static_cast<std::uint64_t>(directory_sectors_[i]) + 1) * sector_size_;
+      source_->readAt(base, directory_copy_.data() + i * sector_size_, sector_size_);
     }
   }
-  if (entries_.empty()) throw Error(Errc::damaged, name() + ": the directory cannot be read");
-  if (entries_[0].type != moxfmt::kTypeRoot) {
+  directory_data_.reserve(sectors);
+  for (std::size_t i = 0; i < sectors; ++i) {
+    directory_data_.push_back(source_->data() != nullptr
+                                  ? source_->data() + (static_cast<std::uint64_t>(directory_sectors_[i]) + 1) * sector_size_
+                                  : directory_copy_.data() + i * sector_size_);
+  }
+  if (entry_count_ == 0) throw Error(Errc::damaged, name() + ": the directory cannot be read");
+  if (entry(0).type != moxfmt::kTypeRoot) {
     noteDefect(Severity::error, "root-type", -1, "the first directory entry is not the root");
   }
 }
 
+const unsigned char* Image::rawEntry(std::uint32_t index) const {
+  return directory_data_[index / entries_per_sector_] + (index % entries_per_sector_) * moxfmt::kEntrySize;
+}
+
+std::uint32_t EntryTable::size() const { return image_->entryCount(); }
+
+moxfmt::EntryRecord EntryTable::operator[](std::uint32_t index) const { return image_->entry(index); }
+
 void Image::loadMiniStream() {
-  const moxfmt::EntryRecord& root = entries_[0];
+  const moxfmt::EntryRecord root = entry(0);
   mini_stream_size_ = entrySize(root);
   if (mini_stream_size_ == 0) return;
   const std::uint64_t wanted = (mini_stream_size_ + sector_size_ - 1) / sector_size_;
   mini_stream_ = chain(root.start, false, wanted);
-  if (mini_stream_.sectors < wanted) {
+  mini_stream_map_ = RunMap(mini_stream_.runs, header_.sector_shift);
+  if (mini_stream_.end == ChainEnd::cycle) {
+    noteDefect(Severity::error, "ministream-cycle", -1, "the mini stream's chain comes back to a sector");
+  } else if (mini_stream_.sectors < wanted) {
     noteDefect(Severity::error, "ministream-chain", mini_stream_.last,
                "the mini stream's chain has " + std::to_string(mini_stream_.sectors) +
                    " sectors, its size needs " + std::to_string(wanted));

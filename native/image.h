@@ -17,15 +17,10 @@
 
 #include "format/records.h"
 #include "moxolefio/moxolefio.hpp"
+#include "native/run_map.h"
 #include "native/source.h"
 
 namespace mox::detail {
-
-// Consecutive sectors first .. first + count - 1 of a chain.
-struct Run {
-  std::uint64_t first;
-  std::uint64_t count;
-};
 
 // How a chain walk ended.
 enum class ChainEnd {
@@ -34,6 +29,21 @@ enum class ChainEnd {
   cycle,         // came back to a sector it had visited
   out_of_range,  // a link past the table or the file
   broken,        // a free or other special link in the middle
+};
+
+class Image;
+
+// The directory as stored, decoded entry by entry on demand: an open
+// touches none of it, and a mapped file's directory is never copied.
+class EntryTable {
+ public:
+  explicit EntryTable(const Image& image) : image_(&image) {}
+  std::uint32_t size() const;
+  bool empty() const { return size() == 0; }
+  moxfmt::EntryRecord operator[](std::uint32_t index) const;
+
+ private:
+  const Image* image_;
 };
 
 struct Chain {
@@ -66,10 +76,18 @@ class Image {
   const std::vector<std::uint32_t>& difatSectors() const { return difat_sectors_; }
   const std::vector<std::uint32_t>& miniFatSectors() const { return mini_fat_sectors_; }
   const std::vector<std::uint32_t>& directorySectors() const { return directory_sectors_; }
-  const std::vector<moxfmt::EntryRecord>& entries() const { return entries_; }
+  EntryTable entries() const { return EntryTable(*this); }
+  std::uint32_t entryCount() const { return entry_count_; }
+  // The 128 stored bytes of entry `index` (< entryCount()).
+  const unsigned char* rawEntry(std::uint32_t index) const;
+  moxfmt::EntryRecord entry(std::uint32_t index) const {
+    return moxfmt::decodeEntry(header_.order, rawEntry(index));
+  }
   // The mini stream: the root entry's chain of regular sectors.
   const Chain& miniStream() const { return mini_stream_; }
   std::uint64_t miniStreamSize() const { return mini_stream_size_; }
+  // The same runs for reading, shared by every mini stream's reads.
+  const RunMap& miniStreamMap() const { return mini_stream_map_; }
 
   // What loading stepped over.
   const std::vector<Defect>& loadDefects() const { return load_defects_; }
@@ -106,8 +124,14 @@ class Image {
   std::vector<std::uint32_t> difat_sectors_;
   std::vector<std::uint32_t> mini_fat_sectors_;
   std::vector<std::uint32_t> directory_sectors_;
-  std::vector<moxfmt::EntryRecord> entries_;
+  // Where each directory sector's bytes are: in the mapping or memory, or
+  // in directory_copy_ for files read with pread.
+  std::vector<const unsigned char*> directory_data_;
+  std::vector<unsigned char> directory_copy_;
+  std::uint32_t entries_per_sector_ = 4;
+  std::uint32_t entry_count_ = 0;
   Chain mini_stream_;
+  RunMap mini_stream_map_;
   std::uint64_t mini_stream_size_ = 0;
   std::vector<Defect> load_defects_;
 };

@@ -12,16 +12,6 @@ void StreamData::resize(std::uint64_t) {
   throw Error(Errc::read_only, "the stream belongs to a file opened for reading");
 }
 
-RunMap::RunMap(std::vector<Run> runs, unsigned unitShift) : runs_(std::move(runs)), shift_(unitShift) {
-  starts_.reserve(runs_.size() + 1);
-  std::uint64_t at = 0;
-  for (const Run& run : runs_) {
-    starts_.push_back(at);
-    at += run.count << shift_;
-  }
-  starts_.push_back(at);
-}
-
 namespace {
 
 // Copies `count` bytes at `offset` of the file; a piece that the file does
@@ -44,9 +34,7 @@ class StoredStream : public StreamData {
   StoredStream(std::shared_ptr<const Image> image, RunMap runs, bool mini, std::uint64_t size,
                std::string path)
       : image_(std::move(image)), runs_(std::move(runs)), mini_(mini), size_(size),
-        path_(std::move(path)) {
-    if (mini_) mini_stream_ = RunMap(image_->miniStream().runs, image_->header().sector_shift);
-  }
+        path_(std::move(path)) {}
 
   std::uint64_t size() const override { return size_; }
 
@@ -63,10 +51,11 @@ class StoredStream : public StreamData {
       return count;
     }
     runs_.copy(offset, out, count, [&](std::uint64_t at, unsigned char* to, std::size_t n) {
-      if (at + n > mini_stream_.bytes() || at + n > image_->miniStreamSize()) {
+      const RunMap& miniStream = image_->miniStreamMap();
+      if (at + n > miniStream.bytes() || at + n > image_->miniStreamSize()) {
         throw Error(Errc::damaged, image_->name() + ": " + path_ + ": the stream lies past the end of the mini stream");
       }
-      mini_stream_.copy(at, to, n, [&](std::uint64_t fileAt, unsigned char* into, std::size_t len) {
+      miniStream.copy(at, to, n, [&](std::uint64_t fileAt, unsigned char* into, std::size_t len) {
         copyFromFile(*image_, fileAt + sectorSize, into, len, path_);
       });
     });
@@ -76,7 +65,6 @@ class StoredStream : public StreamData {
  private:
   std::shared_ptr<const Image> image_;
   RunMap runs_;
-  RunMap mini_stream_;
   bool mini_;
   std::uint64_t size_;
   std::string path_;
@@ -95,14 +83,14 @@ const char* chainEndText(ChainEnd end) {
 
 std::shared_ptr<StreamData> openStoredStream(std::shared_ptr<const Image> image, std::uint32_t id,
                                              const std::string& path) {
-  const moxfmt::EntryRecord& e = image->entries()[id];
+  const moxfmt::EntryRecord e = image->entry(id);
   const std::uint64_t size = image->entrySize(e);
   const bool mini = image->inMiniStream(e);
   const unsigned shift = mini ? image->header().mini_sector_shift : image->header().sector_shift;
   const std::uint64_t wanted = (size + (std::uint64_t{1} << shift) - 1) >> shift;
   Chain chain;
   if (wanted > 0) chain = image->chain(e.start, mini, wanted);
-  if (chain.sectors < wanted) {
+  if (chain.sectors < wanted || chain.end == ChainEnd::cycle) {
     throw Error(Errc::damaged, image->name() + ": " + path + ": the stream's " +
                                    (mini ? "mini " : "") + "chain " + chainEndText(chain.end) +
                                    " (" + std::to_string(chain.sectors) + " of " +

@@ -4,7 +4,6 @@
 #ifndef MOXOLEFIO_NATIVE_STREAM_DATA_H_
 #define MOXOLEFIO_NATIVE_STREAM_DATA_H_
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -25,42 +24,6 @@ class StreamData {
   virtual void writeAt(std::uint64_t offset, const void* data, std::size_t count);
   virtual void resize(std::uint64_t size);
 };
-
-// A chain's runs with the offset each starts at, so that a position finds
-// its run by binary search instead of a walk.
-class RunMap {
- public:
-  RunMap() = default;
-  RunMap(std::vector<Run> runs, unsigned unitShift);
-  // Copies bytes [offset, offset + count) of the chain; `base` receives
-  // each contiguous piece as (position in the underlying space, buffer,
-  // length).  The caller keeps the range inside the runs.
-  template <typename Base>
-  void copy(std::uint64_t offset, unsigned char* out, std::size_t count, Base&& base) const;
-  std::uint64_t bytes() const { return starts_.empty() ? 0 : starts_.back(); }
-
- private:
-  std::vector<Run> runs_;
-  std::vector<std::uint64_t> starts_;  // byte offset of each run, then the total
-  unsigned shift_ = 9;
-};
-
-template <typename Base>
-void RunMap::copy(std::uint64_t offset, unsigned char* out, std::size_t count, Base&& base) const {
-  // The run holding `offset`: the last one starting at or before it.
-  std::size_t i = static_cast<std::size_t>(
-      std::upper_bound(starts_.begin(), starts_.end() - 1, offset) - starts_.begin() - 1);
-  while (count > 0) {
-    const std::uint64_t within = offset - starts_[i];
-    const std::uint64_t left = starts_[i + 1] - offset;
-    const std::size_t piece = static_cast<std::size_t>(left < count ? left : count);
-    base((runs_[i].first << shift_) + within, out, piece);
-    out += piece;
-    offset += piece;
-    count -= piece;
-    ++i;
-  }
-}
 
 // The stream of directory entry `id` as stored; `path` names it in errors.
 // Throws Error(damaged) when its chain cannot give all its bytes.

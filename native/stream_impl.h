@@ -10,7 +10,7 @@
 
 namespace mox {
 
-struct Stream::Impl {
+struct __attribute__((visibility("hidden"))) Stream::Impl {
   std::shared_ptr<detail::StreamData> data;
   std::uint64_t position = 0;
   std::string path;

@@ -18,7 +18,7 @@ EntryType typeOf(std::uint8_t stored) {
 }
 
 Node nodeOf(const Image& image, std::uint32_t id) {
-  const moxfmt::EntryRecord& e = image.entries()[id];
+  const moxfmt::EntryRecord e = image.entry(id);
   Node n;
   n.name.assign(reinterpret_cast<const char16_t*>(e.name), e.nameLength());
   n.utf8 = moxfmt::utf16ToUtf8(e.name, e.nameLength());
@@ -59,58 +59,90 @@ std::vector<std::string_view> splitPath(std::string_view path) {
   return parts;
 }
 
+Tree::Tree() : lock_(std::make_unique<std::recursive_mutex>()) {}
+Tree::Tree(const Tree& other)
+    : nodes_(other.nodes_), image_(other.image_), claimed_(other.claimed_),
+      lock_(std::make_unique<std::recursive_mutex>()) {}
+Tree& Tree::operator=(const Tree& other) {
+  if (this != &other) {
+    nodes_ = other.nodes_;
+    image_ = other.image_;
+    claimed_ = other.claimed_;
+  }
+  return *this;
+}
+Tree::Tree(Tree&&) noexcept = default;
+Tree& Tree::operator=(Tree&&) noexcept = default;
+Tree::~Tree() = default;
+
+std::uint32_t Tree::size() const {
+  std::lock_guard<std::recursive_mutex> hold(*lock_);
+  return static_cast<std::uint32_t>(nodes_.size());
+}
+
 Tree Tree::empty() {
   Tree t;
   Node root;
   root.name = u"Root Entry";
   root.utf8 = moxfmt::kRootName;
   root.type = EntryType::root;
+  root.expanded = true;
   t.nodes_.push_back(std::move(root));
   return t;
 }
 
-Tree Tree::fromImage(const Image& image) {
-  const auto& entries = image.entries();
+Tree Tree::fromImage(std::shared_ptr<const Image> image) {
   Tree t;
-  t.nodes_.reserve(entries.size());
-  t.nodes_.push_back(nodeOf(image, 0));
-  std::vector<bool> seen(entries.size(), false);
-  seen[0] = true;
-  // Each storage's sibling tree is read in order (left, self, right);
-  // entries met a second time are listed once, where first met.
-  std::vector<std::uint32_t> pending{0};
-  std::vector<std::uint32_t> stack;
-  while (!pending.empty()) {
-    const std::uint32_t parent = pending.back();
-    pending.pop_back();
-    std::uint32_t at = entries[t.nodes_[parent].id].child;
-    stack.clear();
-    while (at < entries.size() || !stack.empty()) {
-      if (at < entries.size() && !seen[at]) {
-        seen[at] = true;
-        stack.push_back(at);
-        at = entries[at].left;
-        continue;
-      }
-      if (stack.empty()) break;
-      const std::uint32_t id = stack.back();
-      stack.pop_back();
-      const auto index = static_cast<std::uint32_t>(t.nodes_.size());
-      t.nodes_.push_back(nodeOf(image, id));
-      t.nodes_.back().parent = parent;
-      t.nodes_[parent].children.push_back(index);
-      pending.push_back(index);
-      at = entries[id].right;
-    }
-    std::vector<std::uint32_t>& list = t.nodes_[parent].children;
-    auto less = [&](std::uint32_t a, std::uint32_t b) { return siblingLess(t.nodes_[a], t.nodes_[b]); };
-    if (!std::is_sorted(list.begin(), list.end(), less)) std::stable_sort(list.begin(), list.end(), less);
-  }
+  t.nodes_.push_back(nodeOf(*image, 0));
+  t.image_ = std::move(image);
   return t;
 }
 
+const std::vector<std::uint32_t>& Tree::children(std::uint32_t i) const {
+  std::lock_guard<std::recursive_mutex> hold(*lock_);
+  if (!nodes_[i].expanded) expand(i);
+  return nodes_[i].kids;
+}
+
+void Tree::expand(std::uint32_t parent) const {
+  nodes_[parent].expanded = true;
+  if (!image_ || nodes_[parent].id == kNoNode) return;
+  const Image& image = *image_;
+  const std::uint32_t count = image.entryCount();
+  if (claimed_.empty()) {
+    claimed_.assign(count, false);
+    claimed_[0] = true;
+  }
+  // The sibling tree read in order (left, self, right).  An entry met a
+  // second time (only damaged files link one twice) is listed once, where
+  // first met; a link back to an entry already listed ends the descent.
+  std::vector<std::uint32_t> kids;
+  std::vector<std::uint32_t> stack;
+  std::uint32_t at = image.entry(nodes_[parent].id).child;
+  while (at < count || !stack.empty()) {
+    if (at < count && !claimed_[at]) {
+      claimed_[at] = true;
+      stack.push_back(at);
+      at = image.entry(at).left;
+      continue;
+    }
+    if (stack.empty()) break;
+    const std::uint32_t id = stack.back();
+    stack.pop_back();
+    const auto index = static_cast<std::uint32_t>(nodes_.size());
+    nodes_.push_back(nodeOf(image, id));
+    nodes_.back().parent = parent;
+    kids.push_back(index);
+    at = image.entry(id).right;
+  }
+  auto less = [&](std::uint32_t a, std::uint32_t b) { return siblingLess(nodes_[a], nodes_[b]); };
+  if (!std::is_sorted(kids.begin(), kids.end(), less)) std::stable_sort(kids.begin(), kids.end(), less);
+  nodes_[parent].kids = std::move(kids);
+}
+
 std::uint32_t Tree::findChild(std::uint32_t parent, std::string_view name) const {
-  const std::vector<std::uint32_t>& kids = nodes_[parent].children;
+  std::lock_guard<std::recursive_mutex> hold(*lock_);
+  const std::vector<std::uint32_t>& kids = children(parent);
   const std::u16string wanted = moxfmt::utf8ToUtf16(name);
   auto lower = std::lower_bound(kids.begin(), kids.end(), wanted, [&](std::uint32_t i, const std::u16string& w) {
     return moxfmt::compareSiblingNames(nodes_[i].name, w) < 0;
@@ -132,6 +164,7 @@ std::uint32_t Tree::findChild(std::uint32_t parent, std::string_view name) const
 }
 
 std::uint32_t Tree::find(std::string_view path) const {
+  std::lock_guard<std::recursive_mutex> hold(*lock_);
   std::uint32_t at = 0;
   for (std::string_view part : splitPath(path)) {
     at = findChild(at, part);
@@ -141,6 +174,7 @@ std::uint32_t Tree::find(std::string_view path) const {
 }
 
 std::string Tree::pathOf(std::uint32_t i) const {
+  std::lock_guard<std::recursive_mutex> hold(*lock_);
   std::vector<std::uint32_t> chain;
   for (std::uint32_t at = i; at != 0 && at != kNoNode; at = nodes_[at].parent) chain.push_back(at);
   std::string path;
@@ -153,13 +187,15 @@ std::string Tree::pathOf(std::uint32_t i) const {
 std::uint32_t Tree::addChild(std::uint32_t parent, Node child) {
   const auto index = static_cast<std::uint32_t>(nodes_.size());
   child.parent = kNoNode;
+  child.expanded = true;
   nodes_.push_back(std::move(child));
   attach(parent, index);
   return index;
 }
 
 void Tree::attach(std::uint32_t parent, std::uint32_t i) {
-  std::vector<std::uint32_t>& kids = nodes_[parent].children;
+  children(parent);
+  std::vector<std::uint32_t>& kids = nodes_[parent].kids;
   auto at = std::upper_bound(kids.begin(), kids.end(), i, [&](std::uint32_t a, std::uint32_t b) {
     return siblingLess(nodes_[a], nodes_[b]);
   });
@@ -170,7 +206,8 @@ void Tree::attach(std::uint32_t parent, std::uint32_t i) {
 void Tree::detach(std::uint32_t i) {
   const std::uint32_t parent = nodes_[i].parent;
   if (parent == kNoNode) return;
-  std::vector<std::uint32_t>& kids = nodes_[parent].children;
+  children(parent);
+  std::vector<std::uint32_t>& kids = nodes_[parent].kids;
   kids.erase(std::remove(kids.begin(), kids.end(), i), kids.end());
   nodes_[i].parent = kNoNode;
 }

@@ -1,14 +1,23 @@
 // The storage tree as the native interface sees it: one node per entry
 // reachable from the root, each storage's children kept in the format's
-// sibling order.  Built once from an Image; the editor changes it in place.
+// sibling order.  The editor changes it in place.
 //
-// Lookups binary-search a storage's children, so a path costs a descent
-// per element whatever order the file's own sibling trees were in.
+// Nodes are made as they are needed: a storage's children are read from
+// the file the first time anything asks for them, so an open costs no
+// memory per entry, and a lookup only what lies on its path.  Lookups
+// binary-search a storage's children, so a path costs a descent per
+// element whatever order the file's own sibling trees were in.
+//
+// Const methods may run on several threads at once: each holds the tree's
+// lock (expansion adds nodes behind them), and nodes never move once made,
+// so a reference to one stays valid.
 #ifndef MOXOLEFIO_NATIVE_TREE_H_
 #define MOXOLEFIO_NATIVE_TREE_H_
 
 #include <array>
 #include <cstdint>
+#include <deque>
+#include <mutex>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -33,19 +42,37 @@ struct Node {
   std::uint64_t size = 0;
   std::uint32_t id = kNoNode;      // the entry in the file's directory, if any
   std::uint32_t parent = kNoNode;
-  std::vector<std::uint32_t> children;  // in sibling order
   std::shared_ptr<StreamData> data;     // content set by an editor; null: as stored
   bool live = true;                     // false once removed
+
+ private:
+  friend class Tree;
+  std::vector<std::uint32_t> kids;  // in sibling order, once expanded
+  bool expanded = false;            // kids read from the file
 };
 
 class Tree {
  public:
-  static Tree fromImage(const Image& image);
+  static Tree fromImage(std::shared_ptr<const Image> image);
   static Tree empty();
+  Tree();
+  Tree(const Tree& other);
+  Tree& operator=(const Tree& other);
+  Tree(Tree&&) noexcept;
+  Tree& operator=(Tree&&) noexcept;
+  ~Tree();
 
-  const Node& node(std::uint32_t i) const { return nodes_[i]; }
+  const Node& node(std::uint32_t i) const {
+    std::lock_guard<std::recursive_mutex> hold(*lock_);
+    return nodes_[i];
+  }
+  // For editors, which own the tree alone.
   Node& node(std::uint32_t i) { return nodes_[i]; }
-  std::uint32_t size() const { return static_cast<std::uint32_t>(nodes_.size()); }
+  // Nodes made so far (every node once walk() has run).
+  std::uint32_t size() const;
+  // The children of node `i` in sibling order, read from the file the
+  // first time they are asked for.
+  const std::vector<std::uint32_t>& children(std::uint32_t i) const;
 
   // The node a path names, or kNoNode.  The rules of the header: a leading
   // '/' ignored, empty elements are empty names, exact name first, else the
@@ -58,13 +85,21 @@ class Tree {
   template <typename Visit>
   void walk(Visit&& visit) const;
 
-  // Editing: adds a node under `parent` in order, or takes one out.
+  // Editing: adds a node under `parent` in order, or takes one out.  A
+  // node's children are all read from the file before it changes.
   std::uint32_t addChild(std::uint32_t parent, Node child);
   void detach(std::uint32_t i);
   void attach(std::uint32_t parent, std::uint32_t i);
 
  private:
-  std::vector<Node> nodes_;
+  void expand(std::uint32_t i) const;
+
+  // Mutable: expansion adds nodes behind const lookups.  A deque, so that
+  // references to nodes stay valid as nodes are added.
+  mutable std::deque<Node> nodes_;
+  std::shared_ptr<const Image> image_;
+  mutable std::vector<bool> claimed_;  // entries already listed somewhere
+  std::unique_ptr<std::recursive_mutex> lock_;
 };
 
 // Splits "a/b/c" into its elements after dropping one leading '/'; ""
@@ -80,14 +115,15 @@ void Tree::walk(Visit&& visit) const {
     std::uint32_t node;
     std::string path;
   };
+  std::lock_guard<std::recursive_mutex> hold(*lock_);
   std::vector<Frame> stack;
   stack.push_back(Frame{0, std::string()});
   while (!stack.empty()) {
     Frame f = std::move(stack.back());
     stack.pop_back();
-    const Node& n = nodes_[f.node];
     visit(f.node, f.path);
-    for (auto it = n.children.rbegin(); it != n.children.rend(); ++it) {
+    const std::vector<std::uint32_t>& kids = children(f.node);
+    for (auto it = kids.rbegin(); it != kids.rend(); ++it) {
       const Node& c = nodes_[*it];
       stack.push_back(Frame{*it, childPath(f.path, f.node == 0, c.utf8)});
     }

@@ -239,4 +239,6 @@ class MOX_CXX_API CompoundFile {
 
 }  // namespace mox
 
+#include "moxolefio/properties.hpp"
+
 #endif  // MOXOLEFIO_MOXOLEFIO_HPP_

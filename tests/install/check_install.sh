@@ -28,6 +28,17 @@ cmake -S "$here" -B "$scratch/outside" -DCMAKE_PREFIX_PATH="$prefix" \
 cmake --build "$scratch/outside" >/dev/null
 "$scratch/outside/outside_host" "$sample" | grep -q "opened"
 
-# 3. the installed program finds the installed library by itself
+# 3. the C++ example, through find_package and through pkg-config
+cmake -S "$here/../../examples" -B "$scratch/examples" -DCMAKE_PREFIX_PATH="$prefix" \
+      -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" \
+      -DCMAKE_BUILD_RPATH="$libdir" >/dev/null
+cmake --build "$scratch/examples" >/dev/null
+"$scratch/examples/list_and_read" "$sample" | grep -q "^stream .*/WordDocument$"
+# shellcheck disable=SC2046,SC2086
+c++ -std=c++17 $flags -o "$scratch/example-pc" "$here/../../examples/list_and_read.cpp" \
+    $(pkg-config --cflags --libs moxolefio) -Wl,-rpath,"$libdir"
+"$scratch/example-pc" "$sample" WordDocument | cmp - <("$scratch/examples/list_and_read" "$sample" WordDocument)
+
+# 4. the installed program finds the installed library by itself
 env -u MOXOLE_LIBRARY "$prefix/bin/moxole" info "$sample" | grep -q "^sector size: *512$"
 echo "install checks passed"

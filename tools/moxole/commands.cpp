@@ -49,6 +49,52 @@ const std::vector<Command>& allCommands() {
        "\n"
        "  -p  copy the 76-byte picture record of its \\x03PIC stream instead\n",
        "p", 3, 3, runObject},
+      {"put", "put FILE PATH [SRC]",
+       "Writes the stream at PATH from the file SRC, or from standard input when\n"
+       "SRC is missing or '-', replacing a stream already there and making the\n"
+       "storages above it.  FILE is created (version 4) when it does not exist.\n"
+       "The document is rewritten beside itself and renamed over FILE only\n"
+       "when complete.\n",
+       "", 2, 3, runPut},
+      {"rm", "rm FILE PATH",
+       "Removes the stream or storage at PATH, with everything below it,\n"
+       "committed as 'put' does.\n",
+       "", 2, 2, runRemove},
+      {"mv", "mv FILE PATH NEW",
+       "Moves the entry at PATH into the storage NEW when there is one, else\n"
+       "renames and moves it to the path NEW (whose storage must exist).\n"
+       "Committed as 'put' does.\n",
+       "", 3, 3, runMove},
+      {"mkdir", "mkdir FILE PATH",
+       "Makes the storage PATH and any storages above it.  FILE is created\n"
+       "(version 4) when it does not exist.  Committed as 'put' does.\n",
+       "", 2, 2, runMkdir},
+      {"check", "check FILE",
+       "Scans the whole structure of FILE (header, FAT, DIFAT, mini FAT,\n"
+       "directory, sibling trees, every chain) and prints one line per defect:\n"
+       "\n"
+       "  SEVERITY<TAB>CODE<TAB>PATH<TAB>SECTOR<TAB>MESSAGE\n"
+       "\n"
+       "SEVERITY is 'error' (data lost or ambiguous) or 'warning' (an oddity\n"
+       "readers tolerate); CODE is a short stable tag such as 'sector-shared';\n"
+       "PATH is the entry concerned and SECTOR the sector (a mini sector for\n"
+       "codes starting with 'mini'), '-' when none.  Prints nothing for a\n"
+       "clean file.  Exits with 0 when there is no error, 2 when there is.\n",
+       "", 1, 1, runCheck},
+      {"props", "props FILE [PATH]",
+       "Prints the document properties of the two summary streams\n"
+       "(\\x05SummaryInformation and \\x05DocumentSummaryInformation), or of the\n"
+       "property set stream at PATH, one a line:\n"
+       "\n"
+       "  STREAM<TAB>SECTION<TAB>ID<TAB>NAME<TAB>TYPE<TAB>VALUE\n"
+       "\n"
+       "SECTION is 'summary', 'doc_summary', 'user_defined' or the section's\n"
+       "format id; NAME is the property's name ('-' when it has none), from\n"
+       "the section's dictionary for user-defined properties; TYPE is the\n"
+       "stored type ('lpstr', 'filetime', 'vector|variant'...).  Strings are\n"
+       "quoted, dates are UTC, the edit time is hours:minutes:seconds, and\n"
+       "binary values show their size and first 32 bytes in hex.\n",
+       "", 1, 2, runProps},
   };
   return commands;
 }

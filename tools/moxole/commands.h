@@ -39,6 +39,12 @@ int runExtract(const Library& library, const Invocation& call);
 int runPack(const Library& library, const Invocation& call);
 int runObjects(const Library& library, const Invocation& call);
 int runObject(const Library& library, const Invocation& call);
+int runPut(const Library& library, const Invocation& call);
+int runRemove(const Library& library, const Invocation& call);
+int runMove(const Library& library, const Invocation& call);
+int runMkdir(const Library& library, const Invocation& call);
+int runCheck(const Library& library, const Invocation& call);
+int runProps(const Library& library, const Invocation& call);
 
 // Flushes standard output and turns a failed write into a reported status.
 int finishOutput(int status);

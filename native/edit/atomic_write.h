@@ -1,0 +1,49 @@
+// Putting a new file in place so that the path holds the complete old
+// file or the complete new one at every moment: the bytes go to a
+// temporary file in the same folder, which is flushed, renamed over the
+// path, and the folder flushed after it.
+#ifndef MOXOLEFIO_NATIVE_EDIT_ATOMIC_WRITE_H_
+#define MOXOLEFIO_NATIVE_EDIT_ATOMIC_WRITE_H_
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "native/edit/serializer.h"
+
+namespace mox::detail {
+
+// A file written front to back with pwrite, in large pieces; pieces of
+// zeros are left as holes, so sparse streams stay sparse.
+class FileSink : public Sink {
+ public:
+  FileSink(int fd, std::string name);
+  void write(const void* data, std::size_t count) override;
+  void zeros(std::uint64_t count) override;
+  // Writes what is buffered and gives the file its full length.
+  void finish();
+
+ private:
+  void flush();
+  void put(const unsigned char* data, std::size_t count);
+
+  int fd_;
+  std::string name_;
+  std::vector<unsigned char> buffer_;
+  std::size_t used_ = 0;
+  std::uint64_t offset_ = 0;  // of the buffer's first byte
+  bool hole_at_end_ = false;
+};
+
+// Writes `serializer`'s file at `target` as described above.  Throws
+// Error(io) with the target in the message; on a failure before the
+// rename the target is untouched and the temporary file removed.
+// `placed` runs right after the rename, with the path renamed over (links
+// followed), before the folder is flushed: a failure to flush still
+// leaves the new file in place.
+void writeAtomically(const std::filesystem::path& target, Serializer& serializer,
+                     const std::function<void(const std::filesystem::path&)>& placed = nullptr);
+
+}  // namespace mox::detail
+
+#endif  // MOXOLEFIO_NATIVE_EDIT_ATOMIC_WRITE_H_

@@ -1,0 +1,110 @@
+// Writes a whole compound file from a tree, front to back, in one pass:
+// the layout (every sector's place) is worked out from the sizes first,
+// so the bytes can go to the output as they are read, and only the
+// tables are ever held.
+//
+// The file it writes: the header; each regular stream's sectors in
+// directory order; the mini stream; the mini FAT; the directory; the FAT;
+// the DIFAT.  Every chain is one run, every sector belongs to exactly one
+// chain or table, and each storage's children form a red-black tree in
+// the format's sibling order.
+#ifndef MOXOLEFIO_NATIVE_EDIT_SERIALIZER_H_
+#define MOXOLEFIO_NATIVE_EDIT_SERIALIZER_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "native/image.h"
+#include "native/tree.h"
+
+namespace mox::detail {
+
+// Where the bytes go, in order.
+class Sink {
+ public:
+  virtual ~Sink() = default;
+  virtual void write(const void* data, std::size_t count) = 0;
+  // `count` zero bytes; a file may leave a hole instead.
+  virtual void zeros(std::uint64_t count);
+};
+
+class MemorySink : public Sink {
+ public:
+  explicit MemorySink(std::vector<unsigned char>& out) : out_(out) {}
+  void write(const void* data, std::size_t count) override;
+  void zeros(std::uint64_t count) override { out_.resize(out_.size() + count, 0); }
+
+ private:
+  std::vector<unsigned char>& out_;
+};
+
+// The largest stream a file of this version may hold.
+std::uint64_t maxStreamSize(int version);
+
+class Serializer {
+ public:
+  // `image` is where nodes without data of their own are read from (null
+  // when there are none).  Throws Error(invalid_argument) for a tree the
+  // version cannot hold.
+  Serializer(const Tree& tree, std::shared_ptr<const Image> image, int version);
+
+  std::uint64_t fileSize() const { return (static_cast<std::uint64_t>(sectors_) + 1) << shift_; }
+  // Directory index in the output of each node written, kNoNode for the
+  // others.
+  const std::vector<std::uint32_t>& directoryIndex() const { return index_; }
+
+  void write(Sink& sink);
+
+ private:
+  struct Region {
+    std::uint32_t start;
+    std::uint32_t count;
+    std::uint32_t mark;  // kEndOfChain for a chain, else the value of each entry
+  };
+
+  void lay();
+  void linkSiblings(const std::vector<std::uint32_t>& sorted, std::size_t lo, std::size_t hi,
+                    unsigned depth, unsigned redDepth, std::uint32_t* root);
+  void writeHeader(Sink& sink);
+  void writeContent(std::uint32_t node, Sink& sink);
+  void copyStored(std::uint32_t node, Sink& sink);
+  void copyFromFile(std::uint64_t offset, std::uint64_t count, std::uint32_t node, Sink& sink);
+  void writeTable(const std::vector<Region>& regions, std::uint64_t entries, Sink& sink);
+  void writeDirectory(Sink& sink);
+  void writeDifat(Sink& sink);
+  [[noreturn]] void damaged(std::uint32_t node, const std::string& what) const;
+
+  const Tree& tree_;
+  std::shared_ptr<const Image> image_;
+  int version_;
+  unsigned shift_;
+  std::uint32_t sectorSize_;
+
+  std::vector<std::uint32_t> order_;  // nodes in directory order
+  std::vector<std::uint32_t> index_;  // node -> directory index
+  std::vector<std::uint32_t> left_, right_, child_;  // by directory index
+  std::vector<std::uint8_t> colour_;
+  std::vector<std::uint32_t> start_;  // first sector (or mini sector) by directory index
+  std::vector<std::uint64_t> size_;
+
+  std::vector<Region> fatRegions_;
+  std::vector<Region> miniRegions_;
+  std::uint64_t miniSectors_ = 0;
+  std::uint32_t miniStreamStart_ = 0, miniStreamSectors_ = 0;
+  std::uint32_t miniFatStart_ = 0, miniFatSectors_ = 0;
+  std::uint32_t dirStart_ = 0, dirSectors_ = 0;
+  std::uint32_t fatStart_ = 0, fatSectors_ = 0;
+  std::uint32_t difatStart_ = 0, difatSectors_ = 0;
+  std::uint32_t sectors_ = 0;
+
+  // Where stored mini streams sit: the source's mini stream runs.
+  std::vector<Run> sourceMini_;
+  std::vector<std::uint64_t> sourceMiniStarts_;
+  std::vector<unsigned char> buffer_;
+};
+
+}  // namespace mox::detail
+
+#endif  // MOXOLEFIO_NATIVE_EDIT_SERIALIZER_H_

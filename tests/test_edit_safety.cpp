@@ -1,0 +1,208 @@
+// A commit must leave the path holding the complete old file or the
+// complete new one, whatever fails and whenever the process dies.  Every
+// file operation of a commit is made to fail in turn through the library's
+// file layer; then a child process committing in a loop is killed with
+// SIGKILL at random moments.  Linked with the library's internals, for
+// the file layer.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <random>
+
+#include "moxolefio/moxolefio.hpp"
+#include "native/edit/file_ops.h"
+#include "support/cfb_audit.h"
+#include "support/program_run.h"
+#include "support/vos_scratch.h"
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes pattern(std::size_t size, unsigned seed) {
+  Bytes b(size);
+  std::uint32_t x = seed * 2654435761u + 7;
+  for (auto& v : b) {
+    x = x * 1664525u + 1013904223u;
+    v = static_cast<std::uint8_t>(x >> 24);
+  }
+  return b;
+}
+
+// Fails the `failAt`-th operation (counting from 1) with EIO.
+class FailingOps : public mox::detail::FileOps {
+ public:
+  explicit FailingOps(int failAt) : failAt_(failAt) {}
+  int calls() const { return calls_; }
+  std::string failed() const { return failed_; }
+
+  int open(const char* path, int flags, mode_t mode) override {
+    return fault("open") ? -1 : FileOps::open(path, flags, mode);
+  }
+  ssize_t pwrite(int fd, const void* data, std::size_t count, off_t offset) override {
+    return fault("write") ? -1 : FileOps::pwrite(fd, data, count, offset);
+  }
+  int ftruncate(int fd, off_t size) override { return fault("truncate") ? -1 : FileOps::ftruncate(fd, size); }
+  int fsync(int fd) override { return fault("fsync") ? -1 : FileOps::fsync(fd); }
+  int rename(const char* from, const char* to) override { return fault("rename") ? -1 : FileOps::rename(from, to); }
+  int close(int fd) override {
+    // A failed close still releases the descriptor.
+    if (fault("close")) {
+      FileOps::close(fd);
+      return -1;
+    }
+    return FileOps::close(fd);
+  }
+
+ private:
+  bool fault(const char* what) {
+    if (++calls_ != failAt_) return false;
+    failed_ = what;
+    errno = EIO;
+    return true;
+  }
+  int failAt_;
+  int calls_ = 0;
+  std::string failed_;
+};
+
+struct OpsGuard {
+  explicit OpsGuard(mox::detail::FileOps* ops) { mox::detail::setFileOps(ops); }
+  ~OpsGuard() { mox::detail::setFileOps(nullptr); }
+};
+
+Bytes fileBytes(const std::string& path) {
+  const std::string s = moxtest::readFile(path);
+  return Bytes(s.begin(), s.end());
+}
+
+// Edits that touch every part of a commit: a large stream written over
+// stored bytes, a new mini stream, a removal and a rename.
+void edit(mox::CompoundFile& f, unsigned seed) {
+  mox::Stream big = f.open_stream("big");
+  big.seek(seed * 1000);
+  const Bytes piece = pattern(70000, seed);
+  big.write(piece.data(), piece.size());
+  f.create_stream("small" + std::to_string(seed)).write(piece.data(), 100);
+  if (f.exists("gone")) f.remove("gone");
+  if (f.exists("Store")) f.rename("Store", "Storage");
+}
+
+void makeStart(const std::string& path, int version) {
+  mox::CompoundFile f = mox::CompoundFile::create(path, mox::CreateOptions{version});
+  const Bytes big = pattern(300000, 1);
+  f.create_stream("big").write(big.data(), big.size());
+  f.create_stream("gone").write(big.data(), 5000);
+  f.create_stream("Store/inner").write(big.data(), 10);
+  f.commit();
+}
+
+class CommitFaults : public ::testing::TestWithParam<int> {};
+
+TEST_P(CommitFaults, EveryFailingOperationLeavesOldOrNew) {
+  moxtest::ScratchDir dir;
+  const std::string path = dir.file("doc.cfb");
+  makeStart(path, GetParam());
+  const Bytes old = fileBytes(path);
+  // The new content, made the same way without faults.
+  Bytes fresh;
+  {
+    const std::string other = dir.file("reference.cfb");
+    makeStart(other, GetParam());
+    mox::CompoundFile f = mox::CompoundFile::open_rw(other);
+    edit(f, 3);
+    f.commit();
+    fresh = fileBytes(other);
+    ::unlink(other.c_str());
+  }
+  int operations = 0;
+  for (int failAt = 1;; ++failAt) {
+    SCOPED_TRACE("failing operation " + std::to_string(failAt));
+    mox::CompoundFile f = mox::CompoundFile::open_rw(path);
+    edit(f, 3);
+    FailingOps ops(failAt);
+    bool committed = false;
+    try {
+      OpsGuard guard(&ops);
+      f.commit();
+      committed = true;
+    } catch (const mox::Error& e) {
+      EXPECT_EQ(e.code(), mox::Errc::io) << e.what();
+      EXPECT_NE(std::string(e.what()).find(path), std::string::npos) << e.what();
+    }
+    const Bytes now = fileBytes(path);
+    ASSERT_TRUE(now == old || now == fresh) << "after a failing " << ops.failed();
+    EXPECT_EQ(moxtest::snapshotTree(dir.path()).size(), 1u) << "a temporary file was left behind";
+    if (committed) {
+      EXPECT_TRUE(now == fresh);
+      operations = ops.calls();
+      break;
+    }
+    if (now == fresh) {
+      // Failed after the rename (flushing the folder): the object is on
+      // the new file already.
+      EXPECT_TRUE(f.open_stream("big").read_all() == mox::CompoundFile::open(path).open_stream("big").read_all());
+    } else {
+      // The object keeps its edits and commits them once the fault is gone.
+      f.commit();
+      EXPECT_TRUE(fileBytes(path) == fresh);
+    }
+    // Back to the start for the next fault.
+    ::unlink(path.c_str());
+    makeStart(path, GetParam());
+  }
+  EXPECT_GE(operations, 6) << "open, writes, fsync, close, rename, folder open, fsync";
+}
+
+INSTANTIATE_TEST_SUITE_P(Versions, CommitFaults, ::testing::Values(3, 4));
+
+// The child commits generation after generation: stream "n" holds the
+// generation and every other stream is a function of it.  Whatever the
+// moment of the kill, the file must be one whole generation.
+TEST(CommitKills, KilledCommitsLeaveOneWholeGeneration) {
+  moxtest::ScratchDir dir;
+  const std::string path = dir.file("doc.cfb");
+  makeStart(path, 3);
+  std::mt19937 rng(12345);
+  unsigned lastSeen = 0;
+  for (int round = 0; round < 12; ++round) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      mox::CompoundFile f = mox::CompoundFile::open_rw(path);
+      for (unsigned generation = 1;; ++generation) {
+        const Bytes body = pattern(60000 + generation % 7 * 5000, generation);
+        mox::Stream big = f.create_stream("big");
+        big.write(body.data(), body.size());
+        f.create_stream("n").write(&generation, sizeof generation);
+        f.commit();
+      }
+    }
+    usleep(20000 + rng() % 200000);
+    kill(child, SIGKILL);
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    const Bytes now = fileBytes(path);
+    ASSERT_EQ(cfbaudit::audit(now), "");
+    const mox::CompoundFile f = mox::CompoundFile::open(path);
+    if (!f.exists("n")) continue;  // killed before its first commit
+    unsigned generation = 0;
+    const Bytes n = f.open_stream("n").read_all();
+    ASSERT_EQ(n.size(), sizeof generation);
+    memcpy(&generation, n.data(), sizeof generation);
+    EXPECT_TRUE(f.open_stream("big").read_all() == pattern(60000 + generation % 7 * 5000, generation))
+        << "generation " << generation;
+    lastSeen = std::max(lastSeen, generation);
+    // Leftover temporary files of killed commits are the only litter.
+    for (const auto& [name, content] : moxtest::snapshotTree(dir.path())) {
+      EXPECT_TRUE(name == "doc.cfb" || name.rfind(".doc.cfb.moxtmp-", 0) == 0) << name;
+    }
+  }
+  EXPECT_GT(lastSeen, 0u) << "no commit finished in any round";
+}
+
+}  // namespace

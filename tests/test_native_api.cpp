@@ -1,0 +1,279 @@
+// The native interface on files made by the test-side builder: how paths
+// find names, what an Entry reports, how Streams and istream read, which
+// errors come out, and several threads reading one file.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "moxolefio/moxolefio.hpp"
+#include "support/cfb_builder.h"
+
+namespace {
+
+using cfb::Bytes;
+
+Bytes pattern(size_t size, uint32_t seed) {
+  Bytes b(size);
+  std::mt19937 rng(seed);
+  for (auto& x : b) x = static_cast<uint8_t>(rng());
+  return b;
+}
+
+mox::CompoundFile openBytes(const Bytes& bytes, mox::OpenOptions options = {}) {
+  return mox::CompoundFile::open_memory(bytes.data(), bytes.size(), options);
+}
+
+mox::Errc errorOf(const std::function<void()>& work) {
+  try {
+    work();
+  } catch (const mox::Error& e) {
+    return e.code();
+  }
+  ADD_FAILURE() << "no mox::Error thrown";
+  return mox::Errc{};
+}
+
+std::vector<std::string> namesOf(const std::vector<mox::Entry>& entries) {
+  std::vector<std::string> names;
+  for (const auto& e : entries) names.push_back(e.name);
+  return names;
+}
+
+// --- Paths and names -----------------------------------------------------
+
+TEST(NativePaths, FindEveryNameByExactThenCaseInsensitiveMatch) {
+  cfb::CfbBuilder b;
+  b.addStream(0, "Abc", pattern(10, 1));
+  b.addStream(0, "ABC", pattern(11, 2));
+  b.addStream(0, "Only", pattern(12, 3));
+  b.addEntry(0, u"\u0416ar", 2, pattern(13, 4));  // Cyrillic capital Zhe
+  const int storage = b.addStorage(0, "Folder");
+  b.addStream(storage, "Inner", pattern(14, 5));
+  const Bytes file = b.build();
+  mox::CompoundFile doc = openBytes(file);
+
+  EXPECT_EQ(doc.entry("Abc")->size, 10u);
+  EXPECT_EQ(doc.entry("ABC")->size, 11u);
+  EXPECT_FALSE(doc.exists("abc")) << "two names fit: no guess";
+  EXPECT_EQ(doc.entry("ONLY")->size, 12u);
+  EXPECT_EQ(doc.entry("\xD0\xB6" "AR")->size, 13u) << "the format's upper-casing of U+0436";
+  EXPECT_EQ(doc.entry("/folder/INNER")->path, "Folder/Inner");
+  EXPECT_EQ(doc.entry("")->type, mox::EntryType::root);
+  EXPECT_FALSE(doc.exists("Folder/Missing"));
+  EXPECT_FALSE(doc.exists("Only/x")) << "a stream has no children here";
+}
+
+TEST(NativePaths, ChildrenFollowTheFormatOrderWhateverTheFileStored) {
+  cfb::CfbBuilder b;  // stores siblings by lower-case folding: "b_" before "ba"
+  for (const char* n : {"b_", "BA", "z", "Bb", "a1", "B"}) b.addStream(0, n, pattern(3, 9));
+  const Bytes file = b.build();
+  const std::vector<std::string> names = namesOf(openBytes(file).children(""));
+  EXPECT_EQ(names, (std::vector<std::string>{"B", "z", "a1", "BA", "Bb", "b_"}));
+}
+
+TEST(NativePaths, EmptyAndUnpairedSurrogateNamesAreReachableFromWalk) {
+  cfb::CfbBuilder b;
+  const int empty = b.addEntry(0, u"", 1, {});
+  b.addStream(empty, "x", pattern(5, 1));
+  b.addEntry(empty, u"", 2, pattern(6, 2));
+  b.addEntry(0, std::u16string(u"a") + char16_t(0xD800) + u"b", 2, pattern(7, 3));
+  const Bytes file = b.build();
+  mox::CompoundFile doc = openBytes(file);
+  std::vector<std::string> paths;
+  for (const mox::Entry& e : doc.walk()) {
+    paths.push_back(e.path);
+    const std::optional<mox::Entry> found = doc.entry(e.path);
+    ASSERT_TRUE(found) << e.path;
+    EXPECT_EQ(found->id, e.id) << e.path;
+  }
+  EXPECT_EQ(paths, (std::vector<std::string>{"", "/", "//", "//x", "a\xEF\xBF\xBD" "b"}));
+  EXPECT_EQ(doc.open_stream("//").size(), 6u);
+  EXPECT_EQ(doc.open_stream("a\xEF\xBF\xBD" "b").size(), 7u);
+}
+
+// --- Entries -------------------------------------------------------------
+
+TEST(NativeEntries, ReportStoredFieldsAndSizesByVersion) {
+  for (unsigned shift : {9u, 12u}) {
+    SCOPED_TRACE(shift);
+    cfb::CfbBuilder b(shift);
+    const int s = b.addStorage(0, "S");
+    const int t = b.addStream(0, "T", pattern(100, 1));
+    const uint8_t clsid[16] = {1, 0, 0, 2, 0xFF, 0, 3, 4, 5, 6, 7, 8, 9, 0, 0, 10};
+    std::copy(clsid, clsid + 16, b.entry(s).clsid);
+    b.entry(s).state = 0x12345678;
+    const uint8_t stamp[8] = {0x00, 0x80, 0x3E, 0xD5, 0xDE, 0xB1, 0x9D, 0x01};  // 1970-01-01
+    std::copy(stamp, stamp + 8, b.entry(s).modified);
+    cfb::CfbLayout l = b.layout();
+    l.dir[t].sizeHigh = 1;  // only 4096-byte-sector files read the high half
+    const Bytes file = l.serialize();
+    mox::CompoundFile doc = openBytes(file);
+    EXPECT_EQ(doc.version(), shift == 12 ? 4 : 3);
+    EXPECT_EQ(doc.sector_size(), 1u << shift);
+    const mox::Entry e = *doc.entry("S");
+    EXPECT_TRUE(std::equal(e.clsid.begin(), e.clsid.end(), clsid));
+    EXPECT_EQ(e.state_bits, 0x12345678u);
+    EXPECT_EQ(e.created, 0u);
+    EXPECT_EQ(mox::to_time_point(e.modified), std::chrono::system_clock::time_point{});
+    EXPECT_EQ(mox::to_filetime(mox::to_time_point(e.modified)), e.modified);
+    EXPECT_EQ(doc.entry("T")->size, shift == 12 ? (uint64_t{1} << 32) + 100 : 100u);
+  }
+}
+
+// --- Streams -------------------------------------------------------------
+
+// Reverses the chain of the regular stream `entry`, moving its sectors so
+// that no two neighbours in the chain are neighbours in the file.
+void scatter(cfb::CfbLayout& l, int entry) {
+  std::vector<uint32_t> chain;
+  for (uint32_t s = l.dir[entry].start; s != cfb::kEnd; s = l.fat[s]) chain.push_back(s);
+  std::vector<Bytes> payloads;
+  for (uint32_t s : chain) payloads.push_back(l.sector(s));
+  std::vector<uint32_t> order(chain.rbegin(), chain.rend());
+  for (size_t i = 0; i < order.size(); ++i) {
+    l.sector(order[i]) = payloads[i];
+    l.fat[order[i]] = i + 1 < order.size() ? order[i + 1] : cfb::kEnd;
+  }
+  l.dir[entry].start = order[0];
+}
+
+TEST(NativeStreams, RandomReadsAndSeeksReturnTheStoredBytes) {
+  cfb::CfbBuilder b;
+  const Bytes big = pattern(40000, 7), small = pattern(3000, 8);
+  const int bigEntry = b.addStream(0, "Big", big);
+  b.addStream(0, "Small", small);
+  cfb::CfbLayout l = b.layout();
+  scatter(l, bigEntry);
+  const Bytes file = l.serialize();
+  mox::CompoundFile doc = openBytes(file);
+  std::mt19937 rng(42);
+  for (const auto& [name, expected] : {std::pair{"Big", big}, std::pair{"Small", small}}) {
+    mox::Stream s = doc.open_stream(name);
+    EXPECT_EQ(s.read_all(), expected);
+    for (int i = 0; i < 200; ++i) {
+      const uint64_t at = rng() % (expected.size() + 10);
+      const size_t want = rng() % 5000;
+      EXPECT_EQ(s.seek(static_cast<int64_t>(at)), at);
+      Bytes got(want);
+      got.resize(s.read(got.data(), want));
+      const size_t fits = at < expected.size() ? std::min(want, expected.size() - at) : 0;
+      ASSERT_EQ(got.size(), fits);
+      EXPECT_TRUE(std::equal(got.begin(), got.end(), expected.begin() + std::min<size_t>(at, expected.size())));
+      EXPECT_EQ(s.tell(), at + fits);
+    }
+    EXPECT_EQ(s.seek(-10, std::ios_base::end), expected.size() - 10);
+    EXPECT_EQ(s.seek(4, std::ios_base::cur), expected.size() - 6);
+    EXPECT_EQ(errorOf([&] { s.seek(-1, std::ios_base::beg); }), mox::Errc::invalid_argument);
+    EXPECT_EQ(errorOf([&] { s.write("x", 1); }), mox::Errc::read_only);
+  }
+}
+
+TEST(NativeStreams, IstreamReadsSeeksAndOutlivesTheFile) {
+  cfb::CfbBuilder b;
+  b.addStream(0, "Text", Bytes{'o', 'n', 'e', '\n', 't', 'w', 'o', '\n'});
+  const Bytes file = b.build();
+  std::optional<mox::istream> in;
+  {
+    mox::CompoundFile doc = openBytes(file);
+    in.emplace(doc.open_stream("Text"));
+  }
+  std::string line;
+  ASSERT_TRUE(std::getline(*in, line));
+  EXPECT_EQ(line, "one");
+  in->seekg(-4, std::ios_base::end);
+  EXPECT_EQ(in->tellg(), 4);
+  ASSERT_TRUE(std::getline(*in, line));
+  EXPECT_EQ(line, "two");
+  EXPECT_FALSE(std::getline(*in, line));
+}
+
+// --- Errors --------------------------------------------------------------
+
+TEST(NativeErrors, CodesAndMessagesNameTheFileAndThePath) {
+  const std::string dir = ::testing::TempDir();
+  EXPECT_EQ(errorOf([&] { mox::CompoundFile::open(dir + "/no-such-file"); }), mox::Errc::not_found);
+  const std::string text = dir + "/plain.txt";
+  std::ofstream(text) << std::string(1000, 'x');
+  EXPECT_EQ(errorOf([&] { mox::CompoundFile::open(text); }), mox::Errc::not_a_compound_file);
+  EXPECT_EQ(errorOf([&] { mox::CompoundFile::open_memory(nullptr, 10); }), mox::Errc::invalid_argument);
+
+  cfb::CfbBuilder b;
+  b.addStorage(0, "Store");
+  b.addStream(0, "Good", pattern(5000, 1));
+  const int bad = b.addStream(0, "Bad", pattern(5000, 2));
+  cfb::CfbLayout l = b.layout();
+  l.fat[l.dir[bad].start + 1] = l.dir[bad].start;  // a circle
+  const std::string path = dir + "/circle.doc";
+  const Bytes bytes = l.serialize();
+  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+
+  mox::CompoundFile doc = mox::CompoundFile::open(path);
+  EXPECT_EQ(doc.open_stream("Good").read_all(), pattern(5000, 1));
+  try {
+    doc.open_stream("Bad");
+    ADD_FAILURE() << "a circular chain opened";
+  } catch (const mox::Error& e) {
+    EXPECT_EQ(e.code(), mox::Errc::damaged);
+    EXPECT_NE(std::string(e.what()).find(path), std::string::npos) << e.what();
+    EXPECT_NE(std::string(e.what()).find("Bad"), std::string::npos) << e.what();
+  }
+  EXPECT_EQ(errorOf([&] { doc.open_stream("Store"); }), mox::Errc::invalid_argument);
+  EXPECT_EQ(errorOf([&] { doc.open_stream("Missing"); }), mox::Errc::not_found);
+  EXPECT_EQ(errorOf([&] { doc.children("Missing"); }), mox::Errc::not_found);
+}
+
+TEST(NativeErrors, HostileHeaderCountsFailOrOpenWithoutTakingTheirWord) {
+  cfb::CfbBuilder b;
+  b.addStream(0, "S", pattern(100, 1));
+  cfb::CfbLayout l = b.layout();
+  l.deriveDifat = false;
+  l.header.fatSectors = 0x7FFFFFFF;
+  l.header.difatStart = 0;
+  l.header.difatSectors = 0x7FFFFFFF;
+  const Bytes file = l.serialize();
+  try {
+    mox::CompoundFile doc = openBytes(file);
+    EXPECT_FALSE(doc.check().empty());
+    EXPECT_EQ(errorOf([&] { openBytes(file, mox::OpenOptions{true}); }), mox::Errc::damaged);
+  } catch (const mox::Error& e) {
+    EXPECT_EQ(e.code(), mox::Errc::damaged);
+  }
+}
+
+// --- Threads -------------------------------------------------------------
+
+TEST(NativeThreads, ManyThreadsReadStreamsOfOneFile) {
+  cfb::CfbBuilder b;
+  std::vector<Bytes> contents;
+  for (int f = 0; f < 8; ++f) {
+    const int storage = b.addStorage(0, "F" + std::to_string(f));
+    for (int m = 0; m < 20; ++m) {
+      contents.push_back(pattern(static_cast<size_t>(100 + 997 * m), f * 100 + m));
+      b.addStream(storage, "M" + std::to_string(m), contents.back());
+    }
+  }
+  const Bytes file = b.build();
+  mox::CompoundFile doc = openBytes(file);
+  std::vector<std::thread> threads;
+  std::vector<int> mismatches(4, 0);
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int round = 0; round < 5; ++round) {
+        for (int f = 0; f < 8; ++f) {
+          for (int m = (t + round) % 3; m < 20; m += 3) {
+            mox::Stream s = doc.open_stream("F" + std::to_string(f) + "/M" + std::to_string(m));
+            if (s.read_all() != contents[static_cast<size_t>(f * 20 + m)]) ++mismatches[t];
+          }
+        }
+        if (doc.walk().size() != 1 + 8 * 21) ++mismatches[t];
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(mismatches, std::vector<int>(4, 0));
+}
+
+}  // namespace

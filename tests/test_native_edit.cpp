@@ -1,0 +1,586 @@
+// Editing through the native interface: random programs of edits checked
+// against a plain model of the tree, stream writes at every kind of
+// boundary, the naming rules, and what commit, revert, save_as and the
+// destructor do to the file and to open Streams.  Every file written is
+// audited for structure (support/cfb_audit) and read back.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <map>
+#include <random>
+
+#include "format/names.h"
+#include "moxolefio/moxolefio.hpp"
+#include "support/cfb_audit.h"
+#include "support/program_run.h"
+#include "support/vos_scratch.h"
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes pattern(std::size_t size, unsigned seed) {
+  Bytes b(size);
+  std::uint32_t x = seed * 2654435761u + 1;
+  for (auto& v : b) {
+    x = x * 1664525u + 1013904223u;
+    v = static_cast<std::uint8_t>(x >> 24);
+  }
+  return b;
+}
+
+Bytes readAll(const mox::CompoundFile& f, const std::string& path) { return f.open_stream(path).read_all(); }
+
+void put(mox::CompoundFile& f, const std::string& path, const Bytes& bytes) {
+  mox::Stream s = f.create_stream(path);
+  s.write(bytes.data(), bytes.size());
+}
+
+mox::Errc codeOf(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const mox::Error& e) {
+    return e.code();
+  }
+  return mox::Errc{};
+}
+
+// --- The model ----------------------------------------------------------------
+
+struct Item {
+  bool storage = false;
+  Bytes bytes;
+};
+
+// Paths without a leading '/', the root left out.
+using Model = std::map<std::string, Item>;
+
+std::string parentOf(const std::string& p) {
+  const auto cut = p.rfind('/');
+  return cut == std::string::npos ? "" : p.substr(0, cut);
+}
+std::string nameOf(const std::string& p) {
+  const auto cut = p.rfind('/');
+  return cut == std::string::npos ? p : p.substr(cut + 1);
+}
+std::string join(const std::string& parent, const std::string& name) { return parent.empty() ? name : parent + "/" + name; }
+
+bool sameName(const std::string& a, const std::string& b) {
+  return moxfmt::compareSiblingNames(moxfmt::utf8ToUtf16(a), moxfmt::utf8ToUtf16(b)) == 0;
+}
+
+// The child of `parent` that `name` names (exactly or by the format's
+// rule), or "".
+std::string childNamed(const Model& m, const std::string& parent, const std::string& name) {
+  for (const auto& [path, item] : m) {
+    if (parentOf(path) == parent && sameName(nameOf(path), name)) return path;
+  }
+  return "";
+}
+
+// The entry a path names, as the interface looks paths up; "" for none.
+std::string resolve(const Model& m, const std::string& p) {
+  std::string at;
+  std::size_t from = 0;
+  for (;;) {
+    const std::size_t cut = p.find('/', from);
+    at = childNamed(m, at, p.substr(from, cut == std::string::npos ? std::string::npos : cut - from));
+    if (at.empty() || cut == std::string::npos) return at;
+    from = cut + 1;
+  }
+}
+
+bool isStorage(const Model& m, const std::string& p) { return p.empty() || (m.count(p) && m.at(p).storage); }
+
+// Makes the storages of `parts` as create_* does; false where a stream is in the way.
+bool makeParents(Model& m, const std::vector<std::string>& parts, std::size_t count, std::string* at) {
+  *at = "";
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::string found = childNamed(m, *at, parts[i]);
+    if (found.empty()) {
+      *at = join(*at, parts[i]);
+      m[*at].storage = true;
+    } else if (!m[found].storage) {
+      return false;
+    } else {
+      *at = found;
+    }
+  }
+  return true;
+}
+
+void moveSubtree(Model& m, const std::string& from, const std::string& to) {
+  Model moved;
+  for (auto it = m.begin(); it != m.end();) {
+    if (it->first == from || it->first.rfind(from + "/", 0) == 0) {
+      moved[to + it->first.substr(from.size())] = it->second;
+      it = m.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  m.insert(moved.begin(), moved.end());
+}
+
+void expectSame(const mox::CompoundFile& f, const Model& m, const std::string& when) {
+  SCOPED_TRACE(when);
+  Model seen;
+  for (const mox::Entry& e : f.walk()) {
+    if (e.type == mox::EntryType::root) continue;
+    Item& item = seen[e.path];
+    item.storage = e.is_storage();
+    if (e.is_stream()) {
+      item.bytes = readAll(f, e.path);
+      EXPECT_EQ(e.size, item.bytes.size()) << e.path;
+    }
+  }
+  ASSERT_EQ(seen.size(), m.size());
+  for (const auto& [path, item] : m) {
+    auto it = seen.find(path);
+    ASSERT_NE(it, seen.end()) << "missing " << path;
+    EXPECT_EQ(it->second.storage, item.storage) << path;
+    EXPECT_TRUE(it->second.bytes == item.bytes) << path << ": " << it->second.bytes.size() << " bytes, expected "
+                                                << item.bytes.size();
+  }
+}
+
+void expectWellFormed(const Bytes& file) {
+  EXPECT_EQ(cfbaudit::audit(file), "");
+  const mox::CompoundFile reread = mox::CompoundFile::open_memory(file.data(), file.size());
+  EXPECT_TRUE(reread.check().empty());
+}
+
+class Program {
+ public:
+  Program(unsigned seed, int version)
+      : rng_(seed), file_(mox::CompoundFile::create_memory(mox::CreateOptions{version})) {}
+
+  void run(int steps) {
+    for (int i = 0; i < steps; ++i) {
+      step();
+      if (::testing::Test::HasFatalFailure()) return;
+    }
+    file_.commit();
+    committed_ = model_;
+    expectSame(file_, model_, "after the last commit");
+    const Bytes bytes = file_.bytes();
+    expectWellFormed(bytes);
+    expectSame(mox::CompoundFile::open_memory(bytes.data(), bytes.size()), model_, "read back");
+  }
+
+ private:
+  std::string name() {
+    static const char* names[] = {"a", "A", "b", "Bb", "bB", "data", "DATA", "Stream_1", "x", "\xC3\xA9t\xC3\xA9",
+                                  "\xC3\x89T\xC3\x89", "\x05Summary", "long name of thirty-one units.."};
+    return names[rng_() % (sizeof names / sizeof *names)];
+  }
+  // An existing entry, or a fresh path, about half and half.
+  std::string path(bool existing) {
+    if (existing && !model_.empty()) {
+      auto it = model_.begin();
+      std::advance(it, rng_() % model_.size());
+      return it->first;
+    }
+    std::string p = name();
+    for (unsigned depth = rng_() % 3; depth > 0; --depth) p = name() + "/" + p;
+    return p;
+  }
+  std::vector<std::string> split(const std::string& p) {
+    std::vector<std::string> parts;
+    std::size_t from = 0;
+    for (std::size_t cut; (cut = p.find('/', from)) != std::string::npos; from = cut + 1) parts.push_back(p.substr(from, cut - from));
+    parts.push_back(p.substr(from));
+    return parts;
+  }
+  std::size_t size() {
+    switch (rng_() % 4) {
+      case 0: return rng_() % 100;
+      case 1: return 4096 - 2 + rng_() % 4;
+      case 2: return rng_() % 4000;
+      default: return rng_() % 150000;
+    }
+  }
+  void expectCode(mox::Errc expected, const std::function<void()>& action, const std::string& what) {
+    const mox::Errc got = codeOf(action);
+    ASSERT_EQ(static_cast<int>(got), static_cast<int>(expected)) << what;
+  }
+
+  void step() {
+    const unsigned op = rng_() % 12;
+    const bool existing = rng_() % 2 == 0;
+    std::string p = path(existing);
+    const std::vector<std::string> parts = split(p);
+    Model after = model_;
+    std::string parent;
+    const bool parentsOk = makeParents(after, parts, parts.size() - 1, &parent);
+    const std::string found = parentsOk ? childNamed(after, parent, parts.back()) : "";
+    const std::string named = resolve(model_, p);
+    if (op >= 3 && op <= 8 && !named.empty()) p = named;
+    switch (op) {
+      case 0: {  // create_storage
+        mox::Errc want{};
+        if (!parentsOk || (!found.empty() && !after[found].storage)) want = mox::Errc::exists;
+        else if (found.empty()) after[join(parent, parts.back())].storage = true;
+        expectCode(want, [&] { file_.create_storage(p); }, "create_storage " + p);
+        break;
+      }
+      case 1:
+      case 2: {  // create_stream / create_new_stream, then a write
+        const bool replace = op == 1;
+        const Bytes data = pattern(size(), rng_());
+        mox::Errc want{};
+        std::string target = join(parent, parts.back());
+        if (!parentsOk || (!found.empty() && (!replace || after[found].storage))) want = mox::Errc::exists;
+        else if (!found.empty()) target = found;
+        if (want == mox::Errc{}) after[target] = Item{false, data};
+        expectCode(want, [&] {
+          mox::Stream s = replace ? file_.create_stream(p) : file_.create_new_stream(p);
+          s.write(data.data(), data.size());
+        }, "create stream " + p);
+        break;
+      }
+      case 3:
+      case 4: {  // a write somewhere into an existing stream, or a new size
+        if (!model_.count(p) || model_[p].storage) return;
+        Bytes& bytes = after[p].bytes;
+        mox::Stream s = file_.open_stream(p);
+        if (op == 3) {
+          const std::size_t at = rng_() % (bytes.size() + 70000);
+          const Bytes data = pattern(size() / 2 + 1, rng_());
+          if (bytes.size() < at + data.size()) bytes.resize(at + data.size(), 0);
+          std::copy(data.begin(), data.end(), bytes.begin() + at);
+          s.seek(static_cast<std::int64_t>(at));
+          s.write(data.data(), data.size());
+        } else {
+          const std::size_t n = size();
+          bytes.resize(n, 0);
+          s.set_size(n);
+        }
+        break;
+      }
+      case 5: {  // remove
+        mox::Errc want = model_.count(p) ? mox::Errc{} : mox::Errc::not_found;
+        if (want == mox::Errc{}) {
+          after = model_;
+          for (auto it = after.begin(); it != after.end();) {
+            it = it->first == p || it->first.rfind(p + "/", 0) == 0 ? after.erase(it) : std::next(it);
+          }
+        } else {
+          after = model_;
+        }
+        expectCode(want, [&] { file_.remove(p); }, "remove " + p);
+        break;
+      }
+      case 6: {  // rename
+        if (!model_.count(p)) return;
+        after = model_;
+        const std::string to = name();
+        mox::Errc want{};
+        const std::string clash = childNamed(model_, parentOf(p), to);
+        if (!clash.empty() && clash != p) want = mox::Errc::exists;
+        else moveSubtree(after, p, join(parentOf(p), to));
+        expectCode(want, [&] { file_.rename(p, to); }, "rename " + p + " to " + to);
+        break;
+      }
+      case 7: {  // move
+        if (!model_.count(p)) return;
+        after = model_;
+        std::string into = rng_() % 4 == 0 ? "" : path(true);
+        if (!isStorage(model_, into)) return;
+        mox::Errc want{};
+        if (into == p || into.rfind(p + "/", 0) == 0) want = mox::Errc::invalid_argument;
+        else if (const std::string c = childNamed(model_, into, nameOf(p)); !c.empty() && c != p) want = mox::Errc::exists;
+        else moveSubtree(after, p, join(into, nameOf(p)));
+        expectCode(want, [&] { file_.move(p, into); }, "move " + p + " into " + into);
+        break;
+      }
+      case 8: {  // copy within the file
+        if (!model_.count(p)) return;
+        const std::string to = path(false);
+        const std::vector<std::string> toParts = split(to);
+        after = model_;
+        std::string toParent;
+        mox::Errc want{};
+        if (!makeParents(after, toParts, toParts.size() - 1, &toParent) ||
+            !childNamed(after, toParent, toParts.back()).empty()) {
+          want = mox::Errc::exists;
+        } else {
+          const std::string dest = join(toParent, toParts.back());
+          for (const auto& [q, item] : model_) {
+            if (q == p || q.rfind(p + "/", 0) == 0) after[dest + q.substr(p.size())] = item;
+          }
+        }
+        if (want != mox::Errc{}) after = model_;
+        expectCode(want, [&] { file_.copy(file_, p, to); }, "copy " + p + " to " + to);
+        if (want != mox::Errc{}) {
+          // A failed copy may have made the target's parents; the model
+          // follows what the file did.
+          makeParents(after, toParts, toParts.size() - 1, &toParent);
+        }
+        break;
+      }
+      case 9:
+        file_.commit();
+        committed_ = model_;
+        expectSame(file_, model_, "after a commit");
+        return;
+      case 10:
+        if (rng_() % 3 != 0) return;
+        file_.revert();
+        model_ = committed_;
+        expectSame(file_, model_, "after a revert");
+        return;
+      default:
+        expectSame(file_, model_, "between edits");
+        return;
+    }
+    // Failed edits may still have made missing parent storages, as the
+    // model did: only an edit that fails on the parents leaves none.
+    model_ = std::move(after);
+  }
+
+  std::mt19937 rng_;
+  mox::CompoundFile file_;
+  Model model_, committed_;
+};
+
+class EditPrograms : public ::testing::TestWithParam<std::tuple<int, unsigned>> {};
+
+TEST_P(EditPrograms, MatchTheModel) {
+  Program(std::get<1>(GetParam()), std::get<0>(GetParam())).run(120);
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, EditPrograms,
+                         ::testing::Combine(::testing::Values(3, 4), ::testing::Range(1u, 41u)));
+
+// --- Streams ------------------------------------------------------------------
+
+TEST(EditStreams, GapsAndRegrownTailsReadAsZeros) {
+  for (int version : {3, 4}) {
+    SCOPED_TRACE(version);
+    mox::CompoundFile f = mox::CompoundFile::create_memory(mox::CreateOptions{version});
+    const Bytes big = pattern(200000, 1);
+    put(f, "s", big);
+    f.commit();  // "s" is now stored: what follows edits over the stored bytes
+    mox::Stream s = f.open_stream("s");
+    s.set_size(100001);    // cuts a stored page in the middle
+    s.set_size(300000);    // grows past the old end: zeros, not old bytes
+    s.seek(250000);
+    const Bytes tail = pattern(10, 2);
+    s.write(tail.data(), tail.size());
+    Bytes expected(big.begin(), big.begin() + 100001);
+    expected.resize(300000, 0);
+    std::copy(tail.begin(), tail.end(), expected.begin() + 250000);
+    EXPECT_TRUE(readAll(f, "s") == expected);
+    f.commit();
+    EXPECT_TRUE(readAll(f, "s") == expected);
+    expectWellFormed(f.bytes());
+  }
+}
+
+TEST(EditStreams, CrossTheMiniStreamCutoffBothWays) {
+  mox::CompoundFile f = mox::CompoundFile::create_memory();
+  const Bytes a = pattern(4095, 3), b = pattern(4097, 4);
+  put(f, "s", a);
+  f.commit();
+  mox::Stream s = f.open_stream("s");
+  s.seek(0, std::ios_base::end);
+  s.write(b.data(), 2);  // 4097 bytes: out of the mini stream
+  Bytes expected = a;
+  expected.insert(expected.end(), b.begin(), b.begin() + 2);
+  EXPECT_TRUE(readAll(f, "s") == expected);
+  f.commit();
+  EXPECT_TRUE(readAll(f, "s") == expected);
+  f.open_stream("s").set_size(10);  // back into it
+  expected.resize(10);
+  f.commit();
+  EXPECT_TRUE(readAll(f, "s") == expected);
+  expectWellFormed(f.bytes());
+}
+
+TEST(EditStreams, SizesTheVersionCannotHoldAreRefused) {
+  mox::CompoundFile v3 = mox::CompoundFile::create_memory(mox::CreateOptions{3});
+  mox::Stream s = v3.create_stream("s");
+  EXPECT_EQ(codeOf([&] { s.set_size(std::uint64_t{1} << 32); }), mox::Errc::invalid_argument);
+  s.set_size(0xFFFFFFFFull);
+  EXPECT_EQ(s.size(), 0xFFFFFFFFull);
+  mox::CompoundFile v4 = mox::CompoundFile::create_memory();
+  mox::Stream t = v4.create_stream("s");
+  t.set_size(std::uint64_t{5} << 30);
+  EXPECT_EQ(t.size(), std::uint64_t{5} << 30);
+  EXPECT_EQ(codeOf([] { mox::CompoundFile::create_memory(mox::CreateOptions{5}); }), mox::Errc::invalid_argument);
+}
+
+// --- Names and entries ---------------------------------------------------------
+
+TEST(EditNames, ClashesFollowTheFormatsCaseRuleAndOrderHolds) {
+  mox::CompoundFile f = mox::CompoundFile::create_memory();
+  f.create_storage("Dir/Inner");
+  put(f, "Dir/\xC3\xA9t\xC3\xA9", pattern(5, 1));
+  put(f, "Dir/zz", pattern(5, 2));
+  EXPECT_EQ(codeOf([&] { f.create_new_stream("dir/\xC3\x89T\xC3\x89"); }), mox::Errc::exists);
+  EXPECT_EQ(codeOf([&] { f.rename("Dir/zz", "INNER"); }), mox::Errc::exists);
+  EXPECT_EQ(codeOf([&] { f.create_stream("Dir/Inner"); }), mox::Errc::exists);
+  EXPECT_EQ(codeOf([&] { f.create_storage("Dir/zz/below"); }), mox::Errc::exists);
+  f.rename("Dir/zz", "ZZ");  // its own name in another case
+  f.rename("Dir/Inner", "a");  // now sorts first
+  std::vector<std::string> names;
+  for (const mox::Entry& e : f.children("Dir")) names.push_back(e.name);
+  EXPECT_EQ(names, (std::vector<std::string>{"a", "ZZ", "\xC3\xA9t\xC3\xA9"}));
+  f.commit();
+  names.clear();
+  for (const mox::Entry& e : f.children("Dir")) names.push_back(e.name);
+  EXPECT_EQ(names, (std::vector<std::string>{"a", "ZZ", "\xC3\xA9t\xC3\xA9"}));
+  expectWellFormed(f.bytes());
+}
+
+TEST(EditNames, NamesTheFormatCannotStoreAreRefused) {
+  mox::CompoundFile f = mox::CompoundFile::create_memory();
+  for (const char* bad : {"a/", "x!y", "a:b", "back\\slash", "thirty-two units long, one too many"}) {
+    EXPECT_EQ(codeOf([&] { f.create_stream(bad); }), mox::Errc::invalid_argument) << bad;
+  }
+  put(f, "ok", {});
+  EXPECT_EQ(codeOf([&] { f.rename("ok", ""); }), mox::Errc::invalid_argument);
+  EXPECT_EQ(codeOf([&] { f.remove(""); }), mox::Errc::invalid_argument);
+  EXPECT_EQ(codeOf([&] { f.remove("missing"); }), mox::Errc::not_found);
+}
+
+TEST(EditEntries, PropertiesWhereTheFormatAllowsThem) {
+  mox::CompoundFile f = mox::CompoundFile::create_memory(mox::CreateOptions{3});
+  const std::array<std::uint8_t, 16> id = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+  f.create_storage("S");
+  put(f, "S/t", pattern(3, 1));
+  f.set_clsid("", id);
+  f.set_clsid("S", id);
+  f.set_state_bits("S", 0xA5A5);
+  f.set_created("S", 0x01D0000000000001ull);
+  f.set_modified("S", 0x01D0000000000002ull);
+  f.set_modified("", 0x01D0000000000003ull);
+  EXPECT_EQ(codeOf([&] { f.set_created("", 1); }), mox::Errc::invalid_argument);
+  EXPECT_EQ(codeOf([&] { f.set_clsid("S/t", id); }), mox::Errc::invalid_argument);
+  EXPECT_EQ(codeOf([&] { f.set_modified("S/t", 1); }), mox::Errc::invalid_argument);
+  f.commit();
+  const Bytes bytes = f.bytes();
+  const mox::CompoundFile g = mox::CompoundFile::open_memory(bytes.data(), bytes.size());
+  EXPECT_EQ(g.root().clsid, id);
+  EXPECT_EQ(g.root().modified, 0x01D0000000000003ull);
+  const mox::Entry s = *g.entry("S");
+  EXPECT_EQ(s.clsid, id);
+  EXPECT_EQ(s.state_bits, 0xA5A5u);
+  EXPECT_EQ(s.created, 0x01D0000000000001ull);
+  EXPECT_EQ(s.modified, 0x01D0000000000002ull);
+}
+
+TEST(EditEntries, CopiesFromAnotherFileAreTheirOwn) {
+  mox::CompoundFile a = mox::CompoundFile::create_memory();
+  put(a, "Tree/small", pattern(100, 1));
+  put(a, "Tree/Sub/big", pattern(70000, 2));
+  a.commit();
+  put(a, "Tree/Sub/new", pattern(9000, 3));  // not committed: copied as it is now
+  mox::CompoundFile b = mox::CompoundFile::create_memory(mox::CreateOptions{3});
+  b.copy(a, "Tree", "Copy");
+  b.copy(a, "Tree/small", "Deep/er/one");
+  // Changing the source afterwards does not reach the copies.
+  a.open_stream("Tree/Sub/new").write("x", 1);
+  a.remove("Tree/small");
+  a.commit();
+  b.commit();
+  EXPECT_TRUE(readAll(b, "Copy/small") == pattern(100, 1));
+  EXPECT_TRUE(readAll(b, "Copy/Sub/big") == pattern(70000, 2));
+  EXPECT_TRUE(readAll(b, "Copy/Sub/new") == pattern(9000, 3));
+  EXPECT_TRUE(readAll(b, "Deep/er/one") == pattern(100, 1));
+  EXPECT_EQ(codeOf([&] { b.copy(a, "Tree", "Copy"); }), mox::Errc::exists);
+  EXPECT_EQ(codeOf([&] { b.move("Copy", "Copy/Sub"); }), mox::Errc::invalid_argument);
+  expectWellFormed(b.bytes());
+}
+
+// --- Files, commits and Streams ----------------------------------------------------
+
+struct Folder {
+  moxtest::ScratchDir dir;
+  std::string file(const std::string& name) const { return dir.file(name); }
+};
+
+std::string slurp(const std::string& path) { return moxtest::readFile(path); }
+
+TEST(EditFiles, NothingReachesTheFileWithoutCommit) {
+  Folder folder;
+  const std::string path = folder.file("doc.cfb");
+  {
+    mox::CompoundFile f = mox::CompoundFile::create(path, mox::CreateOptions{3});
+    put(f, "a", pattern(10000, 1));
+    EXPECT_FALSE(moxtest::exists(path));
+    f.commit();
+    put(f, "b", pattern(10, 2));  // dropped by the destructor
+  }
+  const std::string committed = slurp(path);
+  {
+    mox::CompoundFile f = mox::CompoundFile::open_rw(path);
+    EXPECT_EQ(f.version(), 3);
+    EXPECT_FALSE(f.exists("b"));
+    f.remove("a");
+    put(f, "c", pattern(10, 3));
+    f.save_as(folder.file("copy.cfb"));
+    f.revert();
+    EXPECT_TRUE(f.exists("a"));
+    EXPECT_FALSE(f.exists("c"));
+    put(f, "d", pattern(10, 4));
+  }
+  EXPECT_EQ(slurp(path), committed);
+  const mox::CompoundFile copy = mox::CompoundFile::open(folder.file("copy.cfb"));
+  EXPECT_FALSE(copy.exists("a"));
+  EXPECT_TRUE(readAll(copy, "c") == pattern(10, 3));
+  // Only the files themselves are left in the folder: no temporary files.
+  EXPECT_EQ(moxtest::snapshotTree(folder.dir.path()).size(), 2u);
+}
+
+TEST(EditFiles, StreamsStayUsableAcrossCommitsAndReverts) {
+  Folder folder;
+  const std::string path = folder.file("doc.cfb");
+  mox::CompoundFile f = mox::CompoundFile::create(path);
+  mox::Stream w = f.create_stream("log");
+  const Bytes first = pattern(100000, 1), second = pattern(5000, 2);
+  w.write(first.data(), first.size());
+  put(f, "other", pattern(50, 3));
+  f.commit();
+  mox::Stream old = f.open_stream("other");
+  w.write(second.data(), second.size());  // the same Stream, after the commit
+  f.remove("other");
+  f.commit();
+  Bytes both = first;
+  both.insert(both.end(), second.begin(), second.end());
+  EXPECT_TRUE(readAll(f, "log") == both);
+  EXPECT_TRUE(old.read_all() == pattern(50, 3));  // from the replaced file's mapping
+  EXPECT_EQ(codeOf([&] { old.write("x", 1); }), mox::Errc::invalid_argument);
+  w.write("tail", 4);
+  f.revert();
+  w.seek(0);
+  EXPECT_TRUE(w.read_all() == both);  // back to what was committed
+  EXPECT_TRUE(mox::CompoundFile::open(path).open_stream("log").read_all() == both);
+  expectWellFormed(f.bytes());
+}
+
+TEST(EditFiles, ReadOnlyFilesRefuseEditsAndCommitsKeepPermissions) {
+  Folder folder;
+  const std::string path = folder.file("doc.cfb");
+  {
+    mox::CompoundFile f = mox::CompoundFile::create(path);
+    put(f, "s", pattern(10, 1));
+    f.commit();
+  }
+  ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+  mox::CompoundFile r = mox::CompoundFile::open(path);
+  EXPECT_FALSE(r.writable());
+  EXPECT_EQ(codeOf([&] { r.create_stream("t"); }), mox::Errc::read_only);
+  EXPECT_EQ(codeOf([&] { r.commit(); }), mox::Errc::read_only);
+  EXPECT_EQ(codeOf([&] { r.open_stream("s").write("x", 1); }), mox::Errc::read_only);
+  mox::CompoundFile w = mox::CompoundFile::open_rw(path);
+  put(w, "t", pattern(10, 2));
+  w.commit();
+  struct stat info;
+  ASSERT_EQ(stat(path.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0640u);
+}
+
+}  // namespace

@@ -1,0 +1,117 @@
+// Every undamaged file of the shared corpus, opened for editing and
+// committed: unchanged, every name, property and stream's bytes must
+// survive; with one stream changed, every other entry must be as before.
+// The committed files must pass the structural audit.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+
+#include "moxolefio/moxolefio.hpp"
+#include "support/cfb_audit.h"
+#include "support/manifest.h"
+#include "support/program_run.h"
+#include "support/vos_scratch.h"
+
+namespace {
+
+const std::vector<manifest::File>& corpusFiles() {
+  static const std::vector<manifest::File> files = manifest::load(MOX_CORPUS_DIR);
+  return files;
+}
+
+struct Seen {
+  mox::EntryType type;
+  std::array<std::uint8_t, 16> clsid;
+  std::uint32_t state_bits;
+  std::uint64_t created, modified;
+  std::vector<std::uint8_t> bytes;
+  bool operator==(const Seen& o) const {
+    return type == o.type && clsid == o.clsid && state_bits == o.state_bits && created == o.created &&
+           modified == o.modified && bytes == o.bytes;
+  }
+};
+
+std::map<std::string, Seen> snapshot(const mox::CompoundFile& f) {
+  std::map<std::string, Seen> out;
+  for (const mox::Entry& e : f.walk()) {
+    Seen s{e.type, e.clsid, e.state_bits, e.created, e.modified, {}};
+    if (e.is_stream()) s.bytes = f.open_stream(e.path).read_all();
+    // The root's own stream is the mini stream, which a writer lays out anew.
+    out.emplace(e.path, std::move(s));
+  }
+  return out;
+}
+
+void expectSameBut(const std::map<std::string, Seen>& before, const std::map<std::string, Seen>& after,
+                   const std::string& changed) {
+  ASSERT_EQ(before.size(), after.size());
+  for (const auto& [path, seen] : before) {
+    auto it = after.find(path);
+    ASSERT_NE(it, after.end()) << "lost " << path;
+    if (path != changed) EXPECT_TRUE(it->second == seen) << path;
+  }
+}
+
+std::vector<std::uint8_t> bytesOf(const std::string& path) {
+  const std::string s = moxtest::readFile(path);
+  return std::vector<std::uint8_t>(s.begin(), s.end());
+}
+
+class EditCorpus : public ::testing::TestWithParam<std::size_t> {};
+
+TEST_P(EditCorpus, CommitsKeepEveryOtherEntry) {
+  const manifest::File& file = corpusFiles()[GetParam()];
+  if (file.damaged() || !file.opens) GTEST_SKIP() << "damaged files are not edited";
+  SCOPED_TRACE(file.path);
+  moxtest::ScratchDir dir;
+  const std::string path = dir.file("doc");
+  std::filesystem::copy_file(std::string(MOX_CORPUS_DIR) + "/" + file.path, path);
+  const std::map<std::string, Seen> before = snapshot(mox::CompoundFile::open(path));
+  std::string changed;
+  {
+    mox::CompoundFile f = mox::CompoundFile::open_rw(path);
+    f.commit();
+    EXPECT_EQ(cfbaudit::audit(bytesOf(path)), "");
+    EXPECT_TRUE(f.check().empty());
+    expectSameBut(before, snapshot(f), "");
+    for (const auto& [p, seen] : before) {
+      if (seen.type == mox::EntryType::stream && !seen.bytes.empty()) {
+        changed = p;
+        break;
+      }
+    }
+    if (changed.empty()) return;
+    mox::Stream s = f.open_stream(changed);
+    s.seek(static_cast<std::int64_t>(s.size() / 2));
+    s.write("\xFF\x00\xFF", 3);
+    f.commit();
+  }
+  const mox::CompoundFile again = mox::CompoundFile::open(path);
+  const std::map<std::string, Seen> after = snapshot(again);
+  expectSameBut(before, after, changed);
+  std::vector<std::uint8_t> expected = before.at(changed).bytes;
+  const std::size_t at = expected.size() / 2;
+  expected.resize(std::max(expected.size(), at + 3));
+  std::copy_n("\xFF\x00\xFF", 3, expected.begin() + at);
+  EXPECT_TRUE(after.at(changed).bytes == expected);
+  EXPECT_EQ(cfbaudit::audit(bytesOf(path)), "");
+}
+
+std::vector<std::size_t> corpusIndexes() {
+  std::vector<std::size_t> indexes;
+  for (std::size_t i = 0; i < corpusFiles().size(); ++i) indexes.push_back(i);
+  return indexes;
+}
+
+INSTANTIATE_TEST_SUITE_P(Corpus, EditCorpus, ::testing::ValuesIn(corpusIndexes()),
+                         [](const ::testing::TestParamInfo<std::size_t>& info) {
+                           std::string name = corpusFiles()[info.param].path;
+                           for (char& c : name) {
+                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+                           }
+                           return name;
+                         });
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(EditCorpus);
+
+}  // namespace

@@ -1,0 +1,191 @@
+// Files this library writes and edits, read by independent readers used
+// as black boxes: olefile, libgsf's gsf, libolecf's olecfexport, Apache
+// POI, SheetJS cfb, and this library's own 22-slot ABI (through moxole).
+// One table: documents x versions x readers; each reader must list the
+// same storages and streams, with the same sizes and bytes, as were
+// written.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "moxolefio/moxolefio.hpp"
+#include "support/program_run.h"
+#include "support/sha256.h"
+#include "support/vos_scratch.h"
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes pattern(std::size_t size, unsigned seed) {
+  Bytes b(size);
+  std::uint32_t x = seed * 2654435761u + 3;
+  for (auto& v : b) {
+    x = x * 1664525u + 1013904223u;
+    v = static_cast<std::uint8_t>(x >> 24);
+  }
+  return b;
+}
+
+struct Item {
+  bool storage = false;
+  Bytes bytes;
+};
+using Contents = std::map<std::string, Item>;  // path below the root -> item
+
+void put(mox::CompoundFile& f, Contents& c, const std::string& path, Bytes bytes) {
+  f.create_stream(path).write(bytes.data(), bytes.size());
+  for (std::size_t cut = path.find('/'); cut != std::string::npos; cut = path.find('/', cut + 1)) {
+    c[path.substr(0, cut)].storage = true;
+  }
+  c[path] = Item{false, std::move(bytes)};
+}
+
+// Storages, mini and regular streams on both sides of the cutoff, an
+// empty stream and storage, and names with a control character, Latin-1
+// letters and the full 31 units.
+Contents mixed(mox::CompoundFile& f) {
+  Contents c;
+  put(f, c, "Doc/Body", pattern(9000, 1));
+  put(f, c, "Doc/Notes", pattern(100, 2));
+  put(f, c, "Doc/Inner/Deep", pattern(4096, 3));
+  put(f, c, "Doc/Inner/Mini", pattern(4095, 4));
+  put(f, c, "\x05SummaryInformation", pattern(300, 5));
+  put(f, c, "caf\xC3\xA9", pattern(64, 6));
+  put(f, c, "Zero", {});
+  put(f, c, "Name_with_thirty_one_characters", pattern(1, 7));
+  f.create_storage("Doc/EmptyStorage");
+  c["Doc/EmptyStorage"].storage = true;
+  return c;
+}
+
+// The mixed document committed, reopened and changed every way.
+Contents edited(mox::CompoundFile& f, const std::string& path, int version) {
+  Contents c = mixed(f);
+  f.commit();
+  mox::CompoundFile e = path.empty() ? std::move(f) : mox::CompoundFile::open_rw(path);
+  EXPECT_EQ(e.version(), version);
+  e.remove("Doc/Notes");
+  c.erase("Doc/Notes");
+  e.rename("Doc/Inner", "Moved");
+  e.move("Doc/Moved", "");
+  for (const std::string name : {"Deep", "Mini"}) c["Moved/" + name] = c["Doc/Inner/" + name];
+  c["Moved"].storage = true;
+  c.erase("Doc/Inner/Deep");
+  c.erase("Doc/Inner/Mini");
+  c.erase("Doc/Inner");
+  mox::Stream body = e.open_stream("Doc/Body");
+  body.seek(5000);
+  const Bytes patch = pattern(7000, 8);
+  body.write(patch.data(), patch.size());
+  Bytes& b = c["Doc/Body"].bytes;
+  b.resize(12000);
+  std::copy(patch.begin(), patch.end(), b.begin() + 5000);
+  e.copy(e, "Moved", "Doc/Copy");
+  c["Doc/Copy"].storage = true;
+  c["Doc/Copy/Deep"] = c["Moved/Deep"];
+  c["Doc/Copy/Mini"] = c["Moved/Mini"];
+  e.open_stream("Moved/Mini").set_size(5000);
+  c["Moved/Mini"].bytes.resize(5000, 0);
+  e.commit();
+  f = std::move(e);
+  return c;
+}
+
+Contents siblings(mox::CompoundFile& f) {
+  Contents c;
+  for (int i = 0; i < 60; ++i) put(f, c, "Many/n" + std::to_string(i * 37 % 1000), pattern(i * 13 % 600, i));
+  return c;
+}
+
+// Over 109 FAT sectors with 512-byte sectors: the DIFAT is needed.
+Contents difat(mox::CompoundFile& f) {
+  Contents c;
+  put(f, c, "Large", pattern(13843u * 512 + 100000, 9));
+  put(f, c, "a", pattern(10, 10));
+  return c;
+}
+
+enum class Kinds { all, not_for_empty_items, none };
+
+struct Reader {
+  const char* tool;
+  Kinds kinds;
+};
+
+const Reader kReaders[] = {{"olefile", Kinds::all}, {"gsf", Kinds::not_for_empty_items},
+                           {"olecf", Kinds::none},  {"poi", Kinds::all},
+                           {"cfb", Kinds::all},     {"moxole", Kinds::all}};
+
+struct Document {
+  const char* name;
+  int version;
+};
+
+const Document kDocuments[] = {{"mixed", 3},    {"mixed", 4},  {"edited", 3}, {"edited", 4},
+                               {"siblings", 3}, {"siblings", 4}, {"difat", 3}};
+
+std::string expectedListing(const Contents& c, Kinds kinds) {
+  std::set<std::string> parents;
+  for (const auto& [path, item] : c) {
+    const auto cut = path.rfind('/');
+    if (cut != std::string::npos) parents.insert(path.substr(0, cut));
+  }
+  std::vector<std::string> lines;
+  for (const auto& [path, item] : c) {
+    std::string kind = item.storage ? "d" : "f";
+    const bool empty = item.storage ? parents.count(path) == 0 : item.bytes.empty();
+    if (kinds == Kinds::none || (kinds == Kinds::not_for_empty_items && empty)) kind = "-";
+    lines.push_back(kind + " " + std::to_string(item.bytes.size()) + " " +
+                    sha256Hex(item.bytes.data(), item.bytes.size()) + " " + path);
+  }
+  std::sort(lines.begin(), lines.end());
+  std::string out;
+  for (const std::string& l : lines) out += l + "\n";
+  return out;
+}
+
+// One folder for the whole run: POI's reader is compiled there once.
+const moxtest::ScratchDir& sharedScratch() {
+  static moxtest::ScratchDir dir;
+  return dir;
+}
+
+class Interop : public ::testing::TestWithParam<std::tuple<Document, Reader>> {};
+
+TEST_P(Interop, ReaderSeesWhatWasWritten) {
+  const auto& [doc, reader] = GetParam();
+  const std::string python = moxtest::olefilePython();
+  if (python.empty()) GTEST_SKIP() << "no Python with olefile to run the listing script";
+  moxtest::ScratchDir dir;
+  const std::string path = dir.file(std::string(doc.name) + ".cfb");
+  Contents contents;
+  {
+    mox::CompoundFile f = mox::CompoundFile::create(path, mox::CreateOptions{doc.version});
+    const std::string name = doc.name;
+    if (name == "mixed") contents = mixed(f);
+    if (name == "edited") contents = edited(f, path, doc.version);
+    if (name == "siblings") contents = siblings(f);
+    if (name == "difat") contents = difat(f);
+    f.commit();
+  }
+  moxtest::ProgramOptions options;
+  options.setEnv["MOXOLE_PROGRAM"] = MOXOLE_PROGRAM;
+  const moxtest::ProgramResult run = moxtest::runProgram(
+      {python, MOX_SOURCE_DIR "/tests/oracles/listing.py", reader.tool, path, sharedScratch().path()}, options);
+  if (run.status == 2) GTEST_SKIP() << reader.tool << " is not installed (scripts/test.sh installs it)";
+  ASSERT_EQ(run.status, 0) << reader.tool << " refused the file: " << run.err;
+  EXPECT_EQ(run.out, expectedListing(contents, reader.kinds));
+}
+
+std::string caseName(const ::testing::TestParamInfo<std::tuple<Document, Reader>>& info) {
+  const Document& doc = std::get<0>(info.param);
+  return std::string(doc.name) + "_v" + std::to_string(doc.version) + "_" + std::get<1>(info.param).tool;
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, Interop,
+                         ::testing::Combine(::testing::ValuesIn(kDocuments), ::testing::ValuesIn(kReaders)), caseName);
+
+}  // namespace

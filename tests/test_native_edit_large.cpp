@@ -1,0 +1,136 @@
+// Sizes that need the 64-bit fields and bounded memory: a version 4 file
+// with a 5 GiB stream, and a 2 GiB stream written in 64 KiB pieces within
+// 64 MiB of memory.  Labelled "large" (scripts/test.sh runs them apart);
+// each is skipped with a message where the disk lacks room.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "moxolefio/moxolefio.hpp"
+#include "support/vos_scratch.h"
+
+namespace {
+
+constexpr std::uint64_t kGiB = std::uint64_t{1} << 30;
+
+std::uint64_t freeBytes(const std::string& dir) {
+  struct statvfs info;
+  if (statvfs(dir.c_str(), &info) != 0) return 0;
+  return static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize;
+}
+
+std::vector<std::uint8_t> pattern(std::size_t size, unsigned seed) {
+  std::vector<std::uint8_t> b(size);
+  std::uint32_t x = seed * 2654435761u + 11;
+  for (auto& v : b) {
+    x = x * 1664525u + 1013904223u;
+    v = static_cast<std::uint8_t>(x >> 24 | 1);
+  }
+  return b;
+}
+
+// Marks at the start, across the 4 GiB line and at the end; zeros between,
+// which the scratch file and the output keep as holes where the file
+// system allows, so the test costs little disk and time.
+TEST(LargeStreams, FiveGibibytesInVersion4) {
+  moxtest::ScratchDir dir;
+  if (freeBytes(dir.path()) < 12 * kGiB) GTEST_SKIP() << "needs 12 GiB free in " << dir.path() << " in case holes are not kept";
+  const std::string path = dir.file("large.cfb");
+  const std::uint64_t size = 5 * kGiB + 123;
+  const std::vector<std::pair<std::uint64_t, std::vector<std::uint8_t>>> marks = {
+      {0, pattern(100000, 1)}, {4 * kGiB - 5000, pattern(10000, 2)}, {size - 777, pattern(777, 3)}};
+  {
+    mox::CompoundFile f = mox::CompoundFile::create(path);
+    mox::Stream s = f.create_stream("Big");
+    for (const auto& [at, bytes] : marks) {
+      s.seek(static_cast<std::int64_t>(at));
+      s.write(bytes.data(), bytes.size());
+    }
+    f.create_stream("small").write("abc", 3);
+    f.commit();
+  }
+  const mox::CompoundFile f = mox::CompoundFile::open(path);
+  EXPECT_EQ(f.version(), 4);
+  EXPECT_EQ(f.entry("Big")->size, size);
+  EXPECT_TRUE(f.check().empty());
+  mox::Stream s = f.open_stream("Big");
+  std::vector<std::uint8_t> buffer(16 << 20);
+  std::size_t mark = 0;
+  std::uint64_t at = 0, wrong = 0;
+  for (std::size_t n; (n = s.read(buffer.data(), buffer.size())) > 0; at += n) {
+    for (std::size_t i = 0; i < n; ++i) {
+      const std::uint64_t pos = at + i;
+      while (mark < marks.size() && pos >= marks[mark].first + marks[mark].second.size()) ++mark;
+      const bool inMark = mark < marks.size() && pos >= marks[mark].first;
+      const std::uint8_t want = inMark ? marks[mark].second[pos - marks[mark].first] : 0;
+      if (buffer[i] != want) ++wrong;
+    }
+  }
+  EXPECT_EQ(at, size);
+  EXPECT_EQ(wrong, 0u);
+  EXPECT_EQ(f.open_stream("small").read_all(), (std::vector<std::uint8_t>{'a', 'b', 'c'}));
+}
+
+long residentKiB() {
+  long pages = 0, resident = 0;
+  FILE* f = fopen("/proc/self/statm", "r");
+  if (f == nullptr) return 0;
+  if (fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+  fclose(f);
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// In a child, so that the peak resident size is this work's alone.
+TEST(LargeStreams, TwoGibibytesInPiecesWithinSixtyFourMebibytes) {
+  moxtest::ScratchDir dir;
+  if (freeBytes(dir.path()) < 5 * kGiB) GTEST_SKIP() << "needs 5 GiB free in " << dir.path();
+  const std::string path = dir.file("two.cfb");
+  int pipes[2];
+  ASSERT_EQ(pipe(pipes), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    close(pipes[0]);
+    const std::vector<std::uint8_t> piece = pattern(64 * 1024, 4);  // the caller's buffer
+    const long start = residentKiB();
+    long grown = -1;
+    try {
+      mox::CompoundFile f = mox::CompoundFile::create(path, mox::CreateOptions{3});
+      mox::Stream s = f.create_stream("Two");
+      for (std::uint64_t done = 0; done < 2 * kGiB; done += piece.size()) s.write(piece.data(), piece.size());
+      f.commit();
+      struct rusage usage;
+      getrusage(RUSAGE_SELF, &usage);
+      grown = usage.ru_maxrss - start;
+    } catch (...) {
+    }
+    (void)!write(pipes[1], &grown, sizeof grown);
+    _exit(0);
+  }
+  close(pipes[1]);
+  long grown = -1;
+  const bool got = read(pipes[0], &grown, sizeof grown) == static_cast<ssize_t>(sizeof grown);
+  close(pipes[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(got && grown >= 0) << "the child failed";
+  EXPECT_LT(grown, 64 * 1024) << "KiB of peak resident memory beyond the start";
+  RecordProperty("peak_growth_kib", std::to_string(grown));
+  const mox::CompoundFile f = mox::CompoundFile::open(path);
+  EXPECT_EQ(f.entry("Two")->size, 2 * kGiB);
+  mox::Stream s = f.open_stream("Two");
+  const std::vector<std::uint8_t> piece = pattern(64 * 1024, 4);
+  std::vector<std::uint8_t> buffer(piece.size());
+  std::uint64_t wrong = 0;
+  for (std::uint64_t done = 0; done < 2 * kGiB; done += buffer.size()) {
+    if (s.read(buffer.data(), buffer.size()) != buffer.size() || buffer != piece) ++wrong;
+  }
+  EXPECT_EQ(wrong, 0u);
+  std::printf("peak resident growth: %ld KiB\n", grown);
+}
+
+}  // namespace

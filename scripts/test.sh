@@ -42,7 +42,8 @@ cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs" -LE large -E '^python_package$'
 # The Python package, with the system interpreter Debian's pybind11 and
 # olefile are built for (and the pip installation, which CTest leaves out).
-PYTHONPATH=build/python MOXOLE_PROGRAM=build/moxole /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
+PYTHONPATH=build/python MOXOLE_PROGRAM=build/moxole MOXPY_NATIVE_DUMP=build/python/moxpy_native_dump \
+  /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
 if [ "${MOX_LARGE_TESTS:-0}" = 1 ]; then
   ctest --test-dir build --output-on-failure -L large
 fi

@@ -47,6 +47,25 @@ def moxole_program():
     return path if os.access(path, os.X_OK) else None
 
 
+@pytest.fixture
+def native_dump():
+    """native_dump(path) -> {path: (type, size, clsid hex, sha256 or '-')} as
+    the native C++ interface reads the file (tests/native_dump.cpp)."""
+    program = os.environ.get('MOXPY_NATIVE_DUMP') or os.path.join(TOP, 'build', 'python', 'moxpy_native_dump')
+    if not os.access(program, os.X_OK):
+        pytest.skip('moxpy_native_dump is not built (set MOXPY_NATIVE_DUMP)')
+
+    def dump(path):
+        out = subprocess.run([program, path], check=True, capture_output=True).stdout.decode('utf-8')
+        entries = {}
+        for line in out.splitlines():
+            kind, where, size, clsid, digest = line.split('\t')
+            entries[where] = (kind, int(size), clsid, digest)
+        return entries
+
+    return dump
+
+
 def _fill(folder, tree):
     os.makedirs(folder, exist_ok=True)
     for name, content in tree.items():

@@ -7,6 +7,7 @@ being copied whole into memory, and files can also be created and edited
 (``create``, ``OleFileIO(path, write_mode=True)``, ``commit``).
 """
 
+import datetime
 import io
 import os
 import uuid
@@ -16,7 +17,7 @@ from ._moxolefio import DamagedFileError, Defect, NotOleFileError, OleStream, fi
 
 __all__ = [
     'isOleFile', 'OleFileIO', 'OleDirectoryEntry', 'OleStream', 'create', 'Defect',
-    'NotOleFileError', 'DamagedFileError', 'filetime2datetime', 'MAGIC', 'MINIMAL_OLEFILE_SIZE',
+    'NotOleFileError', 'DamagedFileError', 'OleMetadata', 'filetime2datetime', 'MAGIC', 'MINIMAL_OLEFILE_SIZE',
     'STGTY_EMPTY', 'STGTY_STORAGE', 'STGTY_STREAM', 'STGTY_LOCKBYTES', 'STGTY_PROPERTY',
     'STGTY_ROOT', 'DEFECT_UNSURE', 'DEFECT_POTENTIAL', 'DEFECT_INCORRECT', 'DEFECT_FATAL',
 ]
@@ -74,6 +75,48 @@ def _clsid_bytes(clsid):
             return bytes(16)
         return uuid.UUID(clsid).bytes_le
     raise TypeError('a CLSID is a str, a uuid.UUID or 16 bytes')
+
+
+class OleMetadata:
+    """The standard properties of the two summary information streams, as
+    attributes named as olefile names them (None when absent)."""
+
+    # Property ids 1, 2, 3... of each stream's first section, in order.
+    SUMMARY_ATTRIBS = ['codepage', 'title', 'subject', 'author', 'keywords', 'comments', 'template',
+                       'last_saved_by', 'revision_number', 'total_edit_time', 'last_printed',
+                       'create_time', 'last_saved_time', 'num_pages', 'num_words', 'num_chars',
+                       'thumbnail', 'creating_application', 'security']
+    DOCSUM_ATTRIBS = ['codepage_doc', 'category', 'presentation_target', 'bytes', 'lines', 'paragraphs',
+                      'slides', 'notes', 'hidden_slides', 'mm_clips', 'scale_crop', 'heading_pairs',
+                      'titles_of_parts', 'manager', 'company', 'links_dirty', 'chars_with_spaces',
+                      'unused', 'shared_doc', 'link_base', 'hlinks', 'hlinks_changed', 'version',
+                      'dig_sig', 'content_type', 'content_status', 'language', 'doc_version']
+
+    def __init__(self):
+        for name in self.SUMMARY_ATTRIBS + self.DOCSUM_ATTRIBS:
+            setattr(self, name, None)
+
+    def parse_properties(self, ole):
+        self.__init__()
+        # The total editing time is a duration, not a date.
+        sources = [('\x05SummaryInformation', self.SUMMARY_ATTRIBS, [10]),
+                   ('\x05DocumentSummaryInformation', self.DOCSUM_ATTRIBS, [])]
+        for stream, names, durations in sources:
+            if not ole.exists(stream):
+                continue
+            found = ole.getproperties(stream, convert_time=True, no_conversion=durations)
+            for pid, name in enumerate(names, start=1):
+                setattr(self, name, found.get(pid))
+
+    def dump(self):
+        for title, names in (('SummaryInformation', self.SUMMARY_ATTRIBS),
+                             ('DocumentSummaryInformation', self.DOCSUM_ATTRIBS)):
+            print('Properties from %s stream:' % title)
+            for name in names:
+                print('- %s: %r' % (name, getattr(self, name)))
+
+
+_FILETIME_EPOCH = datetime.datetime(1601, 1, 1)
 
 
 class OleDirectoryEntry:
@@ -220,6 +263,42 @@ class OleFileIO(_native.File):
     @property
     def sectorsize(self):
         return self.sector_size
+
+    # --- Property sets ---------------------------------------------------------
+
+    def getproperties(self, filename, convert_time=False, no_conversion=None):
+        """The properties of a property set stream's first section, by id,
+        with olefile's values: FILETIMEs as seconds since 1601, or as
+        datetimes with ``convert_time`` (except the ids in
+        ``no_conversion``); types olefile does not decode as None.  A set
+        that cannot be read gives {} unless ``raise_defects`` asks for errors."""
+        no_conversion = no_conversion or []
+        try:
+            found = self._properties(filename)
+        except DamagedFileError:
+            if self._raise_defects_level <= DEFECT_INCORRECT:
+                raise
+            return {}
+        data = {}
+        for pid, value, filetime in found:
+            if filetime:
+                if convert_time and pid not in no_conversion:
+                    try:
+                        value = _FILETIME_EPOCH + datetime.timedelta(microseconds=value // 10)
+                    except OverflowError:
+                        if self._raise_defects_level <= DEFECT_INCORRECT:
+                            raise
+                        continue  # olefile leaves out what it cannot convert
+                else:
+                    value = value // 10000000
+            data[pid] = value
+        return data
+
+    def get_metadata(self):
+        """The standard properties as an OleMetadata (also kept as .metadata)."""
+        self.metadata = OleMetadata()
+        self.metadata.parse_properties(self)
+        return self.metadata
 
     # --- Editing -------------------------------------------------------------
 

@@ -76,6 +76,51 @@ std::string clsidText(const std::array<std::uint8_t, 16>& c) {
 
 const char* severityText(mox::Severity s) { return s == mox::Severity::error ? "error" : "warning"; }
 
+// A property value as olefile's getproperties gives it: integers (4-byte
+// ones unsigned), 8-bit strings as bytes without their nulls, UTF-16
+// strings as str with the terminator olefile keeps, blobs and clipboard
+// data as bytes, CLSIDs as text, booleans; FILETIMEs as raw integers for
+// the caller to convert; None for every type olefile does not decode.
+std::pair<py::object, bool> olefileValue(const mox::PropertyValue& value) {
+  const mox::PropertyVariant& v = value.variant();
+  if (auto p = std::get_if<std::int16_t>(&v)) return {py::int_(*p), false};
+  if (auto p = std::get_if<std::uint16_t>(&v)) return {py::int_(*p), false};
+  if (auto p = std::get_if<std::int32_t>(&v)) return {py::int_(static_cast<std::uint32_t>(*p)), false};
+  if (auto p = std::get_if<std::uint32_t>(&v)) return {py::int_(*p), false};
+  if (auto p = std::get_if<mox::StatusCode>(&v)) return {py::int_(p->value), false};
+  if (auto p = std::get_if<std::uint8_t>(&v)) return {py::int_(*p), false};
+  if (auto p = std::get_if<bool>(&v)) return {py::bool_(*p), false};
+  if (auto p = std::get_if<mox::FileTime>(&v)) return {py::int_(p->value), true};
+  if (auto p = std::get_if<mox::CodePageString>(&v)) {
+    std::string bytes;
+    for (char c : p->bytes) {
+      if (c != '\0') bytes += c;
+    }
+    return {py::bytes(bytes), false};
+  }
+  if (auto p = std::get_if<std::u16string>(&v)) {
+    std::u16string text = *p + u'\0';
+    int littleEndian = -1;
+    py::object s = py::reinterpret_steal<py::object>(PyUnicode_DecodeUTF16(
+        reinterpret_cast<const char*>(text.data()), static_cast<Py_ssize_t>(text.size() * 2), "replace", &littleEndian));
+    if (!s) throw py::error_already_set();
+    return {s, false};
+  }
+  if (auto p = std::get_if<mox::Blob>(&v)) {
+    if (p->object) return {py::none(), false};
+    return {py::bytes(reinterpret_cast<const char*>(p->data.data()), p->data.size()), false};
+  }
+  if (auto p = std::get_if<mox::ClipboardData>(&v)) {
+    std::string bytes(4, '\0');
+    const auto format = static_cast<std::uint32_t>(p->format);
+    for (int k = 0; k < 4; ++k) bytes[k] = static_cast<char>(format >> (8 * k));
+    bytes.append(reinterpret_cast<const char*>(p->data.data()), p->data.size());
+    return {py::bytes(bytes), false};
+  }
+  if (auto p = std::get_if<mox::Guid>(&v)) return {py::str(clsidText(*p)), false};
+  return {py::none(), false};
+}
+
 }  // namespace
 
 class File {
@@ -330,6 +375,26 @@ class File {
   py::list walk() {
     requireOpen();
     return index_.walk();
+  }
+
+  // The first section of a property set stream as (id, value, is_filetime).
+  py::list properties(py::handle path) {
+    const std::uint32_t i = find(path);
+    if (index_.node(i).type != kTypeStream) raiseOsError("this file is not a stream");
+    if (!cf_) raiseOsError("Attempting to open a stream from a closed OLE File");
+    std::optional<mox::PropertySet> set;
+    try {
+      set.emplace(mox::read_property_set(*cf_, index_.nativePath(i)));
+    } catch (const mox::Error& e) {
+      raise(e, state_->name);
+    }
+    py::list out;
+    if (set->sections.empty()) return out;
+    for (const mox::Property& p : set->sections.front().properties) {
+      auto [value, filetime] = olefileValue(p.value);
+      out.append(py::make_tuple(p.id, value, filetime));
+    }
+    return out;
   }
 
   py::object resolve(py::handle path) {
@@ -654,6 +719,7 @@ PYBIND11_MODULE(_moxolefio, m) {
       .def("openstream", &File::openStream, py::arg("filename"), py::return_value_policy::take_ownership)
       .def("check", &File::check, "The structural defects found in the file, as a list of Defect.")
       .def("_walk", &File::walk)
+      .def("_properties", &File::properties)
       .def("_resolve", &File::resolve)
       .def("_entry_info", &File::entryInfo)
       .def_property_readonly("version", &File::version, "The format's major version: 3 or 4.")

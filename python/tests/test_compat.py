@@ -130,3 +130,50 @@ def test_short_streams_raise_damaged_file_error_naming_the_stream():
             ole.openstream('01')
     assert isinstance(caught.value, OSError) and isinstance(caught.value, ValueError)
     assert ': 01: ' in str(caught.value) and path in str(caught.value)
+
+
+def _properties(module, path):
+    """getproperties of every property set stream (both time modes) and
+    get_metadata, or the kind of error raised."""
+    try:
+        ole = module.OleFileIO(path)
+    except Exception:
+        return None
+    found = {}
+    for name in ole.listdir():
+        if not name[-1].startswith('\x05'):
+            continue
+        for convert in (False, True):
+            try:
+                value = ole.getproperties(name, convert_time=convert, no_conversion=[10])
+            except Exception as exc:
+                value = _kind(exc)
+            found[('/'.join(name), convert)] = value
+    try:
+        found['metadata'] = vars(ole.get_metadata())
+    except Exception as exc:
+        found['metadata'] = _kind(exc)
+    return found
+
+
+def _kind(exc):
+    return 'OSError' if isinstance(exc, OSError) else type(exc).__name__
+
+
+@pytest.mark.skipif(not FILES, reason='no corpus')
+def test_properties_and_metadata_as_olefile_reads_them():
+    compared = 0
+    for rel in FILES:
+        path = os.path.join(corpus_dir(), rel)
+        theirs, ours = _properties(olefile, path), _properties(moxolefio, path)
+        if theirs is None or ours is None:
+            continue
+        assert ours.keys() == theirs.keys()
+        for key, value in theirs.items():
+            compared += 1
+            if isinstance(value, dict) and 0 in value and 0 not in ours[key]:
+                # Id 0 is a section's dictionary of names, not a value:
+                # olefile decodes its first bytes as if they were one.
+                value = {k: v for k, v in value.items() if k != 0}
+            assert ours[key] == value, (rel, key)
+    assert compared > 100

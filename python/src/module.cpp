@@ -333,29 +333,36 @@ class File {
     if (!cf_) raiseOsError("Attempting to open a stream from a closed OLE File");
     const std::string native = index_.nativePath(i);
     const std::uint64_t size = index_.node(i).size;
-    if (size >= kPreadAtLeast && !state_->writable && unmappedTwin()) {
+    // Held here: while the GIL is let go, another thread may close or
+    // reopen this object.
+    const std::shared_ptr<FileState> state = state_;
+    if (size >= kPreadAtLeast && !state->writable && unmappedTwin()) {
+      const std::shared_ptr<const mox::CompoundFile> twin = twin_;
+      const std::string twinPath = twinName();
       std::optional<mox::Stream> stream;
       try {
         py::gil_scoped_release release;
-        stream.emplace(twin_->open_stream(native));
+        stream.emplace(twin->open_stream(native));
       } catch (const mox::Error& e) {
-        raise(e, state_->name, twinName());
+        raise(e, state->name, twinPath);
       }
-      return new PyStream(std::move(*stream), state_, twinName(), false);
+      return new PyStream(std::move(*stream), state, twinPath, false);
     }
+    const std::shared_ptr<const mox::CompoundFile> file = cf_;
     std::optional<mox::Stream> stream;
     try {
-      if (!state_->writable && size >= kOpenWithoutGil) {
+      if (!state->writable && size >= kOpenWithoutGil) {
         py::gil_scoped_release release;
-        stream.emplace(cf_->open_stream(native));
+        stream.emplace(file->open_stream(native));
       } else {
-        stream.emplace(cf_->open_stream(native));
+        stream.emplace(file->open_stream(native));
       }
     } catch (const mox::Error& e) {
-      raise(e, state_->name);
+      raise(e, state->name);
     }
-    return new PyStream(std::move(*stream), state_, "<memory>", true);
+    return new PyStream(std::move(*stream), state, "<memory>", true);
   }
+
 
   // --- Beyond olefile -----------------------------------------------------------------
 
@@ -570,13 +577,17 @@ class File {
     mox::OpenOptions options;
     options.strict = strict_;
     options.map = false;
+    const std::string path = twinName();
+    std::shared_ptr<mox::CompoundFile> twin;
     try {
       py::gil_scoped_release release;
-      twin_.emplace(mox::CompoundFile::open(twinName(), options));
+      twin = std::make_shared<mox::CompoundFile>(mox::CompoundFile::open(path, options));
     } catch (const mox::Error&) {
       twin_failed_ = true;
     }
-    return twin_.has_value();
+    // Back under the GIL: a thread that got here first keeps its twin.
+    if (!twin_) twin_ = std::move(twin);
+    return twin_ != nullptr;
   }
 
   void adopt(mox::CompoundFile cf, std::shared_ptr<FileState> state) {
@@ -585,7 +596,7 @@ class File {
     } catch (const mox::Error& e) {
       raise(e, state->name);
     }
-    cf_.emplace(std::move(cf));
+    cf_ = std::make_shared<mox::CompoundFile>(std::move(cf));
     state_ = std::move(state);
   }
 
@@ -654,8 +665,9 @@ class File {
     }
   }
 
-  std::optional<mox::CompoundFile> cf_;
-  std::optional<mox::CompoundFile> twin_;
+  // Shared so that a call that lets the GIL go keeps the file it uses.
+  std::shared_ptr<mox::CompoundFile> cf_;
+  std::shared_ptr<mox::CompoundFile> twin_;
   bool twin_failed_ = false;
   bool strict_ = false;
   std::shared_ptr<FileState> state_;

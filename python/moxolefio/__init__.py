@@ -166,6 +166,7 @@ class OleFileIO(_native.File):
         self.write_mode = write_mode
         self._fp = None
         self._entries = {}
+        self.metadata = None
         if filename:
             self.open(filename, write_mode=write_mode)
 

@@ -3,17 +3,23 @@
 
 #include "interface/mox_file.h"
 #include "interface/mox_memory.h"
-#include "interface/writer_hooks.h"
+#include "writer/writer.h"
 #include "reader/reader.h"
 #include "reader/stream.h"
 
-extern "C" {
-
-MOXOLE_API _MoxOleFile* hOLEopenEXT(_ZqTPIOobj* io, HostMemory* memory, int openIo) {
+_MoxOleFile* moxNewHandle(HostMemory* memory) {
   _MoxOleFile* h = static_cast<_MoxOleFile*>(moxAllocate(memory, 1, sizeof(_MoxOleFile)));
   if (h == nullptr) return nullptr;
   memset(h, 0, sizeof *h);
   h->pMemory = memory;
+  return h;
+}
+
+extern "C" {
+
+MOXOLE_API _MoxOleFile* hOLEopenEXT(_ZqTPIOobj* io, HostMemory* memory, int openIo) {
+  _MoxOleFile* h = moxNewHandle(memory);
+  if (h == nullptr) return nullptr;
   h->pTableMemory = memory;
   h->lPosition = -1;
   h->pHostIo = io;
@@ -22,7 +28,7 @@ MOXOLE_API _MoxOleFile* hOLEopenEXT(_ZqTPIOobj* io, HostMemory* memory, int open
     iOLEclose(h);
     return nullptr;
   }
-  if (iParseHeader(h) != 0 || iBldMiniFat(h) != 0 || iBldDirInfo(h) != 0) {
+  if (moxLoadDocument(h) != 0) {
     iOLEcloseEXT(h, openIo ? 1 : 0);
     return nullptr;
   }

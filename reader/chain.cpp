@@ -186,8 +186,3 @@ int moxBuildChain(_MoxOleFile* h, int64_t entry, MoxChainRules rules) {
   h->iInMini = walk.mini ? 1 : 0;
   return 0;
 }
-
-extern "C" MOXOLE_API int iReadStreamChain(int entry, _MoxOleFile* h) {
-  if (h == nullptr) return -1;
-  return moxBuildChain(h, entry, kChainLenient);
-}

@@ -11,10 +11,18 @@
 #include "interface/mox_file.h"
 #include "reader/byte_order.h"
 
-// --- Loading steps, run in this order by hOLEopenEXT ----------------------
+// --- Loading ------------------------------------------------------------
+// Loads a zero-filled handle whose pIo, pTableMemory and pMemory are set:
+// header and FAT, then mini FAT, then directory, each step only when the
+// one before succeeded.  0, or -1 with the tables of the steps that ran
+// left for the handle's close.
+int moxLoadDocument(_MoxOleFile* h);
+
+// The steps.  The FAT builders take the header's FAT sector slots, as
+// stored (moxfmt::kHeaderFatSlots of them).
 int iParseHeader(_MoxOleFile* h);
-int iBldSmallFat(_MoxOleFile* h, const unsigned char* headerDifat);
-int iBldDIF_Fat(_MoxOleFile* h, const unsigned char* headerDifat);
+int iBldSmallFat(_MoxOleFile* h, const uint32_t* headerSlots);
+int iBldDIF_Fat(_MoxOleFile* h, const uint32_t* headerSlots);
 int iBldMiniFat(_MoxOleFile* h);
 int iBldDirInfo(_MoxOleFile* h);
 
@@ -33,7 +41,7 @@ class MoxFatView {
       : sectors_(h->ppFat),
         sectorCount_(h->lFatCount),
         perSector_(h->iFatPerSector),
-        byteOrder_(h->iByteOrder) {
+        byteOrder_(moxByteOrder(h->iByteOrder)) {
     // Entries per FAT sector are a power of two in every file the header
     // step accepts; shifting then replaces a 64-bit division per link.
     const uint64_t per = static_cast<uint64_t>(perSector_);
@@ -54,7 +62,7 @@ class MoxFatView {
       entry = sector % perSector_;
     }
     if (slot >= sectorCount_) return false;
-    *link = lGetLong(byteOrder_, sectors_[slot] + 4 * entry);
+    *link = static_cast<int32_t>(moxfmt::get32(byteOrder_, sectors_[slot] + 4 * entry));
     return true;
   }
 
@@ -62,7 +70,7 @@ class MoxFatView {
   unsigned char* const* sectors_;
   int64_t sectorCount_;
   int64_t perSector_;
-  uint32_t byteOrder_;
+  moxfmt::ByteOrder byteOrder_;
   int shift_;
 };
 void vSectorCheckConstructor(_MoxOleFile* h);

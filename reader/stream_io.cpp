@@ -82,14 +82,8 @@ int64_t seekTo(_MoxOleFile* h, int64_t position) {
 
 }  // namespace
 
-int64_t lOLEseek_internal(_MoxOleFile* h, int64_t offset, int whence) {
-  return lOLEseek(h, offset, whence);
-}
-
-extern "C" {
-
-MOXOLE_API int64_t lOLEseek(_MoxOleFile* h, int64_t offset, int whence) {
-  if (h == nullptr || h->plChain == nullptr) return -1;
+int64_t moxSeek(_MoxOleFile* h, int64_t offset, int whence) {
+  if (h->plChain == nullptr) return -1;
   int64_t position = 0;
   switch (whence) {
     case 0: position = offset; break;
@@ -102,9 +96,9 @@ MOXOLE_API int64_t lOLEseek(_MoxOleFile* h, int64_t offset, int whence) {
   return seekTo(h, position);
 }
 
-MOXOLE_API uint32_t iOLEread(_MoxOleFile* h, void* buffer, uint32_t count) {
+uint32_t moxRead(_MoxOleFile* h, void* buffer, uint32_t count) {
   // A stream built but never positioned has no place to read from.
-  if (h == nullptr || h->plChain == nullptr || h->lPosition < 0) return 0;
+  if (h->plChain == nullptr || h->lPosition < 0) return 0;
   const int64_t left = h->lStreamSize - h->lPosition;
   int64_t wanted = count < left ? count : left;
   if (wanted <= 0) return 0;
@@ -115,7 +109,7 @@ MOXOLE_API uint32_t iOLEread(_MoxOleFile* h, void* buffer, uint32_t count) {
   // One piece per (mini) sector: consecutive sectors of a stream need not
   // be adjacent in the file.
   while (wanted > 0) {
-    // The same seek as lOLEseek (h, lPosition, 0): the position already
+    // The same seek as moxSeek (h, lPosition, 0): the position already
     // lies within the stream.
     if (seekTo(h, h->lPosition) == -1) break;
     const int piece = static_cast<int>(room < wanted ? room : wanted);
@@ -127,5 +121,3 @@ MOXOLE_API uint32_t iOLEread(_MoxOleFile* h, void* buffer, uint32_t count) {
   }
   return total;
 }
-
-}  // extern "C"

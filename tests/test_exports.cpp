@@ -57,10 +57,20 @@ TEST_F(Library, TableSlotsAreTheExportedFunctions) {
   }
 }
 
+// The native C++ interface's own names (namespace mox, its classes' type
+// information and vtables) are public too, and so are the standard
+// library's templates that its inline code instantiates (weak symbols).
+bool nativeInterfaceSymbol(const std::string& symbol, char type) {
+  for (const char* prefix : {"_ZN3mox", "_ZNK3mox", "_ZTIN3mox", "_ZTSN3mox", "_ZTVN3mox"}) {
+    if (symbol.rfind(prefix, 0) == 0) return true;
+  }
+  const bool weak = type == 'W' || type == 'V' || type == 'u';
+  return weak && (symbol.rfind("_ZNSt", 0) == 0 || symbol.rfind("_ZNKSt", 0) == 0);
+}
+
 TEST_F(Library, HidesEverythingElse) {
-  for (const char* name : {"iParseHeader", "lGetSect", "iBldDirInfo", "uiGetShort",
-                           "moxAllocate", "moxBuildChain", "lOLEseek_internal",
-                           "bOLEcloseStream_internal"}) {
+  for (const char* name : {"iParseHeader", "lGetSect", "iBldDirInfo", "moxAllocate",
+                           "moxBuildChain", "moxSeek", "moxNewHandle"}) {
     EXPECT_EQ(find(name), nullptr) << name << " leaks out of the shared object";
   }
   std::set<std::string> allowed(std::begin(kDocumentFunctions), std::end(kDocumentFunctions));
@@ -70,11 +80,15 @@ TEST_F(Library, HidesEverythingElse) {
   char line[512];
   int exported = 0;
   while (fgets(line, sizeof line, pipe) != nullptr) {
-    std::string symbol = line;
-    symbol = symbol.substr(symbol.rfind(' ') + 1);
-    symbol.pop_back();
+    std::string text = line;
+    text.pop_back();
+    const size_t last = text.rfind(' ');
+    const std::string symbol = text.substr(last + 1);
+    const char type = last > 0 ? text[last - 1] : '?';
     ++exported;
-    EXPECT_TRUE(allowed.count(symbol) || symbol.rfind("moxvos_", 0) == 0) << symbol;
+    EXPECT_TRUE(allowed.count(symbol) || symbol.rfind("moxvos_", 0) == 0 ||
+                nativeInterfaceSymbol(symbol, type))
+        << symbol;
   }
   pclose(pipe);
   EXPECT_GT(exported, 80);

@@ -100,7 +100,7 @@ struct RawFat {
   moxhost::MemoryIo io;
   moxhost::CountingMemory memory;
   _MoxOleFile h = {};
-  unsigned char difat[436] = {};
+  uint32_t difat[109] = {};
   explicit RawFat(int64_t fatCount, size_t fileSize) : io(cfb::Bytes(fileSize, 0xEE)) {
     h.pIo = io.io();
     h.pTableMemory = memory.memory();
@@ -109,9 +109,7 @@ struct RawFat {
     h.lSectorSize = 512;
     h.iFatPerSector = 128;
     h.lFatCount = fatCount;
-    for (int i = 0; i < 109; ++i) {
-      difat[4 * i] = static_cast<unsigned char>(i);  // FAT sector i is sector i
-    }
+    for (uint32_t i = 0; i < 109; ++i) difat[i] = i;  // FAT sector i is sector i
   }
   ~RawFat() {
     if (h.ppFat != nullptr) {

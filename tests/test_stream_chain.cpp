@@ -301,7 +301,7 @@ TEST(StreamChain, CloseReleasesTheListAndKeepsThePosition) {
   EXPECT_EQ(lOLEseek(d.h(), 333, 0), 333);
   EXPECT_EQ(bOLEcloseStream(d.h(), "whatever"), 1);
   EXPECT_EQ(d.memory().liveBlocks(), blocks);
-  EXPECT_EQ(bOLEcloseStream_internal(d.h(), nullptr), 0);
+  EXPECT_EQ(bOLEcloseStream(d.h(), nullptr), 0);
   EXPECT_EQ(lOLEtell(d.h()), 333);
   EXPECT_EQ(d.h()->lStreamSize, 900);
   // Nothing to read or seek in any more.

@@ -86,6 +86,17 @@ int CMoxOleIo::writeBytes(unsigned char* data, int count) {
   return MOXOLE_OK;
 }
 
+int CMoxOleIo::writeRecord(const unsigned char* record, int count) {
+  if (count < 0 || count > iBufferSize || record == nullptr || pBuffer == nullptr) {
+    return MOXOLE_WRITE_FAILED;
+  }
+  int status = MOXOLE_OK;
+  if (iBufferSize - iBufferUsed < count) status = flush();
+  memcpy(pBuffer + iBufferUsed, record, static_cast<size_t>(count));
+  iBufferUsed += count;
+  return status;
+}
+
 int64_t CMoxOleIo::getPos() {
   if (pIoObj == nullptr || pIoObj->tell == nullptr) return -1;
   return pIoObj->tell(pIoObj) + iBufferUsed;

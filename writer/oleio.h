@@ -55,6 +55,14 @@ class CMoxOleIo {
   // reaches the host as pieces of exactly the buffer's size.
   int writeBytes(unsigned char* data, int count);
 
+  // A whole record (at most the buffer's size): when it does not fit, the
+  // buffered bytes go to the host first.  The writer's records start at
+  // multiples of their size, which divides the buffer's, so that is where
+  // writing them field by field would hand the bytes over too.  The record
+  // is kept even when the hand-over fails (the buffer is empty then); the
+  // result is the hand-over's status.
+  int writeRecord(const unsigned char* record, int count);
+
   // Hands the buffered bytes to the host, even when there are none: 0 or
   // 16.  The buffer is emptied whatever the outcome.
   int flush();

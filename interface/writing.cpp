@@ -1,11 +1,11 @@
 // hOLEopenEx, iOLEopenStreamEx, iOLEwrite: the host's way to write a new
 // compound file, or to open the streams of an existing one by path.
-#include <string.h>
-
 #include <new>
 
 #include "interface/mox_memory.h"
 #include "interface/mox_pool.h"
+#include "reader/stream.h"
+#include "reader/structure.h"
 #include "writer/moxoledoc.h"
 #include "writer/writer.h"
 
@@ -13,23 +13,13 @@ namespace {
 
 constexpr int kCreateFlag = 1;
 
-// A zero-filled handle that carries nothing but its allocator: none of the
-// reader's state exists for a document that is still to be written.
-_MoxOleFile* newWriterHandle(HostMemory* memory) {
-  _MoxOleFile* h = static_cast<_MoxOleFile*>(moxAllocate(memory, 1, sizeof(_MoxOleFile)));
-  if (h == nullptr) return nullptr;
-  memset(h, 0, sizeof *h);
-  h->pMemory = memory;
-  return h;
-}
-
 // Gives the read-only document the source file's names.  Without a pool
 // the document keeps only its root, and no path resolves.
 void mirrorSourceTree(_MoxOleFile* h, tag_TPVAPIServices* services) {
   HostMemory* pool = moxCreatePool(services);
   if (pool == nullptr) return;
   _MoxOleTreeNode* tree = nullptr;
-  iOLEGetStreamTree(h, pool, &tree);
+  moxStreamTree(h, pool, &tree);
   if (tree != nullptr) copyStreamTree(services, tree, h->pDocument->pRootEntry);
   moxDestroyPool(services, pool);  // the source tree goes with it
 }
@@ -47,6 +37,24 @@ void discardHandle(_MoxOleFile* h, bool create) {
   }
 }
 
+// Makes the stream at path the handle's current reader stream, positioned
+// at 0: 0; 6 when the path names nothing or the stream cannot be
+// positioned; the chain build's -1 when the entry is no stream of the
+// source file.  Entries of a document being created have no index yet
+// (-1), which the chain build refuses like any entry that is no stream.
+int openStreamForReading(_MoxOleFile* h, const char* path) {
+  CMoxOleEntry* entry = h->pDocument->findEntry(path);
+  if (entry == nullptr) return MOXOLE_NOT_FOUND;
+  // Copies carry the source's entry numbers, which are ints.
+  const int status = moxBuildChain(h, static_cast<int>(entry->lIndex), kChainLenient);
+  if (status != 0) return status;
+  if (moxSeek(h, 0, 0) == -1) {
+    bOLEcloseStream(h, path);
+    return MOXOLE_NOT_FOUND;
+  }
+  return MOXOLE_OK;
+}
+
 }  // namespace
 
 extern "C" {
@@ -55,7 +63,9 @@ MOXOLE_API _MoxOleFile* hOLEopenEx(_ZqTPIOobj* io, tag_TPVAPIServices* services,
   if (io == nullptr || services == nullptr) return nullptr;
   if (flags != 0 && (flags & kCreateFlag) == 0) return nullptr;
   const bool create = (flags & kCreateFlag) != 0;
-  _MoxOleFile* h = create ? newWriterHandle(&services->memory)
+  // A handle for a document still to be written carries none of the
+  // reader's state, only its allocator.
+  _MoxOleFile* h = create ? moxNewHandle(&services->memory)
                           : hOLEopenEXT(io, &services->memory, 1);
   if (h == nullptr) return nullptr;
 
@@ -75,9 +85,9 @@ MOXOLE_API int iOLEopenStreamEx(_MoxOleFile* h, const char* path, int type, unsi
   // Whatever happens next, the stream written so far is finished: it keeps
   // its bytes but cannot become current again.
   h->pWriterStream = nullptr;
-  if (flags == 0) return moxOpenStreamForReading(h, path);
-  CMoxOleDirectory* entry = nullptr;
-  int status = h->pDocument->addDirectory(path, type, entry);
+  if (flags == 0) return openStreamForReading(h, path);
+  CMoxOleEntry* entry = nullptr;
+  int status = h->pDocument->addEntry(path, type, entry);
   if (status == MOXOLE_OK) h->pWriterStream = entry;
   return status;
 }

@@ -1,0 +1,41 @@
+// The host functions over the document's structure: the storage tree,
+// object lists and types, and embedded objects.
+#include "interface/mox_file.h"
+#include "reader/structure.h"
+
+namespace {
+
+bool closeEitherStream(_MoxOleFile* h) { return bOLEcloseStream(h, nullptr) != 0; }
+
+}  // namespace
+
+extern "C" {
+
+MOXOLE_API int iOLEGetStreamTree(_MoxOleFile* h, HostMemory* pool, _MoxOleTreeNode** out) {
+  if (h == nullptr || pool == nullptr) return MOXOLE_BAD_ARGUMENT;
+  return moxStreamTree(h, pool, out);
+}
+
+MOXOLE_API int moxoleGetObjectList(_MoxOleFile* h, const char (*path)[36], int depth,
+                                   _MoxOleObjectEntry** out) {
+  if (h == nullptr) return 0;
+  return moxObjectList(h, path, depth, out);
+}
+
+MOXOLE_API int iOLEobjectType(_MoxOleFile* h, const char (*path)[36], int depth,
+                              const char* name) {
+  if (h == nullptr || name == nullptr) return 0;
+  return moxObjectType(h, path, depth, name);
+}
+
+MOXOLE_API int64_t lOLEopenObject(_MoxOleFile* h, const char* storage, int type) {
+  if (h == nullptr) return 0;
+  return moxOpenObject(h, storage, type);
+}
+
+MOXOLE_API int bOLEgetObject(_MoxOleFile* h, int64_t number, void* target, int type) {
+  if (h == nullptr || target == nullptr) return 0;
+  return moxGetObject(h, number, target, type, closeEitherStream);
+}
+
+}  // extern "C"

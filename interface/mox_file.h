@@ -100,6 +100,10 @@ struct _MoxOleFile {
   // walk.  Null until then, or when it could not be allocated.
   int64_t* plMiniStreamSectors;
   int64_t lMiniStreamSectors;
+  // Not part of the published shape either: why the last failure happened
+  // (a MoxReason) and the sector, entry or position it is about.
+  int32_t iFailure;
+  int64_t lFailureSubject;
 };
 
 // A zero-filled handle from `memory` that knows nothing but its allocator;

@@ -21,13 +21,18 @@ using DirectoryTable = MoxTable<_MoxOleDirInfo>;
 int64_t countDirectorySectors(_MoxOleFile* h) {
   const int64_t bound = moxFatSectorCapacity(h);
   int64_t sector = h->lDirStart;
+  int64_t from = sector;  // the sector whose link led here
   int64_t count = 1;
   for (;;) {
     int found = 0;
     int64_t next = lGetSect(h, sector, &found);
-    if (!found || next == sector) return -1;
+    if (!found) return moxFail(h, MoxReason::kDirectoryChainBroken, from);
+    if (next == sector || (next != kSectorEndOfChain && count + 1 > bound)) {
+      return moxFail(h, MoxReason::kDirectoryChainBroken, sector);
+    }
     if (next == kSectorEndOfChain) return count;
-    if (++count > bound) return -1;
+    ++count;
+    from = sector;
     sector = next;
   }
 }
@@ -111,16 +116,21 @@ int readEntries(_MoxOleFile* h, DirectoryTable& table, int64_t total, int64_t pe
   const int size = static_cast<int>(sizeof raw);
   int64_t sector = h->lDirStart;
   for (int64_t i = 0; i < total; ++i) {
-    if (h->pIo->read(h->pIo, raw, size) != size) return -1;
-    if (!table.reserve(i + 1)) return -1;
-    if (keepEntry(h, raw, i, &table[i]) != 0) return -1;
+    if (h->pIo->read(h->pIo, raw, size) != size) {
+      return moxFail(h, MoxReason::kDirectorySectorUnreadable, sector);
+    }
+    if (!table.reserve(i + 1)) return moxFail(h, MoxReason::kNoMemory);
+    if (keepEntry(h, raw, i, &table[i]) != 0) return moxFail(h, MoxReason::kEntryNameTooLong, i);
     h->iDirCount = static_cast<int32_t>(i + 1);
     if ((i + 1) % perSector != 0) continue;
     int found = 0;
+    const int64_t read = sector;
     sector = lGetSect(h, sector, &found);
-    if (!found) return -1;
+    if (!found) return moxFail(h, MoxReason::kDirectoryChainBroken, read);
     if (sector == kSectorEndOfChain) break;
-    if (moxSeekSector(h, sector) != 0) return -1;
+    if (moxSeekSector(h, sector) != 0) {
+      return moxFail(h, MoxReason::kDirectorySectorUnreadable, sector);
+    }
   }
   return 0;
 }
@@ -133,12 +143,19 @@ int iBldDirInfo(_MoxOleFile* h) {
   const int64_t perSector = h->lSectorSize / static_cast<int64_t>(moxfmt::kEntrySize);
   const int64_t total = sectors * perSector;
   // A table no host could be asked for fails as its allocation would.
-  if (moxHostSize(total, sizeof(_MoxOleDirInfo)) < 0) return -1;
+  if (moxHostSize(total, sizeof(_MoxOleDirInfo)) < 0) {
+    return moxFail(h, MoxReason::kDirectoryTooLarge, sectors);
+  }
   DirectoryTable table(h->pTableMemory, MoxGrowth::kCopy, total);
   // The first sector's records, or all of them when that is less.
-  if (!table.allocate(perSector < total ? perSector : total)) return -1;
+  if (!table.allocate(perSector < total ? perSector : total)) {
+    return moxFail(h, MoxReason::kNoMemory);
+  }
   h->iDirCount = 0;
-  if (moxSeekSector(h, h->lDirStart) != 0 || readEntries(h, table, total, perSector) != 0) {
+  if (moxSeekSector(h, h->lDirStart) != 0) {
+    return moxFail(h, MoxReason::kDirectorySectorUnreadable, h->lDirStart);
+  }
+  if (readEntries(h, table, total, perSector) != 0) {
     h->iDirCount = 0;
     return -1;
   }

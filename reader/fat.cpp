@@ -31,22 +31,22 @@ void freeSectors(_MoxOleFile* h, const FatTable& table) {
 // -1 on failure.
 int loadFatSector(_MoxOleFile* h, FatTable& table, int64_t slot, int64_t sector,
                   ShortRead rule) {
-  if (!table.reserve(slot + 1)) return -1;
-  if (moxSeekSector(h, sector) != 0) return -1;
+  if (!table.reserve(slot + 1)) return moxFail(h, MoxReason::kNoMemory);
+  if (moxSeekSector(h, sector) != 0) return moxFail(h, MoxReason::kFatSectorUnreadable, sector);
   unsigned char* buffer =
       static_cast<unsigned char*>(moxAllocate(h->pTableMemory, 1, h->lSectorSize));
-  if (buffer == nullptr) return -1;
+  if (buffer == nullptr) return moxFail(h, MoxReason::kNoMemory);
   table[slot] = buffer;
   const bool last = slot == h->lFatCount - 1;
   if (last) memset(buffer, 0, h->lSectorSize);
   const int size = static_cast<int>(h->lSectorSize);
   if (h->pIo->read(h->pIo, buffer, size) == size) return 0;
-  if (rule == ShortRead::kFail) return -1;
+  if (rule == ShortRead::kFail) return moxFail(h, MoxReason::kFatSectorUnreadable, sector);
   // A file cut inside its FAT: the last slot keeps what was read (the rest
   // reads as zeros); a middle slot ends the FAT there, zeroed; the first
   // slot with more to come cannot be trusted at all.
   if (last) return 0;
-  if (slot == 0) return -1;
+  if (slot == 0) return moxFail(h, MoxReason::kFatSectorUnreadable, sector);
   h->lFatCount = slot + 1;
   memset(buffer, 0, h->lSectorSize);
   return 1;
@@ -72,6 +72,7 @@ bool loadAlongDifat(_MoxOleFile* h, FatTable& table, unsigned char* difat) {
   int64_t loaded = kHeaderSlots;
   for (;;) {
     if (moxSeekSector(h, h->lDifatStart) != 0 || h->pIo->read(h->pIo, difat, size) != size) {
+      moxFail(h, MoxReason::kDifatSectorUnreadable, h->lDifatStart);
       return false;
     }
     if (loaded >= h->lFatCount) return true;
@@ -88,7 +89,10 @@ bool loadAlongDifat(_MoxOleFile* h, FatTable& table, unsigned char* difat) {
 
 int iBldSmallFat(_MoxOleFile* h, const uint32_t* headerSlots) {
   FatTable table(h->pTableMemory, MoxGrowth::kCopy, h->lFatCount);
-  if (!table.allocate(h->lFatCount)) return -1;
+  if (!table.allocate(h->lFatCount)) {
+    if (h->lFatCount < 0) return moxFail(h, MoxReason::kFatCountImpossible, h->lFatCount);
+    return moxFail(h, MoxReason::kNoMemory);
+  }
   for (int64_t i = 0; i < h->lFatCount; ++i) {
     const int loaded =
         loadFatSector(h, table, i, moxSigned(headerSlots[i]), ShortRead::kTolerate);
@@ -99,13 +103,17 @@ int iBldSmallFat(_MoxOleFile* h, const uint32_t* headerSlots) {
 }
 
 int iBldDIF_Fat(_MoxOleFile* h, const uint32_t* headerSlots) {
-  if (h->lDifatStart <= kSectorFree && h->lDifatStart >= kSectorDifat) return -1;
-  if (h->lDifatCount <= 0) return -1;
+  if (h->lDifatStart <= kSectorFree && h->lDifatStart >= kSectorDifat) {
+    return moxFail(h, MoxReason::kDifatStartInvalid, h->lDifatStart);
+  }
+  if (h->lDifatCount <= 0) return moxFail(h, MoxReason::kDifatCountInvalid, h->lDifatCount);
   // A count whose table no host could be asked for fails as its
   // allocation would.
-  if (moxHostSize(h->lFatCount, sizeof(unsigned char*)) < 0) return -1;
+  if (moxHostSize(h->lFatCount, sizeof(unsigned char*)) < 0) {
+    return moxFail(h, MoxReason::kFatCountImpossible, h->lFatCount);
+  }
   FatTable table(h->pTableMemory, MoxGrowth::kCopy, h->lFatCount);
-  if (!table.allocate(kHeaderSlots)) return -1;
+  if (!table.allocate(kHeaderSlots)) return moxFail(h, MoxReason::kNoMemory);
   for (int64_t i = 0; i < kHeaderSlots; ++i) {
     if (loadFatSector(h, table, i, moxSigned(headerSlots[i]), ShortRead::kFail) != 0) {
       return finish(h, table, false);
@@ -113,7 +121,10 @@ int iBldDIF_Fat(_MoxOleFile* h, const uint32_t* headerSlots) {
   }
   unsigned char* difat =
       static_cast<unsigned char*>(moxAllocate(h->pTableMemory, 1, h->lSectorSize));
-  if (difat == nullptr) return finish(h, table, false);
+  if (difat == nullptr) {
+    moxFail(h, MoxReason::kNoMemory);
+    return finish(h, table, false);
+  }
   const bool loaded = loadAlongDifat(h, table, difat);
   moxFree(h->pTableMemory, difat);
   return finish(h, table, loaded);

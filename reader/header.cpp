@@ -28,11 +28,11 @@ int iParseHeader(_MoxOleFile* h) {
   h->lRootStart = -1;
   h->pIo->seek(h->pIo, 0, 0);
   const int size = static_cast<int>(sizeof bytes);
-  if (h->pIo->read(h->pIo, bytes, size) != size) return -1;
+  if (h->pIo->read(h->pIo, bytes, size) != size) return moxFail(h, MoxReason::kHeaderUnreadable);
   // Only the first four bytes of the signature are checked: files whose
   // tail differs open in the hosts this library serves.
   const moxfmt::HeaderRecord header = moxfmt::decodeHeader(bytes);
-  if (!header.signature_ok) return -1;
+  if (!header.signature_ok) return moxFail(h, MoxReason::kNotCompoundFile);
 
   h->iByteOrder = header.order == moxfmt::ByteOrder::kLittle ? 1 : 0;
   // The major version's two bytes as stored, whatever the byte order.
@@ -50,7 +50,10 @@ int iParseHeader(_MoxOleFile* h) {
   h->lDifatStart = moxSigned(header.difat_start);
   h->lDifatCount = moxSigned(header.difat_count);
 
-  if (!shiftsUsable(h->iSectorShift, h->iMiniSectorShift)) return -1;
+  if (!shiftsUsable(h->iSectorShift, h->iMiniSectorShift)) {
+    return moxFail(h, MoxReason::kSectorShiftUnusable,
+                   int64_t{h->iSectorShift} << 16 | h->iMiniSectorShift);
+  }
   h->lSectorSize = int64_t{1} << h->iSectorShift;
   h->lMiniSectorSize = int64_t{1} << h->iMiniSectorShift;
   h->lMiniPerSector = int64_t{1} << (h->iSectorShift - h->iMiniSectorShift);

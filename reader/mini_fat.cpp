@@ -26,18 +26,24 @@ int readMiniFatChain(_MoxOleFile* h, MiniFatTable& table, unsigned char* buffer,
     if (moxSeekSector(h, sector) != 0) {
       *keep = false;
       // A start before the file means "no mini FAT", not a broken file.
-      return sector >= 0 ? -1 : 0;
+      return sector >= 0 ? moxFail(h, MoxReason::kMiniFatSectorUnreadable, sector) : 0;
     }
-    if (h->pIo->read(h->pIo, buffer, size) != size || !table.reserve((k + 1) * perSector)) {
+    if (h->pIo->read(h->pIo, buffer, size) != size) {
       *keep = false;
-      return -1;
+      return moxFail(h, MoxReason::kMiniFatSectorUnreadable, sector);
+    }
+    if (!table.reserve((k + 1) * perSector)) {
+      *keep = false;
+      return moxFail(h, MoxReason::kNoMemory);
     }
     int64_t* entries = table.data() + k * perSector;
     for (int i = 0; i < perSector; ++i) entries[i] = lGetLong(h->iByteOrder, buffer + 4 * i);
     int found = 0;
+    const int64_t read = sector;
     sector = lGetSect(h, sector, &found);
-    if (!found) return -1;
-    if (sector < 0 && k < h->lMiniFatCount - 1) return -1;
+    if (!found || (sector < 0 && k < h->lMiniFatCount - 1)) {
+      return moxFail(h, MoxReason::kMiniFatChainBroken, read);
+    }
   }
   return 0;
 }
@@ -52,11 +58,11 @@ int iBldMiniFat(_MoxOleFile* h) {
   const int64_t entries = h->lMiniFatCount * h->iFatPerSector;
   if (moxHostSize(h->lMiniFatCount, h->lSectorSize) < 0 ||
       moxHostSize(entries, sizeof(int64_t)) < 0) {
-    return -1;
+    return moxFail(h, MoxReason::kMiniFatCountImpossible, h->lMiniFatCount);
   }
   unsigned char* buffer =
       static_cast<unsigned char*>(moxAllocate(h->pTableMemory, 1, h->lSectorSize));
-  if (buffer == nullptr) return -1;
+  if (buffer == nullptr) return moxFail(h, MoxReason::kNoMemory);
   MiniFatTable table(h->pTableMemory, MoxGrowth::kCopy, entries);
   bool keep = true;
   const int result = readMiniFatChain(h, table, buffer, &keep);

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "format/records.h"
+#include "interface/failure.h"
 #include "interface/host_table.h"
 #include "reader/lookup.h"
 #include "reader/structure.h"
@@ -85,10 +86,10 @@ int moxObjectList(_MoxOleFile* h, const char (*path)[36], int depth, _MoxOleObje
   if (!moxIsEntry(h, top)) return 0;
   IndexList list(h->pTableMemory, MoxGrowth::kReallocate);
   const int64_t count = collectInOrder(h, top, &list) ? list.size() : -1;
-  if (count <= 0) return -1;
+  if (count <= 0) return moxFail(h, MoxReason::kTreeDamaged);
   _MoxOleObjectEntry* records = static_cast<_MoxOleObjectEntry*>(
       moxAllocate(h->pTableMemory, count, sizeof(_MoxOleObjectEntry)));
-  if (records == nullptr) return -1;
+  if (records == nullptr) return moxFail(h, MoxReason::kNoMemory);
   for (int64_t k = 0; k < count; ++k) fillRecord(h->pDir[list[k]], &records[k]);
   *out = records;
   return static_cast<int>(count);

@@ -8,6 +8,7 @@
 
 #include <stdint.h>
 
+#include "interface/failure.h"
 #include "interface/mox_file.h"
 #include "reader/byte_order.h"
 

@@ -42,15 +42,17 @@ int moxFinishOpen(_MoxOleFile* h) {
 
 int moxOpenStream(_MoxOleFile* h, const char* stream, const char* storage, int ignoreStorage) {
   const int64_t entry = moxLookUpStream(h, stream, storage, ignoreStorage);
-  if (entry < 0 || moxBuildChain(h, entry, kChainLenient) != 0) return 0;
+  if (entry < 0) return moxFailWith(h, 0, MoxReason::kNoSuchEntry);
+  if (moxBuildChain(h, entry, kChainLenient) != 0) return 0;
   return moxFinishOpen(h);
 }
 
 int moxOpenStreamByPath(_MoxOleFile* h, const char (*path)[36], int depth, const char* stream) {
   const int64_t storage = moxWalkStoragePath(h, path, depth);
-  if (storage < 0) return 0;
+  if (storage < 0) return moxFailWith(h, 0, MoxReason::kNoSuchEntry);
   const int64_t entry = moxFindChildExact(h, storage, moxNameOf(stream));
-  if (entry < 0 || h->pDir[entry].byType != kEntryStream) return 0;
+  if (entry < 0) return moxFailWith(h, 0, MoxReason::kNoSuchEntry);
+  if (h->pDir[entry].byType != kEntryStream) return moxFailWith(h, 0, MoxReason::kNotAStream, entry);
   if (moxBuildChain(h, entry, kChainExact) != 0) return 0;
   return moxFinishOpen(h);
 }

@@ -12,6 +12,7 @@
 // together ever need.
 #include <string.h>
 
+#include "interface/failure.h"
 #include "interface/host_table.h"
 #include "reader/structure.h"
 
@@ -131,16 +132,27 @@ int collect(Walk* w, _MoxOleTreeNode* node, int64_t top, int64_t steps) {
 
 }  // namespace
 
+namespace {
+
+// Records why a walk failed; the status as it was.
+int walkResult(_MoxOleFile* h, int status) {
+  if (status == MOXOLE_NO_MEMORY) return moxFailWith(h, status, MoxReason::kNoMemory);
+  if (status != MOXOLE_OK) return moxFailWith(h, status, MoxReason::kTreeDamaged);
+  return status;
+}
+
+}  // namespace
+
 int moxStreamTree(_MoxOleFile* h, HostMemory* pool, _MoxOleTreeNode** out) {
   Walk w = {h, pool, kVisitsPerEntry * (h->iDirCount + 1) + 2 * (kStepLimit + 1)};
   _MoxOleTreeNode* root = static_cast<_MoxOleTreeNode*>(
       pool->allocate(pool, static_cast<int>(sizeof(_MoxOleTreeNode))));
-  if (root == nullptr) return MOXOLE_NO_MEMORY;
+  if (root == nullptr) return walkResult(h, MOXOLE_NO_MEMORY);
   *out = root;
   memset(root, 0, sizeof *root);
   root->iType = kEntryRoot;
   if (h->iDirCount == 0) return MOXOLE_OK;
   copyName(root->szName, h->pDir[0].szName);
   if (h->pDir[0].lChild == -1) return MOXOLE_OK;
-  return collect(&w, root, h->pDir[0].lChild, 1);
+  return walkResult(h, collect(&w, root, h->pDir[0].lChild, 1));
 }

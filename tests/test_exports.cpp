@@ -32,7 +32,7 @@ const char* const kDocumentFunctions[] = {
     "hSwitchToOLE", "hSwitchFromOLE", "bOLEgetObject", "lOLEopenObject",
     "bOLEopenEmbeddedStreamEx", "iOLEobjectType", "moxoleGetObjectList", "hOLEopenEx",
     "iOLEopenStreamEx", "iOLEwrite", "iOLEGetStreamTree", "iGetStreamChain",
-    "iFindIStreamGivenIStorage", "iReadStreamChain"};
+    "iFindIStreamGivenIStorage", "iReadStreamChain", "moxoleFailure", "moxoleOpenFailure"};
 
 TEST_F(Library, ExportsTheDocumentFunctionsByName) {
   for (const char* name : kDocumentFunctions) EXPECT_NE(find(name), nullptr) << name;

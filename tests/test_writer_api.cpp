@@ -176,7 +176,7 @@ TEST(WriterCalls, EmptyAndNegativeWrites) {
   ASSERT_EQ(file.stream("A"), 0);
   unsigned char byte = 1;
   EXPECT_EQ(iOLEwrite(file.h(), &byte, 0), 0);
-  EXPECT_EQ(iOLEwrite(file.h(), nullptr, 5), 0);
+  EXPECT_EQ(iOLEwrite(file.h(), nullptr, 5), 34) << "no bytes to take the length from";
   EXPECT_EQ(iOLEwrite(file.h(), &byte, -1), 34);
   EXPECT_EQ(iOLEwrite(file.h(), &byte, 1), 0) << "the stream is still current";
   auto items = readBack(file.close());

@@ -17,20 +17,22 @@ using DirectoryTable = MoxTable<_MoxOleDirInfo>;
 
 // Counts the sectors of the directory chain; -1 when it is broken.  A chain
 // that visits each sector once cannot be longer than the sectors the FAT
-// describes, so a longer walk is a cycle and fails instead of looping.
+// describes, so a longer walk is a cycle and fails instead of looping; the
+// circle check usually notices one long before.
 int64_t countDirectorySectors(_MoxOleFile* h) {
   const int64_t bound = moxFatSectorCapacity(h);
   int64_t sector = h->lDirStart;
   int64_t from = sector;  // the sector whose link led here
   int64_t count = 1;
+  MoxCircleCheck circle(sector);
   for (;;) {
     int found = 0;
     int64_t next = lGetSect(h, sector, &found);
     if (!found) return moxFail(h, MoxReason::kDirectoryChainBroken, from);
-    if (next == sector || (next != kSectorEndOfChain && count + 1 > bound)) {
+    if (next == kSectorEndOfChain) return count;
+    if (next == sector || count + 1 > bound || circle.closes(next)) {
       return moxFail(h, MoxReason::kDirectoryChainBroken, sector);
     }
-    if (next == kSectorEndOfChain) return count;
     ++count;
     from = sector;
     sector = next;

@@ -63,13 +63,14 @@ int finish(_MoxOleFile* h, FatTable& table, bool loaded) {
 }
 
 // The DIFAT chain's FAT sectors from slot kHeaderSlots on, read through
-// `difat`, one sector long.
+// `difat`, one sector long.  A chain that comes back to a DIFAT sector it
+// has read fails: it could only list the same FAT sectors again, up to a
+// count the header may claim in the millions.
 bool loadAlongDifat(_MoxOleFile* h, FatTable& table, unsigned char* difat) {
-  // Every DIFAT sector yields at least one FAT sector (shifts are checked),
-  // so the walk ends after at most lFatCount sectors even on a cyclic chain.
   const int size = static_cast<int>(h->lSectorSize);
   const int perSector = h->iFatPerSector;
   int64_t loaded = kHeaderSlots;
+  MoxCircleCheck circle(h->lDifatStart);
   for (;;) {
     if (moxSeekSector(h, h->lDifatStart) != 0 || h->pIo->read(h->pIo, difat, size) != size) {
       moxFail(h, MoxReason::kDifatSectorUnreadable, h->lDifatStart);
@@ -82,6 +83,10 @@ bool loadAlongDifat(_MoxOleFile* h, FatTable& table, unsigned char* difat) {
     }
     if (loaded >= h->lFatCount) return true;
     h->lDifatStart = lGetLong(h->iByteOrder, difat + 4 * (perSector - 1));
+    if (circle.closes(h->lDifatStart)) {
+      moxFail(h, MoxReason::kDifatCycle, h->lDifatStart);
+      return false;
+    }
   }
 }
 

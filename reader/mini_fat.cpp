@@ -16,11 +16,15 @@ using MiniFatTable = MoxTable<int64_t>;
 
 // Reads the mini FAT sectors through `buffer`, one sector long, and
 // decodes them into `table`.  0, or -1; *keep says whether the table
-// stays with the handle (until its close) or goes now.
+// stays with the handle (until its close) or goes now.  A chain that comes
+// back to a sector it has read fails, as one that breaks does: it could
+// only repeat what was read, up to a count the header may claim in the
+// millions.
 int readMiniFatChain(_MoxOleFile* h, MiniFatTable& table, unsigned char* buffer, bool* keep) {
   const int size = static_cast<int>(h->lSectorSize);
   const int perSector = h->iFatPerSector;
   int64_t sector = h->lMiniFatStart;
+  MoxCircleCheck circle(sector);
   *keep = true;
   for (int64_t k = 0; k < h->lMiniFatCount; ++k) {
     if (moxSeekSector(h, sector) != 0) {
@@ -43,6 +47,9 @@ int readMiniFatChain(_MoxOleFile* h, MiniFatTable& table, unsigned char* buffer,
     sector = lGetSect(h, sector, &found);
     if (!found || (sector < 0 && k < h->lMiniFatCount - 1)) {
       return moxFail(h, MoxReason::kMiniFatChainBroken, read);
+    }
+    if (k < h->lMiniFatCount - 1 && circle.closes(sector)) {
+      return moxFail(h, MoxReason::kMiniFatCycle, sector);
     }
   }
   return 0;

@@ -74,6 +74,34 @@ class MoxFatView {
   moxfmt::ByteOrder byteOrder_;
   int shift_;
 };
+// Notices that a chain read sector by sector has come back to a sector it
+// passed, without remembering the sectors: the mark moves to the sector
+// reached after 1, 2, 4, 8... steps (Brent's method), so a chain that runs
+// into a circle is caught within a few times the length of the chain and
+// its circle, and a chain without one never is.  The loader refuses such
+// a chain, so that its work stays in proportion to the file, whatever
+// count the header claims.
+class MoxCircleCheck {
+ public:
+  explicit MoxCircleCheck(int64_t start) : mark_(start) {}
+
+  // True when the step to `next` closes a circle.
+  bool closes(int64_t next) {
+    if (next == mark_) return true;
+    if (++steps_ == span_) {
+      mark_ = next;
+      span_ *= 2;
+      steps_ = 0;
+    }
+    return false;
+  }
+
+ private:
+  int64_t mark_;
+  int64_t span_ = 1;
+  int64_t steps_ = 0;
+};
+
 void vSectorCheckConstructor(_MoxOleFile* h);
 int bSectorCheckForInfiniteLoop(_MoxOleFile* h, int64_t current, int64_t next);
 

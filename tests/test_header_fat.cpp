@@ -218,20 +218,26 @@ TEST(DifatFat, BadDifatStartOrCountFails) {
   EXPECT_FALSE(doc.ok());
 }
 
-TEST(DifatFat, CyclicDifatChainEndsAtTheFatCount) {
+TEST(DifatFat, DifatChainComingBackToASectorItReadFails) {
   cfb::CfbLayout l = layoutWithFatSectors(9, 400);  // three DIFAT sectors
   ASSERT_EQ(l.difatSectors.size(), 3u);
-  cfb::Bytes bytes = l.serialize();
-  // Point the first DIFAT sector's link back at itself.
-  uint32_t first = l.difatSectors[0];
-  size_t link = (first + 1) * 512 + 127 * 4;
-  memcpy(&bytes[link], &first, 4);
-  OpenDoc doc(bytes);
-  // FAT sectors are taken again from the same DIFAT sector until the count
-  // is reached: the walk ends after one read per FAT and DIFAT sector.
-  EXPECT_TRUE(doc.ok());
-  EXPECT_EQ(doc->lFatCount, 400);
-  EXPECT_LE(doc.io().readCalls(), 1 + 400 + 3 + 8);
+  for (int back : {0, 1}) {
+    cfb::Bytes bytes = l.serialize();
+    // The second DIFAT sector's link leads back to the first, or to itself.
+    uint32_t second = l.difatSectors[1];
+    uint32_t target = l.difatSectors[back];
+    size_t link = (second + 1) * 512 + 127 * 4;
+    memcpy(&bytes[link], &target, 4);
+    // A count the chain must go on for: without the check it would go round
+    // until the count is reached.
+    const uint32_t claimed = 100000;
+    memcpy(&bytes[0x2C], &claimed, 4);
+    OpenDoc doc(bytes);
+    EXPECT_FALSE(doc.ok()) << back;
+    // The header's FAT sectors, the three DIFAT sectors and what they list,
+    // and at most one more round of the circle before it is noticed.
+    EXPECT_LE(doc.io().readCalls(), 1 + 109 + 3 * 128 + 2 * 128) << back;
+  }
 }
 
 TEST(FatLookup, SpecialAndOutOfRangeSectorsHaveNoEntry) {

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what the tests and the fuzz targets need (Debian packages), then
 # builds and runs the whole suite twice: an optimised build and an
-# AddressSanitizer + UndefinedBehaviorSanitizer build.  The fuzz targets
-# themselves are built and run by scripts/fuzz.sh.
+# AddressSanitizer + UndefinedBehaviorSanitizer build; then the threads
+# suite under ThreadSanitizer.  The fuzz targets themselves are built and
+# run by scripts/fuzz.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -30,4 +31,14 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DMOX_SANITIZE=ON -DMOX_BUILD_
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs"
+
+# ThreadSanitizer: only the suite that runs threads at once (label
+# "threads"), built alone in its own folder, so that it costs a minute or
+# two.  Any report fails the step.  GCC, whose runtime also goes into the
+# shared library the tests depend on.
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMOX_TSAN=ON \
+  -DMOX_BUILD_TESTS=ON -DCMAKE_CXX_COMPILER=g++ -DCMAKE_C_COMPILER=gcc
+cmake --build build-tsan -j"$jobs" --target test_threads
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  ctest --test-dir build-tsan --output-on-failure -L threads
 echo "all tests passed"

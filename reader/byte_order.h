@@ -15,10 +15,6 @@ inline moxfmt::ByteOrder moxByteOrder(uint32_t flag) {
   return flag == 1 ? moxfmt::ByteOrder::kLittle : moxfmt::ByteOrder::kBig;
 }
 
-inline unsigned uiGetShort(uint32_t byteOrder, const unsigned char* bytes) {
-  return moxfmt::get16(moxByteOrder(byteOrder), bytes);
-}
-
 // A 32-bit field, sign-extended: sector numbers and links as the handle
 // holds them.
 inline int64_t lGetLong(uint32_t byteOrder, const unsigned char* bytes) {

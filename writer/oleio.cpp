@@ -53,14 +53,6 @@ int CMoxOleIo::writeLittleEndian(uint64_t value, int width) {
   return MOXOLE_OK;
 }
 
-int CMoxOleIo::write1ByteInt(int value) {
-  return writeLittleEndian(static_cast<uint64_t>(value), 1);
-}
-
-int CMoxOleIo::write2ByteInt(int value) {
-  return writeLittleEndian(static_cast<uint64_t>(value), 2);
-}
-
 int CMoxOleIo::write4ByteInt(long value) {
   return writeLittleEndian(static_cast<uint64_t>(value), 4);
 }

@@ -43,11 +43,9 @@ class CMoxOleIo {
   // detached right away.
   int open(_ZqTPIOobj* io);
 
-  // The low 8, 16 or 32 bits of value, least significant byte first: 0 or
-  // 16.  When the buffer lacks room the buffered bytes are handed to the
-  // host first; if that fails the value is not stored.
-  int write1ByteInt(int value);
-  int write2ByteInt(int value);
+  // The low 32 bits of value, least significant byte first: 0 or 16.
+  // When the buffer lacks room the buffered bytes are handed to the host
+  // first; if that fails the value is not stored.
   int write4ByteInt(long value);
 
   // count bytes in order: 0 or 16 (also for a negative count or null data).

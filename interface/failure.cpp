@@ -32,7 +32,7 @@ const char* pattern(MoxReason reason) {
     case MoxReason::kEntryNameTooLong:
       return "directory entry %lld has a name longer than its field";
     case MoxReason::kNoSuchEntry: return nullptr;  // with or without a number, below
-    case MoxReason::kNotAStream: return "entry %lld is not a stream";
+    case MoxReason::kNotAStream: return nullptr;  // with or without a number, below
     case MoxReason::kNoMiniStream: return "entry %lld lies in a mini stream the file lacks";
     case MoxReason::kChainBroken: return "the sector chain of entry %lld is broken";
     case MoxReason::kChainCycle: return "the sector chain of entry %lld runs in a circle";
@@ -71,6 +71,10 @@ int moxDescribeFailure(MoxReason reason, int64_t subject, char* text, size_t siz
   if (reason == MoxReason::kNoSuchEntry) {
     if (subject < 0) return snprintf(text, size, "no such entry");
     return snprintf(text, size, "there is no entry %lld", value);
+  }
+  if (reason == MoxReason::kNotAStream) {
+    if (subject < 0) return snprintf(text, size, "the entry is not a stream");
+    return snprintf(text, size, "entry %lld is not a stream", value);
   }
   return snprintf(text, size, pattern(reason), value);
 }

@@ -37,7 +37,7 @@ enum class MoxReason : int32_t {
   kDirectorySectorUnreadable,  // subject: sector number
   kEntryNameTooLong,       // subject: entry number
   kNoSuchEntry,            // subject: entry number, or -1 for a name
-  kNotAStream,             // subject: entry number
+  kNotAStream,             // subject: entry number, or -1 for one being written
   kNoMiniStream,           // subject: entry number
   kChainBroken,            // subject: entry number
   kChainCycle,             // subject: entry number

@@ -47,6 +47,7 @@ int writerResult(_MoxOleFile* h, int status) {
     default: break;
   }
   const bool writable = (h->pDocument->iMode & kDocumentWritable) != 0;
+  // Entries being written have no number yet.
   if (h->pWriterStream != nullptr) return moxFailWith(h, status, MoxReason::kNotAStream);
   return moxFailWith(h, status, writable ? MoxReason::kCannotCreate : MoxReason::kNotWritable);
 }

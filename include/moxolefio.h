@@ -223,6 +223,17 @@ MOXOLE_API int iOLEopenStreamEx(_MoxOleFile* h, const char* path, int type,
                                 unsigned flags);
 MOXOLE_API int iOLEwrite(_MoxOleFile* h, unsigned char* data, int length);
 
+/* Why the last call on a handle failed, as one line of text ("FAT sector
+ * 17 cannot be read") cut to size bytes with its terminator.  Returns the
+ * length of the whole line, 0 when nothing has failed on the handle, -1
+ * for a null handle or buffer. */
+MOXOLE_API int moxoleFailure(_MoxOleFile* h, char* text, int size);
+/* Why hOLEopen fails on io: loads the document again (without opening or
+ * closing io) and describes the first failure as moxoleFailure does; 0
+ * when the document opens, -1 for bad arguments. */
+MOXOLE_API int moxoleOpenFailure(_ZqTPIOobj* io, HostMemory* memory,
+                                 char* text, int size);
+
 /* Lower-level entry points, exported for hosts that walk a document by
  * directory entry number (for instance a tree node's iIndex). */
 MOXOLE_API int iGetStreamChain(_MoxOleFile* h, const char* stream,

@@ -27,6 +27,11 @@
  *   - The 64-bit seek family (moxvos_lseek64, moxvos_fseek64,
  *     moxvos_ftell64) carries the full 64-bit offset, exactly like
  *     moxvos_lseek: a position of 3 GiB seeks and tells as 3 GiB.
+ *   - Null pointers the platform would follow (paths, status records,
+ *     buffers of a transfer with bytes in it, DIR handles, lock objects)
+ *     never reach it: the function fails as the platform fails (-1, or
+ *     null) with errno EFAULT (EBADF for a null DIR).  A transfer of more
+ *     bytes than INT64_MAX fails with EINVAL.
  *
  * The header is valid C and C++; layouts assume LP64 Linux.  struct stat64
  * is the platform's own (C++ compilers and C hosts built with _GNU_SOURCE or
@@ -70,6 +75,7 @@ MOXVOS_API struct dirent* moxvos_readdir(DIR* dir, void* ctx);
 MOXVOS_API struct dirent* moxvos_readdir_r(DIR* dir, struct dirent* entry,
                                            void* ctx);
 MOXVOS_API int moxvos_closedir(DIR* dir, void* ctx);
+/* A null buffer fails (EINVAL): the layer never allocates a name. */
 MOXVOS_API char* moxvos_getcwd(char* buffer, uint64_t size, void* ctx);
 MOXVOS_API int moxvos_chdir(const char* path, void* ctx);
 MOXVOS_API int moxvos_rmdir(const char* path, void* ctx);
@@ -120,7 +126,8 @@ MOXVOS_API int64_t moxvos_read(int fd, void* buffer, uint64_t count);
 MOXVOS_API int64_t moxvos_write(int fd, const void* buffer, uint64_t count);
 /* One moxvos_read / moxvos_write of size * count bytes.  The byte count is
  * taken as a signed 32-bit value, a failure counts as 0 bytes, and the
- * result is the number of whole elements transferred.  size must not be 0
+ * result is the number of whole elements transferred.  A product past 64
+ * bits transfers nothing (0, errno EINVAL).  size must not be 0
  * (the transfer of 0 bytes still happens, and 0 is returned). */
 MOXVOS_API int64_t moxvos_fread(int fd, void* buffer, uint64_t size,
                                 uint64_t count);
@@ -187,7 +194,7 @@ MOXVOS_API int moxvos_flock_trywrlock(_MoxvosFlock* lock, int whence,
 MOXVOS_API int moxvos_flock_unlock(_MoxvosFlock* lock, int whence,
                                    int64_t start, int64_t length, void* ctx);
 /* Unlocks the whole present file, closes it and releases the name copy.
- * Always 0. */
+ * 0; -1 for a null lock (as for the other lock functions). */
 MOXVOS_API int moxvos_flock_free(_MoxvosFlock* lock, void* ctx);
 
 /* ------------------------------------------------------------------------ */
@@ -220,6 +227,7 @@ MOXVOS_API void moxvos_dll_log(const char* format, const char* argument);
  * it fails, "ERROR: moxvos_dlopen dll NAME \n" after.  The platform's error
  * text is left for moxvos_dlerror. */
 MOXVOS_API void* moxvos_dlopen(const char* name, int flags);
+/* Null for a null name; a null handle is the platform's default scope. */
 MOXVOS_API void* moxvos_dlsym(void* handle, const char* name);
 MOXVOS_API char* moxvos_dlerror(void);
 /* Returns 0 and unloads nothing: loaded libraries stay for the process. */

@@ -10,26 +10,27 @@
 
 #include <stdint.h>
 
+#include "format/records.h"
 #include "moxolefio.h"
 
 class CMoxOleDocument;
-class CMoxOleDirectory;
+class CMoxOleEntry;
 
-// Sector numbers with a meaning of their own (stored as 32-bit, widened
-// with sign in memory).
+// Sector numbers with a meaning of their own, as the handle holds them:
+// the stored 32-bit values widened with sign.
 enum : int64_t {
-  kSectorFree = -1,
-  kSectorEndOfChain = -2,
-  kSectorFat = -3,
-  kSectorDifat = -4,
+  kSectorFree = static_cast<int32_t>(moxfmt::kFreeSector),
+  kSectorEndOfChain = static_cast<int32_t>(moxfmt::kEndOfChain),
+  kSectorFat = static_cast<int32_t>(moxfmt::kFatSector),
+  kSectorDifat = static_cast<int32_t>(moxfmt::kDifatSector),
 };
 
 // Entry types of the directory.
 enum : uint8_t {
-  kEntryEmpty = 0,
-  kEntryStorage = 1,
-  kEntryStream = 2,
-  kEntryRoot = 5,
+  kEntryEmpty = moxfmt::kTypeEmpty,
+  kEntryStorage = moxfmt::kTypeStorage,
+  kEntryStream = moxfmt::kTypeStream,
+  kEntryRoot = moxfmt::kTypeRoot,
 };
 
 // The sector list of the current stream is split: plChain never holds more
@@ -92,13 +93,21 @@ struct _MoxOleFile {
   _ZqTPIOobj* pHostIo;
   _ZqTPIOobj* pSwitchIo;
   CMoxOleDocument* pDocument;
-  CMoxOleDirectory* pWriterStream;
+  CMoxOleEntry* pWriterStream;
   // Not part of the handle's published shape: the regular sectors of the
   // mini stream in chain order (entry k lies k FAT steps after lRootStart),
   // found once on the first mini-stream seek so that later seeks need no
   // walk.  Null until then, or when it could not be allocated.
   int64_t* plMiniStreamSectors;
   int64_t lMiniStreamSectors;
+  // Not part of the published shape either: why the last failure happened
+  // (a MoxReason) and the sector, entry or position it is about.
+  int32_t iFailure;
+  int64_t lFailureSubject;
 };
+
+// A zero-filled handle from `memory` that knows nothing but its allocator;
+// the one place handles are made.  Null when memory refuses.
+_MoxOleFile* moxNewHandle(HostMemory* memory);
 
 #endif  // MOXOLEFIO_INTERFACE_MOX_FILE_H_

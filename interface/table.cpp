@@ -2,6 +2,7 @@
 #include "interface/mox_file.h"
 
 extern "C" MOXOLE_API void GetOLEInterface(void** table) {
+  if (table == nullptr) return;
   MoxOleInterface t = {};
   t.hOLEopen = hOLEopen;
   t.hOLEopenClone = hOLEopenClone;

@@ -1,30 +1,27 @@
-// Multi-byte fields in the document's byte order.
+// The handle's byte-order flag over the format's field decoders.
 //
-// byteOrder 1 reads the first byte as the low one; any other value reads
-// most significant byte first.  Inline, because every FAT link a chain
-// walk follows is decoded through them: assembled from bytes this way, the
-// little-endian case compiles to a single load.
+// The handle records the order as the host sees it, 1 for little-endian
+// and anything else for big-endian; FAT and mini FAT links are decoded
+// from raw sector bytes with it.  Inline: every link a chain walk follows
+// goes through lGetLong.
 #ifndef MOXOLEFIO_READER_BYTE_ORDER_H_
 #define MOXOLEFIO_READER_BYTE_ORDER_H_
 
 #include <stdint.h>
 
-inline unsigned uiGetShort(uint32_t byteOrder, const unsigned char* bytes) {
-  if (byteOrder == 1) return bytes[0] | (static_cast<unsigned>(bytes[1]) << 8);
-  return (static_cast<unsigned>(bytes[0]) << 8) | bytes[1];
+#include "format/byte_order.h"
+
+inline moxfmt::ByteOrder moxByteOrder(uint32_t flag) {
+  return flag == 1 ? moxfmt::ByteOrder::kLittle : moxfmt::ByteOrder::kBig;
 }
 
-// A 32-bit field, sign-extended.
+// A 32-bit field, sign-extended: sector numbers and links as the handle
+// holds them.
 inline int64_t lGetLong(uint32_t byteOrder, const unsigned char* bytes) {
-  uint32_t value = 0;
-  if (byteOrder == 1) {
-    value = bytes[0] | (static_cast<uint32_t>(bytes[1]) << 8) |
-            (static_cast<uint32_t>(bytes[2]) << 16) | (static_cast<uint32_t>(bytes[3]) << 24);
-  } else {
-    value = (static_cast<uint32_t>(bytes[0]) << 24) | (static_cast<uint32_t>(bytes[1]) << 16) |
-            (static_cast<uint32_t>(bytes[2]) << 8) | bytes[3];
-  }
-  return static_cast<int32_t>(value);
+  return static_cast<int32_t>(moxfmt::get32(moxByteOrder(byteOrder), bytes));
 }
+
+// A stored 32-bit field widened with sign.
+inline int64_t moxSigned(uint32_t field) { return static_cast<int32_t>(field); }
 
 #endif  // MOXOLEFIO_READER_BYTE_ORDER_H_

@@ -92,17 +92,21 @@ inline int64_t followLink(int64_t sector, int64_t link) {
   return link;
 }
 
-// The count pass: the number of sectors from `start`, or -1.
+// Results of the count pass besides a count.
+constexpr int64_t kBroken = -1;
+constexpr int64_t kCircle = -2;
+
+// The count pass: the number of sectors from `start`, kBroken or kCircle.
 int64_t countSectors(const ChainWalk& w, int64_t start) {
   vSectorCheckConstructor(w.h);
   if (endsChain(start)) return 0;
   int64_t count = 0;
   for (int64_t sector = start;;) {
     int64_t link = 0;
-    if (!nextLink(w, sector, &link)) return -1;
+    if (!nextLink(w, sector, &link)) return kBroken;
     // The guard neither reports nor records a forward step.
-    if (link <= sector && bSectorCheckForInfiniteLoop(w.h, sector, link)) return -1;
-    if (++count > w.bound) return -1;
+    if (link <= sector && bSectorCheckForInfiniteLoop(w.h, sector, link)) return kCircle;
+    if (++count > w.bound) return kCircle;
     if (endsChain(link)) return count;
     sector = followLink(sector, link);
   }
@@ -152,13 +156,17 @@ void storeSectors(const ChainWalk& w, int64_t start, int64_t sectors) {
   *chainSlot(w.h, sectors) = kSectorEndOfChain;
 }
 
-// Checks entry `entry` and counts its chain: the sector count, or -1.
+// Checks entry `entry` and counts its chain: the sector count, or -1 with
+// the reason recorded.
 int64_t checkChain(_MoxOleFile* h, int64_t entry, MoxChainRules rules, ChainWalk* w) {
-  if (entry < 0 || entry >= h->iDirCount) return -1;
+  if (entry < 0 || entry >= h->iDirCount) return moxFail(h, MoxReason::kNoSuchEntry, entry);
   const _MoxOleDirInfo& d = h->pDir[entry];
-  if (d.byType != kEntryStream || !planWalk(h, d, rules, w)) return -1;
+  if (d.byType != kEntryStream) return moxFail(h, MoxReason::kNotAStream, entry);
+  if (!planWalk(h, d, rules, w)) return moxFail(h, MoxReason::kNoMiniStream, entry);
   const int64_t sectors = countSectors(*w, d.lStart);
-  if (sectors < 0 || !lengthFits(*w, d.lSize, sectors)) return -1;
+  if (sectors == kBroken) return moxFail(h, MoxReason::kChainBroken, entry);
+  if (sectors == kCircle) return moxFail(h, MoxReason::kChainCycle, entry);
+  if (!lengthFits(*w, d.lSize, sectors)) return moxFail(h, MoxReason::kChainTooShort, entry);
   return sectors;
 }
 
@@ -179,15 +187,11 @@ int moxBuildChain(_MoxOleFile* h, int64_t entry, MoxChainRules rules) {
   // The old stream goes whether or not the new one can be built, so that a
   // failed open never leaves a stale stream looking current.
   moxReleaseChain(h);
-  if (sectors < 0 || !allocateList(h, sectors + 1)) return -1;
+  if (sectors < 0) return -1;
+  if (!allocateList(h, sectors + 1)) return moxFail(h, MoxReason::kNoMemory);
   const _MoxOleDirInfo& d = h->pDir[entry];
   storeSectors(walk, d.lStart, sectors);
   h->lStreamSize = d.lSize;
   h->iInMini = walk.mini ? 1 : 0;
   return 0;
-}
-
-extern "C" MOXOLE_API int iReadStreamChain(int entry, _MoxOleFile* h) {
-  if (h == nullptr) return -1;
-  return moxBuildChain(h, entry, kChainLenient);
 }

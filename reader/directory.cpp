@@ -1,82 +1,100 @@
-// The directory: every 128-byte entry of the directory chain, loaded once
-// into _MoxOleDirInfo records that all later lookups work on.
+// The directory: every entry of the directory chain, loaded once into
+// _MoxOleDirInfo records that all later lookups work on.
 //
 // The chain is counted in the FAT before anything is read, and a FAT can
 // chain far more sectors than the file holds; the table of records
 // therefore grows as sectors are read, so that a chain running past the
 // end of a small file fails there without having taken memory for all of
 // it.
-#include <string.h>
-
-#include "interface/mox_memory.h"
+#include "format/records.h"
+#include "interface/host_table.h"
 #include "reader/reader.h"
 
 namespace {
 
-constexpr int kEntrySize = 128;
+using moxfmt::EntryRecord;
+using DirectoryTable = MoxTable<_MoxOleDirInfo>;
 
 // Counts the sectors of the directory chain; -1 when it is broken.  A chain
 // that visits each sector once cannot be longer than the sectors the FAT
-// describes, so a longer walk is a cycle and fails instead of looping.
+// describes, so a longer walk is a cycle and fails instead of looping; the
+// circle check usually notices one long before.
 int64_t countDirectorySectors(_MoxOleFile* h) {
   const int64_t bound = moxFatSectorCapacity(h);
   int64_t sector = h->lDirStart;
+  int64_t from = sector;  // the sector whose link led here
   int64_t count = 1;
+  MoxCircleCheck circle(sector);
   for (;;) {
     int found = 0;
     int64_t next = lGetSect(h, sector, &found);
-    if (!found || next == sector) return -1;
+    if (!found) return moxFail(h, MoxReason::kDirectoryChainBroken, from);
     if (next == kSectorEndOfChain) return count;
-    if (++count > bound) return -1;
+    if (next == sector || count + 1 > bound || circle.closes(next)) {
+      return moxFail(h, MoxReason::kDirectoryChainBroken, sector);
+    }
+    ++count;
+    from = sector;
     sector = next;
   }
 }
 
-// Copies a fixed field as a zero-terminated string of at most `length`.
+// Copies raw bytes as a zero-terminated string of at most `length`.
 void copyString(char* out, const unsigned char* field, int length) {
   int i = 0;
   for (; i < length && field[i] != 0; ++i) out[i] = static_cast<char>(field[i]);
   out[i] = 0;
 }
 
-// Fills one record from its 128 raw bytes.  -1 when the entry cannot be
-// kept (a storage, stream or root whose name overflows its field).
-int decodeEntry(_MoxOleFile* h, const unsigned char* raw, int64_t index, _MoxOleDirInfo* d) {
-  const uint32_t order = h->iByteOrder;
-  d->uiNameLen = uiGetShort(order, raw + 0x40);
-  // The low byte of each UTF-16 unit: byte 0 of a unit when read
-  // little-endian, byte 1 when read big-endian.
-  const unsigned start = order == 1 ? 0 : 1;
+// The size as this reader has always taken it: the field's first stored
+// 32-bit word, with sign (the low half in a little-endian file).
+int64_t firstSizeWord(const EntryRecord& e, moxfmt::ByteOrder order) {
+  const uint64_t word = order == moxfmt::ByteOrder::kLittle ? e.size : e.size >> 32;
+  return moxSigned(static_cast<uint32_t>(word));
+}
+
+// Fills one record from its raw bytes.  -1 when the entry cannot be kept
+// (a storage, stream or root whose name overflows its field).
+int keepEntry(_MoxOleFile* h, const unsigned char* raw, int64_t index, _MoxOleDirInfo* d) {
+  const moxfmt::ByteOrder order = moxByteOrder(h->iByteOrder);
+  const EntryRecord e = moxfmt::decodeEntry(order, raw);
+  d->uiNameLen = e.name_bytes;
+  // The low byte of each UTF-16 unit, as far as the stored length reaches
+  // (one byte further in a big-endian file, whose low bytes come second).
+  // The 33rd is the low byte of the length field itself.
+  const unsigned start = order == moxfmt::ByteOrder::kLittle ? 0 : 1;
   unsigned j = 0;
-  for (; j <= 32 && start + 2 * j <= d->uiNameLen; ++j) {
-    d->szName[j] = static_cast<char>(raw[start + 2 * j]);
+  for (; j <= moxfmt::kNameUnits && start + 2 * j <= d->uiNameLen; ++j) {
+    const unsigned unit = j < moxfmt::kNameUnits ? e.name[j] : e.name_bytes;
+    d->szName[j] = static_cast<char>(unit & 0xFF);
   }
-  d->byType = raw[0x42];
-  d->byColour = raw[0x43];
+  d->byType = e.type;
+  d->byColour = e.colour;
   d->lIndex = index;
-  d->lLeft = lGetLong(order, raw + 0x44);
-  d->lRight = lGetLong(order, raw + 0x48);
-  d->lChild = lGetLong(order, raw + 0x4C);
+  d->lLeft = moxSigned(e.left);
+  d->lRight = moxSigned(e.right);
+  d->lChild = moxSigned(e.child);
   const bool named = d->byType == kEntryStorage || d->byType == kEntryStream ||
                      d->byType == kEntryRoot;
-  if (d->uiNameLen != 0 && j == 33 && d->uiNameLen >= start + 2 * j) {
+  if (d->uiNameLen != 0 && j == moxfmt::kNameUnits + 1 && d->uiNameLen >= start + 2 * j) {
     if (named) return -1;
     d->szName[0] = 0;
   }
   if (d->byType == kEntryStorage || d->byType == kEntryRoot) {
-    copyString(d->szClsid, raw + 0x50, 16);
-    d->lState = lGetLong(order, raw + 0x60);
-    copyString(d->szCreated, raw + 0x64, 8);
-    copyString(d->szModified, raw + 0x6C, 8);
+    copyString(d->szClsid, e.clsid, sizeof e.clsid);
+    d->lState = moxSigned(e.state_bits);
+    // The time stamps are kept as their stored bytes.
+    copyString(d->szCreated, raw + moxfmt::entry_at::kCreated, 8);
+    copyString(d->szModified, raw + moxfmt::entry_at::kModified, 8);
   }
   d->lStart = -1;
   d->lSize = 0;
   if (d->byType == kEntryStream || d->byType == kEntryRoot) {
-    d->lStart = lGetLong(order, raw + 0x74);
+    d->lStart = moxSigned(e.start);
     if (d->lStart < kSectorDifat) {
       d->lStart = kSectorEndOfChain;
     } else {
-      d->lSize = lGetLong(order, raw + 0x78);
+      d->lSize = firstSizeWord(e, order);
       if (d->lSize < 0) d->lSize = 0;
     }
   }
@@ -95,39 +113,26 @@ void cleanLinks(_MoxOleFile* h) {
   }
 }
 
-// Makes room in pDir for record `index`, doubling the table up to `total`
-// records; `room` is the room there is.  New records are zero.  False when
-// memory runs out.
-bool makeRoom(_MoxOleFile* h, int64_t* room, int64_t index, int64_t total) {
-  if (index < *room) return true;
-  int64_t grown = *room * 2;
-  if (grown < index + 1) grown = index + 1;
-  if (grown > total) grown = total;
-  _MoxOleDirInfo* table = static_cast<_MoxOleDirInfo*>(
-      moxAllocate(h->pTableMemory, grown, sizeof(_MoxOleDirInfo)));
-  if (table == nullptr) return false;
-  memset(table, 0, sizeof(_MoxOleDirInfo) * grown);
-  if (*room > 0) memcpy(table, h->pDir, sizeof(_MoxOleDirInfo) * *room);
-  moxFree(h->pTableMemory, h->pDir);
-  h->pDir = table;
-  *room = grown;
-  return true;
-}
-
-int readEntries(_MoxOleFile* h, int64_t total, int64_t perSector, int64_t room) {
-  unsigned char raw[kEntrySize];
+int readEntries(_MoxOleFile* h, DirectoryTable& table, int64_t total, int64_t perSector) {
+  unsigned char raw[moxfmt::kEntrySize];
+  const int size = static_cast<int>(sizeof raw);
   int64_t sector = h->lDirStart;
   for (int64_t i = 0; i < total; ++i) {
-    if (h->pIo->read(h->pIo, raw, kEntrySize) != kEntrySize) return -1;
-    if (!makeRoom(h, &room, i, total)) return -1;
-    ++h->iDirCount;
-    if (decodeEntry(h, raw, i, &h->pDir[i]) != 0) return -1;
+    if (h->pIo->read(h->pIo, raw, size) != size) {
+      return moxFail(h, MoxReason::kDirectorySectorUnreadable, sector);
+    }
+    if (!table.reserve(i + 1)) return moxFail(h, MoxReason::kNoMemory);
+    if (keepEntry(h, raw, i, &table[i]) != 0) return moxFail(h, MoxReason::kEntryNameTooLong, i);
+    h->iDirCount = static_cast<int32_t>(i + 1);
     if ((i + 1) % perSector != 0) continue;
     int found = 0;
+    const int64_t read = sector;
     sector = lGetSect(h, sector, &found);
-    if (!found) return -1;
+    if (!found) return moxFail(h, MoxReason::kDirectoryChainBroken, read);
     if (sector == kSectorEndOfChain) break;
-    if (moxSeekSector(h, sector) != 0) return -1;
+    if (moxSeekSector(h, sector) != 0) {
+      return moxFail(h, MoxReason::kDirectorySectorUnreadable, sector);
+    }
   }
   return 0;
 }
@@ -137,23 +142,26 @@ int readEntries(_MoxOleFile* h, int64_t total, int64_t perSector, int64_t room) 
 int iBldDirInfo(_MoxOleFile* h) {
   const int64_t sectors = countDirectorySectors(h);
   if (sectors < 0) return -1;
-  const int64_t perSector = h->lSectorSize / kEntrySize;
+  const int64_t perSector = h->lSectorSize / static_cast<int64_t>(moxfmt::kEntrySize);
   const int64_t total = sectors * perSector;
   // A table no host could be asked for fails as its allocation would.
-  if (moxHostSize(total, sizeof(_MoxOleDirInfo)) < 0) return -1;
+  if (moxHostSize(total, sizeof(_MoxOleDirInfo)) < 0) {
+    return moxFail(h, MoxReason::kDirectoryTooLarge, sectors);
+  }
+  DirectoryTable table(h->pTableMemory, MoxGrowth::kCopy, total);
   // The first sector's records, or all of them when that is less.
-  const int64_t room = perSector < total ? perSector : total;
-  h->pDir = static_cast<_MoxOleDirInfo*>(
-      moxAllocate(h->pTableMemory, room, sizeof(_MoxOleDirInfo)));
-  if (h->pDir == nullptr) return -1;
-  memset(h->pDir, 0, sizeof(_MoxOleDirInfo) * room);
+  if (!table.allocate(perSector < total ? perSector : total)) {
+    return moxFail(h, MoxReason::kNoMemory);
+  }
   h->iDirCount = 0;
-  if (moxSeekSector(h, h->lDirStart) != 0 || readEntries(h, total, perSector, room) != 0) {
-    moxFree(h->pTableMemory, h->pDir);
-    h->pDir = nullptr;
+  if (moxSeekSector(h, h->lDirStart) != 0) {
+    return moxFail(h, MoxReason::kDirectorySectorUnreadable, h->lDirStart);
+  }
+  if (readEntries(h, table, total, perSector) != 0) {
     h->iDirCount = 0;
     return -1;
   }
+  h->pDir = table.release();
   cleanLinks(h);
   return 0;
 }

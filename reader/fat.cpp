@@ -1,143 +1,138 @@
-// The FAT: loaded from the header's 109 slots and along the DIFAT chain,
-// then looked up entry by entry in the document's byte order.
+// The FAT: loaded from the header's slots and along the DIFAT chain, then
+// looked up entry by entry in the document's byte order.
 //
-// Beyond 109 FAT sectors the header's count is checked against nothing
+// Beyond the header's slots the header's count is checked against nothing
 // but the sectors themselves, so the table of FAT sectors grows as sectors
 // are loaded instead of being taken at the size the header claims: a file
 // of a few kilobytes that claims a FAT of a million sectors fails at its
 // first missing sector, having taken memory only for what it really holds.
 #include <string.h>
 
-#include "interface/mox_memory.h"
+#include "format/records.h"
+#include "interface/host_table.h"
 #include "reader/reader.h"
 
 namespace {
 
-constexpr int64_t kHeaderDifatSlots = 109;
+constexpr int64_t kHeaderSlots = moxfmt::kHeaderFatSlots;
 
 // What a short read of a FAT sector means while loading from the header.
 enum class ShortRead { kFail, kTolerate };
 
-// Allocates ppFat for `slots` sectors with every slot empty, so that a
-// close after a partial load frees exactly the buffers that exist.
-int allocateFatTable(_MoxOleFile* h, int64_t slots) {
-  h->ppFat = static_cast<unsigned char**>(
-      moxAllocate(h->pTableMemory, slots, sizeof(unsigned char*)));
-  if (h->ppFat == nullptr) return -1;
-  if (slots > 0) memset(h->ppFat, 0, sizeof(unsigned char*) * slots);
-  return 0;
-}
+using FatTable = MoxTable<unsigned char*>;
 
-// Frees the buffers of the first `slots` slots and the table.
-void freeFat(_MoxOleFile* h, int64_t slots) {
-  if (h->ppFat == nullptr) return;
-  for (int64_t i = 0; i < slots; ++i) moxFree(h->pTableMemory, h->ppFat[i]);
-  moxFree(h->pTableMemory, h->ppFat);
-  h->ppFat = nullptr;
-}
-
-int fail(_MoxOleFile* h, int64_t slots) {
-  freeFat(h, slots);
-  return -1;
-}
-
-// Makes room in the DIFAT path's table for slot `slot`, doubling it up to
-// lFatCount; `slots` is the room there is.  0, or -1 when memory runs out.
-int makeRoom(_MoxOleFile* h, int64_t* slots, int64_t slot) {
-  if (slot < *slots) return 0;
-  int64_t grown = *slots * 2;
-  if (grown > h->lFatCount) grown = h->lFatCount;
-  unsigned char** old = h->ppFat;
-  if (allocateFatTable(h, grown) != 0) {
-    h->ppFat = old;
-    return -1;
-  }
-  memcpy(h->ppFat, old, sizeof(unsigned char*) * *slots);
-  moxFree(h->pTableMemory, old);
-  *slots = grown;
-  return 0;
+// Frees every sector buffer the table holds (empty slots are null).
+void freeSectors(_MoxOleFile* h, const FatTable& table) {
+  for (int64_t i = 0; i < table.capacity(); ++i) moxFree(h->pTableMemory, table[i]);
 }
 
 // Loads FAT sector `sector` into slot `slot`.  Returns 0 when the slot is
 // loaded, 1 when the FAT ends early at this slot (tolerated short read),
 // -1 on failure.
-int loadFatSector(_MoxOleFile* h, int64_t slot, int64_t sector, ShortRead rule) {
-  if (moxSeekSector(h, sector) != 0) return -1;
+int loadFatSector(_MoxOleFile* h, FatTable& table, int64_t slot, int64_t sector,
+                  ShortRead rule) {
+  if (!table.reserve(slot + 1)) return moxFail(h, MoxReason::kNoMemory);
+  if (moxSeekSector(h, sector) != 0) return moxFail(h, MoxReason::kFatSectorUnreadable, sector);
   unsigned char* buffer =
       static_cast<unsigned char*>(moxAllocate(h->pTableMemory, 1, h->lSectorSize));
-  if (buffer == nullptr) return -1;
-  h->ppFat[slot] = buffer;
+  if (buffer == nullptr) return moxFail(h, MoxReason::kNoMemory);
+  table[slot] = buffer;
   const bool last = slot == h->lFatCount - 1;
   if (last) memset(buffer, 0, h->lSectorSize);
   const int size = static_cast<int>(h->lSectorSize);
   if (h->pIo->read(h->pIo, buffer, size) == size) return 0;
-  if (rule == ShortRead::kFail) return -1;
+  if (rule == ShortRead::kFail) return moxFail(h, MoxReason::kFatSectorUnreadable, sector);
   // A file cut inside its FAT: the last slot keeps what was read (the rest
   // reads as zeros); a middle slot ends the FAT there, zeroed; the first
   // slot with more to come cannot be trusted at all.
   if (last) return 0;
-  if (slot == 0) return -1;
+  if (slot == 0) return moxFail(h, MoxReason::kFatSectorUnreadable, sector);
   h->lFatCount = slot + 1;
   memset(buffer, 0, h->lSectorSize);
   return 1;
 }
 
-}  // namespace
-
-int iBldSmallFat(_MoxOleFile* h, const unsigned char* headerDifat) {
-  if (allocateFatTable(h, h->lFatCount) != 0) return -1;
-  for (int64_t i = 0; i < h->lFatCount; ++i) {
-    int64_t sector = lGetLong(h->iByteOrder, headerDifat + 4 * i);
-    int loaded = loadFatSector(h, i, sector, ShortRead::kTolerate);
-    if (loaded < 0) return fail(h, h->lFatCount);
-    if (loaded > 0) break;
+// Hands a loaded table to the handle, or frees it with its sectors.
+int finish(_MoxOleFile* h, FatTable& table, bool loaded) {
+  if (!loaded) {
+    freeSectors(h, table);
+    return -1;
   }
+  h->ppFat = table.release();
   return 0;
 }
 
-int iBldDIF_Fat(_MoxOleFile* h, const unsigned char* headerDifat) {
-  if (h->lDifatStart <= -1 && h->lDifatStart >= -4) return -1;
-  if (h->lDifatCount <= 0) return -1;
+// The DIFAT chain's FAT sectors from slot kHeaderSlots on, read through
+// `difat`, one sector long.  A chain that comes back to a DIFAT sector it
+// has read fails: it could only list the same FAT sectors again, up to a
+// count the header may claim in the millions.
+bool loadAlongDifat(_MoxOleFile* h, FatTable& table, unsigned char* difat) {
+  const int size = static_cast<int>(h->lSectorSize);
+  const int perSector = h->iFatPerSector;
+  int64_t loaded = kHeaderSlots;
+  MoxCircleCheck circle(h->lDifatStart);
+  for (;;) {
+    if (moxSeekSector(h, h->lDifatStart) != 0 || h->pIo->read(h->pIo, difat, size) != size) {
+      moxFail(h, MoxReason::kDifatSectorUnreadable, h->lDifatStart);
+      return false;
+    }
+    if (loaded >= h->lFatCount) return true;
+    for (int k = 0; k < perSector - 1 && loaded < h->lFatCount; ++k, ++loaded) {
+      const int64_t sector = lGetLong(h->iByteOrder, difat + 4 * k);
+      if (loadFatSector(h, table, loaded, sector, ShortRead::kFail) != 0) return false;
+    }
+    if (loaded >= h->lFatCount) return true;
+    h->lDifatStart = lGetLong(h->iByteOrder, difat + 4 * (perSector - 1));
+    if (circle.closes(h->lDifatStart)) {
+      moxFail(h, MoxReason::kDifatCycle, h->lDifatStart);
+      return false;
+    }
+  }
+}
+
+}  // namespace
+
+int iBldSmallFat(_MoxOleFile* h, const uint32_t* headerSlots) {
+  FatTable table(h->pTableMemory, MoxGrowth::kCopy, h->lFatCount);
+  if (!table.allocate(h->lFatCount)) {
+    if (h->lFatCount < 0) return moxFail(h, MoxReason::kFatCountImpossible, h->lFatCount);
+    return moxFail(h, MoxReason::kNoMemory);
+  }
+  for (int64_t i = 0; i < h->lFatCount; ++i) {
+    const int loaded =
+        loadFatSector(h, table, i, moxSigned(headerSlots[i]), ShortRead::kTolerate);
+    if (loaded < 0) return finish(h, table, false);
+    if (loaded > 0) break;
+  }
+  return finish(h, table, true);
+}
+
+int iBldDIF_Fat(_MoxOleFile* h, const uint32_t* headerSlots) {
+  if (h->lDifatStart <= kSectorFree && h->lDifatStart >= kSectorDifat) {
+    return moxFail(h, MoxReason::kDifatStartInvalid, h->lDifatStart);
+  }
+  if (h->lDifatCount <= 0) return moxFail(h, MoxReason::kDifatCountInvalid, h->lDifatCount);
   // A count whose table no host could be asked for fails as its
   // allocation would.
-  if (moxHostSize(h->lFatCount, sizeof(unsigned char*)) < 0) return -1;
-  int64_t slots = kHeaderDifatSlots;
-  if (allocateFatTable(h, slots) != 0) return -1;
-  auto load = [&](int64_t slot, int64_t sector) {
-    return makeRoom(h, &slots, slot) == 0 &&
-           loadFatSector(h, slot, sector, ShortRead::kFail) == 0;
-  };
-  for (int64_t i = 0; i < kHeaderDifatSlots; ++i) {
-    if (!load(i, lGetLong(h->iByteOrder, headerDifat + 4 * i))) return fail(h, slots);
+  if (moxHostSize(h->lFatCount, sizeof(unsigned char*)) < 0) {
+    return moxFail(h, MoxReason::kFatCountImpossible, h->lFatCount);
+  }
+  FatTable table(h->pTableMemory, MoxGrowth::kCopy, h->lFatCount);
+  if (!table.allocate(kHeaderSlots)) return moxFail(h, MoxReason::kNoMemory);
+  for (int64_t i = 0; i < kHeaderSlots; ++i) {
+    if (loadFatSector(h, table, i, moxSigned(headerSlots[i]), ShortRead::kFail) != 0) {
+      return finish(h, table, false);
+    }
   }
   unsigned char* difat =
       static_cast<unsigned char*>(moxAllocate(h->pTableMemory, 1, h->lSectorSize));
-  if (difat == nullptr) return fail(h, slots);
-
-  // Every DIFAT sector yields at least one FAT sector (shifts are checked),
-  // so the walk ends after at most lFatCount sectors even on a cyclic chain.
-  const int size = static_cast<int>(h->lSectorSize);
-  const int perSector = h->iFatPerSector;
-  int64_t loaded = kHeaderDifatSlots;
-  int result = 0;
-  for (;;) {
-    if (moxSeekSector(h, h->lDifatStart) != 0 || h->pIo->read(h->pIo, difat, size) != size) {
-      result = -1;
-      break;
-    }
-    if (loaded >= h->lFatCount) break;
-    int k = 0;
-    for (; k < perSector - 1 && loaded < h->lFatCount; ++k, ++loaded) {
-      if (!load(loaded, lGetLong(h->iByteOrder, difat + 4 * k))) {
-        result = -1;
-        break;
-      }
-    }
-    if (result != 0 || loaded >= h->lFatCount) break;
-    h->lDifatStart = lGetLong(h->iByteOrder, difat + 4 * (perSector - 1));
+  if (difat == nullptr) {
+    moxFail(h, MoxReason::kNoMemory);
+    return finish(h, table, false);
   }
+  const bool loaded = loadAlongDifat(h, table, difat);
   moxFree(h->pTableMemory, difat);
-  return result == 0 ? 0 : fail(h, slots);
+  return finish(h, table, loaded);
 }
 
 int64_t lGetSect(_MoxOleFile* h, int64_t sector, int* found) {

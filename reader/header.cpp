@@ -1,14 +1,10 @@
 // The 512-byte header: byte order, geometry, and the start of every table.
 #include <stdio.h>
-#include <string.h>
 
+#include "format/records.h"
 #include "reader/reader.h"
 
 namespace {
-
-constexpr int kHeaderSize = 512;
-constexpr int kHeaderDifatOffset = 0x4C;
-constexpr int64_t kHeaderDifatSlots = 109;
 
 // Sector shifts the arithmetic can live with.  Real files carry 9 or 12
 // (and 6 for mini sectors); below 7 a sector cannot hold one directory
@@ -28,38 +24,48 @@ int moxSeekSector(_MoxOleFile* h, int64_t sector) {
 }
 
 int iParseHeader(_MoxOleFile* h) {
-  unsigned char header[kHeaderSize];
+  unsigned char bytes[moxfmt::kHeaderSize];
   h->lRootStart = -1;
   h->pIo->seek(h->pIo, 0, 0);
-  if (h->pIo->read(h->pIo, header, kHeaderSize) != kHeaderSize) return -1;
-  static const unsigned char kSignature[4] = {0xD0, 0xCF, 0x11, 0xE0};
-  if (memcmp(header, kSignature, sizeof kSignature) != 0) return -1;
+  const int size = static_cast<int>(sizeof bytes);
+  if (h->pIo->read(h->pIo, bytes, size) != size) return moxFail(h, MoxReason::kHeaderUnreadable);
+  // Only the first four bytes of the signature are checked: files whose
+  // tail differs open in the hosts this library serves.
+  const moxfmt::HeaderRecord header = moxfmt::decodeHeader(bytes);
+  if (!header.signature_ok) return moxFail(h, MoxReason::kNotCompoundFile);
 
-  h->iByteOrder = 1;
-  if (uiGetShort(1, header + 0x1C) != 0xFFFE) h->iByteOrder = 0;
-  const uint32_t order = h->iByteOrder;
+  h->iByteOrder = header.order == moxfmt::ByteOrder::kLittle ? 1 : 0;
+  // The major version's two bytes as stored, whatever the byte order.
+  const unsigned char* major = bytes + moxfmt::header_at::kMajorVersion;
+  snprintf(h->szVersion, sizeof h->szVersion, "%.2x %.2x", major[0], major[1]);
 
-  (void)uiGetShort(order, header + 0x18);  // minor version: not kept
-  snprintf(h->szVersion, sizeof h->szVersion, "%.2x %.2x", header[0x1A], header[0x1B]);
+  h->iSectorShift = header.sector_shift;
+  h->iMiniSectorShift = header.mini_sector_shift;
+  h->lFatCount = moxSigned(header.fat_sector_count);
+  h->lDirStart = moxSigned(header.dir_start);
+  h->lTransaction = moxSigned(header.transaction);
+  h->lMiniCutoff = moxSigned(header.mini_cutoff);
+  h->lMiniFatStart = moxSigned(header.mini_fat_start);
+  h->lMiniFatCount = moxSigned(header.mini_fat_count);
+  h->lDifatStart = moxSigned(header.difat_start);
+  h->lDifatCount = moxSigned(header.difat_count);
 
-  h->iSectorShift = uiGetShort(order, header + 0x1E);
-  h->iMiniSectorShift = uiGetShort(order, header + 0x20);
-  h->lFatCount = lGetLong(order, header + 0x2C);
-  h->lDirStart = lGetLong(order, header + 0x30);
-  h->lTransaction = lGetLong(order, header + 0x34);
-  h->lMiniCutoff = lGetLong(order, header + 0x38);
-  h->lMiniFatStart = lGetLong(order, header + 0x3C);
-  h->lMiniFatCount = lGetLong(order, header + 0x40);
-  h->lDifatStart = lGetLong(order, header + 0x44);
-  h->lDifatCount = lGetLong(order, header + 0x48);
-
-  if (!shiftsUsable(h->iSectorShift, h->iMiniSectorShift)) return -1;
+  if (!shiftsUsable(h->iSectorShift, h->iMiniSectorShift)) {
+    return moxFail(h, MoxReason::kSectorShiftUnusable,
+                   int64_t{h->iSectorShift} << 16 | h->iMiniSectorShift);
+  }
   h->lSectorSize = int64_t{1} << h->iSectorShift;
   h->lMiniSectorSize = int64_t{1} << h->iMiniSectorShift;
   h->lMiniPerSector = int64_t{1} << (h->iSectorShift - h->iMiniSectorShift);
-  h->iFatPerSector = static_cast<int32_t>(h->lSectorSize) / 4;
+  h->iFatPerSector = static_cast<int32_t>(moxfmt::linksPerSector(static_cast<uint32_t>(h->lSectorSize)));
 
-  const unsigned char* difat = header + kHeaderDifatOffset;
-  if (h->lFatCount > kHeaderDifatSlots) return iBldDIF_Fat(h, difat);
-  return iBldSmallFat(h, difat);
+  if (h->lFatCount > static_cast<int64_t>(moxfmt::kHeaderFatSlots)) {
+    return iBldDIF_Fat(h, header.fat_slots);
+  }
+  return iBldSmallFat(h, header.fat_slots);
+}
+
+int moxLoadDocument(_MoxOleFile* h) {
+  if (iParseHeader(h) != 0 || iBldMiniFat(h) != 0 || iBldDirInfo(h) != 0) return -1;
+  return 0;
 }

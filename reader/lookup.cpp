@@ -3,30 +3,14 @@
 
 #include <string.h>
 
+#include "format/records.h"
+
 namespace {
 
-const char kRootName[] = "Root Entry";
 const char kPresentationName[] = "\x02OlePres000";
 
-unsigned char fold(unsigned char c, MoxNameRule rule) {
-  if (rule == kNameTolerant && c >= 'A' && c <= 'Z') return static_cast<unsigned char>(c + 32);
-  return c;
-}
-
-// Compares two names of the same length byte by byte, as unsigned bytes.
-int compareSameLength(MoxName a, MoxName b, MoxNameRule rule) {
-  for (size_t i = 0; i < a.length; ++i) {
-    int x = fold(static_cast<unsigned char>(a.bytes[i]), rule);
-    int y = fold(static_cast<unsigned char>(b.bytes[i]), rule);
-    if (x != y) return x - y;
-  }
-  return 0;
-}
-
 // One step of a descent: the link to follow from `entry` once `wanted`
-// has compared as `order` with the entry's name.  A name that compares
-// equal is the same name under the rule, so each step of a descent needs
-// one comparison for both questions: is this it, and which way on.
+// has compared as `order` with the entry's name.
 int64_t nextSibling(const _MoxOleFile* h, int64_t entry, int order) {
   const _MoxOleDirInfo& d = h->pDir[entry];
   return order < 0 ? d.lLeft : d.lRight;
@@ -34,24 +18,13 @@ int64_t nextSibling(const _MoxOleFile* h, int64_t entry, int order) {
 
 }  // namespace
 
-MoxName moxNameOf(const char* text) { return MoxName{text, strlen(text)}; }
-
 MoxName moxEntryName(const _MoxOleFile* h, int64_t index) {
   const char* name = h->pDir[index].szName;
   return MoxName{name, strnlen(name, sizeof h->pDir[index].szName)};
 }
 
-bool moxNamesEqual(MoxName a, MoxName b, MoxNameRule rule) {
-  return a.length == b.length && compareSameLength(a, b, rule) == 0;
-}
-
-int moxSiblingOrder(MoxName wanted, MoxName entry, MoxNameRule rule) {
-  if (wanted.length != entry.length) return wanted.length < entry.length ? -1 : 1;
-  return compareSameLength(wanted, entry, rule);
-}
-
 int64_t moxFindRoot(const _MoxOleFile* h) {
-  const MoxName root = moxNameOf(kRootName);
+  const MoxName root = moxNameOf(moxfmt::kRootName);
   for (int64_t i = 0; i < h->iDirCount; ++i) {
     if (h->pDir[i].byType == kEntryRoot || moxNamesEqual(moxEntryName(h, i), root, kNameExact)) {
       return i;
@@ -84,7 +57,7 @@ int64_t moxWalkStoragePath(const _MoxOleFile* h, const char (*path)[36], int dep
   if (!moxIsEntry(h, 0)) return -1;
   if (path == nullptr || depth < 1) return 0;
   MoxName first = {path[0], strnlen(path[0], sizeof path[0])};
-  if (moxNamesEqual(first, moxNameOf(kRootName), kNameExact)) return 0;
+  if (moxNamesEqual(first, moxNameOf(moxfmt::kRootName), kNameExact)) return 0;
   int64_t storage = 0;
   for (int slot = 0; slot < depth; ++slot) {
     MoxName name = {path[slot], strnlen(path[slot], sizeof path[slot])};
@@ -112,9 +85,8 @@ int64_t moxFindPresentationStream(const _MoxOleFile* h, int64_t storage) {
   return -1;
 }
 
-extern "C" MOXOLE_API int iFindIStreamGivenIStorage(_MoxOleFile* h, const char* stream,
-                                                   int storage) {
-  if (h == nullptr || stream == nullptr || !moxIsEntry(h, storage)) return -1;
+int moxFindStreamInStorage(_MoxOleFile* h, const char* stream, int storage) {
+  if (stream == nullptr || !moxIsEntry(h, storage)) return -1;
   const MoxName wanted = moxNameOf(stream);
   int64_t entry = static_cast<int32_t>(h->pDir[storage].lChild);
   if (!moxIsEntry(h, entry)) return -1;

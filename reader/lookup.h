@@ -1,11 +1,7 @@
 // Finding entries in the loaded directory by name.
 //
 // Names are the 8-bit names of the directory records (the low byte of each
-// UTF-16 unit).  Two rules compare them:
-//
-//   kNameExact     byte for byte, case-sensitive (as strcmp).
-//   kNameTolerant  ASCII letters folded to lower case (as strcasecmp), so
-//                  "_" orders before every letter.
+// UTF-16 unit), compared by the rules of interface/sibling_names.h.
 //
 // The children of a storage form a binary tree through lLeft/lRight,
 // rooted at the storage's lChild.  Every descent orders names the same way:
@@ -27,34 +23,17 @@
 #include <stdint.h>
 
 #include "interface/mox_file.h"
+#include "interface/sibling_names.h"
 
-enum MoxNameRule { kNameExact, kNameTolerant };
-
-// A name as bytes and a length.  Directory names are not trusted to carry
-// a terminator inside their 33-byte field, so they are measured with a
-// bound instead of strlen.
-struct MoxName {
-  const char* bytes;
-  size_t length;
-};
-
-// A zero-terminated name from the host.
-MoxName moxNameOf(const char* text);
-// The name of directory record `index`.
+// The name of directory record `index`, measured within its field.
 MoxName moxEntryName(const _MoxOleFile* h, int64_t index);
-
-bool moxNamesEqual(MoxName a, MoxName b, MoxNameRule rule);
-
-// Negative when `wanted` lies to the left of `entry` in a sibling tree,
-// otherwise zero or positive (right, or the same name).
-int moxSiblingOrder(MoxName wanted, MoxName entry, MoxNameRule rule);
 
 // True when `index` names a record of the loaded directory.
 inline bool moxIsEntry(const _MoxOleFile* h, int64_t index) {
   return index >= 0 && index < h->iDirCount;
 }
 
-// The root storage: the first record of type root or named "Root Entry".
+// The root storage: the first record of type root or named as the root.
 int64_t moxFindRoot(const _MoxOleFile* h);
 
 // First record, in directory order, whose name equals `name` under `rule`
@@ -68,7 +47,7 @@ int64_t moxScanByName(const _MoxOleFile* h, MoxName name, int type, MoxNameRule 
 int64_t moxFindChildExact(const _MoxOleFile* h, int64_t storage, MoxName name);
 
 // The storage a path of 36-byte name slots (outermost first) leads to.
-// A null path, a depth below 1 or a first slot "Root Entry" all mean the
+// A null path, a depth below 1 or a first slot naming the root all mean the
 // root, entry 0, when the handle has a directory.  Every step must reach a
 // storage (type 1).
 int64_t moxWalkStoragePath(const _MoxOleFile* h, const char (*path)[36], int depth);
@@ -78,5 +57,13 @@ int64_t moxWalkStoragePath(const _MoxOleFile* h, const char (*path)[36], int dep
 // else the entry before the last one of that spine, else entry 0 when the
 // first child has no right sibling.  The choice is not checked for type.
 int64_t moxFindPresentationStream(const _MoxOleFile* h, int64_t storage);
+
+// The stream named `stream` among the children of entry `storage`: the
+// sibling tree is descended with the tolerant rule, and when the descent
+// misses, the whole directory is scanned for a stream of that name.  The
+// entry number; iDirCount when the scan finds nothing either; -1 when the
+// arguments name nothing (and, for a link below -1 met on the way down,
+// iError becomes MOXOLE_BAD_LINK).
+int moxFindStreamInStorage(_MoxOleFile* h, const char* stream, int storage);
 
 #endif  // MOXOLEFIO_READER_LOOKUP_H_

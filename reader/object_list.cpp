@@ -1,9 +1,12 @@
-// The children of one storage: moxoleGetObjectList lists them in name
-// order, iOLEobjectType tells the type of one of them.
+// The children of one storage: their list in name order, and the type of
+// one of them.
 #include <string.h>
 
-#include "interface/mox_memory.h"
+#include "format/records.h"
+#include "interface/failure.h"
+#include "interface/host_table.h"
 #include "reader/lookup.h"
+#include "reader/structure.h"
 
 namespace {
 
@@ -39,32 +42,25 @@ struct EntryStack {
   }
 };
 
-// Appends `entry` to the growing index list, one element at a time.
-bool appendIndex(HostMemory* memory, int32_t** list, int64_t* count, int32_t entry) {
-  int32_t* grown = static_cast<int32_t*>(
-      memory->reallocate(memory, *list, moxHostSize(*count + 1, sizeof(int32_t))));
-  if (grown == nullptr) return false;
-  grown[(*count)++] = entry;
-  *list = grown;
-  return true;
-}
+// The index list grows by one element per entry, through the host's
+// reallocate, as its hosts have always seen it grow.
+using IndexList = MoxTable<int32_t>;
 
 // The sibling tree under `top` in order (left subtree, entry, right
-// subtree).  Returns the count, or -1 on a bad link, a cycle (more steps
-// than the directory has records) or a failed allocation.
-int64_t collectInOrder(const _MoxOleFile* h, int64_t top, int32_t** list) {
-  HostMemory* memory = h->pTableMemory;
-  EntryStack stack(memory);
-  int64_t count = 0, steps = 0;
+// subtree) into `list`.  False on a bad link, a cycle (more steps than the
+// directory has records) or a failed allocation.
+bool collectInOrder(const _MoxOleFile* h, int64_t top, IndexList* list) {
+  EntryStack stack(h->pTableMemory);
+  int64_t steps = 0;
   int64_t x = top;
   for (;;) {
     for (; x != -1; x = h->pDir[x].lLeft) {
-      if (!moxIsEntry(h, x) || ++steps > h->iDirCount) return -1;
-      if (!stack.push(static_cast<int32_t>(x), h->iDirCount)) return -1;
+      if (!moxIsEntry(h, x) || ++steps > h->iDirCount) return false;
+      if (!stack.push(static_cast<int32_t>(x), h->iDirCount)) return false;
     }
-    if (stack.size == 0) return count;
+    if (stack.size == 0) return true;
     x = stack.items[--stack.size];
-    if (!appendIndex(memory, list, &count, static_cast<int32_t>(x))) return -1;
+    if (!list->append(static_cast<int32_t>(x))) return false;
     x = h->pDir[x].lRight;
   }
 }
@@ -78,37 +74,28 @@ void fillRecord(const _MoxOleDirInfo& d, _MoxOleObjectEntry* record) {
 
 // True when a storage path names the root without walking anything.
 bool namesRootDirectly(const char (*path)[36], int depth) {
-  return depth < 1 || path == nullptr || strncmp(path[0], "Root Entry", 36) == 0;
+  return depth < 1 || path == nullptr || strncmp(path[0], moxfmt::kRootName, 36) == 0;
 }
 
 }  // namespace
 
-extern "C" MOXOLE_API int moxoleGetObjectList(_MoxOleFile* h, const char (*path)[36], int depth,
-                                              _MoxOleObjectEntry** out) {
-  if (h == nullptr) return 0;
+int moxObjectList(_MoxOleFile* h, const char (*path)[36], int depth, _MoxOleObjectEntry** out) {
   const int64_t storage = moxWalkStoragePath(h, path, depth);
   if (storage < 0) return 0;
   const int64_t top = h->pDir[storage].lChild;
   if (!moxIsEntry(h, top)) return 0;
-  int32_t* list = nullptr;
-  int64_t count = collectInOrder(h, top, &list);
-  int result = -1;
-  if (count > 0) {
-    _MoxOleObjectEntry* records = static_cast<_MoxOleObjectEntry*>(
-        moxAllocate(h->pTableMemory, count, sizeof(_MoxOleObjectEntry)));
-    if (records != nullptr) {
-      for (int64_t k = 0; k < count; ++k) fillRecord(h->pDir[list[k]], &records[k]);
-      *out = records;
-      result = static_cast<int>(count);
-    }
-  }
-  moxFree(h->pTableMemory, list);
-  return result;
+  IndexList list(h->pTableMemory, MoxGrowth::kReallocate);
+  const int64_t count = collectInOrder(h, top, &list) ? list.size() : -1;
+  if (count <= 0) return moxFail(h, MoxReason::kTreeDamaged);
+  _MoxOleObjectEntry* records = static_cast<_MoxOleObjectEntry*>(
+      moxAllocate(h->pTableMemory, count, sizeof(_MoxOleObjectEntry)));
+  if (records == nullptr) return moxFail(h, MoxReason::kNoMemory);
+  for (int64_t k = 0; k < count; ++k) fillRecord(h->pDir[list[k]], &records[k]);
+  *out = records;
+  return static_cast<int>(count);
 }
 
-extern "C" MOXOLE_API int iOLEobjectType(_MoxOleFile* h, const char (*path)[36], int depth,
-                                         const char* name) {
-  if (h == nullptr || name == nullptr) return 0;
+int moxObjectType(_MoxOleFile* h, const char (*path)[36], int depth, const char* name) {
   const int64_t storage = moxWalkStoragePath(h, path, depth);
   if (storage < 0) return 0;
   if (namesRootDirectly(path, depth) && name[0] == 0) return h->pDir[0].byType;

@@ -6,6 +6,7 @@
 #include "interface/mox_memory.h"
 #include "moxvos.h"
 #include "reader/stream.h"
+#include "reader/structure.h"
 
 namespace {
 
@@ -23,15 +24,15 @@ int copyMetafile(_MoxOleFile* h, int fd) {
       static_cast<unsigned char*>(moxAllocate(h->pMemory, 1, kCopyBuffer));
   if (buffer == nullptr) return 0;
   int ok = 0;
-  if (iOLEread(h, buffer, 2) == 2) {
+  if (moxRead(h, buffer, 2) == 2) {
     const uint32_t headerLength = buffer[0] + 256u * buffer[1];
     // Taken as unsigned: a stored length below 2 jumps past the end, and
     // the copy below then finds nothing to write.
     const uint32_t skip = headerLength - 2;
-    if (lOLEseek(h, static_cast<int64_t>(skip), 1) != -1) {
+    if (moxSeek(h, static_cast<int64_t>(skip), 1) != -1) {
       ok = 1;
       for (;;) {
-        const uint32_t got = iOLEread(h, buffer, kCopyBuffer);
+        const uint32_t got = moxRead(h, buffer, kCopyBuffer);
         const int64_t written = moxvos_fwrite(fd, buffer, 1, got);
         if (written != static_cast<int64_t>(got)) ok = 0;  // disk full, quota...
         if (written != static_cast<int64_t>(got) || got != kCopyBuffer) break;
@@ -42,32 +43,38 @@ int copyMetafile(_MoxOleFile* h, int fd) {
   return ok;
 }
 
+// Makes the object's stream current, without positioning it: 0, or -1.
+int buildObjectChain(_MoxOleFile* h, const char* stream, const char* storage) {
+  const int64_t entry = moxLookUpStream(h, stream, storage, 0);
+  if (entry < 0) return -1;
+  return moxBuildChain(h, entry, kChainLenient);
+}
+
 // Opens the object's stream and copies it to the file or the target.
 int extract(_MoxOleFile* h, const char* stream, const char* storage, int fd, void* target,
             int type) {
-  if (iGetStreamChain(h, stream, storage, 0) != 0 || lOLEseek(h, 0, 0) == -1) return 0;
+  if (buildObjectChain(h, stream, storage) != 0 || moxSeek(h, 0, 0) == -1) return 0;
   int copied = 0;
   if (type == kTypeMetafile) {
     copied = copyMetafile(h, fd);
   } else {
-    copied = iOLEread(h, target, kPictureHeader) == kPictureHeader;
+    copied = moxRead(h, target, kPictureHeader) == kPictureHeader;
   }
   if (!copied) return 0;
-  return bOLEcloseStream(h, nullptr) != 0 ? 1 : 0;
+  return moxReleaseChain(h) ? 1 : 0;
 }
 
 }  // namespace
 
-extern "C" MOXOLE_API int64_t lOLEopenObject(_MoxOleFile* h, const char* storage, int type) {
-  if (h == nullptr) return 0;
+int64_t moxOpenObject(_MoxOleFile* h, const char* storage, int type) {
   const char* stream = type == kTypeMetafile ? kMetafileStream : nullptr;
-  if (iGetStreamChain(h, stream, storage, 0) != 0) return 0;
-  if (lOLEseek(h, 0, 0) == -1) return 0;
+  if (buildObjectChain(h, stream, storage) != 0) return 0;
+  if (moxSeek(h, 0, 0) == -1) return 0;
   return h->lStreamSize;
 }
 
-extern "C" MOXOLE_API int bOLEgetObject(_MoxOleFile* h, int64_t number, void* target, int type) {
-  if (h == nullptr || target == nullptr) return 0;
+int moxGetObject(_MoxOleFile* h, int64_t number, void* target, int type,
+                 bool (*closeStream)(_MoxOleFile*)) {
   const char* stream = kPictureStream;
   int fd = -1;
   if (type == kTypeMetafile) {
@@ -78,13 +85,11 @@ extern "C" MOXOLE_API int bOLEgetObject(_MoxOleFile* h, int64_t number, void* ta
   }
   char storage[32];
   snprintf(storage, sizeof storage, "_%ld", static_cast<long>(number));
-  const int64_t position = lOLEtell(h);
+  const int64_t position = h->lPosition;
   int result = 0;
-  if (bOLEcloseStream(h, nullptr) != 0) {
-    result = extract(h, stream, storage, fd, target, type);
-  }
+  if (closeStream(h)) result = extract(h, stream, storage, fd, target, type);
   if (fd != -1) moxvos_fclose(fd);
-  if (!bOLEopenStream(h, kMainStream)) return 0;
-  if (lOLEseek(h, position, 0) == -1) return 0;
+  if (!moxOpenStream(h, kMainStream, nullptr, 0)) return 0;
+  if (moxSeek(h, position, 0) == -1) return 0;
   return result;
 }

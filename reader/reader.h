@@ -8,13 +8,22 @@
 
 #include <stdint.h>
 
+#include "interface/failure.h"
 #include "interface/mox_file.h"
 #include "reader/byte_order.h"
 
-// --- Loading steps, run in this order by hOLEopenEXT ----------------------
+// --- Loading ------------------------------------------------------------
+// Loads a zero-filled handle whose pIo, pTableMemory and pMemory are set:
+// header and FAT, then mini FAT, then directory, each step only when the
+// one before succeeded.  0, or -1 with the tables of the steps that ran
+// left for the handle's close.
+int moxLoadDocument(_MoxOleFile* h);
+
+// The steps.  The FAT builders take the header's FAT sector slots, as
+// stored (moxfmt::kHeaderFatSlots of them).
 int iParseHeader(_MoxOleFile* h);
-int iBldSmallFat(_MoxOleFile* h, const unsigned char* headerDifat);
-int iBldDIF_Fat(_MoxOleFile* h, const unsigned char* headerDifat);
+int iBldSmallFat(_MoxOleFile* h, const uint32_t* headerSlots);
+int iBldDIF_Fat(_MoxOleFile* h, const uint32_t* headerSlots);
 int iBldMiniFat(_MoxOleFile* h);
 int iBldDirInfo(_MoxOleFile* h);
 
@@ -33,7 +42,7 @@ class MoxFatView {
       : sectors_(h->ppFat),
         sectorCount_(h->lFatCount),
         perSector_(h->iFatPerSector),
-        byteOrder_(h->iByteOrder) {
+        byteOrder_(moxByteOrder(h->iByteOrder)) {
     // Entries per FAT sector are a power of two in every file the header
     // step accepts; shifting then replaces a 64-bit division per link.
     const uint64_t per = static_cast<uint64_t>(perSector_);
@@ -54,7 +63,7 @@ class MoxFatView {
       entry = sector % perSector_;
     }
     if (slot >= sectorCount_) return false;
-    *link = lGetLong(byteOrder_, sectors_[slot] + 4 * entry);
+    *link = static_cast<int32_t>(moxfmt::get32(byteOrder_, sectors_[slot] + 4 * entry));
     return true;
   }
 
@@ -62,9 +71,37 @@ class MoxFatView {
   unsigned char* const* sectors_;
   int64_t sectorCount_;
   int64_t perSector_;
-  uint32_t byteOrder_;
+  moxfmt::ByteOrder byteOrder_;
   int shift_;
 };
+// Notices that a chain read sector by sector has come back to a sector it
+// passed, without remembering the sectors: the mark moves to the sector
+// reached after 1, 2, 4, 8... steps (Brent's method), so a chain that runs
+// into a circle is caught within a few times the length of the chain and
+// its circle, and a chain without one never is.  The loader refuses such
+// a chain, so that its work stays in proportion to the file, whatever
+// count the header claims.
+class MoxCircleCheck {
+ public:
+  explicit MoxCircleCheck(int64_t start) : mark_(start) {}
+
+  // True when the step to `next` closes a circle.
+  bool closes(int64_t next) {
+    if (next == mark_) return true;
+    if (++steps_ == span_) {
+      mark_ = next;
+      span_ *= 2;
+      steps_ = 0;
+    }
+    return false;
+  }
+
+ private:
+  int64_t mark_;
+  int64_t span_ = 1;
+  int64_t steps_ = 0;
+};
+
 void vSectorCheckConstructor(_MoxOleFile* h);
 int bSectorCheckForInfiniteLoop(_MoxOleFile* h, int64_t current, int64_t next);
 

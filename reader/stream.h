@@ -1,5 +1,5 @@
-// The handle's current reader stream: its sector list, and the internal
-// names the writer reaches it by.
+// The handle's current reader stream: finding it, its sector list, and
+// seeking and reading in it.
 //
 // A sector list holds the stream's sectors in chain order (mini sectors
 // when iInMini is 1) followed by one -2.  It is split in two arrays so that
@@ -45,6 +45,31 @@ inline int64_t moxChainEntry(const _MoxOleFile* h, int64_t index) {
 // 1 when the stream is open, 0 when not.
 int moxFinishOpen(_MoxOleFile* h);
 
+// The entry a name lookup makes current: by name under the root; with a
+// storage, by name among the children of the first entry of that name
+// (without a stream name, the storage's presentation stream); ignoring
+// storages, the first stream of that name anywhere.  -1 when there is
+// none.  Changes nothing but iError.
+int64_t moxLookUpStream(_MoxOleFile* h, const char* stream, const char* storage,
+                        int ignoreStorage);
+
+// moxLookUpStream, then the chain under the lenient rules and a seek to 0:
+// 1 when the stream is open, 0 when not.
+int moxOpenStream(_MoxOleFile* h, const char* stream, const char* storage, int ignoreStorage);
+
+// The stream `stream` (not null) in the storage a path leads to, under the
+// exact rules: 1 when open, 0 when not.
+int moxOpenStreamByPath(_MoxOleFile* h, const char (*path)[36], int depth, const char* stream);
+
+// Moves in the current stream: whence 0 from the start, 1 from the
+// position, 2 from the end; the result is clamped to the stream.  The new
+// position, or -1 without a current stream or when the host's seek fails.
+int64_t moxSeek(_MoxOleFile* h, int64_t offset, int whence);
+
+// Copies up to `count` bytes from the position on into `buffer`, one host
+// seek and read per (mini) sector piece; the bytes copied.
+uint32_t moxRead(_MoxOleFile* h, void* buffer, uint32_t count);
+
 // The regular sector `steps` FAT links after lRootStart, the start of the
 // mini stream; false when the chain breaks before.  A walk of more steps
 // than the FAT has sectors can only be going round a cycle and fails too.
@@ -64,10 +89,5 @@ inline bool moxMiniStreamSector(_MoxOleFile* h, int64_t steps, int64_t* sector) 
 
 // Releases what moxMiniStreamSector remembered.
 void moxForgetMiniStream(_MoxOleFile* h);
-
-// The same operations as bOLEcloseStream and lOLEseek, under the names the
-// writer calls.
-int bOLEcloseStream_internal(_MoxOleFile* h, const char* stream);
-int64_t lOLEseek_internal(_MoxOleFile* h, int64_t offset, int whence);
 
 #endif  // MOXOLEFIO_READER_STREAM_H_

@@ -71,40 +71,37 @@ int64_t filePosition(_MoxOleFile* h, int64_t position) {
   return (listed + 1) * h->lSectorSize + within;
 }
 
-// lOLEseek once the new position is known and clamped.
+// moxSeek once the new position is known and clamped.
 int64_t seekTo(_MoxOleFile* h, int64_t position) {
   h->lPosition = position;
   if (h->plChain[0] == kSectorEndOfChain) return position;
   const int64_t target = filePosition(h, position);
-  if (target < 0 || !h->pHostIo->seek(h->pHostIo, target, 0)) return -1;
+  if (target < 0) return moxFail(h, MoxReason::kMiniStreamBroken, position);
+  if (!h->pHostIo->seek(h->pHostIo, target, 0)) return moxFail(h, MoxReason::kSeekFailed, target);
   return position;
 }
 
 }  // namespace
 
-int64_t lOLEseek_internal(_MoxOleFile* h, int64_t offset, int whence) {
-  return lOLEseek(h, offset, whence);
-}
-
-extern "C" {
-
-MOXOLE_API int64_t lOLEseek(_MoxOleFile* h, int64_t offset, int whence) {
-  if (h == nullptr || h->plChain == nullptr) return -1;
+int64_t moxSeek(_MoxOleFile* h, int64_t offset, int whence) {
+  if (h->plChain == nullptr) return moxFail(h, MoxReason::kNoCurrentStream);
   int64_t position = 0;
   switch (whence) {
     case 0: position = offset; break;
     case 1: position = addSaturated(h->lPosition, offset); break;
     case 2: position = addSaturated(h->lStreamSize, offset); break;
-    default: return -1;
+    default: return moxFail(h, MoxReason::kBadArgument);
   }
   if (position < 0) position = 0;
   if (position > h->lStreamSize) position = h->lStreamSize;
   return seekTo(h, position);
 }
 
-MOXOLE_API uint32_t iOLEread(_MoxOleFile* h, void* buffer, uint32_t count) {
+uint32_t moxRead(_MoxOleFile* h, void* buffer, uint32_t count) {
   // A stream built but never positioned has no place to read from.
-  if (h == nullptr || h->plChain == nullptr || h->lPosition < 0) return 0;
+  if (h->plChain == nullptr || h->lPosition < 0) {
+    return moxFailWith(h, 0, MoxReason::kNoCurrentStream);
+  }
   const int64_t left = h->lStreamSize - h->lPosition;
   int64_t wanted = count < left ? count : left;
   if (wanted <= 0) return 0;
@@ -115,11 +112,14 @@ MOXOLE_API uint32_t iOLEread(_MoxOleFile* h, void* buffer, uint32_t count) {
   // One piece per (mini) sector: consecutive sectors of a stream need not
   // be adjacent in the file.
   while (wanted > 0) {
-    // The same seek as lOLEseek (h, lPosition, 0): the position already
+    // The same seek as moxSeek (h, lPosition, 0): the position already
     // lies within the stream.
     if (seekTo(h, h->lPosition) == -1) break;
     const int piece = static_cast<int>(room < wanted ? room : wanted);
-    if (h->pHostIo->read(h->pHostIo, out + total, piece) != piece) break;
+    if (h->pHostIo->read(h->pHostIo, out + total, piece) != piece) {
+      moxFail(h, MoxReason::kReadFailed, h->lPosition);
+      break;
+    }
     total += piece;
     h->lPosition += piece;
     wanted -= piece;
@@ -127,5 +127,3 @@ MOXOLE_API uint32_t iOLEread(_MoxOleFile* h, void* buffer, uint32_t count) {
   }
   return total;
 }
-
-}  // extern "C"

@@ -1,4 +1,4 @@
-// iOLEGetStreamTree: the whole storage hierarchy as _MoxOleTreeNode
+// The storage tree: the whole storage hierarchy as _MoxOleTreeNode
 // records, every node and children array taken from the caller's pool.
 //
 // A node's children are listed in the pre-order of its sibling tree.  The
@@ -12,7 +12,9 @@
 // together ever need.
 #include <string.h>
 
-#include "interface/mox_file.h"
+#include "interface/failure.h"
+#include "interface/host_table.h"
+#include "reader/structure.h"
 
 namespace {
 
@@ -27,11 +29,13 @@ struct Walk {
   int64_t nodesLeft;
 };
 
-// The children being collected for one node.
+// The children being collected for one node, in arrays from the pool
+// that grow by kGrowth pointers at a time.
 struct Children {
+  Children(Walk* w, _MoxOleTreeNode* owner)
+      : node(owner), list(w->pool, MoxGrowth::kPool, -1, kGrowth) {}
   _MoxOleTreeNode* node;
-  int count;
-  int capacity;
+  MoxTable<_MoxOleTreeNode*> list;
 };
 
 // The loaded name holds up to 33 bytes and need not be terminated.
@@ -54,27 +58,20 @@ _MoxOleTreeNode* newNode(Walk* w, int64_t entry, _MoxOleTreeNode* parent) {
   return node;
 }
 
-_MoxOleTreeNode** newArray(Walk* w, int capacity) {
-  return static_cast<_MoxOleTreeNode**>(
-      w->pool->allocateArray(w->pool, static_cast<int>(sizeof(_MoxOleTreeNode*)), capacity));
+// Appends a node for `entry`.
+int append(Walk* w, Children* c, int64_t entry) {
+  if (--w->nodesLeft < 0) return MOXOLE_BAD_LINK;
+  if (!c->list.reserve(c->list.size() + 1)) return MOXOLE_NO_MEMORY;
+  c->node->ppChildren = c->list.data();
+  _MoxOleTreeNode* child = newNode(w, entry, c->node);
+  if (child == nullptr) return MOXOLE_NO_MEMORY;
+  c->list.append(child);
+  c->node->iChildCount = static_cast<int>(c->list.size());
+  return MOXOLE_OK;
 }
 
-// Appends a node for `entry`; 0, 2 (no memory) or 4 (too many nodes).
-int append(Walk* w, Children* c, int64_t entry) {
-  if (--w->nodesLeft < 0) return 4;
-  if (c->count == c->capacity) {
-    _MoxOleTreeNode** grown = newArray(w, c->capacity + kGrowth);
-    if (grown == nullptr) return 2;
-    memcpy(grown, c->node->ppChildren, sizeof(_MoxOleTreeNode*) * c->count);
-    c->node->ppChildren = grown;  // the old array stays in the pool
-    c->capacity += kGrowth;
-  }
-  _MoxOleTreeNode* child = newNode(w, entry, c->node);
-  if (child == nullptr) return 2;
-  c->node->ppChildren[c->count++] = child;
-  c->node->iChildCount = c->count;
-  return 0;
-}
+// The node made last for `c`.
+_MoxOleTreeNode* lastChild(Children* c) { return c->list[c->list.size() - 1]; }
 
 void cutLinks(Walk* w, int64_t entry) {
   _MoxOleDirInfo& d = w->h->pDir[entry];
@@ -86,13 +83,13 @@ int collect(Walk* w, _MoxOleTreeNode* node, int64_t top, int64_t steps);
 // Adds the subtree at `x` (and its run of right siblings) to c.
 int addSubtree(Walk* w, Children* c, int64_t x, int64_t steps) {
   for (;;) {
-    if (x < 0) return 4;
+    if (x < 0) return MOXOLE_BAD_LINK;
     int status = append(w, c, x);
     if (status != 0) return status;
     if (steps > kStepLimit) cutLinks(w, x);
     const _MoxOleDirInfo& d = w->h->pDir[x];
     if (d.lChild != -1) {
-      status = collect(w, c->node->ppChildren[c->count - 1], d.lChild, ++steps);
+      status = collect(w, lastChild(c), d.lChild, ++steps);
       if (status != 0) return status;
     }
     if (d.lLeft != -1) {
@@ -100,8 +97,8 @@ int addSubtree(Walk* w, Children* c, int64_t x, int64_t steps) {
       if (status != 0) return status;
     }
     x = d.lRight;
-    if (x == -1) return 0;
-    if (x < 0) return 4;
+    if (x == -1) return MOXOLE_OK;
+    if (x < 0) return MOXOLE_BAD_LINK;
     ++steps;
   }
 }
@@ -111,9 +108,12 @@ int addSubtree(Walk* w, Children* c, int64_t x, int64_t steps) {
 // the walk fails halfway.
 int collect(Walk* w, _MoxOleTreeNode* node, int64_t top, int64_t steps) {
   node->iChildCount = 0;
-  node->ppChildren = newArray(w, kGrowth);
-  if (node->ppChildren == nullptr) return 2;
-  Children c = {node, 0, kGrowth};
+  Children c(w, node);
+  if (!c.list.reserve(1)) {
+    node->ppChildren = nullptr;
+    return MOXOLE_NO_MEMORY;
+  }
+  node->ppChildren = c.list.data();
   int status = append(w, &c, top);
   if (status != 0) return status;
   const _MoxOleDirInfo& d = w->h->pDir[top];
@@ -127,23 +127,32 @@ int collect(Walk* w, _MoxOleTreeNode* node, int64_t top, int64_t steps) {
     if (status != 0) return status;
   }
   if (d.lChild != -1) return collect(w, node->ppChildren[0], d.lChild, steps + 1);
-  return 0;
+  return MOXOLE_OK;
 }
 
 }  // namespace
 
-extern "C" MOXOLE_API int iOLEGetStreamTree(_MoxOleFile* h, HostMemory* pool,
-                                            _MoxOleTreeNode** out) {
-  if (h == nullptr || pool == nullptr) return 34;
+namespace {
+
+// Records why a walk failed; the status as it was.
+int walkResult(_MoxOleFile* h, int status) {
+  if (status == MOXOLE_NO_MEMORY) return moxFailWith(h, status, MoxReason::kNoMemory);
+  if (status != MOXOLE_OK) return moxFailWith(h, status, MoxReason::kTreeDamaged);
+  return status;
+}
+
+}  // namespace
+
+int moxStreamTree(_MoxOleFile* h, HostMemory* pool, _MoxOleTreeNode** out) {
   Walk w = {h, pool, kVisitsPerEntry * (h->iDirCount + 1) + 2 * (kStepLimit + 1)};
   _MoxOleTreeNode* root = static_cast<_MoxOleTreeNode*>(
       pool->allocate(pool, static_cast<int>(sizeof(_MoxOleTreeNode))));
-  if (root == nullptr) return 2;
+  if (root == nullptr) return walkResult(h, MOXOLE_NO_MEMORY);
   *out = root;
   memset(root, 0, sizeof *root);
   root->iType = kEntryRoot;
-  if (h->iDirCount == 0) return 0;
+  if (h->iDirCount == 0) return MOXOLE_OK;
   copyName(root->szName, h->pDir[0].szName);
-  if (h->pDir[0].lChild == -1) return 0;
-  return collect(&w, root, h->pDir[0].lChild, 1);
+  if (h->pDir[0].lChild == -1) return MOXOLE_OK;
+  return walkResult(h, collect(&w, root, h->pDir[0].lChild, 1));
 }

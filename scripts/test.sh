@@ -7,6 +7,7 @@
 # are left out unless MOX_LARGE_TESTS=1; they then run once, in the
 # optimised build, after the rest.  The fuzz targets themselves are built
 # and run by scripts/fuzz.sh.
+# Last, the threads suites under ThreadSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -52,4 +53,16 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DMOX_SANITIZE=ON -DMOX_BUILD_
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs" -LE large
+
+# ThreadSanitizer: only the suites that run threads at once (the host
+# interface's, label "threads"; the native interface's NativeThreads),
+# built in their own folder, so that it costs a minute or two.  Any report
+# fails the step.
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMOX_TSAN=ON \
+  -DMOX_BUILD_TESTS=ON -DCMAKE_CXX_COMPILER=g++ -DCMAKE_C_COMPILER=gcc
+cmake --build build-tsan -j"$jobs" --target test_threads test_native_api
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  ctest --test-dir build-tsan --output-on-failure -L threads
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  build-tsan/tests/test_native_api --gtest_filter='NativeThreads.*'
 echo "all tests passed"

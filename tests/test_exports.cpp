@@ -33,7 +33,7 @@ const char* const kDocumentFunctions[] = {
     "hSwitchToOLE", "hSwitchFromOLE", "bOLEgetObject", "lOLEopenObject",
     "bOLEopenEmbeddedStreamEx", "iOLEobjectType", "moxoleGetObjectList", "hOLEopenEx",
     "iOLEopenStreamEx", "iOLEwrite", "iOLEGetStreamTree", "iGetStreamChain",
-    "iFindIStreamGivenIStorage", "iReadStreamChain"};
+    "iFindIStreamGivenIStorage", "iReadStreamChain", "moxoleFailure", "moxoleOpenFailure"};
 
 TEST_F(Library, ExportsTheDocumentFunctionsByName) {
   for (const char* name : kDocumentFunctions) EXPECT_NE(find(name), nullptr) << name;
@@ -58,10 +58,12 @@ TEST_F(Library, TableSlotsAreTheExportedFunctions) {
   }
 }
 
+// The native C++ interface's own names (namespace mox, its classes' type
+// information and vtables) are public too, and so are the standard
+// library's templates that its inline code instantiates (weak symbols).
 TEST_F(Library, HidesEverythingElse) {
-  for (const char* name : {"iParseHeader", "lGetSect", "iBldDirInfo", "uiGetShort",
-                           "moxAllocate", "moxBuildChain", "lOLEseek_internal",
-                           "bOLEcloseStream_internal"}) {
+  for (const char* name : {"iParseHeader", "lGetSect", "iBldDirInfo", "moxAllocate",
+                           "moxBuildChain", "moxSeek", "moxNewHandle"}) {
     EXPECT_EQ(find(name), nullptr) << name << " leaks out of the shared object";
   }
   std::set<std::string> allowed(std::begin(kDocumentFunctions), std::end(kDocumentFunctions));
@@ -71,9 +73,11 @@ TEST_F(Library, HidesEverythingElse) {
   char line[512];
   int exported = 0;
   while (fgets(line, sizeof line, pipe) != nullptr) {
-    std::string symbol = line;
-    symbol = symbol.substr(symbol.rfind(' ') + 1);
-    symbol.pop_back();
+    std::string text = line;
+    text.pop_back();
+    const size_t last = text.rfind(' ');
+    const std::string symbol = text.substr(last + 1);
+    const char type = last > 0 ? text[last - 1] : '?';
     ++exported;
     // The native interface's namespace (functions, type information) is
     // public too; nothing of its internals or of the standard library is.

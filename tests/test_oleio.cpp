@@ -69,16 +69,32 @@ class OleIoTest : public ::testing::Test {
 TEST_F(OleIoTest, IntegersAreLittleEndianAndTruncated) {
   openOutput();
   EXPECT_EQ(out->write4ByteInt(-2), 0);
-  EXPECT_EQ(out->write4ByteInt((1L << 32) + 1), 0);
-  EXPECT_EQ(out->write2ByteInt(0x2345), 0);
-  EXPECT_EQ(out->write2ByteInt(0x12345), 0);
-  EXPECT_EQ(out->write1ByteInt(256), 0);
-  EXPECT_EQ(out->write1ByteInt(-1), 0);
+  EXPECT_EQ(out->write4ByteInt((1L << 32) + 0x12345), 0);
   out.reset();
-  std::vector<uint8_t> expected = {0xFE, 0xFF, 0xFF, 0xFF, 0x01, 0x00, 0x00, 0x00, 0x45,
-                                   0x23, 0x45, 0x23, 0x00, 0xFF};
+  std::vector<uint8_t> expected = {0xFE, 0xFF, 0xFF, 0xFF, 0x45, 0x23, 0x01, 0x00};
   EXPECT_EQ(file.bytes(), expected);
-  EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, 14}, {IoCall::kClose, 14, 0}}));
+  EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, 8}, {IoCall::kClose, 8, 0}}));
+}
+
+// A record that does not fit sends the buffered bytes first and starts the
+// next buffer; it is kept even when that hand-over fails.
+TEST_F(OleIoTest, ARecordGoesWholeIntoTheBuffer) {
+  openOutput();
+  auto data = pattern(kBuffer - 100);
+  auto record = pattern(128);
+  ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 100), 0);
+  ASSERT_EQ(out->writeRecord(record.data(), 128), 0);
+  EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, kBuffer - 100}}));
+  EXPECT_EQ(out->iBufferUsed, 128);
+  ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 200), 0);
+  file.failWriteAt(1);  // the hand-over this record needs
+  EXPECT_EQ(out->writeRecord(record.data(), 128), 16);
+  EXPECT_EQ(out->iBufferUsed, 128);
+  EXPECT_EQ(out->writeRecord(record.data(), kBuffer + 1), 16);
+  EXPECT_EQ(out->iBufferUsed, 128);
+  out.reset();
+  ASSERT_EQ(file.bytes().size(), static_cast<size_t>(kBuffer - 100 + 128));
+  EXPECT_TRUE(std::equal(record.begin(), record.end(), file.bytes().end() - 128));
 }
 
 TEST_F(OleIoTest, OpenMakesOneBufferFromItsOwnPool) {
@@ -126,9 +142,9 @@ TEST_F(OleIoTest, AnIntegerThatExactlyFitsStaysBufferedUntilMoreComes) {
   ASSERT_EQ(out->write4ByteInt(1), 0);
   EXPECT_EQ(out->iBufferUsed, kBuffer);
   EXPECT_EQ(file.writeCalls(), 0);
-  ASSERT_EQ(out->write1ByteInt(2), 0);
+  ASSERT_EQ(out->write4ByteInt(2), 0);
   EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, kBuffer}}));
-  EXPECT_EQ(out->iBufferUsed, 1);
+  EXPECT_EQ(out->iBufferUsed, 4);
 }
 
 TEST_F(OleIoTest, LongRunsReachTheHostInBufferSizedPieces) {
@@ -198,9 +214,9 @@ TEST_F(OleIoTest, AFailedFlushForAnIntegerDropsTheBufferAndTheValue) {
   ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 2), 0);
   EXPECT_EQ(out->write4ByteInt(0x11223344), 16);
   EXPECT_EQ(out->iBufferUsed, 0);
-  EXPECT_EQ(out->write2ByteInt(0x5566), 0);
+  EXPECT_EQ(out->write4ByteInt(0x5566), 0);
   out.reset();
-  EXPECT_EQ(file.bytes(), (std::vector<uint8_t>{0x66, 0x55}));
+  EXPECT_EQ(file.bytes(), (std::vector<uint8_t>{0x66, 0x55, 0, 0}));
 }
 
 TEST_F(OleIoTest, OpenRefusesMissingAndSecondObjects) {
@@ -257,7 +273,7 @@ TEST_F(OleIoTest, MemoryFailuresInOpenKeepTheObjectForTheDestructor) {
     host.faults().failAt(attempt);
     EXPECT_EQ(out->open(target.io()), 2) << "attempt " << attempt;
     EXPECT_EQ(out->pBuffer, nullptr);
-    EXPECT_EQ(out->write1ByteInt(1), 16);
+    EXPECT_EQ(out->write4ByteInt(1), 16);
     EXPECT_EQ(host.livePools(), attempt == 1 ? 0 : 1);
     out.reset();
     EXPECT_EQ(target.closeCalls(), 1);

@@ -81,9 +81,9 @@ class LayoutTest : public ::testing::Test {
     EXPECT_EQ(moxtest::leakReport(host), "");
   }
 
-  CMoxOleDirectory* stream(const char* path, int64_t size) {
-    CMoxOleDirectory* entry = nullptr;
-    EXPECT_EQ(doc->addDirectory(path, 2, entry), 0) << path;
+  CMoxOleEntry* stream(const char* path, int64_t size) {
+    CMoxOleEntry* entry = nullptr;
+    EXPECT_EQ(doc->addEntry(path, 2, entry), 0) << path;
     std::vector<unsigned char> bytes(static_cast<size_t>(size), 0x5A);
     if (size > 0) {
       EXPECT_EQ(entry->write(bytes.data(), static_cast<int>(size)), 0);
@@ -96,7 +96,7 @@ class LayoutTest : public ::testing::Test {
   };
   Counts counts() {
     Counts c{-9, -9, -9};
-    long result = doc->getAllBlockCount(c.f, c.m, c.d);
+    long result = doc->countTableSectors(c.f, c.m, c.d);
     EXPECT_EQ(result, c.f);
     return c;
   }
@@ -119,13 +119,13 @@ class LayoutTest : public ::testing::Test {
 };
 
 TEST_F(LayoutTest, RegionsFollowInFileOrderAndStreamsInCreationOrder) {
-  CMoxOleDirectory* small1 = stream("s1", 65);      // 2 mini sectors
-  CMoxOleDirectory* big1 = stream("b1", 5000);      // 10 sectors
-  CMoxOleDirectory* none = stream("empty", 0);
-  CMoxOleDirectory* dir = nullptr;
-  ASSERT_EQ(doc->addDirectory("D", 1, dir), 0);
-  CMoxOleDirectory* small2 = stream("D\\s2", 64);   // 1 mini sector
-  CMoxOleDirectory* big2 = stream("D\\b2", 4097);   // 9 sectors
+  CMoxOleEntry* small1 = stream("s1", 65);      // 2 mini sectors
+  CMoxOleEntry* big1 = stream("b1", 5000);      // 10 sectors
+  CMoxOleEntry* none = stream("empty", 0);
+  CMoxOleEntry* dir = nullptr;
+  ASSERT_EQ(doc->addEntry("D", 1, dir), 0);
+  CMoxOleEntry* small2 = stream("D\\s2", 64);   // 1 mini sector
+  CMoxOleEntry* big2 = stream("D\\b2", 4097);   // 9 sectors
   Counts c = counts();
   // Six entries and the root: two directory sectors.
   EXPECT_EQ(c.f, 1);
@@ -156,14 +156,14 @@ TEST_F(LayoutTest, MiniFatTableIsFilledFromEveryStreamsList) {
   stream("c", 200);  // 4 mini sectors: 4..7
   plan();
   std::vector<int64_t> table(128, -1);
-  for (int64_t i = 0; i < doc->vDirectories.size(); ++i) {
-    ASSERT_EQ(doc->vDirectories[i]->collectMiniFATSectors(table.data(), 128), 0);
+  for (int64_t i = 0; i < doc->vEntries.size(); ++i) {
+    ASSERT_EQ(doc->vEntries[i]->collectMiniFATSectors(table.data(), 128), 0);
   }
   EXPECT_EQ(std::vector<int64_t>(table.begin(), table.begin() + 9),
             (std::vector<int64_t>{1, 2, -2, -2, 5, 6, 7, -2, -1}));
   // A chain that would leave the table is refused, not written past it.
   std::vector<int64_t> tooSmall(5, -1);
-  EXPECT_EQ(doc->vDirectories[2]->collectMiniFATSectors(tooSmall.data(), 5), 2);
+  EXPECT_EQ(doc->vEntries[2]->collectMiniFATSectors(tooSmall.data(), 5), 2);
 }
 
 TEST_F(LayoutTest, MiniSectorListThatCannotBeHadFailsThePlan) {

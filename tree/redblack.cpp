@@ -1,5 +1,5 @@
-// The red-black tree: insertion, lookup, deletion, rebalancing and the
-// in-order walks that Flatten and DeleteAllNodes share.
+// The red-black tree: insertion, lookup, rebalancing and the in-order
+// walks that Flatten and DeleteAllNodes share.
 //
 // Each rebalancing case exists twice in textbook form, once for a node on
 // the left and once mirrored for the right.  Here every case is written
@@ -48,10 +48,6 @@ void CMoxOleRedBlack::Rotate(Node* x, Side rising, Side sinking) {
   y->*sinking = x;
   if (x != &nilNode) x->pParent = y;
 }
-
-void CMoxOleRedBlack::RotateLeft(Node* x) { Rotate(x, kRight, kLeft); }
-
-void CMoxOleRedBlack::RotateRight(Node* x) { Rotate(x, kLeft, kRight); }
 
 int CMoxOleRedBlack::InsertNode(void* data, Node*& node) {
   node = nullptr;
@@ -134,51 +130,6 @@ void CMoxOleRedBlack::ReplaceInParent(Node* node, Node* child) {
   } else {
     parent->pRight = child;
   }
-}
-
-void CMoxOleRedBlack::DeleteNode(Node* z) {
-  if (z == nullptr || z == &nilNode) return;
-  Node* y = z;
-  if (z->pLeft != &nilNode && z->pRight != &nilNode) y = Leftmost(z->pRight);
-  Node* x = y->pLeft != &nilNode ? y->pLeft : y->pRight;
-  // Also when x is the sentinel: DeleteFixup climbs from x through it.
-  x->pParent = y->pParent;
-  ReplaceInParent(y, x);
-  if (y != z) z->pData = y->pData;
-  if (y->byColour == kNodeBlack) DeleteFixup(x);
-  --iCount;
-}
-
-void CMoxOleRedBlack::DeleteFixup(Node* x) {
-  while (x != pRoot && x->byColour == kNodeBlack) {
-    Node* parent = x->pParent;
-    Side side = x == parent->pLeft ? kLeft : kRight;
-    Side other = opposite(side);
-    Node* w = parent->*other;
-    if (isRed(w)) {
-      w->byColour = kNodeBlack;
-      parent->byColour = kNodeRed;
-      Rotate(parent, other, side);
-      w = parent->*other;
-    }
-    if (!isRed(w->*side) && !isRed(w->*other)) {
-      w->byColour = kNodeRed;
-      x = parent;
-      continue;
-    }
-    if (!isRed(w->*other)) {
-      (w->*side)->byColour = kNodeBlack;
-      w->byColour = kNodeRed;
-      Rotate(w, side, other);
-      w = parent->*other;
-    }
-    w->byColour = parent->byColour;
-    parent->byColour = kNodeBlack;
-    (w->*other)->byColour = kNodeBlack;
-    Rotate(parent, other, side);
-    x = pRoot;
-  }
-  x->byColour = kNodeBlack;
 }
 
 Node* CMoxOleRedBlack::Leftmost(Node* node) {

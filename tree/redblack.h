@@ -17,9 +17,9 @@
 // owner may share between trees, so that one counter numbers the items of
 // many trees in creation order.
 //
-// Memory: nodes come from a pool that the tree makes from the host's
-// services and releases whole in its destructor; nothing is freed node by
-// node.  The tree never fails by throwing: a missing pool or an exhausted
+// Items are never removed: a document being written only grows.  Memory:
+// nodes come from a pool that the tree makes from the host's services and
+// releases whole in its destructor; nothing is freed node by node.  The tree never fails by throwing: a missing pool or an exhausted
 // one shows up as status 2 from InsertNode.
 #ifndef MOXOLEFIO_TREE_REDBLACK_H_
 #define MOXOLEFIO_TREE_REDBLACK_H_
@@ -79,12 +79,6 @@ class CMoxOleRedBlack {
   // there is none.  Never null.
   _MoxOleRedBlackNode* FindNode(void* data);
 
-  // Unlinks node; null and nilNode are ignored.  When the node has two
-  // children its in-order successor's item moves into it, keeping the
-  // node's ordinal.  The item is not disposed of and the node's memory
-  // stays in the pool.
-  void DeleteNode(_MoxOleRedBlackNode* node);
-
   // Lays the items into items[] in order of their ordinals and reports
   // each item's place through setOrdinal.  Nodes whose ordinal does not fit
   // in 0..size-1 go to items[index].  index counts every node laid out and
@@ -95,12 +89,6 @@ class CMoxOleRedBlack {
   // Disposes of every item through deleteData and clears the nodes' items;
   // the nodes themselves stay linked and counted.
   void DeleteAllNodes();
-
-  // Rebalancing steps.
-  void RotateLeft(_MoxOleRedBlackNode* x);
-  void RotateRight(_MoxOleRedBlackNode* x);
-  void InsertFixup(_MoxOleRedBlackNode* x);
-  void DeleteFixup(_MoxOleRedBlackNode* x);
 
   // In-order walk without recursion or stack: the first node, and the node
   // after a given one; both return nilNode at the end.
@@ -119,6 +107,8 @@ class CMoxOleRedBlack {
   // mirror image are one piece of code.
   using Side = _MoxOleRedBlackNode* _MoxOleRedBlackNode::*;
 
+  // Restores the colours' rules after x was inserted red.
+  void InsertFixup(_MoxOleRedBlackNode* x);
   // Lifts x's child on side `rising` into x's place; x sinks to that
   // child's `sinking` side.
   void Rotate(_MoxOleRedBlackNode* x, Side rising, Side sinking);

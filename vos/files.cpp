@@ -1,10 +1,13 @@
 // Descriptors: opening above 255, the fopen mode table, element-counted
 // transfers and seeking.  Files are plain descriptors; nothing is buffered.
+#include <errno.h>
 #include <fcntl.h>
+#include <stdint.h>
 #include <string.h>
 #include <unistd.h>
 
 #include "moxvos.h"
+#include "vos/refusal.h"
 
 namespace {
 
@@ -39,6 +42,21 @@ int flagsForMode(const char* mode) {
   }
 }
 
+// A transfer the platform could not take as asked: a null buffer for some
+// bytes, or more bytes than a signed count can hold.  errno says which,
+// as the platform itself would.
+bool refusedTransfer(const void* buffer, uint64_t count) {
+  const bool tooMany = count > static_cast<uint64_t>(INT64_MAX);
+  const bool nowhere = buffer == nullptr && count > 0;
+  if (tooMany || nowhere) moxvosRefuse(tooMany ? EINVAL : EFAULT);
+  return tooMany || nowhere;
+}
+
+// size * count bytes, or false when that overflows.
+bool transferBytes(uint64_t size, uint64_t count, uint64_t* bytes) {
+  return !__builtin_mul_overflow(size, count, bytes);
+}
+
 // Whole elements in a transfer whose byte count is read as a signed 32-bit
 // value; failures (negative counts) are no bytes at all.
 int64_t wholeElements(int64_t bytes, uint64_t size) {
@@ -53,10 +71,12 @@ int64_t wholeElements(int64_t bytes, uint64_t size) {
 extern "C" {
 
 MOXVOS_API int moxvos_open(const char* path, int flags, void*) {
+  if (path == nullptr) return moxvosRefuse();
   return raiseDescriptor(open(path, flags, kCreateMode));
 }
 
 MOXVOS_API int moxvos_open64(const char* path, int flags, void*) {
+  if (path == nullptr) return moxvosRefuse();
   return raiseDescriptor(open64(path, flags, kCreateMode));
 }
 
@@ -75,21 +95,33 @@ MOXVOS_API int moxvos_close(int fd) { return close(fd); }
 MOXVOS_API int moxvos_fclose(int fd) { return moxvos_close(fd); }
 
 MOXVOS_API int64_t moxvos_read(int fd, void* buffer, uint64_t count) {
+  if (refusedTransfer(buffer, count)) return -1;
   return read(fd, buffer, count);
 }
 
 MOXVOS_API int64_t moxvos_write(int fd, const void* buffer, uint64_t count) {
+  if (refusedTransfer(buffer, count)) return -1;
   return write(fd, buffer, count);
 }
 
 MOXVOS_API int64_t moxvos_fread(int fd, void* buffer, uint64_t size,
                                 uint64_t count) {
-  return wholeElements(moxvos_read(fd, buffer, size * count), size);
+  uint64_t bytes = 0;
+  if (!transferBytes(size, count, &bytes)) {
+    moxvosRefuse(EINVAL);
+    return 0;  // no whole elements
+  }
+  return wholeElements(moxvos_read(fd, buffer, bytes), size);
 }
 
 MOXVOS_API int64_t moxvos_fwrite(int fd, const void* buffer, uint64_t size,
                                  uint64_t count) {
-  return wholeElements(moxvos_write(fd, buffer, size * count), size);
+  uint64_t bytes = 0;
+  if (!transferBytes(size, count, &bytes)) {
+    moxvosRefuse(EINVAL);
+    return 0;  // no whole elements
+  }
+  return wholeElements(moxvos_write(fd, buffer, bytes), size);
 }
 
 MOXVOS_API int64_t moxvos_lseek(int fd, int64_t offset, int whence) {

@@ -26,7 +26,10 @@ MOXVOS_API void* moxvos_dlopen(const char* name, int flags) {
   return handle;
 }
 
+// A null handle is the platform's "default" scope; a null name is nothing
+// to look up.
 MOXVOS_API void* moxvos_dlsym(void* handle, const char* name) {
+  if (name == nullptr) return nullptr;
   return dlsym(handle, name);
 }
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "moxvos.h"
+#include "vos/refusal.h"
 
 namespace {
 
@@ -27,6 +28,7 @@ extern "C" {
 
 MOXVOS_API int moxvos_flock_init(_MoxvosFlock* lock, int flags,
                                  const char* path, void* ctx) {
+  if (lock == nullptr) return moxvosRefuse();
   memset(&lock->flLock, 0, sizeof lock->flLock);
   lock->iFd = -1;
   lock->pszPath = nullptr;
@@ -38,6 +40,7 @@ MOXVOS_API int moxvos_flock_init(_MoxvosFlock* lock, int flags,
 
 MOXVOS_API int moxvos_flock_trywrlock(_MoxvosFlock* lock, int whence,
                                       int64_t start, int64_t length, void*) {
+  if (lock == nullptr) return moxvosRefuse();
   int result = setLock(lock, F_WRLCK, whence, start, length);
   if (result == -1 && (errno == EACCES || errno == EAGAIN)) errno = EBUSY;
   return result;
@@ -45,10 +48,12 @@ MOXVOS_API int moxvos_flock_trywrlock(_MoxvosFlock* lock, int whence,
 
 MOXVOS_API int moxvos_flock_unlock(_MoxvosFlock* lock, int whence,
                                    int64_t start, int64_t length, void*) {
+  if (lock == nullptr) return moxvosRefuse();
   return setLock(lock, F_UNLCK, whence, start, length);
 }
 
 MOXVOS_API int moxvos_flock_free(_MoxvosFlock* lock, void* ctx) {
+  if (lock == nullptr) return moxvosRefuse();
   if (lock->iFd != -1) {
     moxvos_flock_unlock(lock, SEEK_SET, 0, 0, ctx);
     moxvos_close(lock->iFd);

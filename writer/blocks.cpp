@@ -1,11 +1,11 @@
-// CMoxOleDirectory: the block store that holds a stream's bytes until the
+// CMoxOleEntry: the block store that holds a stream's bytes until the
 // file is laid out.
 #include <string.h>
 
 #include "interface/mox_file.h"
-#include "writer/directory.h"
+#include "writer/entry.h"
 
-_MoxOleBlock* CMoxOleDirectory::takeBlock(int& error) {
+_MoxOleBlock* CMoxOleEntry::takeBlock(int& error) {
   error = MOXOLE_OK;
   _MoxOleBlock* block = nullptr;
   if (pPool != nullptr) {
@@ -24,15 +24,7 @@ _MoxOleBlock* CMoxOleDirectory::takeBlock(int& error) {
   return block;
 }
 
-_MoxOleBlock* CMoxOleDirectory::allocBlock(int& error) {
-  _MoxOleBlock* block = takeBlock(error);
-  // The tail of a stream's last sector is written as it is, so it must be
-  // zeros, whatever the pool handed out.
-  if (block != nullptr) memset(block->pbData, 0, static_cast<size_t>(iBlockSize));
-  return block;
-}
-
-void CMoxOleDirectory::insertBlock(_MoxOleBlock* block) {
+void CMoxOleEntry::insertBlock(_MoxOleBlock* block) {
   block->pNext = nullptr;
   if (pLastBlock == nullptr) {
     pFirstBlock = block;
@@ -46,7 +38,7 @@ void CMoxOleDirectory::insertBlock(_MoxOleBlock* block) {
 // Size, block count and fill advance together, block by block, so that a
 // failure part way leaves a stream whose size is exactly the bytes in its
 // blocks.
-int CMoxOleDirectory::write(unsigned char* data, int length) {
+int CMoxOleEntry::write(unsigned char* data, int length) {
   if (length < 0) return MOXOLE_BAD_ARGUMENT;
   if (length == 0 || data == nullptr) return MOXOLE_OK;
   if (iType != kEntryStream) return MOXOLE_NOT_FOUND;
@@ -55,9 +47,10 @@ int CMoxOleDirectory::write(unsigned char* data, int length) {
       int error = MOXOLE_OK;
       _MoxOleBlock* block = takeBlock(error);
       if (block == nullptr) return error;
-      // Only the part of the new block this write leaves must be zeroed
-      // (it may end the stream); clearing bytes about to be copied over
-      // would touch every byte of a large stream once more.
+      // The tail of a stream's last sector is written as it is, so the part
+      // of the new block this write leaves must be zeros (it may end the
+      // stream); clearing bytes about to be copied over would touch every
+      // byte of a large stream once more.
       if (length < iBlockSize) {
         memset(block->pbData + length, 0, static_cast<size_t>(iBlockSize - length));
       }
@@ -75,7 +68,7 @@ int CMoxOleDirectory::write(unsigned char* data, int length) {
   return MOXOLE_OK;
 }
 
-int CMoxOleDirectory::setStreamSize(long size) {
+int CMoxOleEntry::setStreamSize(long size) {
   if (iType != kEntryRoot) return MOXOLE_BAD_ARGUMENT;
   lStreamSize = size;
   return MOXOLE_OK;

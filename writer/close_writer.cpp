@@ -1,6 +1,6 @@
 // The writer's part of closing: the current writer stream, and the whole
 // document when its handle goes.
-#include "interface/writer_hooks.h"
+#include "writer/writer.h"
 #include "writer/moxoledoc.h"
 
 int iCloseWriterStream(_MoxOleFile* h) {

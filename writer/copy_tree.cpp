@@ -1,7 +1,7 @@
 // copyStreamTree: the name index of a document opened for reading.
 #include <string.h>
 
-#include "writer/directory.h"
+#include "writer/entry.h"
 #include "writer/writer.h"
 
 namespace {
@@ -11,13 +11,13 @@ constexpr size_t kTreeNameSize = sizeof(static_cast<_MoxOleTreeNode*>(nullptr)->
 // The entry standing for node under parent, or null when it cannot be
 // made or its name is taken there.  Copies need no type of their own: only
 // names are looked up, and the source file says what each entry is.
-CMoxOleDirectory* copyOf(tag_TPVAPIServices* services, const _MoxOleTreeNode* node,
-                         CMoxOleDirectory* parent) {
+CMoxOleEntry* copyOf(tag_TPVAPIServices* services, const _MoxOleTreeNode* node,
+                         CMoxOleEntry* parent) {
   char name[kTreeNameSize + 1];
   size_t length = strnlen(node->szName, kTreeNameSize);
   memcpy(name, node->szName, length);
   name[length] = 0;
-  CMoxOleDirectory* entry = CMoxOleDirectory::create(name, kEntryStream, services, nullptr);
+  CMoxOleEntry* entry = CMoxOleEntry::create(name, kEntryStream, services, nullptr);
   if (entry == nullptr) return nullptr;
   entry->lIndex = node->iIndex;
   if (parent->addChild(entry) != MOXOLE_OK) {
@@ -32,9 +32,9 @@ CMoxOleDirectory* copyOf(tag_TPVAPIServices* services, const _MoxOleTreeNode* no
 // Recursion follows storage nesting only, which the storage tree has
 // already bounded by its step limit.
 int copyStreamTree(tag_TPVAPIServices* services, _MoxOleTreeNode* node,
-                   CMoxOleDirectory* parent) {
+                   CMoxOleEntry* parent) {
   if (node == nullptr) return MOXOLE_BAD_LINK;
-  CMoxOleDirectory* below = parent;
+  CMoxOleEntry* below = parent;
   if (node->iType != kEntryRoot) {
     below = copyOf(services, node, parent);
     if (below == nullptr) return MOXOLE_OK;

@@ -1,11 +1,11 @@
-// CMoxOleDirectory: where one entry's bytes go in the file being planned.
+// CMoxOleEntry: where one entry's bytes go in the file being planned.
 #include "interface/mox_file.h"
-#include "writer/directory.h"
+#include "writer/entry.h"
 #include "writer/sector_math.h"
 
 // A stream's sectors are exactly its blocks, full or not, so the block
 // count is also its sector count.
-int CMoxOleDirectory::assignStreamSectors(long& position, long* fat) {
+int CMoxOleEntry::assignStreamSectors(long& position, long* fat) {
   if (iType != kEntryStream) {
     lStartSector = kSectorEndOfChain;
     return MOXOLE_OK;
@@ -19,7 +19,7 @@ int CMoxOleDirectory::assignStreamSectors(long& position, long* fat) {
 // Mini sectors are handed out one after the other, stream after stream, in
 // the order the caller visits the entries; the mini stream is later written
 // in that same order, so the chain is always "the next mini sector".
-int CMoxOleDirectory::assignMiniStreamSectors(long& miniPosition) {
+int CMoxOleEntry::assignMiniStreamSectors(long& miniPosition) {
   if (iType != kEntryStream || lStreamSize == 0) {
     lStartSector = kSectorEndOfChain;
     return MOXOLE_OK;
@@ -40,7 +40,7 @@ int CMoxOleDirectory::assignMiniStreamSectors(long& miniPosition) {
   return MOXOLE_OK;
 }
 
-int CMoxOleDirectory::collectMiniFATSectors(long* table, long entries) {
+int CMoxOleEntry::collectMiniFATSectors(long* table, long entries) {
   if (plMiniSectors == nullptr) return MOXOLE_OK;
   int64_t sector = lMiniStartSector;
   for (int64_t i = 0; i < lMiniSectorCount; ++i) {

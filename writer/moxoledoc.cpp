@@ -1,6 +1,8 @@
 // CMoxOleDocument: building, entry creation and teardown.
 #include "writer/moxoledoc.h"
 
+#include <string.h>
+
 #include <new>
 
 #include "interface/mox_file.h"
@@ -23,8 +25,9 @@ int CMoxOleDocument::init(_ZqTPIOobj* io, int flags) {
   iMode = flags;
   pHeader = new (std::nothrow) CMoxOleHeader();
   if (pHeader == nullptr) return MOXOLE_NO_MEMORY;
-  char rootName[] = "Root Entry";
-  pRootEntry = CMoxOleDirectory::create(rootName, kEntryRoot, pServices, pHeader);
+  char rootName[sizeof moxfmt::kRootName];
+  memcpy(rootName, moxfmt::kRootName, sizeof rootName);
+  pRootEntry = CMoxOleEntry::create(rootName, kEntryRoot, pServices, pHeader);
   if (pRootEntry == nullptr) return MOXOLE_NO_MEMORY;
   pRootEntry->plOrdinalCounter = &lNextOrdinal;
   if ((flags & kDocumentWritable) == 0) return MOXOLE_OK;
@@ -35,20 +38,20 @@ int CMoxOleDocument::init(_ZqTPIOobj* io, int flags) {
   return pOleIo->open(io);
 }
 
-int CMoxOleDocument::addDirectory(char const* path, int type, CMoxOleDirectory*& entry) {
+int CMoxOleDocument::addEntry(char const* path, int type, CMoxOleEntry*& entry) {
   entry = nullptr;
   if ((iMode & kDocumentWritable) == 0) return MOXOLE_NOT_FOUND;
   if (type != kEntryStorage && type != kEntryStream) return MOXOLE_BAD_ARGUMENT;
   char parentPath[kPathBufferSize];
   char name[kNameBufferSize];
   parseKey(path, parentPath, name);
-  CMoxOleDirectory* parent = findParent(parentPath);
+  CMoxOleEntry* parent = findParent(parentPath);
   if (parent == nullptr) return MOXOLE_NOT_FOUND;
 
   // Room in the list first: once the child is in its parent's tree and has
   // drawn its index, nothing may fail any more.
-  if (!vDirectories.reserveMore(1)) return MOXOLE_NO_MEMORY;
-  CMoxOleDirectory* child = CMoxOleDirectory::create(name, type, pServices, pHeader);
+  if (!vEntries.reserve(vEntries.size() + 1)) return MOXOLE_NO_MEMORY;
+  CMoxOleEntry* child = CMoxOleEntry::create(name, type, pServices, pHeader);
   if (child == nullptr) return MOXOLE_NO_MEMORY;
   child->plOrdinalCounter = &lNextOrdinal;
   int status = parent->addChild(child);
@@ -56,7 +59,7 @@ int CMoxOleDocument::addDirectory(char const* path, int type, CMoxOleDirectory*&
     delete child;
     return status;
   }
-  vDirectories.append(child);
+  vEntries.append(child);
   entry = child;
   return MOXOLE_OK;
 }

@@ -1,9 +1,8 @@
 // CMoxOleDocument: a compound document held in memory until it is written.
 //
-// The document owns the header values, the root entry ("Root Entry", type
-// 5, always directory entry 0) with the whole tree of entries below it, and,
-// when the document is writable, the output object on the host's I/O
-// object.  Entries are created by backslash path under parents that already
+// The document owns the header values, the root entry (type 5, always
+// directory entry 0) with the whole tree of entries below it, and, when
+// the document is writable, the output object on the host's I/O object.  Entries are created by backslash path under parents that already
 // exist; each one receives its directory index at creation, from a counter
 // that the document shares with every entry's tree, so the n-th entry
 // created anywhere in the document is entry n.  A failed creation leaves
@@ -15,16 +14,16 @@
 //
 // Memory: the document and its class objects live on the process heap
 // (new (std::nothrow)); entries take their contents from pools of the
-// host's services.  The two arrays below use malloc directly, through
-// MoxGrowArray, so that running out of memory is a status, not a throw.
+// host's services.  The two tables below take the process heap too, so
+// that running out of memory is a status, not a throw.
 #ifndef MOXOLEFIO_WRITER_MOXOLEDOC_H_
 #define MOXOLEFIO_WRITER_MOXOLEDOC_H_
 
 #include <stdint.h>
 
 #include "moxolefio.h"
-#include "writer/directory.h"
-#include "writer/grow_array.h"
+#include "interface/host_table.h"
+#include "writer/entry.h"
 #include "writer/header.h"
 #include "writer/oleio.h"
 
@@ -63,15 +62,15 @@ class CMoxOleDocument {
 
   // The entry that parent (a path, cut up in place) names, or null when a
   // component is missing.  Null and empty paths name the root.
-  CMoxOleDirectory* findParent(char* parent);
+  CMoxOleEntry* findParent(char* parent);
 
   // The entry that path names, or null.
-  CMoxOleDirectory* findDirectory(char const* path);
+  CMoxOleEntry* findEntry(char const* path);
 
   // Creates a storage (type 1) or stream (type 2) at path.  0 and entry
   // set; otherwise entry null and 6 (not writable, no such parent, or the
   // name is taken), 34 (bad type) or 2 (no memory).
-  int addDirectory(char const* path, int type, CMoxOleDirectory*& entry);
+  int addEntry(char const* path, int type, CMoxOleEntry*& entry);
 
   // --- Layout, run once at close --------------------------------------
   // The file is planned whole before its first byte is written: regions in
@@ -79,9 +78,10 @@ class CMoxOleDocument {
   // stream.  Positions are byte offsets from the start of sector 0, the
   // sector after the header.
 
-  // Counts the sectors every region needs and solves the FAT and DIFAT
-  // sizes.  Returns the FAT sector count, also stored in fatSectors.
-  long getAllBlockCount(long& fatSectors, long& miniFatSectors, long& difatSectors);
+  // Counts the sectors every region needs and solves the sizes of the
+  // tables: FAT, mini FAT and DIFAT sectors.  Returns the FAT sector count,
+  // also stored in fatSectors.
+  long countTableSectors(long& fatSectors, long& miniFatSectors, long& difatSectors);
 
   // Gives the directory, every regular stream and the mini stream their
   // sectors from position on, chains them in the FAT and hands out the
@@ -106,8 +106,7 @@ class CMoxOleDocument {
 
   // The FAT, then the mini FAT.  Chains the mini FAT's own sectors first
   // and gives the root the size of the mini stream in use.
-  int writeFATSectors(long fatEntries, long miniEntries, long miniFatSectors,
-                      long difatSectors);
+  int writeFATSectors(long fatEntries, long miniEntries, long miniFatSectors);
 
   // The root, then every entry in index order, padded to whole sectors.
   // Sibling links come from each storage's tree.
@@ -117,21 +116,23 @@ class CMoxOleDocument {
   // to the end of the last sector.
   int writeStreamSectors();
 
-  CMoxOleDirectory* pRootEntry;
+  CMoxOleEntry* pRootEntry;
   CMoxOleHeader* pHeader;
   tag_TPVAPIServices* pServices;
   CMoxOleIo* pOleIo;
   int64_t lNextOrdinal;
-  MoxGrowArray<CMoxOleDirectory*> vDirectories;  // creation order; not owned
-  MoxGrowArray<int64_t> vFat;
+  MoxTable<CMoxOleEntry*> vEntries{moxProcessHeap(), MoxGrowth::kCopy};  // creation order
+  MoxTable<int64_t> vFat{moxProcessHeap(), MoxGrowth::kCopy};
   int32_t iMode;
 
  private:
-  int64_t sectorSize() const { return int64_t{1} << pHeader->iSectorShift; }
+  int64_t sectorSize() const { return int64_t{1} << pHeader->sector_shift; }
+  // Streams of this size and more take regular sectors.
+  int64_t miniCutoff() const { return pHeader->mini_cutoff; }
   // FAT entries per sector.
   int64_t fatPerSector() const { return sectorSize() / 4; }
   // Sector holding byte position p (counted from sector 0).
-  int64_t sectorAt(int64_t p) const { return p >> pHeader->iSectorShift; }
+  int64_t sectorAt(int64_t p) const { return p >> pHeader->sector_shift; }
   // Sectors of the directory: the root and every entry, 128 bytes each.
   int64_t directorySectors() const;
 
@@ -140,7 +141,7 @@ class CMoxOleDocument {
   // when the FAT cannot be had.
   bool setUpRegions(long fatSectors, long miniFatSectors, long difatSectors,
                     long& position);
-  // The header's 109 slots: the first FAT sectors, then -1.
+  // The header's FAT sector slots: the first FAT sectors, then -1.
   void fillHeaderDifat(long fatSectors, long difatSectors);
   // Pads the output with zeros up to a multiple of unit bytes.
   int padTo(int64_t unit);

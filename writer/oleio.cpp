@@ -53,14 +53,6 @@ int CMoxOleIo::writeLittleEndian(uint64_t value, int width) {
   return MOXOLE_OK;
 }
 
-int CMoxOleIo::write1ByteInt(int value) {
-  return writeLittleEndian(static_cast<uint64_t>(value), 1);
-}
-
-int CMoxOleIo::write2ByteInt(int value) {
-  return writeLittleEndian(static_cast<uint64_t>(value), 2);
-}
-
 int CMoxOleIo::write4ByteInt(long value) {
   return writeLittleEndian(static_cast<uint64_t>(value), 4);
 }
@@ -84,6 +76,17 @@ int CMoxOleIo::writeBytes(unsigned char* data, int count) {
     }
   }
   return MOXOLE_OK;
+}
+
+int CMoxOleIo::writeRecord(const unsigned char* record, int count) {
+  if (count < 0 || count > iBufferSize || record == nullptr || pBuffer == nullptr) {
+    return MOXOLE_WRITE_FAILED;
+  }
+  int status = MOXOLE_OK;
+  if (iBufferSize - iBufferUsed < count) status = flush();
+  memcpy(pBuffer + iBufferUsed, record, static_cast<size_t>(count));
+  iBufferUsed += count;
+  return status;
 }
 
 int64_t CMoxOleIo::getPos() {

@@ -43,17 +43,23 @@ class CMoxOleIo {
   // detached right away.
   int open(_ZqTPIOobj* io);
 
-  // The low 8, 16 or 32 bits of value, least significant byte first: 0 or
-  // 16.  When the buffer lacks room the buffered bytes are handed to the
-  // host first; if that fails the value is not stored.
-  int write1ByteInt(int value);
-  int write2ByteInt(int value);
+  // The low 32 bits of value, least significant byte first: 0 or 16.
+  // When the buffer lacks room the buffered bytes are handed to the host
+  // first; if that fails the value is not stored.
   int write4ByteInt(long value);
 
   // count bytes in order: 0 or 16 (also for a negative count or null data).
   // The buffer goes to the host as soon as the copy fills it, so a long run
   // reaches the host as pieces of exactly the buffer's size.
   int writeBytes(unsigned char* data, int count);
+
+  // A whole record (at most the buffer's size): when it does not fit, the
+  // buffered bytes go to the host first.  The writer's records start at
+  // multiples of their size, which divides the buffer's, so that is where
+  // writing them field by field would hand the bytes over too.  The record
+  // is kept even when the hand-over fails (the buffer is empty then); the
+  // result is the hand-over's status.
+  int writeRecord(const unsigned char* record, int count);
 
   // Hands the buffered bytes to the host, even when there are none: 0 or
   // 16.  The buffer is emptied whatever the outcome.

@@ -30,10 +30,10 @@ void CMoxOleDocument::parseKey(char const* path, char* parent, char* name) {
   copyCut(name, last, kNameMaxLength);
 }
 
-CMoxOleDirectory* CMoxOleDocument::findParent(char* parent) {
+CMoxOleEntry* CMoxOleDocument::findParent(char* parent) {
   if (parent == nullptr || parent[0] == 0) return pRootEntry;
   char* component = parent[0] == '\\' ? parent + 1 : parent;
-  CMoxOleDirectory* entry = pRootEntry;
+  CMoxOleEntry* entry = pRootEntry;
   for (;;) {
     char* separator = strchr(component, '\\');
     if (separator != nullptr) *separator = 0;
@@ -43,10 +43,10 @@ CMoxOleDirectory* CMoxOleDocument::findParent(char* parent) {
   }
 }
 
-CMoxOleDirectory* CMoxOleDocument::findDirectory(char const* path) {
+CMoxOleEntry* CMoxOleDocument::findEntry(char const* path) {
   char parentPath[kPathBufferSize];
   char name[kNameBufferSize];
   parseKey(path, parentPath, name);
-  CMoxOleDirectory* parent = findParent(parentPath);
+  CMoxOleEntry* parent = findParent(parentPath);
   return parent == nullptr ? nullptr : parent->findChild(name);
 }

@@ -10,13 +10,15 @@
 
 #include <stdint.h>
 
+#include "format/records.h"
+
 // Rounding-up division; b must be positive.
 inline int64_t ceil_div(int64_t a, int64_t b) { return (a + b - 1) / b; }
 inline uint64_t ceil_div(uint64_t a, uint64_t b) { return (a + b - 1) / b; }
 
-// Sector numbers the header itself lists; the rest go to DIFAT sectors,
-// which hold this many less one (their last slot links to the next).
-constexpr int64_t kHeaderFatSlots = 109;
+// FAT sectors the header itself lists; the rest go to DIFAT sectors, which
+// hold one number less than a FAT sector's links (the last links on).
+constexpr int64_t kHeaderFatSlots = moxfmt::kHeaderFatSlots;
 
 struct MoxFatSizes {
   int64_t fatSectors;    // f

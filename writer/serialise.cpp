@@ -8,7 +8,7 @@ int CMoxOleDocument::writeDisk() {
   long fatSectors = 0;
   long miniFatSectors = 0;
   long difatSectors = 0;
-  getAllBlockCount(fatSectors, miniFatSectors, difatSectors);
+  countTableSectors(fatSectors, miniFatSectors, difatSectors);
   long position = 0;
   if (!setUpRegions(fatSectors, miniFatSectors, difatSectors, position)) {
     return MOXOLE_NO_MEMORY;
@@ -21,8 +21,7 @@ int CMoxOleDocument::writeDisk() {
   status = writeHeader();
   if (status == MOXOLE_OK) status = writeDIFATSectors(fatSectors - kHeaderFatSlots, difatSectors);
   if (status == MOXOLE_OK) {
-    status = writeFATSectors(fatSectors * perSector, miniFatSectors * perSector, miniFatSectors,
-                             difatSectors);
+    status = writeFATSectors(fatSectors * perSector, miniFatSectors * perSector, miniFatSectors);
   }
   if (status == MOXOLE_OK) status = writeDirSectors();
   if (status == MOXOLE_OK) status = writeStreamSectors();
@@ -56,8 +55,7 @@ int CMoxOleDocument::writeDIFATSectors(long rest, long difatSectors) {
   return status;
 }
 
-int CMoxOleDocument::writeFATSectors(long fatEntries, long miniEntries, long miniFatSectors,
-                                     long /*difatSectors*/) {
+int CMoxOleDocument::writeFATSectors(long fatEntries, long miniEntries, long miniFatSectors) {
   if (fatEntries == 0) return MOXOLE_OK;
   if (miniEntries > 0) {
     // Only the header and the DIFAT sectors precede the FAT, so the output
@@ -72,10 +70,10 @@ int CMoxOleDocument::writeFATSectors(long fatEntries, long miniEntries, long min
   }
   if (status != MOXOLE_OK || miniEntries == 0) return status;
 
-  MoxGrowArray<int64_t> miniFat;
+  MoxTable<int64_t> miniFat(moxProcessHeap(), MoxGrowth::kCopy);
   if (!miniFat.assign(miniEntries, kSectorFree)) return MOXOLE_NO_MEMORY;
-  for (int64_t i = 0; i < vDirectories.size(); ++i) {
-    status = vDirectories[i]->collectMiniFATSectors(miniFat.data(), miniEntries);
+  for (int64_t i = 0; i < vEntries.size(); ++i) {
+    status = vEntries[i]->collectMiniFATSectors(miniFat.data(), miniEntries);
     if (status != MOXOLE_OK) return status;
   }
   long inUse = 0;
@@ -92,22 +90,23 @@ int CMoxOleDocument::writeFATSectors(long fatEntries, long miniEntries, long min
 // each one at its number and gives it the sibling links of its node.
 int CMoxOleDocument::writeDirSectors() {
   int status = pRootEntry->writeDirEntry(pOleIo);
-  const long count = static_cast<long>(vDirectories.size());
-  MoxGrowArray<void*> table;
+  const long count = static_cast<long>(vEntries.size());
+  MoxTable<void*> table(moxProcessHeap(), MoxGrowth::kCopy);
   if (!table.assign(count + 1, nullptr)) return MOXOLE_NO_MEMORY;
   long index = 0;
   pRootEntry->Flatten(table.data(), count + 1, index);
-  for (long i = 0; i < count; ++i) vDirectories[i]->Flatten(table.data(), count + 1, index);
+  for (long i = 0; i < count; ++i) vEntries[i]->Flatten(table.data(), count + 1, index);
   for (long i = 1; i <= count && status == MOXOLE_OK; ++i) {
-    CMoxOleDirectory* entry = static_cast<CMoxOleDirectory*>(table[i]);
+    CMoxOleEntry* entry = static_cast<CMoxOleEntry*>(table[i]);
     // Every slot is filled when each entry drew its number from the
     // document's counter; an empty one would still keep the layout.
     status = entry != nullptr ? entry->writeDirEntry(pOleIo)
-                              : moxWriteZeros(pOleIo, kDirEntrySize);
+                              : moxWriteZeros(pOleIo, moxfmt::kEntrySize);
   }
-  const long perSector = static_cast<long>(sectorSize() / kDirEntrySize);
+  const long entrySize = static_cast<long>(moxfmt::kEntrySize);
+  const long perSector = static_cast<long>(sectorSize()) / entrySize;
   if (status == MOXOLE_OK && (count + 1) % perSector != 0) {
-    status = moxWriteZeros(pOleIo, (perSector - (count + 1) % perSector) * kDirEntrySize);
+    status = moxWriteZeros(pOleIo, (perSector - (count + 1) % perSector) * entrySize);
   }
   return status;
 }
@@ -119,13 +118,13 @@ int CMoxOleDocument::padTo(int64_t unit) {
 
 int CMoxOleDocument::writeStreamSectors() {
   int status = MOXOLE_OK;
-  for (int64_t i = 0; i < vDirectories.size() && status == MOXOLE_OK; ++i) {
-    CMoxOleDirectory* entry = vDirectories[i];
-    if (entry->lStreamSize >= pHeader->lMiniCutoff) status = entry->writeStreamEntry(pOleIo);
+  for (int64_t i = 0; i < vEntries.size() && status == MOXOLE_OK; ++i) {
+    CMoxOleEntry* entry = vEntries[i];
+    if (entry->lStreamSize >= miniCutoff()) status = entry->writeStreamEntry(pOleIo);
   }
-  for (int64_t i = 0; i < vDirectories.size() && status == MOXOLE_OK; ++i) {
-    CMoxOleDirectory* entry = vDirectories[i];
-    if (entry->lStreamSize < pHeader->lMiniCutoff) status = entry->writeMiniStreamEntry(pOleIo);
+  for (int64_t i = 0; i < vEntries.size() && status == MOXOLE_OK; ++i) {
+    CMoxOleEntry* entry = vEntries[i];
+    if (entry->lStreamSize < miniCutoff()) status = entry->writeMiniStreamEntry(pOleIo);
   }
   if (status == MOXOLE_OK) status = padTo(sectorSize());
   return status;

@@ -1,5 +1,4 @@
-// The writer's functions behind the host's table, as the rest of the
-// library sees them.
+// The writer as the host functions reach it.
 //
 // A handle made by hOLEopenEx carries a CMoxOleDocument in pDocument.  In
 // create mode that is all it carries: the file is built in memory and
@@ -12,21 +11,23 @@
 
 #include "interface/mox_file.h"
 
-class CMoxOleDirectory;
+class CMoxOleEntry;
 
 // Copies node and everything below it under parent, by name only: every
 // copy is a header-less entry that remembers its entry number in the
 // source file.  A node of type 5 (the source's root) adds no entry of its
 // own; its children go straight under parent.  A copy whose name is
 // already taken among its siblings is dropped with its whole subtree.
-// 4 when node is null, otherwise 0.
-int copyStreamTree(tag_TPVAPIServices* services, _MoxOleTreeNode* node,
-                   CMoxOleDirectory* parent);
+// MOXOLE_BAD_LINK when node is null, otherwise MOXOLE_OK.
+int copyStreamTree(tag_TPVAPIServices* services, _MoxOleTreeNode* node, CMoxOleEntry* parent);
 
-// Makes the stream at path the handle's current reader stream, positioned
-// at 0: 0; 6 when the path names nothing or the stream cannot be
-// positioned; the chain set-up's -1 when the entry is no stream of the
-// source file.
-int moxOpenStreamForReading(_MoxOleFile* h, const char* path);
+// Lays out and writes the document, destroys it (which closes the output)
+// and clears pDocument and pWriterStream.  Nothing happens for a handle
+// without a document.
+void closeWriter(_MoxOleFile* h);
+
+// Ends the current writer stream: 0, or MOXOLE_BAD_ARGUMENT when there is
+// none.
+int iCloseWriterStream(_MoxOleFile* h);
 
 #endif  // MOXOLEFIO_WRITER_WRITER_H_

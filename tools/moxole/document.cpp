@@ -9,6 +9,7 @@
 
 #include <algorithm>
 
+#include "format/records.h"
 #include "tools/moxole/names.h"
 #include "tools/moxole/report.h"
 
@@ -16,8 +17,6 @@ namespace moxole {
 
 namespace {
 
-const unsigned char kSignature[8] = {0xD0, 0xCF, 0x11, 0xE0,
-                                     0xA1, 0xB1, 0x1A, 0xE1};
 constexpr size_t kReadChunk = 1 << 20;
 
 }  // namespace
@@ -64,7 +63,7 @@ int checkInputFile(const std::string& path) {
   close(fd);
   if (directory) return fail(kExitBadDocument, path, "is a directory");
   if (got < 0) return fail(kExitIo, path, errorText(error));
-  if (got < 8 || memcmp(head, kSignature, sizeof head) != 0) {
+  if (got < 8 || memcmp(head, moxfmt::kSignature, sizeof head) != 0) {
     return fail(kExitBadDocument, path, "not a compound file");
   }
   return kExitOk;

@@ -1,11 +1,11 @@
-// CMoxOleDirectory: one storage or stream of a document being written.
+// CMoxOleEntry: one storage or stream of a document being written.
 //
-// An entry is two things at once.  It is a future 128-byte directory entry
-// (name, type, colour, sibling and child links, start sector, size), and,
-// being a CMoxOleRedBlack, it is the tree of its own children, ordered the
-// way compound files order siblings: shorter names first, names of equal
-// length by their bytes with ASCII letters folded to lower case.  Names
-// that differ only in letter case are the same name.
+// An entry is two things at once.  It is a future directory entry (name,
+// type, colour, sibling and child links, start sector, size), and, being a
+// CMoxOleRedBlack, it is the tree of its own children, ordered by the
+// tolerant rule of interface/sibling_names.h: shorter names first, names
+// of equal length by their bytes with ASCII letters folded to lower case.
+// Names that differ only in letter case are the same name.
 //
 // A stream's bytes wait in memory in a singly linked list of blocks of one
 // sector each until the file is laid out; each block is later written as
@@ -16,8 +16,8 @@
 // from the entry's own pool (made by the tree base) and go with it in one
 // call when the entry is destroyed.  An entry owns its children: deleting
 // an entry deletes its whole subtree, depth first.
-#ifndef MOXOLEFIO_WRITER_DIRECTORY_H_
-#define MOXOLEFIO_WRITER_DIRECTORY_H_
+#ifndef MOXOLEFIO_WRITER_ENTRY_H_
+#define MOXOLEFIO_WRITER_ENTRY_H_
 
 #include <stdint.h>
 
@@ -35,20 +35,17 @@ struct _MoxOleBlock {
 // Sector size of an entry built without a header.
 constexpr int kDefaultBlockSize = 512;
 
-// Bytes of one directory entry on disk.
-constexpr int kDirEntrySize = 128;
-
-class CMoxOleDirectory final : public CMoxOleRedBlack {
+class CMoxOleEntry final : public CMoxOleRedBlack {
  public:
   // Copies name (when not null) into the entry's pool.  type is 1 storage,
   // 2 stream, 5 root.  header, when given, sets the block and mini sector
   // sizes; an entry without one only serves as a name to look up and is
   // never laid out.  Check ready() before using the entry.
-  CMoxOleDirectory(char* name, int type, tag_TPVAPIServices* services,
+  CMoxOleEntry(char* name, int type, tag_TPVAPIServices* services,
                    CMoxOleHeader* header);
 
   // Deletes every child, then the pool goes with the base.
-  ~CMoxOleDirectory();
+  ~CMoxOleEntry();
 
   // False when the pool or the copy of the name could not be had: such an
   // entry can hold neither children nor data and must be deleted.
@@ -56,7 +53,7 @@ class CMoxOleDirectory final : public CMoxOleRedBlack {
 
   // A new entry on the process heap, or null when the object, its pool or
   // its name could not be had.
-  static CMoxOleDirectory* create(char* name, int type, tag_TPVAPIServices* services,
+  static CMoxOleEntry* create(char* name, int type, tag_TPVAPIServices* services,
                                   CMoxOleHeader* header);
 
   // Inserts child into this entry's tree, which fixes the child's future
@@ -64,10 +61,10 @@ class CMoxOleDirectory final : public CMoxOleRedBlack {
   // already a child) or 2 (no memory).  On success the child takes the
   // colour its node has right after this insertion; later insertions may
   // recolour the node without updating the field.
-  int addChild(CMoxOleDirectory* child);
+  int addChild(CMoxOleEntry* child);
 
   // The child whose name equals name, or null.
-  CMoxOleDirectory* findChild(char* name);
+  CMoxOleEntry* findChild(char* name);
 
   // Ordering and equality of two entries' names.
   bool compLT(void* a, void* b) override;
@@ -83,9 +80,6 @@ class CMoxOleDirectory final : public CMoxOleRedBlack {
   // stream size counts exactly those.  A null data pointer or a length of
   // 0 writes nothing and succeeds.
   int write(unsigned char* data, int length);
-
-  // A zero-filled block from the pool, or null with error set to 2.
-  _MoxOleBlock* allocBlock(int& error);
 
   // Appends block at the end of the block list.
   void insertBlock(_MoxOleBlock* block);
@@ -110,7 +104,7 @@ class CMoxOleDirectory final : public CMoxOleRedBlack {
   int collectMiniFATSectors(long* table, long entries);
 
   // --- Output at close ---------------------------------------------------
-  // The 128-byte directory entry.  Also fixes lChild from the tree.
+  // The directory entry.  Also fixes lChild from the tree.
   // Returns 0 whatever the output reports; a host that keeps failing is
   // caught by the next status the file writer checks.
   int writeDirEntry(CMoxOleIo* io);
@@ -145,12 +139,13 @@ class CMoxOleDirectory final : public CMoxOleRedBlack {
   struct ProbeTag {};
   // A transient entry that only carries a borrowed name to compare with:
   // no pool, no copy, nothing to fail.
-  CMoxOleDirectory(ProbeTag, char* name);
+  CMoxOleEntry(ProbeTag, char* name);
 
   void setDefaults(int type, CMoxOleHeader* header);
 
-  // allocBlock without the zeroing: write clears what it does not fill.
+  // A block from the pool, not cleared: write clears what it does not
+  // fill.  Null with error set to 2 when the pool has none.
   _MoxOleBlock* takeBlock(int& error);
 };
 
-#endif  // MOXOLEFIO_WRITER_DIRECTORY_H_
+#endif  // MOXOLEFIO_WRITER_ENTRY_H_

@@ -1,0 +1,261 @@
+// Every exported function, given a null handle, a null buffer or a
+// negative or absurd count or size, returns its failure value and touches
+// nothing: no call reaches the host's I/O object or memory, the handles'
+// state stays as it was (only the failure reason may change), and the OS
+// layer leaves its file, its descriptor's offset and its folder alone.
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stddef.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "host/moxhost.h"
+#include "host/scratch_dir.h"
+#include "interface/mox_file.h"
+#include "moxolefio.h"
+#include "moxvos.h"
+#include "support/cfb_builder.h"
+
+namespace {
+
+// A reader handle with a current stream at position 7, a writer handle
+// with a current stream, and a file of the OS layer with its descriptor at
+// offset 2.
+struct Session {
+  Session() : io(document()) {
+    h = hOLEopen(io.io(), memory.memory());
+    w = hOLEopenEx(out.io(), host.services(), 1);
+    if (h != nullptr && bOLEopenStream(h, "S") == 1) lOLEseek(h, 7, 0);
+    if (w != nullptr) iOLEopenStreamEx(w, "W", 2, 1);
+    path = scratch.file("f");
+    fd = static_cast<int>(moxvos_fopen(path.c_str(), "w+", nullptr));
+    moxvos_write(fd, "abcdef", 6);
+    moxvos_lseek(fd, 2, SEEK_SET);
+  }
+  ~Session() {
+    moxvos_close(fd);
+    if (h != nullptr) {
+      bOLEcloseStream(h, nullptr);
+      iOLEclose(h);
+    }
+    if (w != nullptr) iOLEclose(w);
+  }
+  static cfb::Bytes document() {
+    cfb::CfbBuilder b;
+    b.addStream(0, "S", cfb::Bytes(300, 5));
+    b.addStream(0, "WordDocument", cfb::Bytes(50, 6));
+    b.addStorage(0, "_1");
+    return b.build();
+  }
+
+  moxhost::MemoryIo io;
+  moxhost::CountingMemory memory;
+  moxhost::MemoryIo out;
+  moxhost::PoolServices host;
+  moxhost::ScratchDir scratch;
+  _MoxOleFile* h = nullptr;
+  _MoxOleFile* w = nullptr;
+  std::string path;
+  int fd = -1;
+};
+
+// What a call could have touched.
+struct Footprint {
+  std::vector<int64_t> counts;
+  std::string handles;
+
+  explicit Footprint(Session& s) {
+    for (moxhost::MemoryIo* io : {&s.io, &s.out}) {
+      for (int64_t n : {io->openCalls(), io->closeCalls(), io->readCalls(), io->seekCalls(),
+                        io->writeCalls(), io->position()}) {
+        counts.push_back(n);
+      }
+    }
+    for (int64_t n : {s.memory.allocations(), s.memory.liveBlocks(), s.host.heap().allocations(),
+                      s.host.poolsCreated(), s.host.poolAllocateCalls(),
+                      s.host.poolArrayCalls(), moxvos_lseek(s.fd, 0, SEEK_CUR),
+                      moxvos_filesize(s.fd)}) {
+      counts.push_back(n);
+    }
+    // The handles' bytes up to the failure reason, which is theirs to keep.
+    const size_t kept = offsetof(_MoxOleFile, iFailure);
+    handles.assign(reinterpret_cast<const char*>(s.h), kept);
+    handles.append(reinterpret_cast<const char*>(s.w), kept);
+    DIR* dir = opendir(s.scratch.path().c_str());
+    for (dirent* e = readdir(dir); e != nullptr; e = readdir(dir)) handles += e->d_name;
+    closedir(dir);
+  }
+  bool operator==(const Footprint& o) const { return counts == o.counts && handles == o.handles; }
+};
+
+struct Row {
+  const char* call;
+  std::function<bool(Session&)> failed;  // true when the failure value came back
+};
+
+const char kPath[1][36] = {"_1"};
+char text[64];
+unsigned char bytes[16];
+_MoxOleTreeNode* tree;
+_MoxOleObjectEntry* list;
+struct stat status;
+struct statfs volume;
+
+const Row kDocumentRows[] = {
+    {"GetOLEInterface(null)", [](Session&) { GetOLEInterface(nullptr); return true; }},
+    {"hOLEopen(null io)", [](Session& s) { return !hOLEopen(nullptr, s.memory.memory()); }},
+    {"hOLEopen(null memory)", [](Session& s) { return !hOLEopen(s.io.io(), nullptr); }},
+    {"hOLEopenEXT(null io)", [](Session& s) { return !hOLEopenEXT(nullptr, s.memory.memory(), 0); }},
+    {"hOLEopenClone(null)", [](Session&) { return !hOLEopenClone(nullptr); }},
+    {"iOLEclose(null)", [](Session&) { return iOLEclose(nullptr) == -1; }},
+    {"iOLEcloseClone(null)", [](Session&) { return iOLEcloseClone(nullptr) == -1; }},
+    {"iOLEcloseEXT(null)", [](Session&) { return iOLEcloseEXT(nullptr, 1) == -1; }},
+    {"bOLEopenStream(null)", [](Session&) { return bOLEopenStream(nullptr, "S") == 0; }},
+    {"bOLEopenStream(h, null)", [](Session& s) { return bOLEopenStream(s.h, nullptr) == 0; }},
+    {"bOLEopenStreamIgnoreStorage(null)", [](Session&) { return !bOLEopenStreamIgnoreStorage(nullptr, "S"); }},
+    {"bOLEopenStreamIgnoreStorage(h, null)", [](Session& s) { return !bOLEopenStreamIgnoreStorage(s.h, nullptr); }},
+    {"bOLEopenEmbeddedStream(null)", [](Session&) { return !bOLEopenEmbeddedStream(nullptr, "S", "_1"); }},
+    {"bOLEopenEmbeddedStream(h, null, null)", [](Session& s) { return !bOLEopenEmbeddedStream(s.h, nullptr, nullptr); }},
+    {"bOLEopenEmbeddedStreamEx(null)", [](Session&) { return !bOLEopenEmbeddedStreamEx(nullptr, kPath, 1, "S"); }},
+    {"bOLEopenEmbeddedStreamEx(h, null name)", [](Session& s) { return !bOLEopenEmbeddedStreamEx(s.h, kPath, 1, nullptr); }},
+    {"lOLEseek(null)", [](Session&) { return lOLEseek(nullptr, 0, 0) == -1; }},
+    {"lOLEseek(h, whence 7)", [](Session& s) { return lOLEseek(s.h, 0, 7) == -1; }},
+    {"lOLEtell(null)", [](Session&) { return lOLEtell(nullptr) == -1; }},
+    {"iOLEread(null)", [](Session&) { return iOLEread(nullptr, bytes, 4) == 0; }},
+    {"iOLEread(h, null buffer)", [](Session& s) { return iOLEread(s.h, nullptr, 10) == 0; }},
+    {"bOLEcloseStream(null)", [](Session&) { return bOLEcloseStream(nullptr, nullptr) == 0; }},
+    {"hSwitchToOLE(null)", [](Session&) { return !hSwitchToOLE(nullptr); }},
+    {"hSwitchFromOLE(null)", [](Session&) { return !hSwitchFromOLE(nullptr); }},
+    {"bOLEgetObject(null)", [](Session&) { return bOLEgetObject(nullptr, 1, bytes, 2) == 0; }},
+    {"bOLEgetObject(h, 1, null)", [](Session& s) { return bOLEgetObject(s.h, 1, nullptr, 3) == 0; }},
+    {"bOLEgetObject(h, -1)", [](Session& s) { return bOLEgetObject(s.h, -1, bytes, 2) == 0; }},
+    {"bOLEgetObject(h, INT64_MIN)", [](Session& s) { return bOLEgetObject(s.h, INT64_MIN, bytes, 2) == 0; }},
+    {"lOLEopenObject(null)", [](Session&) { return lOLEopenObject(nullptr, "_1", 3) == 0; }},
+    {"lOLEopenObject(h, null)", [](Session& s) { return lOLEopenObject(s.h, nullptr, 3) == 0; }},
+    {"iOLEobjectType(null)", [](Session&) { return iOLEobjectType(nullptr, nullptr, 0, "S") == 0; }},
+    {"iOLEobjectType(h, null name)", [](Session& s) { return iOLEobjectType(s.h, nullptr, 0, nullptr) == 0; }},
+    {"moxoleGetObjectList(null)", [](Session&) { return moxoleGetObjectList(nullptr, nullptr, 0, &list) == 0; }},
+    {"moxoleGetObjectList(h, null out)", [](Session& s) { return moxoleGetObjectList(s.h, nullptr, 0, nullptr) == 0; }},
+    {"hOLEopenEx(null io)", [](Session& s) { return !hOLEopenEx(nullptr, s.host.services(), 1); }},
+    {"hOLEopenEx(null services)", [](Session& s) { return !hOLEopenEx(s.io.io(), nullptr, 1); }},
+    {"hOLEopenEx(flags 2)", [](Session& s) { return !hOLEopenEx(s.io.io(), s.host.services(), 2); }},
+    {"iOLEopenStreamEx(null)", [](Session&) { return iOLEopenStreamEx(nullptr, "A", 2, 1) == 34; }},
+    {"iOLEopenStreamEx(w, null path)", [](Session& s) { return iOLEopenStreamEx(s.w, nullptr, 2, 1) == 34; }},
+    {"iOLEopenStreamEx(w, flags 9)", [](Session& s) { return iOLEopenStreamEx(s.w, "A", 2, 9) == 34; }},
+    {"iOLEopenStreamEx(w, type 9)", [](Session& s) { return iOLEopenStreamEx(s.w, "A", 9, 1) == 34; }},
+    {"iOLEwrite(null)", [](Session&) { return iOLEwrite(nullptr, bytes, 1) == 34; }},
+    {"iOLEwrite(w, null data)", [](Session& s) { return iOLEwrite(s.w, nullptr, 10) == 34; }},
+    {"iOLEwrite(w, INT_MIN)", [](Session& s) { return iOLEwrite(s.w, bytes, INT_MIN) == 34; }},
+    {"iOLEGetStreamTree(null)", [](Session& s) { return iOLEGetStreamTree(nullptr, s.memory.memory(), &tree) == 34; }},
+    {"iOLEGetStreamTree(h, null pool)", [](Session& s) { return iOLEGetStreamTree(s.h, nullptr, &tree) == 34; }},
+    {"iOLEGetStreamTree(h, null out)", [](Session& s) { return iOLEGetStreamTree(s.h, s.memory.memory(), nullptr) == 34; }},
+    {"iGetStreamChain(null)", [](Session&) { return iGetStreamChain(nullptr, "S", nullptr, 0) == -1; }},
+    {"iGetStreamChain(h, null names)", [](Session& s) { return iGetStreamChain(s.h, nullptr, nullptr, 0) == -1; }},
+    {"iFindIStreamGivenIStorage(null)", [](Session&) { return iFindIStreamGivenIStorage(nullptr, "S", 0) == -1; }},
+    {"iFindIStreamGivenIStorage(h, null)", [](Session& s) { return iFindIStreamGivenIStorage(s.h, nullptr, 0) == -1; }},
+    {"iFindIStreamGivenIStorage(h, INT_MIN)", [](Session& s) { return iFindIStreamGivenIStorage(s.h, "S", INT_MIN) == -1; }},
+    {"iReadStreamChain(null)", [](Session&) { return iReadStreamChain(1, nullptr) == -1; }},
+    {"iReadStreamChain(-1)", [](Session& s) { return iReadStreamChain(-1, s.h) == -1; }},
+    {"iReadStreamChain(INT_MAX)", [](Session& s) { return iReadStreamChain(INT_MAX, s.h) == -1; }},
+    {"moxoleFailure(null)", [](Session&) { return moxoleFailure(nullptr, text, 8) == -1; }},
+    {"moxoleFailure(h, null text)", [](Session& s) { return moxoleFailure(s.h, nullptr, 8) == -1; }},
+    {"moxoleFailure(h, size -1)", [](Session& s) { return moxoleFailure(s.h, text, -1) == -1; }},
+    {"moxoleOpenFailure(null io)", [](Session& s) { return moxoleOpenFailure(nullptr, s.memory.memory(), text, 8) == -1; }},
+    {"moxoleOpenFailure(null text)", [](Session& s) { return moxoleOpenFailure(s.io.io(), s.memory.memory(), nullptr, 8) == -1; }},
+};
+
+const Row kOsLayerRows[] = {
+    {"opendir(null)", [](Session&) { return !moxvos_opendir(nullptr, nullptr); }},
+    {"readdir(null)", [](Session&) { return !moxvos_readdir(nullptr, nullptr); }},
+    {"readdir_r(null)", [](Session&) { return !moxvos_readdir_r(nullptr, nullptr, nullptr); }},
+    {"closedir(null)", [](Session&) { return moxvos_closedir(nullptr, nullptr) == -1; }},
+    {"getcwd(null)", [](Session&) { return !moxvos_getcwd(nullptr, 4096, nullptr); }},
+    {"chdir(null)", [](Session&) { return moxvos_chdir(nullptr, nullptr) == -1; }},
+    {"rmdir(null)", [](Session&) { return moxvos_rmdir(nullptr, nullptr) == -1; }},
+    {"rename(null, f)", [](Session& s) { return moxvos_rename(nullptr, s.path.c_str(), nullptr) == -1; }},
+    {"rename(f, null)", [](Session& s) { return moxvos_rename(s.path.c_str(), nullptr, nullptr) == -1; }},
+    {"unlink(null)", [](Session&) { return moxvos_unlink(nullptr, nullptr) == -1; }},
+    {"chmod(null)", [](Session&) { return moxvos_chmod(nullptr, 0600, nullptr) == -1; }},
+    {"access(null)", [](Session&) { return moxvos_access(nullptr, F_OK, nullptr) == -1; }},
+    {"utimes(null)", [](Session&) { return moxvos_utimes(nullptr, nullptr) == -1; }},
+    {"stat(null, record)", [](Session&) { return moxvos_stat(nullptr, &status, nullptr) == -1; }},
+    {"stat(f, null)", [](Session& s) { return moxvos_stat(s.path.c_str(), nullptr, nullptr) == -1; }},
+    {"fstat(fd, null)", [](Session& s) { return moxvos_fstat(s.fd, nullptr) == -1; }},
+    {"fstat64(fd, null)", [](Session& s) { return moxvos_fstat64(s.fd, nullptr) == -1; }},
+    {"statfs(null, record)", [](Session&) { return moxvos_statfs(nullptr, &volume) == -1; }},
+    {"statfs(dir, null)", [](Session& s) { return moxvos_statfs(s.scratch.path().c_str(), nullptr) == -1; }},
+    {"filesize(-1)", [](Session&) { return moxvos_filesize(-1) == -1; }},
+    {"open(null)", [](Session&) { return moxvos_open(nullptr, O_RDWR | O_CREAT, nullptr) == -1; }},
+    {"open64(null)", [](Session&) { return moxvos_open64(nullptr, O_RDWR | O_CREAT, nullptr) == -1; }},
+    {"fopen(null)", [](Session&) { return moxvos_fopen(nullptr, "w", nullptr) == -1; }},
+    {"fopen64(null)", [](Session&) { return moxvos_fopen64(nullptr, "w", nullptr) == -1; }},
+    {"close(-1)", [](Session&) { return moxvos_close(-1) == -1; }},
+    {"read(fd, null)", [](Session& s) { return moxvos_read(s.fd, nullptr, 4) == -1; }},
+    {"read(fd, count 2^64-1)", [](Session& s) { return moxvos_read(s.fd, bytes, UINT64_MAX) == -1; }},
+    {"write(fd, null)", [](Session& s) { return moxvos_write(s.fd, nullptr, 4) == -1; }},
+    {"write(fd, count 2^63)", [](Session& s) { return moxvos_write(s.fd, bytes, 1ull << 63) == -1; }},
+    {"fread(fd, null)", [](Session& s) { return moxvos_fread(s.fd, nullptr, 1, 4) == 0; }},
+    {"fread(fd, size x count past 64 bits)", [](Session& s) { return moxvos_fread(s.fd, bytes, UINT64_MAX, 2) == 0; }},
+    {"fwrite(fd, null)", [](Session& s) { return moxvos_fwrite(s.fd, nullptr, 2, 2) == 0; }},
+    {"fwrite(fd, size x count past 64 bits)", [](Session& s) { return moxvos_fwrite(s.fd, bytes, 1ull << 33, 1ull << 33) == 0; }},
+    {"lseek(-1)", [](Session&) { return moxvos_lseek(-1, 0, SEEK_SET) == -1; }},
+    {"lseek(fd, -5)", [](Session& s) { return moxvos_lseek(s.fd, -5, SEEK_SET) == -1; }},
+    {"fseek(-1)", [](Session&) { return moxvos_fseek(-1, 0, SEEK_SET) == -1; }},
+    {"ftell(-1)", [](Session&) { return moxvos_ftell(-1) == -1; }},
+    {"lseek64(fd, whence 9)", [](Session& s) { return moxvos_lseek64(s.fd, 0, 9) == -1; }},
+    {"fseek64(-1)", [](Session&) { return moxvos_fseek64(-1, 0, SEEK_SET) == -1; }},
+    {"ftell64(-1)", [](Session&) { return moxvos_ftell64(-1) == -1; }},
+    {"fsync(-1)", [](Session&) { return moxvos_fsync(-1) == -1; }},
+    {"ftruncate(fd, -1)", [](Session& s) { return moxvos_ftruncate(s.fd, -1) == -1; }},
+    {"malloc(0)", [](Session&) { return !moxvos_malloc(0); }},
+    {"malloc(2^64-1)", [](Session&) { return !moxvos_malloc(UINT64_MAX); }},
+    {"calloc(2^64-1, 2)", [](Session&) { return !moxvos_calloc(UINT64_MAX, 2); }},
+    {"realloc(null, 2^64-1)", [](Session&) { return !moxvos_realloc(nullptr, UINT64_MAX); }},
+    {"Saferealloc(null, 2^64-1)", [](Session&) { return !moxvos_Saferealloc(nullptr, UINT64_MAX); }},
+    {"valloc(2^64-1)", [](Session&) { return !moxvos_valloc(UINT64_MAX); }},
+    {"free(null)", [](Session&) { moxvos_free(nullptr); return true; }},
+    {"flock_init(null lock)", [](Session& s) { return moxvos_flock_init(nullptr, O_RDWR | O_CREAT, s.scratch.file("lock").c_str(), nullptr) == -1; }},
+    {"flock_trywrlock(null)", [](Session&) { return moxvos_flock_trywrlock(nullptr, SEEK_SET, 0, 0, nullptr) == -1; }},
+    {"flock_unlock(null)", [](Session&) { return moxvos_flock_unlock(nullptr, SEEK_SET, 0, 0, nullptr) == -1; }},
+    {"flock_free(null)", [](Session&) { return moxvos_flock_free(nullptr, nullptr) == -1; }},
+    {"mkdir(null)", [](Session&) { return moxvos_mkdir(nullptr, 0755, nullptr) == -1; }},
+    {"mkdir(empty)", [](Session&) { return moxvos_mkdir("", 0755, nullptr) == -1; }},
+    {"dlsym(null name)", [](Session&) { return !moxvos_dlsym(nullptr, nullptr); }},
+    {"dll_log(null)", [](Session&) { moxvos_dll_log(nullptr, nullptr); return true; }},
+};
+
+void runRows(const Row* rows, size_t count) {
+  Session s;
+  ASSERT_NE(s.h, nullptr);
+  ASSERT_NE(s.w, nullptr);
+  ASSERT_GE(s.fd, 0);
+  for (size_t i = 0; i < count; ++i) {
+    const Footprint before(s);
+    EXPECT_TRUE(rows[i].failed(s)) << rows[i].call << " did not fail";
+    EXPECT_TRUE(Footprint(s) == before) << rows[i].call << " touched something";
+  }
+  // Both handles carry on where they were.
+  unsigned char got[4];
+  ASSERT_EQ(iOLEread(s.h, got, 4), 4u);
+  EXPECT_EQ(lOLEtell(s.h), 11);
+  EXPECT_EQ(got[0], 5);
+  EXPECT_EQ(iOLEwrite(s.w, got, 4), 0) << "the writer's stream is still current";
+}
+
+TEST(BadArguments, DocumentFunctionsFailAndTouchNothing) {
+  runRows(kDocumentRows, sizeof kDocumentRows / sizeof kDocumentRows[0]);
+}
+
+TEST(BadArguments, OsLayerFunctionsFailAndTouchNothing) {
+  runRows(kOsLayerRows, sizeof kOsLayerRows / sizeof kOsLayerRows[0]);
+}
+
+}  // namespace

@@ -74,7 +74,7 @@ CompoundFile& CompoundFile::operator=(CompoundFile&&) noexcept = default;
 CompoundFile::~CompoundFile() = default;
 
 CompoundFile CompoundFile::open(const std::filesystem::path& path, OpenOptions options) {
-  auto impl = openImage(detail::openFileSource(path), options);
+  auto impl = openImage(detail::openFileSource(path, options.map), options);
   impl->path = path;
   return CompoundFile(std::move(impl));
 }

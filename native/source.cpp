@@ -97,7 +97,7 @@ class OwnedSource : public ByteSource {
 
 }  // namespace
 
-std::unique_ptr<ByteSource> openFileSource(const std::filesystem::path& path) {
+std::unique_ptr<ByteSource> openFileSource(const std::filesystem::path& path, bool map) {
   const std::string name = path.string();
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) throwErrno("cannot open", name);
@@ -107,7 +107,7 @@ std::unique_ptr<ByteSource> openFileSource(const std::filesystem::path& path) {
   if (S_ISDIR(info.st_mode)) throw Error(Errc::io, name + ": is a directory");
   const std::uint64_t size = static_cast<std::uint64_t>(info.st_size);
   if (size == 0) return std::make_unique<MemorySource>(nullptr, 0, name);
-  void* mapping = S_ISREG(info.st_mode) ? mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0)
+  void* mapping = map && S_ISREG(info.st_mode) ? mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0)
                                         : MAP_FAILED;
   if (mapping != MAP_FAILED) return std::make_unique<MappedFile>(mapping, size, name);
   const int kept = dup(fd);

@@ -34,7 +34,8 @@ class ByteSource {
   std::string name_;
 };
 
-std::unique_ptr<ByteSource> openFileSource(const std::filesystem::path& path);
+// Maps the file when `map` is set and it can be mapped; else reads it with pread.
+std::unique_ptr<ByteSource> openFileSource(const std::filesystem::path& path, bool map = true);
 std::unique_ptr<ByteSource> borrowMemory(const void* data, std::size_t size);
 std::unique_ptr<ByteSource> ownBytes(std::vector<unsigned char> bytes, std::string name);
 

@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang and runs them.
 #
-#   scripts/fuzz.sh [TARGET|all] [SECONDS]   run one target (read, write, vos)
+#   scripts/fuzz.sh [TARGET|all] [SECONDS]   run one target (read, write, vos,
+#                                             props)
 #                                             or each in turn; 60 s by default
 #   scripts/fuzz.sh coverage                  line coverage of the library
 #                                             over the corpora kept so far
 #
 # Seeds are made afresh each time: builder-made edge cases and programs
-# (make_fuzz_seeds), and for the reader the real files of the shared corpus
+# (make_fuzz_seeds), property sets of every value type (make_props_seeds),
+# and for the reader the real files of the shared corpus
 # (MOX_CORPUS_DIR, by default ../shared/corpus beside the project), which
 # are read from there and never copied into the project.  What the fuzzer
 # learns is kept in $FUZZ_BUILD/corpus/TARGET; a finding is written to
@@ -18,7 +20,7 @@ root=$(pwd)
 build=${FUZZ_BUILD:-build-fuzz}
 case "$build" in /*) ;; *) build="$root/$build" ;; esac
 corpus_dir=${MOX_CORPUS_DIR:-$root/../shared/corpus}
-targets=(read write vos)
+targets=(read write vos props)
 # Where the targets make their scratch directories: TMPDIR when it is set,
 # otherwise a RAM file system when there is one, since the OS-layer target
 # syncs, truncates and removes files all the time (some 30 times faster
@@ -30,7 +32,7 @@ if [ -z "$scratch_base" ]; then
 fi
 
 usage() {
-  echo "usage: scripts/fuzz.sh [read|write|vos|all] [SECONDS] | coverage" >&2
+  echo "usage: scripts/fuzz.sh [read|write|vos|props|all] [SECONDS] | coverage" >&2
   exit 2
 }
 
@@ -39,6 +41,7 @@ usage() {
 max_len() {
   case "$1" in
     read) echo 262144 ;;
+    props) echo 65536 ;;
     *) echo 4096 ;;
   esac
 }
@@ -50,13 +53,15 @@ configure_and_build() {  # build-dir extra-cmake-args...
     CC=clang CXX=clang++ cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
       -DMOX_BUILD_FUZZ=ON -DMOX_BUILD_TESTS=OFF "$@" >/dev/null
   fi
-  cmake --build "$dir" -j"$(nproc)" --target fuzz_read fuzz_write fuzz_vos make_fuzz_seeds
+  cmake --build "$dir" -j"$(nproc)" --target fuzz_read fuzz_write fuzz_vos fuzz_props \
+    make_fuzz_seeds make_props_seeds
 }
 
 make_seeds() {  # build-dir
   local dir=$1
   rm -rf "$dir/seeds"
   "$dir/fuzz/make_fuzz_seeds" "$dir/seeds"
+  "$dir/fuzz/make_props_seeds" "$dir/seeds"
   if [ -d "$corpus_dir" ]; then
     local limit
     limit=$(max_len read)
@@ -118,15 +123,15 @@ coverage() {
   rm -rf "$scratch"
   llvm-profdata-14 merge -sparse "$profiles"/*.profraw -o "$profiles/all.profdata"
   local objects=("$dir/fuzz/fuzz_read" -object "$dir/fuzz/fuzz_write" -object "$dir/fuzz/fuzz_vos"
-                 -instr-profile="$profiles/all.profdata")
+                 -object "$dir/fuzz/fuzz_props" -instr-profile="$profiles/all.profdata")
   llvm-cov-14 report "${objects[@]}" "$root/reader" "$root/writer" "$root/interface" \
-    "$root/tree" "$root/vos" | tee "$profiles/report.txt"
+    "$root/tree" "$root/vos" "$root/native/properties" | tee "$profiles/report.txt"
   echo
   echo "lines covered by the corpora (full report: $profiles/report.txt):"
-  for part in reader writer tree interface vos; do
+  for part in reader writer tree interface vos native/properties; do
     awk -v part="$part" 'index($1, part "/") == 1 { lines += $8; missed += $9 }
-      END { if (lines > 0) printf "  %-10s %6d of %6d lines  %.1f%%\n", part, lines - missed, lines, 100 * (lines - missed) / lines
-            else printf "  %-10s not linked into the targets\n", part }' "$profiles/report.txt"
+      END { if (lines > 0) printf "  %-17s %6d of %6d lines  %.1f%%\n", part, lines - missed, lines, 100 * (lines - missed) / lines
+            else printf "  %-17s not linked into the targets\n", part }' "$profiles/report.txt"
   done
 }
 
@@ -139,7 +144,7 @@ case "$what" in
     exit 0
     ;;
   all) chosen=("${targets[@]}") ;;
-  read|write|vos) chosen=("$what") ;;
+  read|write|vos|props) chosen=("$what") ;;
   *) usage ;;
 esac
 

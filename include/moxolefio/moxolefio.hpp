@@ -97,6 +97,11 @@ struct OpenOptions {
   // Fail the open on any defect that check() reports as an error, instead
   // of opening whatever can be read.
   bool strict = false;
+  // open() only: map the file (the default), or read it with pread.  A
+  // mapping serves many small reads best; pread serves large sequential
+  // reads at the system's own speed and never makes the file's pages part
+  // of the process.
+  bool map = true;
 };
 
 struct CreateOptions {
@@ -251,5 +256,7 @@ class MOX_CXX_API CompoundFile {
 };
 
 }  // namespace mox
+
+#include "moxolefio/properties.hpp"
 
 #endif  // MOXOLEFIO_MOXOLEFIO_HPP_

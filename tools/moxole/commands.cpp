@@ -81,6 +81,20 @@ const std::vector<Command>& allCommands() {
        "codes starting with 'mini'), '-' when none.  Prints nothing for a\n"
        "clean file.  Exits with 0 when there is no error, 2 when there is.\n",
        "", 1, 1, runCheck},
+      {"props", "props FILE [PATH]",
+       "Prints the document properties of the two summary streams\n"
+       "(\\x05SummaryInformation and \\x05DocumentSummaryInformation), or of the\n"
+       "property set stream at PATH, one a line:\n"
+       "\n"
+       "  STREAM<TAB>SECTION<TAB>ID<TAB>NAME<TAB>TYPE<TAB>VALUE\n"
+       "\n"
+       "SECTION is 'summary', 'doc_summary', 'user_defined' or the section's\n"
+       "format id; NAME is the property's name ('-' when it has none), from\n"
+       "the section's dictionary for user-defined properties; TYPE is the\n"
+       "stored type ('lpstr', 'filetime', 'vector|variant'...).  Strings are\n"
+       "quoted, dates are UTC, the edit time is hours:minutes:seconds, and\n"
+       "binary values show their size and first 32 bytes in hex.\n",
+       "", 1, 2, runProps},
   };
   return commands;
 }

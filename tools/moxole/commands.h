@@ -44,6 +44,7 @@ int runRemove(const Library& library, const Invocation& call);
 int runMove(const Library& library, const Invocation& call);
 int runMkdir(const Library& library, const Invocation& call);
 int runCheck(const Library& library, const Invocation& call);
+int runProps(const Library& library, const Invocation& call);
 
 // Flushes standard output and turns a failed write into a reported status.
 int finishOutput(int status);

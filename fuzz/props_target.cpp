@@ -1,0 +1,63 @@
+// Fuzz target: the input is the bytes of a property set stream.  It is
+// parsed; what parses is looked at the way a program would (names, types,
+// code page, named ids) and written back, and what was written must read
+// back and write again to the same bytes.  The parser may only refuse
+// with Errc::damaged, the writer only with Errc::invalid_argument (for
+// text a code page cannot hold, or values a reader keeps but the format
+// cannot store).
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <vector>
+
+#include "moxolefio/properties.hpp"
+
+namespace {
+
+void require(bool condition, const char* what) {
+  if (condition) return;
+  fprintf(stderr, "moxfuzz props: %s\n", what);
+  abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  mox::PropertySet set;
+  try {
+    set = mox::parse_property_set(data, size, "fuzz");
+  } catch (const mox::Error& e) {
+    require(e.code() == mox::Errc::damaged, "the parser failed other than with damaged");
+    return 0;
+  }
+  size_t seen = 0;
+  for (const mox::PropertySection& section : set.sections) {
+    seen += section.code_page();
+    for (const mox::Property& p : section.properties) {
+      seen += mox::property_label(section, p.id).size() + mox::type_name(p.value.type()).size();
+    }
+    if (section.dictionary) {
+      for (const auto& entry : *section.dictionary) {
+        require(section.id_of(entry.second).has_value(), "a dictionary name finds no id");
+      }
+    }
+  }
+  (void)seen;
+
+  std::vector<uint8_t> first;
+  try {
+    first = mox::serialize_property_set(set);
+  } catch (const mox::Error& e) {
+    require(e.code() == mox::Errc::invalid_argument, "the writer failed other than with invalid_argument");
+    return 0;
+  }
+  try {
+    const mox::PropertySet again = mox::parse_property_set(first.data(), first.size(), "rewritten");
+    require(mox::serialize_property_set(again) == first, "writing what was written changed it");
+  } catch (const mox::Error& e) {
+    fprintf(stderr, "moxfuzz props: %s\n", e.what());
+    require(false, "what the writer wrote does not read back");
+  }
+  return 0;
+}

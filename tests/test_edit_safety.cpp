@@ -45,6 +45,9 @@ class FailingOps : public mox::detail::FileOps {
   ssize_t pwrite(int fd, const void* data, std::size_t count, off_t offset) override {
     return fault("write") ? -1 : FileOps::pwrite(fd, data, count, offset);
   }
+  ssize_t copy_file_range(int in, off_t* inOffset, int out, off_t* outOffset, std::size_t count) override {
+    return fault("copy") ? -1 : FileOps::copy_file_range(in, inOffset, out, outOffset, count);
+  }
   int ftruncate(int fd, off_t size) override { return fault("truncate") ? -1 : FileOps::ftruncate(fd, size); }
   int fsync(int fd) override { return fault("fsync") ? -1 : FileOps::fsync(fd); }
   int rename(const char* from, const char* to) override { return fault("rename") ? -1 : FileOps::rename(from, to); }

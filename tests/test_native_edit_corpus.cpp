@@ -49,7 +49,9 @@ void expectSameBut(const std::map<std::string, Seen>& before, const std::map<std
   for (const auto& [path, seen] : before) {
     auto it = after.find(path);
     ASSERT_NE(it, after.end()) << "lost " << path;
-    if (path != changed) EXPECT_TRUE(it->second == seen) << path;
+    if (path != changed) {
+      EXPECT_TRUE(it->second == seen) << path;
+    }
   }
 }
 

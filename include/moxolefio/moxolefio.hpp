@@ -174,6 +174,9 @@ class MOX_CXX_API CompoundFile {
   // file behind them: commit() then updates what bytes() returns.
   static CompoundFile create(const std::filesystem::path& path, CreateOptions options = {});
   static CompoundFile open_rw(const std::filesystem::path& path);
+  // open_memory_rw copies the bytes.  New and changed stream bytes wait
+  // for commit() in an unlinked scratch file beside the file (in memory
+  // for files in memory), so large streams cost little memory.
   static CompoundFile create_memory(CreateOptions options = {});
   static CompoundFile open_memory_rw(const void* data, std::size_t size);
 
@@ -205,8 +208,17 @@ class MOX_CXX_API CompoundFile {
   std::vector<Defect> check() const;
 
   // --- Editing (files from create, open_rw, create_memory, open_memory_rw) ---
-  // Parent storages that do not exist are created.
-  void create_storage(std::string_view path);
+  // Errc::read_only on a file opened for reading.  Parent storages that do
+  // not exist are created.  Names are 1 to 31 UTF-16 units without '/',
+  // '\\', ':' or '!' (Errc::invalid_argument); two names clash when the
+  // format takes them for one (letter case aside): Errc::exists.
+  //
+  // A Stream of a writable file follows its stream: it stays usable across
+  // commit() and revert() (showing what was committed, or gone back to),
+  // and can no longer be written once its stream is removed or replaced
+  // (Errc::invalid_argument), though it still reads what it held.
+  // Version 3 streams hold at most 4 GiB - 1 bytes.
+  void create_storage(std::string_view path);       // an existing storage is kept
   Stream create_stream(std::string_view path);      // replaces an existing stream
   Stream create_new_stream(std::string_view path);  // Errc::exists when there is one
   void remove(std::string_view path);               // a storage with everything below
@@ -214,6 +226,9 @@ class MOX_CXX_API CompoundFile {
   void move(std::string_view path, std::string_view new_parent_path);
   // A stream or a whole storage from `from` (which may be this file).
   void copy(const CompoundFile& from, std::string_view from_path, std::string_view to_path);
+  // Properties the format gives storages: the class id, state bits and
+  // modification time also of the root, the creation time not (the root's
+  // is the file's own); Errc::invalid_argument for streams.
   void set_clsid(std::string_view path, const std::array<std::uint8_t, 16>& clsid);
   void set_state_bits(std::string_view path, std::uint32_t bits);
   void set_created(std::string_view path, std::uint64_t filetime);
@@ -221,7 +236,10 @@ class MOX_CXX_API CompoundFile {
 
   // Writes the new content to a temporary file beside the original,
   // flushes it, renames it over the original and flushes the folder: the
-  // path always holds the complete old or the complete new file.
+  // path always holds the complete old or the complete new file.  Streams
+  // nobody wrote are copied from the old file.  On Errc::io before the
+  // rename the file and the edits are as they were (commit again); an
+  // error flushing the folder comes after the new file is in place.
   void commit();
   // Drops every change since the last commit.
   void revert();

@@ -90,6 +90,30 @@ void FileSink::zeros(std::uint64_t count) {
   }
 }
 
+void FileSink::copyFrom(int fd, std::uint64_t offset, std::uint64_t count) {
+  flush();
+  FileOps& ops = fileOps();
+  while (count > 0) {
+    off_t in = static_cast<off_t>(offset), out = static_cast<off_t>(offset_);
+    const ssize_t n = ops.copy_file_range(fd, &in, fd_, &out, static_cast<std::size_t>(count));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
+      // No copying between these files in the kernel: through memory.
+      Sink::copyFrom(fd, offset, count);
+      return;
+    }
+    if (n < 0) failed(name_, "write", errno);
+    if (n == 0) {
+      zeros(count);  // past the scratch file's end: never written
+      return;
+    }
+    hole_at_end_ = false;
+    offset += static_cast<std::uint64_t>(n);
+    offset_ += static_cast<std::uint64_t>(n);
+    count -= static_cast<std::uint64_t>(n);
+  }
+}
+
 void FileSink::finish() {
   flush();
   if (hole_at_end_ && fileOps().ftruncate(fd_, static_cast<off_t>(offset_)) != 0) {

@@ -20,6 +20,7 @@ class FileSink : public Sink {
   FileSink(int fd, std::string name);
   void write(const void* data, std::size_t count) override;
   void zeros(std::uint64_t count) override;
+  void copyFrom(int fd, std::uint64_t offset, std::uint64_t count) override;
   // Writes what is buffered and gives the file its full length.
   void finish();
 

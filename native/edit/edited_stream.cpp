@@ -91,6 +91,18 @@ void EditedStream::readPaged(std::uint64_t offset, unsigned char* out, std::size
   }
 }
 
+bool EditedStream::scratchRun(std::uint64_t offset, int* fd, std::uint64_t* at, std::uint64_t* count) const {
+  const std::uint64_t page = offset / kPage;
+  if (inline_ || offset >= size_ || page >= pages_.size() || pages_[page] == kNoPage) return false;
+  *fd = scratch_->descriptor();
+  if (*fd < 0) return false;
+  std::size_t last = static_cast<std::size_t>(page);
+  while (last + 1 < pages_.size() && pages_[last + 1] == pages_[last] + 1) ++last;
+  *at = pages_[page] * kPage + offset % kPage;
+  *count = std::min<std::uint64_t>((last + 1) * kPage, size_) - offset;
+  return true;
+}
+
 void EditedStream::writeAt(std::uint64_t offset, const void* data, std::size_t count) {
   if (count == 0) return;
   const std::uint64_t end = offset + count;

@@ -32,6 +32,11 @@ class EditedStream : public StreamData {
   // The content is now `base` again (after a commit wrote it, or a revert
   // went back to it); what was kept is given back.
   void rebase(std::shared_ptr<StreamData> base);
+  // Where the bytes from `offset` on lie when they are in the scratch file:
+  // its descriptor, the position there and how many stream bytes follow
+  // contiguously; false when they lie elsewhere.  Lets a commit copy them
+  // file to file.
+  bool scratchRun(std::uint64_t offset, int* fd, std::uint64_t* at, std::uint64_t* count) const;
   // The stream left its file (removed, replaced, or gone at a revert):
   // it can still be read, no longer written.
   void detach();

@@ -10,6 +10,9 @@ int FileOps::open(const char* path, int flags, mode_t mode) { return ::open(path
 ssize_t FileOps::pwrite(int fd, const void* data, std::size_t count, off_t offset) {
   return ::pwrite(fd, data, count, offset);
 }
+ssize_t FileOps::copy_file_range(int in, off_t* inOffset, int out, off_t* outOffset, std::size_t count) {
+  return ::copy_file_range(in, inOffset, out, outOffset, count, 0);
+}
 int FileOps::ftruncate(int fd, off_t size) { return ::ftruncate(fd, size); }
 int FileOps::fsync(int fd) { return ::fsync(fd); }
 int FileOps::rename(const char* from, const char* to) { return ::rename(from, to); }

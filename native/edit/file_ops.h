@@ -16,6 +16,7 @@ class FileOps {
   virtual ~FileOps() = default;
   virtual int open(const char* path, int flags, mode_t mode);
   virtual ssize_t pwrite(int fd, const void* data, std::size_t count, off_t offset);
+  virtual ssize_t copy_file_range(int in, off_t* inOffset, int out, off_t* outOffset, std::size_t count);
   virtual int ftruncate(int fd, off_t size);
   virtual int fsync(int fd);
   virtual int rename(const char* from, const char* to);

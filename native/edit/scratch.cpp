@@ -73,7 +73,7 @@ class FileScratch : public Scratch {
   }
 
   void write(std::uint64_t page, std::size_t at, const void* data, std::size_t count) override {
-    const int fd = descriptor();
+    const int fd = open();
     const auto* from = static_cast<const unsigned char*>(data);
     off_t offset = static_cast<off_t>(page * kPageSize + at);
     while (count > 0) {
@@ -119,8 +119,11 @@ class FileScratch : public Scratch {
   // A hole may not have been punched (file systems without it).
   bool keepsReleased() const override { return true; }
 
+ public:
+  int descriptor() const override { return fd_; }
+
  private:
-  int descriptor() {
+  int open() {
     if (fd_ >= 0) return fd_;
     std::vector<std::string> folders;
     if (!folder_.empty()) folders.push_back(folder_.string());

@@ -35,6 +35,8 @@ class Scratch {
 
   virtual void write(std::uint64_t page, std::size_t at, const void* data, std::size_t count) = 0;
   virtual void read(std::uint64_t page, std::size_t at, void* out, std::size_t count) const = 0;
+  // The file the pages are in (page n at n * kPageSize), or -1.
+  virtual int descriptor() const { return -1; }
 
  protected:
   virtual void dropped(std::uint64_t page) = 0;

@@ -1,10 +1,13 @@
 #include "native/edit/serializer.h"
 
+#include <errno.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 
 #include "format/records.h"
+#include "native/edit/edited_stream.h"
 
 namespace mox::detail {
 
@@ -41,6 +44,23 @@ void Sink::zeros(std::uint64_t count) {
     const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(count, sizeof block));
     write(block, n);
     count -= n;
+  }
+}
+
+void Sink::copyFrom(int fd, std::uint64_t offset, std::uint64_t count) {
+  std::vector<unsigned char> buffer(static_cast<std::size_t>(std::min<std::uint64_t>(count, 1 << 20)));
+  while (count > 0) {
+    const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(count, buffer.size()));
+    const ssize_t n = ::pread(fd, buffer.data(), want, static_cast<off_t>(offset));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw Error(Errc::io, std::string("scratch file for stream data: read: ") + strerror(errno));
+    if (n == 0) {
+      zeros(count);
+      return;
+    }
+    write(buffer.data(), static_cast<std::size_t>(n));
+    offset += static_cast<std::uint64_t>(n);
+    count -= static_cast<std::uint64_t>(n);
   }
 }
 
@@ -246,8 +266,19 @@ void Serializer::writeContent(std::uint32_t node, Sink& sink) {
     return;
   }
   const std::uint64_t size = size_[index_[node]];
+  const auto* edited = dynamic_cast<const EditedStream*>(n.data.get());
   for (std::uint64_t at = 0; at < size;) {
-    const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(buffer_.size(), size - at));
+    int fd = -1;
+    std::uint64_t where = 0, count = 0;
+    if (edited != nullptr && edited->scratchRun(at, &fd, &where, &count)) {
+      // Written pages go file to file, not through this process.
+      sink.copyFrom(fd, where, count);
+      at += count;
+      continue;
+    }
+    std::uint64_t limit = std::min<std::uint64_t>(buffer_.size(), size - at);
+    if (edited != nullptr) limit = std::min<std::uint64_t>(limit, Scratch::kPageSize - at % Scratch::kPageSize);
+    const std::size_t want = static_cast<std::size_t>(limit);
     if (n.data->readAt(at, buffer_.data(), want) != want) damaged(node, "the stream is shorter than its size");
     sink.write(buffer_.data(), want);
     at += want;

@@ -28,6 +28,8 @@ class Sink {
   virtual void write(const void* data, std::size_t count) = 0;
   // `count` zero bytes; a file may leave a hole instead.
   virtual void zeros(std::uint64_t count);
+  // `count` bytes of the file `fd` from `offset` (zeros past its end).
+  virtual void copyFrom(int fd, std::uint64_t offset, std::uint64_t count);
 };
 
 class MemorySink : public Sink {

@@ -161,7 +161,8 @@ MOXVOS_API void* moxvos_realloc(void* pointer, uint64_t size);
  * block: the block is released (once) and null returned.  Otherwise
  * realloc(pointer, size). */
 MOXVOS_API void* moxvos_Saferealloc(void* pointer, uint64_t size);
-/* malloc(size) with no limit of its own and no extra alignment. */
+/* malloc(size) with no limit of its own and no extra alignment; null
+ * (ENOMEM) without a call past PTRDIFF_MAX, which no allocator can give. */
 MOXVOS_API void* moxvos_valloc(uint64_t size);
 /* free(pointer); null is ignored. */
 MOXVOS_API void moxvos_free(void* pointer);

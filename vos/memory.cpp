@@ -1,5 +1,7 @@
 // Bounded allocation: sizes above 2^31 - 1 never reach the allocator, so a
 // size computed from hostile input fails cleanly instead of succeeding.
+#include <errno.h>
+#include <stdint.h>
 #include <stdlib.h>
 
 #include "moxvos.h"
@@ -39,7 +41,15 @@ MOXVOS_API void* moxvos_Saferealloc(void* pointer, uint64_t size) {
   return realloc(pointer, size);
 }
 
-MOXVOS_API void* moxvos_valloc(uint64_t size) { return malloc(size); }
+// No limit of its own, but a size past PTRDIFF_MAX is one no allocator can
+// give, so it is not asked for.
+MOXVOS_API void* moxvos_valloc(uint64_t size) {
+  if (size > static_cast<uint64_t>(PTRDIFF_MAX)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return malloc(size);
+}
 
 MOXVOS_API void moxvos_free(void* pointer) {
   if (pointer != nullptr) free(pointer);

@@ -13,6 +13,7 @@
 #include <cinttypes>
 #include <cmath>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -844,6 +845,139 @@ TEST(SectionEdits, NamedPropertiesGetFreshIdsAndNamesFollowCaseRules) {
   EXPECT_EQ(mox::property_name(mox::kUserDefinedProperties, 5), nullptr);
   EXPECT_EQ(mox::guid_from_string(mox::guid_to_string(mox::kDocSummaryInformation)), mox::kDocSummaryInformation);
   EXPECT_EQ(mox::guid_to_string(mox::kSummaryInformation), "F29F85E0-4FF9-1068-AB91-08002B27B3D9");
+}
+
+// --- Writing into a document ----------------------------------------------------------
+
+// Property sets of top-level streams as Apache POI reads them: per stream,
+// per section, "id\tname\tkind\tvalue" lines.  Empty when POI or a Java
+// compiler is missing.
+using PoiSets = std::map<std::string, std::vector<std::vector<std::string>>>;
+PoiSets runPoi(const std::string& file, const std::vector<std::string>& streams) {
+  static const moxhost::ScratchDir classes;
+  static const bool compiled =
+      moxtest::slurp("/usr/share/java/poi.jar").size() > 0 &&
+      moxtest::runProgram({"javac", "-cp", "/usr/share/java/poi.jar", "-d", classes.path(),
+                           std::string(MOX_SOURCE_DIR) + "/tests/oracles/PoiProperties.java"}).status == 0;
+  PoiSets out;
+  if (!compiled) return out;
+  std::vector<std::string> argv = {"java", "-cp",
+                                   classes.path() + ":/usr/share/java/poi.jar:/usr/share/java/commons-collections4.jar:"
+                                                    "/usr/share/java/commons-math3.jar",
+                                   "PoiProperties", file};
+  argv.insert(argv.end(), streams.begin(), streams.end());
+  const moxtest::ProgramResult r = moxtest::runProgram(argv);
+  EXPECT_EQ(r.status, 0) << r.err;
+  std::istringstream lines(r.out);
+  std::vector<std::vector<std::string>>* sections = nullptr;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("F ", 0) == 0) sections = &out[line.substr(2)];
+    if (line.rfind("S ", 0) == 0 && sections) sections->emplace_back();
+    if (line.rfind("P\t", 0) == 0 && sections && !sections->empty()) sections->back().push_back(line.substr(2));
+  }
+  return out;
+}
+
+// How POI prints the values it decodes the same way as this library;
+// nullopt for the rest (dates, vectors, dictionaries...).
+std::optional<std::string> poiView(const mox::PropertyValue& value) {
+  const mox::PropertyVariant& v = value.variant();
+  if (auto p = std::get_if<mox::CodePageString>(&v)) return "str\t" + p->text;
+  if (auto p = std::get_if<std::int32_t>(&v)) return "int\t" + std::to_string(*p);
+  if (auto p = std::get_if<std::int16_t>(&v)) return "int\t" + std::to_string(*p);
+  if (auto p = std::get_if<bool>(&v)) return std::string("bool\t") + (*p ? "true" : "false");
+  return std::nullopt;
+}
+
+void expectPoiAgrees(const mox::PropertySet& set, const std::vector<std::vector<std::string>>& seen) {
+  ASSERT_EQ(seen.size(), set.sections.size());
+  for (std::size_t s = 0; s < seen.size(); ++s) {
+    const mox::PropertySection& section = set.sections[s];
+    std::size_t compared = 0;
+    for (const std::string& line : seen[s]) {
+      const std::vector<std::string> f = manifest::split(line, '\t');
+      ASSERT_GE(f.size(), 4u) << line;
+      const auto id = static_cast<std::uint32_t>(std::stoul(f[0]));
+      const mox::PropertyValue* mine = section.get(id);
+      if (id == mox::pid::dictionary || mine == nullptr) continue;
+      const std::optional<std::string> view = poiView(*mine);
+      if (!view) continue;
+      std::string theirs = f[2];
+      for (std::size_t k = 3; k < f.size(); ++k) theirs += "\t" + f[k];
+      EXPECT_EQ(theirs, *view) << "property " << id;
+      if (section.dictionary && section.dictionary->count(id)) EXPECT_EQ(f[1], section.dictionary->at(id));
+      ++compared;
+    }
+    EXPECT_GT(compared, 0u) << "section " << s;
+  }
+}
+
+// Title, author and a user-defined property set in a real document: the
+// file committed in place holds the new values as olefile, gsf and POI
+// read them, and every other stream is as it was.
+TEST(PropertyEdits, TitleAuthorAndAUserPropertyOfACorpusDocument) {
+  const std::string original = std::string(MOX_CORPUS_DIR) + "/poi/Bug50936_1.doc";
+  if (moxtest::slurp(original).empty()) GTEST_SKIP() << "no corpus at " << MOX_CORPUS_DIR;
+  moxhost::ScratchDir scratch;
+  const std::string copy = save(scratch, "edited.doc", [&] {
+    const std::string bytes = moxtest::slurp(original);
+    return std::vector<std::uint8_t>(bytes.begin(), bytes.end());
+  }());
+  const std::string si(mox::kSummaryInformationStream), dsi(mox::kDocSummaryInformationStream);
+  Sets sets;
+  {
+    mox::CompoundFile f = mox::CompoundFile::open_rw(copy);
+    sets[si] = mox::read_property_set(f, si);
+    sets[dsi] = mox::read_property_set(f, dsi);
+    mox::PropertySection& summary = sets[si].sections.at(0);
+    summary.set(mox::summary::title, mox::CodePageString("A title written here"));
+    summary.set(mox::summary::author, mox::CodePageString("Zoë Ørsted"));
+    sets[dsi].section_or_add(mox::kUserDefinedProperties, 1252).set_named("Client", mox::CodePageString("ACME"));
+    for (const auto& [path, set] : sets) mox::write_property_set(f, path, set);
+    f.commit();
+  }
+
+  const mox::CompoundFile before = mox::CompoundFile::open(original);
+  const mox::CompoundFile after = mox::CompoundFile::open(copy);
+  for (const auto& [path, set] : sets) EXPECT_TRUE(mox::read_property_set(after, path) == set) << path;
+  std::vector<std::string> pathsBefore, pathsAfter;
+  for (const mox::Entry& e : after.walk()) pathsAfter.push_back(e.path);
+  for (const mox::Entry& e : before.walk()) {
+    pathsBefore.push_back(e.path);
+    if (e.is_stream() && !sets.count(e.path)) {
+      EXPECT_TRUE(after.open_stream(e.path).read_all() == before.open_stream(e.path).read_all()) << e.path;
+    }
+  }
+  std::sort(pathsBefore.begin(), pathsBefore.end());
+  std::sort(pathsAfter.begin(), pathsAfter.end());
+  EXPECT_EQ(pathsAfter, pathsBefore);
+
+  const std::string python = moxtest::olefilePython();
+  if (!python.empty()) {
+    std::map<std::uint32_t, std::string> pathOf;
+    for (const mox::Entry& e : after.walk()) pathOf[e.id] = e.path;
+    const auto seen = runOlefile(python, copy);
+    EXPECT_EQ(seen.size(), sets.size());
+    for (const auto& [id, props] : seen) {
+      SCOPED_TRACE("olefile, " + pathOf[id]);
+      expectOlefileAgrees(sets.at(pathOf[id]), props);
+    }
+  }
+  if (haveGsf()) {
+    const auto printed = runGsf(copy);
+    expectGsfAgrees(sets, printed);
+    EXPECT_EQ(printed.count("dc:title"), 1u);
+    EXPECT_EQ(printed.count("Client"), 1u);
+  }
+  const PoiSets poi = runPoi(copy, {si, dsi});
+  if (poi.empty()) {
+    std::cerr << "POI or javac missing: POI's view not compared\n";
+  } else {
+    for (const auto& [path, set] : sets) {
+      SCOPED_TRACE("POI, " + path);
+      expectPoiAgrees(set, poi.at(path));
+    }
+  }
 }
 
 // --- moxole props ----------------------------------------------------------------------

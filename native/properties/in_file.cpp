@@ -33,4 +33,11 @@ PropertySet read_property_set(const CompoundFile& file, std::string_view path) {
   return parse_property_set(bytes.data(), bytes.size(), printable(path));
 }
 
+void write_property_set(CompoundFile& file, std::string_view path, const PropertySet& set) {
+  // Serialised first: a set that cannot be written leaves the old stream.
+  const std::vector<std::uint8_t> bytes = serialize_property_set(set);
+  Stream stream = file.create_stream(path);
+  stream.write(bytes.data(), bytes.size());
+}
+
 }  // namespace mox

@@ -119,6 +119,15 @@ class OleMetadata:
 _FILETIME_EPOCH = datetime.datetime(1601, 1, 1)
 
 
+def _property_value(value):
+    # Datetimes travel as FILETIME ticks (naive ones taken as UTC).
+    if isinstance(value, datetime.datetime):
+        if value.tzinfo is not None:
+            value = value.astimezone(datetime.timezone.utc).replace(tzinfo=None)
+        return ('filetime', (value - _FILETIME_EPOCH) // datetime.timedelta(microseconds=1) * 10)
+    return value
+
+
 class OleDirectoryEntry:
     """One entry of the file as olefile describes it (a snapshot: entries
     of a file in write mode are not updated by later edits)."""
@@ -301,6 +310,38 @@ class OleFileIO(_native.File):
         self.metadata.parse_properties(self)
         return self.metadata
 
+    def setproperties(self, filename, properties=None, user_defined=None):
+        """Changes properties of a property set stream in write mode, making
+        the stream when missing (only the two summary streams can be made
+        from nothing).  ``properties`` maps ids of the first section to
+        values, ``user_defined`` names of the user-defined section (of
+        "\\x05DocumentSummaryInformation") to values: str and bytes are
+        written as strings of the section's code page (bytes given as
+        getproperties gives them), int, float and bool as such, datetimes as
+        FILETIMEs, None removes.  Every other property stays as it was."""
+        self._set_properties(filename, [(pid, _property_value(v)) for pid, v in (properties or {}).items()],
+                             [(name, _property_value(v)) for name, v in (user_defined or {}).items()])
+
+    def set_metadata(self, **values):
+        """Sets standard properties by OleMetadata's attribute names, e.g.
+        ``set_metadata(title='Report', author='Ann')``; total_edit_time is
+        a number of seconds."""
+        streams = {'\x05SummaryInformation': {}, '\x05DocumentSummaryInformation': {}}
+        for name, value in values.items():
+            for stream, names in (('\x05SummaryInformation', OleMetadata.SUMMARY_ATTRIBS),
+                                  ('\x05DocumentSummaryInformation', OleMetadata.DOCSUM_ATTRIBS)):
+                if name in names:
+                    break
+            else:
+                raise TypeError('OleMetadata has no attribute %r' % name)
+            pid = names.index(name) + 1
+            if name == 'total_edit_time' and value is not None:
+                value = ('filetime', int(value) * 10000000)
+            streams[stream][pid] = value
+        for stream, properties in streams.items():
+            if properties:
+                self.setproperties(stream, properties)
+
     # --- Editing -------------------------------------------------------------
 
     def write_stream(self, stream_name, data):
@@ -345,6 +386,7 @@ class OleFileIO(_native.File):
 
     if not _native.EDITING:
         write_stream = create_storage = remove = rename = set_clsid = commit = revert = _not_editable
+        setproperties = set_metadata = _not_editable
 
 
 def create(path, version=4):

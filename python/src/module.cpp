@@ -11,7 +11,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <optional>
+#include <tuple>
 
 namespace moxpy {
 
@@ -437,27 +439,44 @@ class File {
 #if MOXPY_EDITING
   void writeStream(py::handle path, py::buffer data) {
     requireWritable();
-    const std::vector<std::string> names = Index::split(path);
-    if (names.empty()) throw py::value_error("the root is not a stream");
     py::buffer_info info = data.request();
-    const auto [at, found] = index_.resolvePrefix(names);
-    std::string native;
-    if (found == names.size()) {
-      if (index_.node(at).type != kTypeStream) raiseOsError("this is not a stream");
-      native = index_.nativePath(at);
-    } else {
-      if (index_.node(at).type == kTypeStream) raiseOsError("a stream cannot hold other entries");
-      native = index_.nativePath(at);
-      for (std::size_t k = found; k < names.size(); ++k) native += "/" + names[k];
-    }
+    const StreamTarget target = streamTarget(path);
     try {
-      mox::Stream stream = cf_->create_stream(native);
+      mox::Stream stream = cf_->create_stream(target.native);
       stream.write(info.ptr, static_cast<std::size_t>(info.size * info.itemsize));
     } catch (const mox::Error& e) {
       raise(e, state_->name);
     }
-    state_->modified = true;
-    addMissing(at, names, found, kTypeStream);
+    written(target);
+  }
+
+  // Changes properties of a property set stream, made when missing: `items`
+  // are (id, value) pairs of its first section, `named` (name, value) pairs
+  // of the user-defined section; None removes.
+  void setProperties(py::handle path, py::list items, py::list named) {
+    requireWritable();
+    const StreamTarget target = streamTarget(path);
+    mox::PropertySet set;
+    try {
+      if (target.exists) set = mox::read_property_set(*cf_, target.native);
+      if (set.sections.empty()) set.sections.push_back(newSection(target.native));
+      mox::PropertySection& first = set.sections.front();
+      for (py::handle item : items) {
+        const auto id = item[py::int_(0)].cast<std::uint32_t>();
+        py::object value = item[py::int_(1)];
+        if (value.is_none()) {
+          first.remove(id);
+        } else {
+          first.set(id, propertyValue(value, first.code_page()));
+        }
+      }
+      if (!named.empty()) setNamed(set, named);
+      mox::write_property_set(*cf_, target.native, set);
+    } catch (const mox::Error& e) {
+      if (e.code() == mox::Errc::invalid_argument) throw py::value_error(e.what());
+      raise(e, state_->name);
+    }
+    written(target);
   }
 
   void createStorage(py::handle path) {
@@ -554,6 +573,106 @@ class File {
       raise(e, state_->name);
     }
     return py::bytes(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  }
+#endif
+
+#if MOXPY_EDITING
+  // Where a stream to be written goes: its native path, and what of the
+  // path exists already (for the index to learn the rest).
+  struct StreamTarget {
+    std::string native;
+    std::vector<std::string> names;
+    std::uint32_t at = 0;
+    std::size_t found = 0;
+    bool exists = false;
+  };
+
+  StreamTarget streamTarget(py::handle path) {
+    StreamTarget t;
+    t.names = Index::split(path);
+    if (t.names.empty()) throw py::value_error("the root is not a stream");
+    std::tie(t.at, t.found) = index_.resolvePrefix(t.names);
+    t.native = index_.nativePath(t.at);
+    t.exists = t.found == t.names.size();
+    if (t.exists) {
+      if (index_.node(t.at).type != kTypeStream) raiseOsError("this is not a stream");
+    } else {
+      if (index_.node(t.at).type == kTypeStream) raiseOsError("a stream cannot hold other entries");
+      for (std::size_t k = t.found; k < t.names.size(); ++k) t.native += "/" + t.names[k];
+    }
+    return t;
+  }
+
+  void written(const StreamTarget& t) {
+    state_->modified = true;
+    addMissing(t.at, t.names, t.found, kTypeStream);
+  }
+
+  // A new set's first section: the format id its stream's name calls for.
+  static mox::PropertySection newSection(const std::string& native) {
+    const std::string name = native.substr(native.rfind('/') + 1);
+    mox::PropertySection section;
+    if (name == mox::kSummaryInformationStream) {
+      section.format_id = mox::kSummaryInformation;
+    } else if (name == mox::kDocSummaryInformationStream) {
+      section.format_id = mox::kDocSummaryInformation;
+    } else {
+      throw py::value_error("only the two summary information streams can be made from nothing");
+    }
+    section.set_code_page(1252);
+    return section;
+  }
+
+  void setNamed(mox::PropertySet& set, py::list named) {
+    if (set.sections.front().format_id != mox::kDocSummaryInformation) {
+      throw py::value_error("user-defined properties live in the document summary information stream");
+    }
+    mox::PropertySection& user = set.section_or_add(mox::kUserDefinedProperties, set.sections.front().code_page());
+    for (py::handle item : named) {
+      const auto name = item[py::int_(0)].cast<std::string>();
+      py::object value = item[py::int_(1)];
+      if (!value.is_none()) {
+        user.set_named(name, propertyValue(value, user.code_page()));
+      } else if (const auto id = user.id_of(name)) {
+        user.remove(*id);
+      }
+    }
+  }
+
+  // A Python value as the property olefile would read back as it: bytes
+  // and str as strings of the section's code page, ints as 32-bit integers
+  // where they fit, ("filetime", ticks) as a FILETIME.
+  static mox::PropertyValue propertyValue(py::handle value, std::uint16_t codePage) {
+    if (py::isinstance<py::bool_>(value)) return value.cast<bool>();
+    if (py::isinstance<py::int_>(value)) {
+      const auto v = value.cast<long long>();
+      if (v >= INT32_MIN && v <= INT32_MAX) return static_cast<std::int32_t>(v);
+      if (v >= 0 && v <= static_cast<long long>(UINT32_MAX)) return static_cast<std::uint32_t>(v);
+      return static_cast<std::int64_t>(v);
+    }
+    if (py::isinstance<py::float_>(value)) return value.cast<double>();
+    if (py::isinstance<py::tuple>(value) && py::len(value) == 2 && value[py::int_(0)].cast<std::string>() == "filetime") {
+      return mox::FileTime{value[py::int_(1)].cast<std::uint64_t>()};
+    }
+    if (py::isinstance<py::bytes>(value)) {
+      mox::CodePageString s(py::str(value.attr("decode")(codecName(codePage))).cast<std::string>());
+      s.bytes = value.cast<std::string>();
+      return s;
+    }
+    if (py::isinstance<py::str>(value)) {
+      if (codePage != 1200) return mox::CodePageString(value.cast<std::string>());
+      const std::string units = py::bytes(value.attr("encode")("utf-16-le")).cast<std::string>();
+      std::u16string text(units.size() / 2, u'\0');
+      std::memcpy(text.data(), units.data(), text.size() * 2);
+      return text;
+    }
+    throw py::type_error("a property value is bool, int, float, str, bytes or a datetime");
+  }
+
+  static std::string codecName(std::uint16_t codePage) {
+    if (codePage == 1200) return "utf-16-le";
+    if (codePage == 65001) return "utf-8";
+    return "cp" + std::to_string(codePage);
   }
 #endif
 
@@ -738,6 +857,7 @@ PYBIND11_MODULE(_moxolefio, m) {
       .def_property_readonly("sector_size", &File::sectorSize)
 #if MOXPY_EDITING
       .def("_write_stream", &File::writeStream)
+      .def("_set_properties", &File::setProperties)
       .def("_create_storage", &File::createStorage)
       .def("_remove", &File::remove)
       .def("_rename", &File::rename)

@@ -1,11 +1,10 @@
-// Fuzz target: the input is a program of edits on a file made in memory
-// with the C++ interface.  A map from path to type and bytes predicts what
-// each edit does, including whether it fails (a failed edit changes
-// nothing); at each commit and at the end the file's bytes are opened
-// again and must hold exactly the model, with no defect that check() calls
-// an error.  Byte 0 picks the version; then op byte, arguments, until the
-// input ends.  Paths are one byte (depth, leading '/') and a byte per name
-// from a small list, two of them names the format cannot hold.
+// Fuzz target: a program of edits on a file made in memory with the C++
+// interface.  A map from path to type and bytes predicts each edit,
+// failures included (a failed edit changes nothing); at each commit and at
+// the end the file's bytes, opened again, must hold exactly the model with
+// no defect check() calls an error.  Byte 0 picks the version, then op
+// bytes with their paths (a depth byte and a name byte per level, from a
+// list with two names the format cannot hold) and arguments.
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -18,10 +17,10 @@
 
 namespace {
 
-using Parts = std::vector<std::string>;
-struct Item { bool storage; std::vector<uint8_t> data; };
-using Model = std::map<std::string, Item>;
 using Bytes = std::vector<uint8_t>;
+using Parts = std::vector<std::string>;
+struct Item { bool storage; Bytes data; };
+using Model = std::map<std::string, Item>;
 
 void require(bool condition, const char* what, const std::string& detail = "") {
   if (!condition) fprintf(stderr, "moxfuzz edit: %s %s\n", what, detail.c_str()), abort();
@@ -35,15 +34,13 @@ std::string join(const Parts& p, size_t count) {
   for (size_t i = 0; i < count; ++i) s += (i ? "/" : "") + p[i];
   return s;
 }
-// The item a path names; null for the root, `missing` when there is none.
+// The item a path names: null for the root, `missing` when there is none.
 Item* find(Model& m, const Parts& p, Item* missing) {
   for (const std::string& n : p) if (!valid(n)) return missing;
-  if (p.empty()) return nullptr;
   auto it = m.find(join(p, p.size()));
-  return it == m.end() ? missing : &it->second;
+  return p.empty() ? nullptr : it == m.end() ? missing : &it->second;
 }
-// Whether the first `count` names can be storages (existing or made), and
-// makes them when `make`.
+// Whether the first `count` names are or can be made storages; makes them when `make`.
 bool storages(Model& m, const Parts& p, size_t count, bool make) {
   for (size_t i = 1; i <= count; ++i) {
     auto it = m.find(join(p, i));
@@ -52,8 +49,6 @@ bool storages(Model& m, const Parts& p, size_t count, bool make) {
   for (size_t i = 1; make && i <= count; ++i) m.emplace(join(p, i), Item{true, {}});
   return true;
 }
-
-// Every path, type and byte of `f` against the model.
 void verify(const mox::CompoundFile& f, const Model& m) {
   const std::vector<mox::Entry> all = f.walk();
   require(all.size() == m.size() + 1, "entry count differs from the model");
@@ -71,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzInput in(data, size);
   mox::CompoundFile file = mox::CompoundFile::create_memory({in.byte() & 1 ? 3 : 4});
   Model model, committed;
-  std::vector<uint8_t> snapshotBytes;
+  Bytes snapshotBytes;
   std::unique_ptr<mox::CompoundFile> snapshot;  // the last commit, opened for reading
   mox::Stream handle;                           // the stream last made or opened
   std::string handlePath;
@@ -86,106 +81,89 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     model.insert(moved.begin(), moved.end());
   };
   while (!in.empty()) {
-    const uint8_t op = in.byte();
+    const uint8_t op = in.byte(), kind = op % 12;
     Parts p(in.byte() % 4), q(op & 0x40 ? 0 : in.byte() % 4);
     for (std::string& n : p) n = kNames[in.byte() % 8];
     for (std::string& n : q) n = kNames[in.byte() % 8];
     // A first empty name needs the leading '/' to stay a name.
-    const std::string key = join(p, p.size()), qkey = join(q, q.size());
+    const std::string key = join(p, p.size()), qkey = join(q, q.size()), n = q.empty() ? "x" : q.back();
     const std::string a = (!p.empty() && (p[0].empty() || op & 0x80) ? "/" : "") + key;
     const std::string b = (!q.empty() && q[0].empty() ? "/" : "") + qkey;
     Item missing{}, *item = find(model, p, &missing), *target = find(model, q, &missing);
     const bool named = item != &missing && item != nullptr, stream = named && !item->storage;
-    const std::string to = qkey + (q.empty() ? "" : "/") + (named ? p.back() : "");
-    const std::string renamed = join(p, p.size() - named) + (p.size() > 1 ? "/" : "") + (q.empty() ? "x" : q.back());
-    const size_t length = op % 12 >= 2 && op % 12 <= 4 ? in.u16() & 0x3FFF : 0;
-    if (op % 12 >= 2 && op % 12 <= 4 && !(handleLive || (haveHandle && op % 12 < 4))) continue;
+    const std::string moved = qkey + (q.empty() ? "" : "/") + (named ? p.back() : "");
+    const std::string renamed = join(p, p.size() - named) + (p.size() > 1 ? "/" : "") + n;
+    const size_t length = kind >= 2 && kind <= 4 ? in.u16() & 0x3FFF : 0;
+    if (kind >= 2 && kind <= 4 && !(handleLive || (haveHandle && kind < 4))) continue;
     Bytes spare, &bytes = handleLive ? model[handlePath].data : spare;
+    Model& source = (op & 0x20) && snapshot ? committed : model;  // of a copy
+    Item* top = find(source, p, &missing);
     bool ok = false;
     try {
-      switch (op % 12) {
-        case 0:
-          ok = storages(model, p, p.size(), false);
-          file.create_storage(a);
-          storages(model, p, p.size(), true);
-          break;
-        case 1:  // replaces a stream, never a storage
-          ok = !p.empty() && valid(p.back()) && storages(model, p, p.size() - 1, false) && (!named || stream);
-          handle = file.create_stream(a);
-          storages(model, p, p.size() - 1, true);
-          model[key] = Item{false, {}}, handlePath = key, haveHandle = handleLive = true, position = 0;
-          break;
-        case 2: {  // write, which fails once the stream is gone (unless empty)
-          ok = handleLive || length == 0;
-          std::vector<uint8_t> chunk(length);
-          moxfuzz::fillPattern(chunk.data(), length, 0, in.byte(), position);
-          handle.write(chunk.data(), length);
-          if (length > 0) bytes.resize(std::max(bytes.size(), position + length));
-          if (length > 0) std::copy(chunk.begin(), chunk.end(), bytes.begin() + position);
-          position += length;
-          break;
+      if (kind == 0) {
+        ok = storages(model, p, p.size(), false);
+        file.create_storage(a);
+        storages(model, p, p.size(), true);
+      } else if (kind == 1) {  // replaces a stream, never a storage
+        ok = !p.empty() && valid(p.back()) && storages(model, p, p.size() - 1, false) && (!named || stream);
+        handle = file.create_stream(a);
+        storages(model, p, p.size() - 1, true);
+        model[key] = Item{false, {}}, handlePath = key, haveHandle = handleLive = true, position = 0;
+      } else if (kind == 2) {  // fails once the stream is gone, unless empty
+        ok = handleLive || length == 0;
+        Bytes chunk(length);
+        moxfuzz::fillPattern(chunk.data(), length, 0, in.byte(), position);
+        handle.write(chunk.data(), length);
+        if (length > 0) bytes.resize(std::max(bytes.size(), position + length));
+        if (length > 0) std::copy(chunk.begin(), chunk.end(), bytes.begin() + position);
+        position += length;
+      } else if (kind == 3) {
+        ok = handleLive;
+        handle.set_size(length), bytes.resize(length);
+      } else if (kind == 4) {  // seek, and read what the model holds there
+        ok = true;
+        Bytes got(300);
+        require(handle.seek(length) == length, "seek");
+        got.resize(handle.read(got.data(), got.size()));
+        position = length + got.size();
+        require(got == Bytes(bytes.begin() + std::min(bytes.size(), length), bytes.begin() + std::min(bytes.size(), position)), "a read differs");
+      } else if (kind == 5) {
+        ok = named;
+        file.remove(a);
+        handleLive = handleLive && !under(handlePath, key);
+        for (auto it = model.begin(); it != model.end();) it = under(it->first, key) ? model.erase(it) : std::next(it);
+      } else if (kind == 6) {  // to q's last name, in the same storage
+        ok = named && valid(n) && (renamed == key || !model.count(renamed));
+        file.rename(a, n);
+        follow(key, renamed);
+      } else if (kind == 7) {  // into storage q
+        ok = named && target != &missing && (!target || target->storage) && !under(qkey, key) && (moved == key || !model.count(moved));
+        file.move(a, b);
+        follow(key, moved);
+      } else if (kind == 8) {  // p, of this file or of the last commit, to q
+        ok = top != &missing && !q.empty() && valid(q.back()) && storages(model, q, q.size() - 1, false) && target == &missing;
+        file.copy(&source == &committed ? *snapshot : file, a, b);
+        Model added{{qkey, top ? *top : Item{true, {}}}};
+        for (const auto& e : source) {
+          if (e.first != key && under(e.first, key)) added[qkey + e.first.substr(key.size())] = e.second;
+          if (key.empty()) added[qkey + "/" + e.first] = e.second;
         }
-        case 3:
-          ok = handleLive;
-          handle.set_size(length), bytes.resize(length);
-          break;
-        case 4: {  // seek and read back
-          ok = true;
-          std::vector<uint8_t> got(300);
-          require(handle.seek(length) == length, "seek");
-          got.resize(handle.read(got.data(), got.size()));
-          position = length + got.size();
-          require(got == Bytes(bytes.begin() + std::min(bytes.size(), length), bytes.begin() + std::min(bytes.size(), position)), "a read differs");
-          break;
-        }
-        case 5:
-          ok = named;
-          file.remove(a);
-          handleLive = handleLive && !under(handlePath, key);
-          for (auto it = model.begin(); it != model.end();) it = under(it->first, key) ? model.erase(it) : std::next(it);
-          break;
-        case 6:  // to q's last name, in the same storage
-          ok = named && valid(q.empty() ? "x" : q.back()) && (renamed == key || !model.count(renamed));
-          file.rename(a, q.empty() ? "x" : q.back());
-          follow(key, renamed);
-          break;
-        case 7:  // into q
-          ok = named && target != &missing && (!target || target->storage) && !under(qkey, key) && (to == key || !model.count(to));
-          file.move(a, b);
-          follow(key, to);
-          break;
-        case 8: {  // p of this file or of the last commit to q
-          const bool old = (op & 0x20) && snapshot;
-          Model& source = old ? committed : model;
-          Item* top = find(source, p, &missing);
-          ok = top != &missing && !q.empty() && valid(q.back()) && storages(model, q, q.size() - 1, false) && target == &missing;
-          file.copy(old ? *snapshot : file, a, b);
-          Model added{{qkey, top ? *top : Item{true, {}}}};
-          for (const auto& e : source) {
-            if (e.first != key && under(e.first, key)) added[qkey + e.first.substr(key.size())] = e.second;
-            if (key.empty()) added[qkey + "/" + e.first] = e.second;
-          }
-          storages(model, q, q.size() - 1, true);
-          model.insert(added.begin(), added.end());
-          break;
-        }
-        case 9:
-          ok = true;
-          file.commit();
-          committed = model, snapshot.reset(), snapshotBytes = file.bytes();
-          snapshot = std::make_unique<mox::CompoundFile>(mox::CompoundFile::open_memory(snapshotBytes.data(), snapshotBytes.size()));
-          verify(*snapshot, model);
-          break;
-        case 10:
-          ok = true;
-          file.revert();
-          model = committed, handle = mox::Stream(), haveHandle = handleLive = false;
-          break;
-        case 11:
-          ok = stream;
-          handle = file.open_stream(a);
-          handlePath = key, haveHandle = handleLive = true, position = 0;
-          break;
+        storages(model, q, q.size() - 1, true);
+        model.insert(added.begin(), added.end());
+      } else if (kind == 9) {
+        ok = true;
+        file.commit();
+        committed = model, snapshot.reset(), snapshotBytes = file.bytes();
+        snapshot = std::make_unique<mox::CompoundFile>(mox::CompoundFile::open_memory(snapshotBytes.data(), snapshotBytes.size()));
+        verify(*snapshot, model);
+      } else if (kind == 10) {
+        ok = true;
+        file.revert();
+        model = committed, handle = mox::Stream(), haveHandle = handleLive = false;
+      } else {
+        ok = stream;
+        handle = file.open_stream(a);
+        handlePath = key, haveHandle = handleLive = true, position = 0;
       }
     } catch (const mox::Error& e) {
       require(!ok, "an edit the model allows failed:", e.what());
@@ -194,7 +172,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(ok, "an edit the model refuses succeeded:", a);
   }
   verify(file, model);
-  const std::vector<uint8_t> bytes = file.bytes();
+  const Bytes bytes = file.bytes();
   verify(mox::CompoundFile::open_memory(bytes.data(), bytes.size()), model);
   return 0;
 }

@@ -150,7 +150,7 @@ coverage() {
 # documents can be large, and the kept corpus is meant to stay small.
 kept_len() {
   case "$1" in
-    read|native|props) echo 16384 ;;
+    read|native|props) echo 8192 ;;
     *) echo 4096 ;;
   esac
 }
@@ -168,8 +168,11 @@ merge() {  # target
   mkdir -p "$work/candidates" "$work/merged" "$kept/$target" "$build/corpus/$target"
   local limit
   limit=$(kept_len "$target")
-  find "$kept/$target" "$build/corpus/$target" -type f -size -"$((limit + 1))"c \
-    -exec cp -t "$work/candidates" {} +
+  # The fuzzer names inputs by their hash: a name in both is the same input.
+  local from
+  for from in "$kept/$target" "$build/corpus/$target"; do
+    find "$from" -type f -size -"$((limit + 1))"c -exec cp -f -t "$work/candidates" {} +
+  done
   local scratch
   scratch=$(mktemp -d "$scratch_base/moxfuzz-run-XXXXXX")
   TMPDIR="$scratch" "$build/fuzz/fuzz_$target" -merge=1 -timeout=30 -rss_limit_mb=2048 \
@@ -187,8 +190,9 @@ merge() {  # target
   done
   rm -rf "${kept:?}/$target"
   mv "$work/merged" "$kept/$target"
-  echo "fuzz $target: kept $(find "$kept/$target" -type f | wc -l) inputs," \
-    "$(du -sk "$kept/$target" | cut -f1) kB, in fuzz/corpus/$target"
+  echo "fuzz $target: kept $(find "$kept/$target" -type f | wc -l) inputs of" \
+    "$(find "$kept/$target" -type f -printf '%s\n' | awk '{ n += $1 } END { print n + 0 }') bytes" \
+    "in fuzz/corpus/$target"
 }
 
 what=${1:-all}

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "moxolefio/moxolefio.hpp"
+#include "format/names.h"
 #include "native/check.h"
 #include "native/file_impl.h"
 #include "native/stream_impl.h"
@@ -120,6 +121,18 @@ Stream CompoundFile::open_stream(std::string_view path) const {
   const std::uint32_t node = impl_->require(path);
   if (impl_->writable) return impl_->openWritable(node, impl_->tree.pathOf(node));
   return impl_->openStream(node, impl_->tree.pathOf(node));
+}
+
+Stream CompoundFile::open_stream(const Entry& entry) const {
+  const std::shared_ptr<const detail::Image>& image = impl_->image;
+  if (!impl_->writable && image && entry.type == EntryType::stream && entry.id != 0 &&
+      entry.id < image->entryCount()) {
+    const moxfmt::EntryRecord record = image->entry(entry.id);
+    if (record.type == moxfmt::kTypeStream && moxfmt::utf16ToUtf8(record.name, record.nameLength()) == entry.name) {
+      return makeStream(detail::openStoredStream(image, entry.id, entry.path), entry.path);
+    }
+  }
+  return open_stream(entry.path);
 }
 
 std::vector<Defect> CompoundFile::check() const {

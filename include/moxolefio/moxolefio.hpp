@@ -203,6 +203,11 @@ class MOX_CXX_API CompoundFile {
   std::vector<Entry> walk() const;
 
   Stream open_stream(std::string_view path) const;
+  // The stream an entry of walk() or children() names.  On a file opened
+  // for reading the entry's directory number finds it with no lookup by
+  // path (many streams open that much faster); otherwise, or when the
+  // number no longer holds a stream of that name, its path is looked up.
+  Stream open_stream(const Entry& entry) const;
 
   // A full structural scan of the file as read (not of uncommitted edits).
   std::vector<Defect> check() const;

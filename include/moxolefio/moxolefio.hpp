@@ -203,6 +203,10 @@ class MOX_CXX_API CompoundFile {
   std::vector<Entry> walk() const;
 
   Stream open_stream(std::string_view path) const;
+  // The stream an entry of this file's walk(), children() or entry()
+  // stands for, found again by its id when its path does not lead to it: a
+  // name holding '/' cannot be spelled in a path.
+  Stream open_stream(const Entry& entry) const;
 
   // A full structural scan of the file as read (not of uncommitted edits).
   std::vector<Defect> check() const;

@@ -4,10 +4,15 @@
 // corpus manifest recorded.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
+#include "format/names.h"
 #include "support/corpus_files.h"
+#include "support/manifest.h"
+#include "support/sha256.h"
+#include "tools/moxole/names.h"
 #include "support/moxole_cli.h"
 #include "support/vos_scratch.h"
 
@@ -62,7 +67,7 @@ class MoxoleCorpus : public ::testing::Test {
   }
 
   // olefile's view of `file` under `dir`; false when its names cannot be
-  // written the way the library reads them (names past 8 bits that clash).
+  // file names (surrogates) or two of them clash.
   bool mirror(const std::string& file, const std::string& dir,
               std::string* listing) {
     ProgramResult r = moxtest::runProgram({python_, kMirror, pathOf(file), dir});
@@ -132,6 +137,43 @@ TEST_F(MoxoleCorpus, CatOfMiniAndRegularStreamsMatchesOlefile) {
   }
   EXPECT_GE(mini, 20);
   EXPECT_GE(regular, 20);
+}
+
+// Names past 8 bits and empty names: every entry listed, and every stream
+// read as the manifest has it.
+TEST_F(MoxoleCorpus, WideAndEmptyNamesAreListedAndRead) {
+  int files = 0;
+  for (const manifest::File& f : manifest::load(corpus::directory())) {
+    std::set<std::string> expected;  // the lines of ls -R
+    std::map<std::string, std::string> sha;
+    bool wide = false;
+    for (const auto& [sid, e] : f.entries) {
+      std::string shown;
+      for (const std::u16string& name : e.names) {
+        wide |= name.empty() || std::any_of(name.begin(), name.end(), [](char16_t u) { return u > 0xFF; });
+        shown = moxole::joinPath(shown, moxole::escapeName(moxfmt::utf16ToUtf8(
+                                            reinterpret_cast<const uint16_t*>(name.data()), name.size())));
+      }
+      if (!e.names.empty()) expected.insert(shown);
+      if (e.type == "stream") sha[shown] = e.sha;
+    }
+    if (!wide || f.damaged() || !f.opens) continue;
+    ++files;
+    SCOPED_TRACE(f.path);
+    ProgramResult ls = moxole({"ls", "-R", pathOf(f.path)});
+    std::set<std::string> listed;
+    std::stringstream lines(ls.out);
+    for (std::string line; std::getline(lines, line);) listed.insert(line);
+    EXPECT_TRUE(listed == expected) << ls.out;
+    ProgramResult tree = moxole({"tree", pathOf(f.path)});
+    EXPECT_EQ(std::count(tree.out.begin(), tree.out.end(), '\n'), static_cast<long>(expected.size() + 1)) << tree.out;
+    for (const auto& [path, hash] : sha) {
+      ProgramResult r = moxole({"cat", pathOf(f.path), path});
+      EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+      EXPECT_EQ(sha256Hex(r.out.data(), r.out.size()), hash) << path;
+    }
+  }
+  EXPECT_GE(files, 2);
 }
 
 TEST_F(MoxoleCorpus, InfoMatchesTheManifest) {

@@ -99,8 +99,20 @@ int EntryTree::copyStream(const EntryNode& node, const std::string& shownAs,
   try {
     mox::Stream stream = file_.open_stream(node.entry);
     opened = true;
+    size_t chunk = buffer.size();
+    const size_t sector = file_.sector_size();
     for (;;) {
-      size_t got = stream.read(buffer.data(), buffer.size());
+      size_t got;
+      try {
+        got = stream.read(buffer.data(), chunk);
+      } catch (const mox::Error& e) {
+        // A read that reaches a cut in the file fails whole: what comes
+        // before the cut is still given out, a sector at a time.
+        if (e.code() == mox::Errc::no_memory || chunk == sector) throw;
+        chunk = sector;
+        stream.seek(static_cast<int64_t>(total));
+        continue;
+      }
       if (got == 0) break;
       total += got;
       if (!sink(buffer.data(), got)) return kExitIo;

@@ -132,7 +132,20 @@ Stream CompoundFile::open_stream(const Entry& entry) const {
       return makeStream(detail::openStoredStream(image, entry.id, entry.path), entry.path);
     }
   }
-  return open_stream(entry.path);
+  std::uint32_t node = impl_->tree.find(entry.path);
+  if (node == kNoNode || impl_->tree.node(node).id != entry.id) {
+    // Entries made by an editor have no id and are always reachable by path.
+    node = kNoNode;
+    if (entry.id != kNoNode) {
+      impl_->tree.walk([&](std::uint32_t i, const std::string&) {
+        if (node == kNoNode && impl_->tree.node(i).id == entry.id) node = i;
+      });
+    }
+    if (node == kNoNode) throw Error(Errc::not_found, impl_->name() + ": " + entry.path + ": no such entry");
+  }
+  const std::string p = impl_->tree.pathOf(node);
+  if (impl_->writable) return impl_->openWritable(node, p);
+  return impl_->openStream(node, p);
 }
 
 std::vector<Defect> CompoundFile::check() const {

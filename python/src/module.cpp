@@ -360,6 +360,8 @@ class File {
       if (!state->writable && size >= kOpenWithoutGil) {
         py::gil_scoped_release release;
         stream.emplace(file->open_stream(entry));
+      } else if (state->writable) {
+        stream.emplace(file->open_stream(entry.path));  // the index's ids predate the edits
       } else {
         stream.emplace(file->open_stream(entry));
       }

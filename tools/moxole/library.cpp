@@ -80,8 +80,6 @@ bool Library::loadFrom(const std::string& path, std::string* error) {
   // The library stays loaded until the process ends: handles and trees
   // point into it.
   getTable(reinterpret_cast<void**>(&api_));
-  readStreamChain = reinterpret_cast<int (*)(int, _MoxOleFile*)>(
-      dlsym(handle, "iReadStreamChain"));
   path_ = path;
   return true;
 }

@@ -29,10 +29,6 @@ class Library {
   const MoxOleInterface& api() const { return api_; }
   const std::string& path() const { return path_; }
 
-  // Makes an entry current by its directory number.  Exported by name only,
-  // not part of the table.
-  int (*readStreamChain)(int entry, _MoxOleFile* h) = nullptr;
-
   // True when `function` is present; otherwise reports that this build of
   // the library lacks `name` and returns false.  Lets one command fail
   // clearly while the others keep working against a partial library.

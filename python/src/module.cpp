@@ -336,6 +336,9 @@ class File {
     mox::Entry entry;  // what the native file needs to find it without a lookup
     entry.name = index_.node(i).name;
     entry.path = index_.nativePath(i);
+    // As walk() writes it, for messages: no leading '/' before a first name
+    // that is not empty.
+    if (entry.path.size() > 1 && entry.path[1] != '/') entry.path.erase(0, 1);
     entry.type = mox::EntryType::stream;
     entry.id = index_.node(i).id;
     const std::uint64_t size = index_.node(i).size;

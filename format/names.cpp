@@ -65,6 +65,9 @@ uint16_t upcaseUnit(uint16_t u) {
 int compareSiblingNames(const uint16_t* a, size_t aLength, const uint16_t* b, size_t bLength) {
   if (aLength != bLength) return aLength < bLength ? -1 : 1;
   for (size_t i = 0; i < aLength; ++i) {
+    // Siblings often share long prefixes ("__substg1.0_..."): equal units
+    // need no case mapping.
+    if (a[i] == b[i]) continue;
     const uint16_t x = upcaseUnit(a[i]);
     const uint16_t y = upcaseUnit(b[i]);
     if (x != y) return x < y ? -1 : 1;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "moxolefio/moxolefio.hpp"
+#include "format/names.h"
 #include "native/check.h"
 #include "native/file_impl.h"
 #include "native/stream_impl.h"
@@ -120,6 +121,31 @@ Stream CompoundFile::open_stream(std::string_view path) const {
   const std::uint32_t node = impl_->require(path);
   if (impl_->writable) return impl_->openWritable(node, impl_->tree.pathOf(node));
   return impl_->openStream(node, impl_->tree.pathOf(node));
+}
+
+Stream CompoundFile::open_stream(const Entry& entry) const {
+  const std::shared_ptr<const detail::Image>& image = impl_->image;
+  if (!impl_->writable && image && entry.type == EntryType::stream && entry.id != 0 &&
+      entry.id < image->entryCount()) {
+    const moxfmt::EntryRecord record = image->entry(entry.id);
+    if (record.type == moxfmt::kTypeStream && moxfmt::utf16ToUtf8(record.name, record.nameLength()) == entry.name) {
+      return makeStream(detail::openStoredStream(image, entry.id, entry.path), entry.path);
+    }
+  }
+  std::uint32_t node = impl_->tree.find(entry.path);
+  if (node == kNoNode || impl_->tree.node(node).id != entry.id) {
+    // Entries made by an editor have no id and are always reachable by path.
+    node = kNoNode;
+    if (entry.id != kNoNode) {
+      impl_->tree.walk([&](std::uint32_t i, const std::string&) {
+        if (node == kNoNode && impl_->tree.node(i).id == entry.id) node = i;
+      });
+    }
+    if (node == kNoNode) throw Error(Errc::not_found, impl_->name() + ": " + entry.path + ": no such entry");
+  }
+  const std::string p = impl_->tree.pathOf(node);
+  if (impl_->writable) return impl_->openWritable(node, p);
+  return impl_->openStream(node, p);
 }
 
 std::vector<Defect> CompoundFile::check() const {

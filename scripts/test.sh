@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Installs what the tests and the fuzz targets need (Debian packages, and
-# SheetJS cfb from npm into tests/oracles/node_modules), then builds and
-# runs the whole suite twice: an optimised build (with the Python package
-# and its pytest suite) and an AddressSanitizer + UndefinedBehaviorSanitizer
-# build.  Suites labelled "large" (gigabyte streams, minutes of disk work)
-# are left out unless MOX_LARGE_TESTS=1; they then run once, in the
-# optimised build, after the rest.  The fuzz targets themselves are built
-# and run by scripts/fuzz.sh.
-# Last, the threads suites under ThreadSanitizer.
+# SheetJS cfb from npm into tests/oracles/node_modules), then:
+#  1. builds everything with AddressSanitizer and UndefinedBehaviorSanitizer
+#     (optimised, assertions on) and runs the whole suite there once;
+#  2. builds the library, moxole and the Python package without sanitizers
+#     (the interpreter is not built with them) and runs the pytest suite;
+#  3. builds the thread suites with ThreadSanitizer and runs them.
+# Suites labelled "large" (gigabyte streams, minutes of disk work) are left
+# out unless MOX_LARGE_TESTS=1; they then run in the plain build.  The fuzz
+# targets are built and run by scripts/fuzz.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -38,21 +39,23 @@ if command -v npm >/dev/null 2>&1 && [ ! -d tests/oracles/node_modules/cfb ]; th
 fi
 
 jobs=$(nproc)
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMOX_BUILD_TESTS=ON
-cmake --build build -j"$jobs"
-ctest --test-dir build --output-on-failure -j"$jobs" -LE large -E '^python_package$'
-# The Python package, with the system interpreter Debian's pybind11 and
-# olefile are built for (and the pip installation, which CTest leaves out).
-PYTHONPATH=build/python MOXOLE_PROGRAM=build/moxole MOXPY_NATIVE_DUMP=build/python/moxpy_native_dump \
-  /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
-if [ "${MOX_LARGE_TESTS:-0}" = 1 ]; then
-  ctest --test-dir build --output-on-failure -L large
-fi
-
-cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DMOX_SANITIZE=ON -DMOX_BUILD_TESTS=ON
+# -O1 without NDEBUG: quick to build, and sanitizers see every check.
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g" \
+  -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g" -DMOX_SANITIZE=ON -DMOX_BUILD_TESTS=ON
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs" -LE large
+
+# The Python package, with the system interpreter Debian's pybind11 and
+# olefile are built for (and the pip installation, which CTest leaves out).
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMOX_BUILD_TESTS=ON
+cmake --build build -j"$jobs" --target moxole _moxolefio moxpy_native_dump
+PYTHONPATH=build/python MOXOLE_PROGRAM=build/moxole MOXPY_NATIVE_DUMP=build/python/moxpy_native_dump \
+  /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
+if [ "${MOX_LARGE_TESTS:-0}" = 1 ]; then
+  cmake --build build -j"$jobs"
+  ctest --test-dir build --output-on-failure -L large
+fi
 
 # ThreadSanitizer: only the suites that run threads at once (the host
 # interface's, label "threads"; the native interface's NativeThreads),

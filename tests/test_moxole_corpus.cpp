@@ -4,10 +4,13 @@
 // corpus manifest recorded.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
 #include "support/corpus_files.h"
+#include "support/manifest.h"
+#include "support/sha256.h"
 #include "support/moxole_cli.h"
 #include "support/vos_scratch.h"
 
@@ -62,7 +65,7 @@ class MoxoleCorpus : public ::testing::Test {
   }
 
   // olefile's view of `file` under `dir`; false when its names cannot be
-  // written the way the library reads them (names past 8 bits that clash).
+  // file names (surrogates) or two of them clash.
   bool mirror(const std::string& file, const std::string& dir,
               std::string* listing) {
     ProgramResult r = moxtest::runProgram({python_, kMirror, pathOf(file), dir});
@@ -132,6 +135,46 @@ TEST_F(MoxoleCorpus, CatOfMiniAndRegularStreamsMatchesOlefile) {
   }
   EXPECT_GE(mini, 20);
   EXPECT_GE(regular, 20);
+}
+
+// Names past 8 bits and empty names: every entry listed as olefile names
+// it, and every stream read as the manifest has it.
+TEST_F(MoxoleCorpus, WideAndEmptyNamesAreListedAndRead) {
+  int files = 0;
+  for (const manifest::File& f : manifest::load(corpus::directory())) {
+    std::multiset<std::string> expectedSha, sha;
+    bool wide = false;
+    for (const auto& [sid, e] : f.entries) {
+      for (const std::u16string& name : e.names) {
+        wide |= name.empty() || std::any_of(name.begin(), name.end(), [](char16_t u) { return u > 0xFF; });
+      }
+      if (e.type == "stream") expectedSha.insert(e.sha);
+    }
+    if (!wide || f.damaged() || !f.opens) continue;
+    ++files;
+    SCOPED_TRACE(f.path);
+    moxtest::ScratchDir scratch;
+    std::string listing;
+    ASSERT_TRUE(mirror(f.path, scratch.path(), &listing));
+    std::set<std::string> theirs, ours;
+    std::stringstream lines(listing);
+    for (std::string line; std::getline(lines, line);) theirs.insert(splitTabs(line).at(1));
+    ProgramResult ls = moxole({"ls", "-l", "-R", pathOf(f.path)});
+    std::stringstream listed(ls.out);
+    for (std::string line; std::getline(listed, line);) {
+      const std::string path = line.substr(23);  // after the type and the size
+      ours.insert(path);
+      if (line.rfind("stream", 0) != 0) continue;
+      ProgramResult r = moxole({"cat", pathOf(f.path), path});
+      EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+      sha.insert(sha256Hex(r.out.data(), r.out.size()));
+    }
+    EXPECT_TRUE(ours == theirs) << ls.out << "olefile:\n" << listing;
+    EXPECT_TRUE(sha == expectedSha);
+    ProgramResult tree = moxole({"tree", pathOf(f.path)});
+    EXPECT_EQ(std::count(tree.out.begin(), tree.out.end(), '\n'), static_cast<long>(f.entries.size())) << tree.out;
+  }
+  EXPECT_GE(files, 2);
 }
 
 TEST_F(MoxoleCorpus, InfoMatchesTheManifest) {

@@ -896,14 +896,14 @@ void expectPoiAgrees(const mox::PropertySet& set, const std::vector<std::vector<
     std::size_t compared = 0;
     for (const std::string& line : seen[s]) {
       const std::vector<std::string> f = manifest::split(line, '\t');
-      ASSERT_GE(f.size(), 4u) << line;
+      ASSERT_GE(f.size(), 3u) << line;  // an empty value leaves no last field
       const auto id = static_cast<std::uint32_t>(std::stoul(f[0]));
       const mox::PropertyValue* mine = section.get(id);
       if (id == mox::pid::dictionary || mine == nullptr) continue;
       const std::optional<std::string> view = poiView(*mine);
       if (!view) continue;
-      std::string theirs = f[2];
-      for (std::size_t k = 3; k < f.size(); ++k) theirs += "\t" + f[k];
+      std::string theirs = f[2] + "\t";
+      for (std::size_t k = 3; k < f.size(); ++k) theirs += (k > 3 ? "\t" : "") + f[k];
       EXPECT_EQ(theirs, *view) << "property " << id;
       if (section.dictionary && section.dictionary->count(id)) EXPECT_EQ(f[1], section.dictionary->at(id));
       ++compared;
@@ -933,7 +933,10 @@ TEST(PropertyEdits, TitleAuthorAndAUserPropertyOfACorpusDocument) {
     summary.set(mox::summary::title, mox::CodePageString("A title written here"));
     summary.set(mox::summary::author, mox::CodePageString("Zoë Ørsted"));
     sets[dsi].section_or_add(mox::kUserDefinedProperties, 1252).set_named("Client", mox::CodePageString("ACME"));
-    for (const auto& [path, set] : sets) mox::write_property_set(f, path, set);
+    for (auto& [path, set] : sets) {
+      mox::write_property_set(f, path, set);
+      set = reread(set);  // strings made from text gain their stored bytes
+    }
     f.commit();
   }
 

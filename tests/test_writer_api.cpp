@@ -1,7 +1,7 @@
 // The writer's entry points as a host uses them: results of every call,
-// the handle a new document gets, creation order and refusals, failures of
-// the host's output and of memory at every step, and documents opened for
-// reading by path.
+// creation order and refusals, and documents opened for reading by path.
+// Failures of the host's output and of memory are swept in
+// test_fault_sweeps.
 #include <gtest/gtest.h>
 
 #include <string.h>
@@ -17,7 +17,6 @@
 #include "support/stream_kit.h"
 #include "support/write_kit.h"
 #include "writer/moxoledoc.h"
-#include "writer/writer.h"
 
 namespace {
 
@@ -45,18 +44,11 @@ TEST(WriterOpen, RefusesNoIoNoServicesAndFlagsWithoutBitZero) {
   EXPECT_EQ(moxtest::leakReport(host), "");
 }
 
-TEST(WriterOpen, NewHandleCarriesOnlyItsAllocatorAndTheDocument) {
+TEST(WriterOpen, NewDocumentWritesNothingBeforeItsClose) {
   moxhost::PoolServices host;
   moxhost::MemoryIo io;
   _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 1);
   ASSERT_NE(h, nullptr);
-  EXPECT_EQ(h->pMemory, &host.services()->memory);
-  ASSERT_NE(h->pDocument, nullptr);
-  _MoxOleFile expected;
-  memset(&expected, 0, sizeof expected);
-  expected.pMemory = h->pMemory;
-  expected.pDocument = h->pDocument;
-  EXPECT_EQ(memcmp(h, &expected, sizeof expected), 0) << "a reader field is set";
   EXPECT_EQ(io.openCalls(), 1);
   EXPECT_EQ(io.writeCalls(), 0) << "nothing is written before the close";
   // A clone needs a host object the handle does not have.
@@ -75,7 +67,6 @@ TEST(WriterOpen, FlagsThreeCreatesExactlyAsFlagsOne) {
     moxhost::MemoryIo io;
     _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), flags[i]);
     ASSERT_NE(h, nullptr);
-    EXPECT_EQ(h->pDocument->iMode, 1);
     ASSERT_EQ(iOLEopenStreamEx(h, "S", 2, 1), 0);
     unsigned char data[] = "payload";
     ASSERT_EQ(iOLEwrite(h, data, 7), 0);
@@ -216,100 +207,6 @@ TEST(WriterCalls, ReaderHandleHasNoWriterDocument) {
   EXPECT_EQ(memory.liveBlocks(), 0);
 }
 
-// --- Failures during the close ----------------------------------------------
-
-// A small shape with every region present, for sweeps over every request.
-writekit::Shape failureShape() {
-  writekit::Shape shape = {{"Store", 1, {}}, {"Store\\Big", 2, streamkit::pattern(200000, 8)}};
-  for (int i = 0; i < 40; ++i) {
-    shape.push_back({"Store\\s" + std::to_string(i), 2, streamkit::pattern(100 + 37 * i, i)});
-  }
-  return shape;
-}
-
-// A shape whose every region outgrows the 64 KiB output buffer, so that
-// host writes happen inside each step of the close: DIFAT and a FAT of
-// 170 sectors, 296 mini FAT sectors, 151 directory sectors, an 8 MiB
-// stream and a mini stream of 2.3 MiB.
-writekit::Shape regionsShape() {
-  writekit::Shape shape = {{"Big", 2, streamkit::pattern(16384 * 512, 1)}};
-  for (int i = 0; i < 600; ++i) {
-    shape.push_back({"m" + std::to_string(i), 2, streamkit::pattern(4000, i)});
-  }
-  return shape;
-}
-
-void build(NewFile& file, const writekit::Shape& shape) {
-  for (const writekit::Part& p : shape) {
-    ASSERT_EQ(p.type == 1 ? file.storage(p.path) : file.stream(p.path, p.data), 0);
-  }
-}
-
-// The host refuses its N-th write, for N across the whole close: the close
-// still returns, releases everything, closes the host object once, and the
-// file comes out short (the refused piece is never retried).
-TEST(WriterFailures, HostWriteRefusedInEveryRegionOfTheClose) {
-  const writekit::Shape shape = regionsShape();
-  NewFile good;
-  build(good, shape);
-  const Bytes whole = good.close();
-  const int64_t writes = good.io().writeCalls();
-  ASSERT_GT(writes, 150);
-  ASSERT_EQ(writekit::u32(whole, 0x48), 1u) << "one DIFAT sector";
-  std::vector<int64_t> failAt;
-  for (int64_t n = 1; n <= writes; n += n < 8 ? 1 : 5) failAt.push_back(n);
-  failAt.push_back(writes - 1);
-  failAt.push_back(writes);
-  for (int64_t n : failAt) {
-    SCOPED_TRACE(n);
-    NewFile file;
-    build(file, shape);
-    file.io().failWriteAt(n);
-    const Bytes& got = file.close();  // checks leaks and one close
-    EXPECT_LT(got.size(), whole.size());
-  }
-}
-
-// Memory fails at the k-th request of a whole session (open, creates,
-// writes, close), for every k: each call either works or reports 2 (or
-// the host object could not be set up), nothing leaks, and the host
-// object is closed exactly once whenever it was opened.
-TEST(WriterFailures, MemoryRefusedAtEveryRequestOfASession) {
-  const writekit::Shape shape = failureShape();
-  int64_t attempts = 0;
-  for (int64_t k = 1;; ++k) {
-    SCOPED_TRACE(k);
-    moxhost::PoolServices host;
-    moxhost::MemoryIo io;
-    host.faults().failAt(k);
-    _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 1);
-    bool failed = h == nullptr;
-    // Like a careful host, the session stops at the first refusal.
-    for (size_t i = 0; !failed && i < shape.size(); ++i) {
-      const writekit::Part& p = shape[i];
-      int status = iOLEopenStreamEx(h, p.path.c_str(), p.type, 1);
-      if (status == 0 && !p.data.empty()) {
-        status = iOLEwrite(h, const_cast<unsigned char*>(p.data.data()),
-                           static_cast<int>(p.data.size()));
-      }
-      EXPECT_TRUE(status == 0 || status == 2) << p.path << ": " << status;
-      failed = status != 0;
-    }
-    if (h != nullptr) {
-      EXPECT_EQ(iOLEclose(h), 1);
-    }
-    EXPECT_EQ(moxtest::leakReport(host), "");
-    EXPECT_EQ(io.closeCalls(), io.openCalls());
-    EXPECT_LE(io.openCalls(), 1);
-    if (!host.faults().fired()) {
-      EXPECT_FALSE(failed);
-      attempts = k;
-      break;
-    }
-  }
-  EXPECT_GT(attempts, 50) << "the sweep should have reached many requests";
-}
-
 // --- copyStreamTree --------------------------------------------------------
 
 struct TreeSource {
@@ -375,37 +272,23 @@ writekit::Shape sourceShape() {
           {"Empty", 2, {}}};
 }
 
-Bytes readAll(_MoxOleFile* h) {
-  Bytes out;
-  unsigned char buffer[777];
-  for (;;) {
-    uint32_t n = iOLEread(h, buffer, sizeof buffer);
-    if (n == 0) break;
-    out.insert(out.end(), buffer, buffer + n);
-  }
-  return out;
-}
-
 TEST(WriterOpenForReading, OpensStreamsByPathAndWritesNothing) {
   const writekit::Shape shape = sourceShape();
   const Bytes source = writekit::write(shape);
   moxhost::PoolServices host;
   moxhost::MemoryIo io(source);
-  io.record(true);
   _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 0);
   ASSERT_NE(h, nullptr);
-  ASSERT_NE(h->pDocument, nullptr);
-  EXPECT_EQ(h->pHostIo, io.io()) << "a reader handle underneath";
 
   EXPECT_EQ(iOLEopenStreamEx(h, "Dir\\Data", 0, 0), 0);
   EXPECT_EQ(lOLEtell(h), 0);
-  EXPECT_EQ(readAll(h), shape[1].data);
+  EXPECT_EQ(streamkit::readToEnd(h, 777), shape[1].data);
   EXPECT_EQ(iOLEopenStreamEx(h, "\\dir\\small", 7, 0), 0) << "case and type do not matter";
-  EXPECT_EQ(readAll(h), shape[2].data);
+  EXPECT_EQ(streamkit::readToEnd(h, 777), shape[2].data);
   EXPECT_EQ(iOLEopenStreamEx(h, "Top", 0, 0), 0);
-  EXPECT_EQ(readAll(h), shape[3].data);
+  EXPECT_EQ(streamkit::readToEnd(h, 777), shape[3].data);
   EXPECT_EQ(iOLEopenStreamEx(h, "Empty", 0, 0), 0);
-  EXPECT_EQ(readAll(h), Bytes());
+  EXPECT_EQ(streamkit::readToEnd(h, 777), Bytes());
   EXPECT_EQ(iOLEopenStreamEx(h, "Dir", 0, 0), -1) << "a storage is no stream";
   EXPECT_EQ(iOLEopenStreamEx(h, "Dir\\Missing", 0, 0), 6);
   EXPECT_EQ(iOLEopenStreamEx(h, "Root Entry\\Top", 0, 0), 6);
@@ -433,36 +316,6 @@ TEST(WriterOpenForReading, DocumentThatDoesNotOpenGivesNullAndClosesOnce) {
   EXPECT_EQ(io.openCalls(), 1);
   EXPECT_EQ(io.closeCalls(), 1);
   EXPECT_EQ(moxtest::leakReport(host), "");
-}
-
-// Memory refused at every request of an open-mode session: the open either
-// fails cleanly or gives a handle whose lookups work for what was copied.
-TEST(WriterOpenForReading, MemoryRefusedAtEveryRequest) {
-  const writekit::Shape shape = sourceShape();
-  const Bytes source = writekit::write(shape);
-  for (int64_t k = 1;; ++k) {
-    SCOPED_TRACE(k);
-    moxhost::PoolServices host;
-    moxhost::MemoryIo io(source);
-    host.faults().failAt(k);
-    _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 0);
-    if (h != nullptr) {
-      int status = iOLEopenStreamEx(h, "Dir\\Data", 0, 0);
-      EXPECT_TRUE(status == 0 || status == 6 || status == -1) << status;
-      if (status == 0) {
-        EXPECT_EQ(readAll(h), shape[1].data);
-      }
-      bOLEcloseStream(h, nullptr);
-      iOLEclose(h);
-    }
-    EXPECT_EQ(moxtest::leakReport(host), "");
-    EXPECT_EQ(io.closeCalls(), io.openCalls());
-    EXPECT_EQ(io.writeCalls(), 0);
-    if (!host.faults().fired()) {
-      ASSERT_NE(h, nullptr);
-      break;
-    }
-  }
 }
 
 }  // namespace

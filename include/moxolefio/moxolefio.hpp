@@ -203,6 +203,12 @@ class MOX_CXX_API CompoundFile {
   std::vector<Entry> walk() const;
 
   Stream open_stream(std::string_view path) const;
+  // The stream an entry of this file's walk(), children() or entry()
+  // stands for.  On a file opened for reading its directory number finds
+  // it with no lookup by path (many streams open that much faster);
+  // otherwise its path, or, when the path leads elsewhere (a name holding
+  // '/' cannot be spelled in one), its id.
+  Stream open_stream(const Entry& entry) const;
 
   // A full structural scan of the file as read (not of uncommitted edits).
   std::vector<Defect> check() const;

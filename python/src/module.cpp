@@ -333,7 +333,14 @@ class File {
     const std::uint32_t i = find(path);
     if (index_.node(i).type != kTypeStream) raiseOsError("this file is not a stream");
     if (!cf_) raiseOsError("Attempting to open a stream from a closed OLE File");
-    const std::string native = index_.nativePath(i);
+    mox::Entry entry;  // what the native file needs to find it without a lookup
+    entry.name = index_.node(i).name;
+    entry.path = index_.nativePath(i);
+    // As walk() writes it, for messages: no leading '/' before a first name
+    // that is not empty.
+    if (entry.path.size() > 1 && entry.path[1] != '/') entry.path.erase(0, 1);
+    entry.type = mox::EntryType::stream;
+    entry.id = index_.node(i).id;
     const std::uint64_t size = index_.node(i).size;
     // Held here: while the GIL is let go, another thread may close or
     // reopen this object.
@@ -344,7 +351,7 @@ class File {
       std::optional<mox::Stream> stream;
       try {
         py::gil_scoped_release release;
-        stream.emplace(twin->open_stream(native));
+        stream.emplace(twin->open_stream(entry));
       } catch (const mox::Error& e) {
         raise(e, state->name, twinPath);
       }
@@ -355,9 +362,11 @@ class File {
     try {
       if (!state->writable && size >= kOpenWithoutGil) {
         py::gil_scoped_release release;
-        stream.emplace(file->open_stream(native));
+        stream.emplace(file->open_stream(entry));
+      } else if (state->writable) {
+        stream.emplace(file->open_stream(entry.path));  // the index's ids predate the edits
       } else {
-        stream.emplace(file->open_stream(native));
+        stream.emplace(file->open_stream(entry));
       }
     } catch (const mox::Error& e) {
       raise(e, state->name);

@@ -3,6 +3,7 @@ must read them as the package says it wrote them; every undamaged corpus
 file must come back from a commit with every stream; edits reach the file
 only through commit (close and a clean ``with`` exit commit)."""
 
+import datetime
 import hashlib
 import io
 import os
@@ -187,3 +188,31 @@ def test_file_objects_and_bytes_in_write_mode(tmp_path, corpus):
     ole = olefile.OleFileIO(target.getvalue())
     assert ole.openstream('Added').read() == b'a' * 70000
     assert ole.openstream('WordDocument').read() == olefile.OleFileIO(original).openstream('WordDocument').read()
+
+
+def test_properties_set_in_write_mode_read_back_by_olefile(tmp_path, corpus):
+    path = str(tmp_path / 'doc.doc')
+    shutil.copy(os.path.join(corpus, 'poi', 'Bug50936_1.doc'), path)
+    before = _olefile_view(path)
+    when = datetime.datetime(2024, 5, 6, 7, 8, 9)
+    with moxolefio.OleFileIO(path, write_mode=True) as ole:
+        ole.set_metadata(title='Quarterly', author='Zoë', company='ACME', create_time=when,
+                         total_edit_time=600, num_pages=None)
+        ole.setproperties('\x05DocumentSummaryInformation', user_defined={'Client': 'Bob'})
+        with pytest.raises(TypeError):
+            ole.set_metadata(no_such_attribute=1)
+        with pytest.raises(ValueError):
+            ole.setproperties('WordDocument2', {2: 'x'})  # no format id for a new stream
+    theirs = olefile.OleFileIO(path).get_metadata()
+    ours = moxolefio.OleFileIO(path).get_metadata()
+    for name in OleMetadataNames:
+        assert getattr(ours, name) == getattr(theirs, name), name
+    assert (theirs.title, theirs.author, theirs.company) == (b'Quarterly', 'Zoë'.encode('cp1252'), b'ACME')
+    assert (theirs.create_time, theirs.total_edit_time, theirs.num_pages) == (when, 600, None)
+    after = _olefile_view(path)
+    changed = {k for k in before if before[k] != after.get(k)}
+    assert changed == {'\x05SummaryInformation', '\x05DocumentSummaryInformation'}
+    assert after.keys() == before.keys()
+
+
+OleMetadataNames = moxolefio.OleMetadata.SUMMARY_ATTRIBS + moxolefio.OleMetadata.DOCSUM_ATTRIBS

@@ -3,13 +3,11 @@
 usage: python3 olefile_mirror.py FILE OUTDIR
 
 Every storage becomes a directory and every stream a file, named the way
-moxole names them: each name is reduced to the low byte of each character
-(as the library under test stores names), then control bytes, bytes from
-0x7F up, '/' and '\\' are written \\xHH, the first dot of "." and ".." is
-escaped, and the empty name is \\x00.  One line per entry is printed:
-TYPE<TAB>PATH<TAB>SIZE, TYPE being D or F.  Exits 3 when a name cannot be
-reduced that way (a character beyond the 16-bit range) or when two names
-become one once reduced.
+moxole names them: each name in UTF-8, with control characters (below
+U+0020, U+007F to U+009F), '/' and '\\' written \\xHH, the first dot of
+"." and ".." escaped, and the empty name written \\x00.  One line per entry
+is printed: TYPE<TAB>PATH<TAB>SIZE, TYPE being D or F.  Exits 3 when a name
+holds a surrogate (no file name can carry it) or when two names become one.
 """
 import os
 import sys
@@ -23,9 +21,9 @@ def escape(name):
     out = []
     dots = name in (".", "..")
     for i, ch in enumerate(name):
-        byte = ord(ch)
-        if byte < 0x20 or byte >= 0x7F or ch in "/\\" or (dots and i == 0):
-            out.append("\\x%02x" % byte)
+        code = ord(ch)
+        if code < 0x20 or 0x7F <= code < 0xA0 or ch in "/\\" or (dots and i == 0):
+            out.append("\\x%02x" % code)
         else:
             out.append(ch)
     return "".join(out)
@@ -36,25 +34,24 @@ def main():
     ole = olefile.OleFileIO(path)
     entries = ole.listdir(streams=True, storages=True)
     for entry in entries:
-        if any(ord(ch) > 0xFFFF for part in entry for ch in part):
+        if any(0xD800 <= ord(ch) < 0xE000 for part in entry for ch in part):
             sys.exit(3)
     for entry in sorted(entries, key=len):
-        low = [escape("".join(chr(ord(ch) & 0xFF) for ch in part))
-               for part in entry]
-        rel = "/".join(low)
-        target = os.path.join(outdir, *low)
+        names = [escape(part).encode("utf-8") for part in entry]
+        rel = b"/".join(names)
+        target = os.path.join(outdir.encode("utf-8"), *names)
         kind = ole.get_type(entry)
         if os.path.lexists(target):
             sys.exit(3)
         if kind == olefile.STGTY_STORAGE:
             os.makedirs(target, exist_ok=True)
-            print("D\t%s\t0" % rel)
+            sys.stdout.buffer.write(b"D\t%s\t0\n" % rel)
         elif kind == olefile.STGTY_STREAM:
             os.makedirs(os.path.dirname(target), exist_ok=True)
             data = ole.openstream(entry).read()
             with open(target, "wb") as f:
                 f.write(data)
-            print("F\t%s\t%d" % (rel, len(data)))
+            sys.stdout.buffer.write(b"F\t%s\t%d\n" % (rel, len(data)))
     ole.close()
 
 

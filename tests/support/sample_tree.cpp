@@ -45,7 +45,7 @@ std::vector<SampleEntry> sampleTree() {
   add(c, "deep", "deep", false, patternBytes(10, 7));
   add(a, "a/b", "a\\x2fb", false, "slash");
   add(a, ".", "\\x2e", false, "dot");
-  add(a, "caf\xe9", "caf\\xe9", false, "e acute");
+  add(a, "caf\xe9", "caf\xc3\xa9", false, "e acute");
   return t;
 }
 

@@ -5,7 +5,8 @@
 //
 // It holds nested storages, an empty storage, empty streams, streams on
 // both sides of the mini stream cutoff, one of 5 MB, and names that only
-// exist escaped: control bytes, '/', ".", ".." and a byte above 0x7F.
+// exist escaped (control bytes, '/', ".", "..") and one past ASCII,
+// stored as a byte and written in UTF-8.
 #ifndef MOXOLEFIO_TESTS_SUPPORT_SAMPLE_TREE_H_
 #define MOXOLEFIO_TESTS_SUPPORT_SAMPLE_TREE_H_
 

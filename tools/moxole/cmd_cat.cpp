@@ -3,24 +3,23 @@
 #include <unistd.h>
 
 #include "tools/moxole/commands.h"
-#include "tools/moxole/document.h"
+#include "tools/moxole/entries.h"
 #include "tools/moxole/report.h"
 
 namespace moxole {
 
-int runCat(const Library& library, const Invocation& call) {
+int runCat(const Library&, const Invocation& call) {
   const std::string& file = call.operands[0];
   const std::string& path = call.operands[1];
   int status;
-  std::unique_ptr<Document> doc = Document::open(library, file, &status);
+  std::unique_ptr<EntryTree> doc = EntryTree::open(file, &status);
   if (!doc) return status;
-  const _MoxOleTreeNode* node = doc->find(path);
+  const EntryNode* node = doc->find(path);
   if (node == nullptr) return fail(kExitNotFound, file, "no entry " + path);
-  if (!isStream(node)) {
-    return fail(kExitNotFound, file,
-                path + (isStorage(node) ? " is a storage" : " is not a stream"));
+  if (!node->isStream()) {
+    return fail(kExitNotFound, file, path + (node->isStorage() ? " is a storage" : " is not a stream"));
   }
-  return doc->copyStream(node, path, [](const char* data, size_t size) {
+  return doc->copyStream(*node, path, [](const char* data, size_t size) {
     if (writeAll(STDOUT_FILENO, data, size)) return true;
     int error = errno;
     fail(kExitIo, "standard output", errorText(error));

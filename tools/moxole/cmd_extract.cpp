@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "tools/moxole/commands.h"
-#include "tools/moxole/document.h"
+#include "tools/moxole/entries.h"
 #include "tools/moxole/names.h"
 #include "tools/moxole/progress.h"
 #include "tools/moxole/report.h"
@@ -24,12 +24,10 @@ namespace {
 // storages thousands deep.
 constexpr int kMaxDepth = 200;
 
-void countEntries(const _MoxOleTreeNode* node, int64_t* entries,
-                  int64_t* bytes) {
-  for (int i = 0; i < node->iChildCount; ++i) {
-    const _MoxOleTreeNode* child = node->ppChildren[i];
+void countEntries(const EntryNode* node, int64_t* entries, int64_t* bytes) {
+  for (const EntryNode* child : node->children) {
     ++*entries;
-    if (isStream(child)) *bytes += nodeSize(child);
+    if (child->isStream()) *bytes += static_cast<int64_t>(child->entry.size);
     countEntries(child, entries, bytes);
   }
 }
@@ -75,28 +73,28 @@ int openTarget(const std::string& dir) {
 
 class Extractor {
  public:
-  Extractor(Document* doc, std::string dir, Progress* progress)
+  Extractor(const EntryTree* doc, std::string dir, Progress* progress)
       : doc_(doc), dir_(std::move(dir)), progress_(progress) {}
 
-  int storage(const _MoxOleTreeNode* node, int fd, const std::string& shown,
+  int storage(const EntryNode* node, int fd, const std::string& shown,
               int depth) {
     if (depth > kMaxDepth) {
       return fail(kExitBadDocument, doc_->path(),
                   "storages nested more than " + std::to_string(kMaxDepth) +
                       " deep at " + shown);
     }
-    for (const _MoxOleTreeNode* child : sortedChildren(node)) {
-      std::string name = escapeName(nodeName(child));
+    for (const EntryNode* child : node->children) {
+      std::string name = escapeName(child->entry.name);
       std::string childShown = joinPath(shown, name);
       int status = kExitOk;
-      if (isStorage(child)) {
+      if (child->isStorage()) {
         status = subStorage(child, fd, name, childShown, depth);
-      } else if (isStream(child)) {
+      } else if (child->isStream()) {
         status = stream(child, fd, name, childShown);
       } else {
         Progress::clearLine();
-        fprintf(stderr, "moxole: %s: skipped %s, an entry of type %d\n",
-                doc_->path().c_str(), childShown.c_str(), child->iType);
+        fprintf(stderr, "moxole: %s: skipped %s, neither a storage nor a stream\n",
+                doc_->path().c_str(), childShown.c_str());
       }
       if (status != kExitOk) return status;
       progress_->entryDone();
@@ -105,7 +103,7 @@ class Extractor {
   }
 
  private:
-  int subStorage(const _MoxOleTreeNode* node, int parent,
+  int subStorage(const EntryNode* node, int parent,
                  const std::string& name, const std::string& shown,
                  int depth) {
     if (mkdirat(parent, name.c_str(), 0777) != 0) return createFailed(shown);
@@ -117,14 +115,14 @@ class Extractor {
     return status;
   }
 
-  int stream(const _MoxOleTreeNode* node, int parent, const std::string& name,
+  int stream(const EntryNode* node, int parent, const std::string& name,
              const std::string& shown) {
     int fd = openat(parent, name.c_str(),
                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
     if (fd < 0) return createFailed(shown);
     std::string target = dir_ + "/" + shown;
     int status = doc_->copyStream(
-        node, shown, [&](const char* data, size_t size) {
+        *node, shown, [&](const char* data, size_t size) {
           if (!writeAll(fd, data, size)) {
             int error = errno;
             fail(kExitIo, target, errorText(error));
@@ -151,25 +149,25 @@ class Extractor {
     return fail(kExitIo, dir_ + "/" + shown, errorText(error));
   }
 
-  Document* doc_;
+  const EntryTree* doc_;
   std::string dir_;
   Progress* progress_;
 };
 
 }  // namespace
 
-int runExtract(const Library& library, const Invocation& call) {
+int runExtract(const Library&, const Invocation& call) {
   const std::string& file = call.operands[0];
   const std::string& dir = call.operands[1];
   int status;
-  std::unique_ptr<Document> doc = Document::open(library, file, &status);
+  std::unique_ptr<EntryTree> doc = EntryTree::open(file, &status);
   if (!doc) return status;
   int fd = openTarget(dir);
   if (fd < 0) return kExitIo;
   int64_t entries = 0, bytes = 0;
-  countEntries(doc->root(), &entries, &bytes);
+  countEntries(&doc->root(), &entries, &bytes);
   Progress progress("extract", entries, bytes);
-  status = Extractor(doc.get(), dir, &progress).storage(doc->root(), fd, "", 0);
+  status = Extractor(doc.get(), dir, &progress).storage(&doc->root(), fd, "", 0);
   close(fd);
   return status;
 }

@@ -50,6 +50,21 @@ int checkName(const std::string& diskPath, const std::string& fileName,
   if (!unescapeName(fileName, name)) {
     return fail(kExitIo, diskPath, "name holds an escaped zero byte");
   }
+  // The writer takes 8-bit names, each byte the character of that number.
+  std::string narrow;
+  for (size_t i = 0; i < name->size(); ++i) {
+    unsigned char c = static_cast<unsigned char>((*name)[i]);
+    unsigned char next = i + 1 < name->size() ? static_cast<unsigned char>((*name)[i + 1]) : 0;
+    if ((c == 0xC2 || c == 0xC3) && (next & 0xC0) == 0x80) {
+      narrow += static_cast<char>((c & 0x03) << 6 | (next & 0x3F));
+      ++i;
+    } else if (c >= 0xC4 && c < 0xF8 && (next & 0xC0) == 0x80) {
+      return fail(kExitIo, diskPath, "name holds a character past U+00FF, which pack cannot write");
+    } else {
+      narrow += static_cast<char>(c);  // not UTF-8: the byte itself
+    }
+  }
+  *name = narrow;
   if (name->empty()) {
     return fail(kExitIo, diskPath, "an empty entry name cannot be packed");
   }

@@ -207,18 +207,13 @@ std::string sectionName(const mox::Guid& id) {
   return "{" + mox::guid_to_string(id) + "}";
 }
 
-// A moxole path (8-bit names, escaped, '/'-separated) as the native
-// interface writes it: each byte is the code unit of the same value.
+// A moxole path (UTF-8 names, escaped, '/'-separated) as the native
+// interface writes it.
 bool nativePath(const std::string& shown, std::string* path) {
   std::vector<std::string> names;
   if (!splitPath(shown, &names)) return false;
   path->clear();
-  for (const std::string& name : names) {
-    if (!path->empty()) *path += '/';
-    std::u16string units;
-    for (unsigned char c : name) units += static_cast<char16_t>(c);
-    *path += utf8Of(units);
-  }
+  for (const std::string& name : names) *path = joinPath(*path, name);
   return true;
 }
 

@@ -3,26 +3,24 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 
 #include "format/records.h"
-#include "tools/moxole/names.h"
 #include "tools/moxole/report.h"
 
 namespace moxole {
 
-namespace {
-
-constexpr size_t kReadChunk = 1 << 20;
-
-}  // namespace
-
 std::string nodeName(const _MoxOleTreeNode* node) {
-  return std::string(node->szName, strnlen(node->szName, sizeof node->szName));
+  std::string name;
+  for (size_t i = 0; i < sizeof node->szName && node->szName[i] != 0; ++i) {
+    unsigned char c = static_cast<unsigned char>(node->szName[i]);
+    if (c >= 0x80) name += static_cast<char>(0xC0 | c >> 6);
+    name += static_cast<char>(c >= 0x80 ? 0x80 | (c & 0x3F) : c);
+  }
+  return name;
 }
 
 uint32_t nodeSize(const _MoxOleTreeNode* node) {
@@ -89,8 +87,7 @@ std::unique_ptr<Document> Document::open(const Library& library,
     *status = doc->io_.openError() != 0
                   ? fail(kExitIo, path, errorText(doc->io_.openError()))
                   : fail(kExitBadDocument, path,
-                         "damaged compound file (its header, allocation "
-                         "tables or directory cannot be read)");
+                         damagedText(library.openFailure(doc->io_.io(), doc->memory_.memory())));
     return nullptr;
   }
   int poolStatus = 0;
@@ -114,79 +111,6 @@ std::unique_ptr<Document> Document::open(const Library& library,
 Document::~Document() {
   if (handle_ != nullptr) library_.api().iOLEclose(handle_);
   if (pool_ != nullptr) services_.destroyPool(pool_);
-}
-
-const _MoxOleTreeNode* Document::find(const std::string& path) const {
-  std::vector<std::string> names;
-  if (!splitPath(path, &names)) return nullptr;
-  const _MoxOleTreeNode* node = root_;
-  for (const std::string& name : names) {
-    if (!isStorage(node)) return nullptr;
-    const _MoxOleTreeNode* exact = nullptr;
-    const _MoxOleTreeNode* folded = nullptr;
-    int foldedCount = 0;
-    for (int i = 0; i < node->iChildCount && exact == nullptr; ++i) {
-      const _MoxOleTreeNode* child = node->ppChildren[i];
-      std::string childName = nodeName(child);
-      if (childName == name) {
-        exact = child;
-      } else if (childName.size() == name.size() &&
-                 strncasecmp(childName.data(), name.data(), name.size()) == 0) {
-        folded = child;
-        ++foldedCount;
-      }
-    }
-    if (exact == nullptr && foldedCount != 1) return nullptr;
-    node = exact != nullptr ? exact : folded;
-  }
-  return node;
-}
-
-int Document::copyStream(const _MoxOleTreeNode* node,
-                         const std::string& shownAs, const ByteSink& sink) {
-  const MoxOleInterface& api = library_.api();
-  if (!library_.require(reinterpret_cast<const void*>(library_.readStreamChain),
-                        "iReadStreamChain") ||
-      !library_.require(reinterpret_cast<const void*>(api.lOLEseek),
-                        "lOLEseek") ||
-      !library_.require(reinterpret_cast<const void*>(api.iOLEread),
-                        "iOLEread") ||
-      !library_.require(reinterpret_cast<const void*>(api.bOLEcloseStream),
-                        "bOLEcloseStream")) {
-    return kExitIo;
-  }
-  uint32_t expected = nodeSize(node);
-  if (library_.readStreamChain(node->iIndex, handle_) != 0) {
-    return fail(kExitBadDocument, path_,
-                "stream " + shownAs + " cannot be read (broken sector chain)");
-  }
-  // An empty stream has no sector to stand on, so its seek may be refused;
-  // there is nothing to read either way.
-  if (api.lOLEseek(handle_, 0, 0) != 0 && expected != 0) {
-    api.bOLEcloseStream(handle_, "");
-    return fail(kExitBadDocument, path_,
-                "stream " + shownAs + " cannot be read (bad sector)");
-  }
-  buffer_.resize(kReadChunk);
-  uint64_t total = 0;
-  for (;;) {
-    uint32_t got = api.iOLEread(handle_, buffer_.data(),
-                                static_cast<uint32_t>(buffer_.size()));
-    if (got == 0) break;
-    total += got;
-    if (!sink(buffer_.data(), got)) {
-      api.bOLEcloseStream(handle_, "");
-      return kExitIo;
-    }
-  }
-  api.bOLEcloseStream(handle_, "");
-  if (static_cast<uint32_t>(total) != expected) {
-    return fail(kExitBadDocument, path_,
-                "stream " + shownAs + " is cut short (" +
-                    std::to_string(total) + " of " + std::to_string(expected) +
-                    " bytes)");
-  }
-  return kExitOk;
 }
 
 }  // namespace moxole

@@ -1,17 +1,14 @@
 // A compound document opened for reading through the library, with its
 // storage tree.
 //
-// Entries are reached through the tree and read by directory entry number,
-// never by name lookup: the library orders sibling names by lower-case
-// folding while most writers fold to upper case, so a lookup by name can
-// miss an entry that the tree shows.
+// What the host ABI offers beyond the native interface ('info' and the
+// embedded objects) is read through this; its names are 8-bit only.
 #ifndef MOXOLEFIO_TOOLS_MOXOLE_DOCUMENT_H_
 #define MOXOLEFIO_TOOLS_MOXOLE_DOCUMENT_H_
 
 #include <stddef.h>
 #include <stdint.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,7 +22,9 @@ namespace moxole {
 // Entry types as the tree reports them.
 enum { kStorage = 1, kStream = 2, kRoot = 5 };
 
-// The node's name as stored (8-bit, at most 36 bytes).
+// The node's name in UTF-8, each of its stored 8-bit characters taken as
+// the character of that number (what the host ABI keeps of a name is the
+// low byte of each UTF-16 unit).
 std::string nodeName(const _MoxOleTreeNode* node);
 // A stream's size as the tree reports it (the low 32 bits).
 uint32_t nodeSize(const _MoxOleTreeNode* node);
@@ -33,9 +32,6 @@ bool isStorage(const _MoxOleTreeNode* node);  // storage or root
 bool isStream(const _MoxOleTreeNode* node);
 // Children in byte order of their names, for stable, readable listings.
 std::vector<const _MoxOleTreeNode*> sortedChildren(const _MoxOleTreeNode* node);
-
-// Receives stream bytes; returns false after reporting its own failure.
-using ByteSink = std::function<bool(const char* data, size_t size)>;
 
 class Document {
  public:
@@ -50,16 +46,6 @@ class Document {
   const _MoxOleTreeNode* root() const { return root_; }
   _MoxOleFile* handle() const { return handle_; }
 
-  // The entry at a '/' path (escapes accepted; "" is the root).  An exact
-  // name wins; otherwise a name differing only in ASCII case is taken when
-  // it is the only one.  Null when there is none.
-  const _MoxOleTreeNode* find(const std::string& path) const;
-
-  // Feeds the bytes of stream `node` to `sink`.  `shownAs` names it in
-  // messages.  Returns an exit status; failures are reported.
-  int copyStream(const _MoxOleTreeNode* node, const std::string& shownAs,
-                 const ByteSink& sink);
-
  private:
   Document(const Library& library, const std::string& path);
 
@@ -71,7 +57,6 @@ class Document {
   HostMemory* pool_ = nullptr;  // holds the tree
   _MoxOleFile* handle_ = nullptr;
   _MoxOleTreeNode* root_ = nullptr;
-  std::vector<char> buffer_;
 };
 
 // Checks that `path` is a readable file that starts like a compound file;

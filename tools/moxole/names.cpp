@@ -6,10 +6,6 @@ namespace {
 
 const char kEmptyName[] = "\\x00";
 
-bool needsEscape(unsigned char byte) {
-  return byte < 0x20 || byte >= 0x7F || byte == '/' || byte == '\\';
-}
-
 void appendHex(unsigned char byte, std::string* out) {
   static const char kDigits[] = "0123456789abcdef";
   *out += "\\x";
@@ -33,7 +29,13 @@ std::string escapeName(const std::string& name) {
   bool dots = name == "." || name == "..";
   for (size_t i = 0; i < name.size(); ++i) {
     unsigned char byte = static_cast<unsigned char>(name[i]);
-    if (needsEscape(byte) || (dots && i == 0)) {
+    // U+0080 to U+009F are controls too; terminals act on some of them.
+    unsigned char next = i + 1 < name.size() ? static_cast<unsigned char>(name[i + 1]) : 0;
+    if (byte == 0xC2 && next >= 0x80 && next < 0xA0) {
+      appendHex(next, &out);
+      ++i;
+    } else if (byte < 0x20 || byte == 0x7F || byte == '/' || byte == '\\' ||
+               (dots && i == 0)) {
       appendHex(byte, &out);
     } else {
       out += static_cast<char>(byte);
@@ -48,10 +50,13 @@ bool unescapeName(const std::string& text, std::string* name) {
   for (size_t i = 0; i < text.size(); ++i) {
     if (text[i] == '\\' && i + 3 < text.size() && text[i + 1] == 'x' &&
         hexValue(text[i + 2]) >= 0 && hexValue(text[i + 3]) >= 0) {
-      char byte = static_cast<char>(hexValue(text[i + 2]) * 16 +
-                                    hexValue(text[i + 3]));
-      if (byte == 0) return false;
-      *name += byte;
+      int code = hexValue(text[i + 2]) * 16 + hexValue(text[i + 3]);
+      if (code == 0) return false;
+      if (code >= 0x80) {
+        *name += static_cast<char>(0xC0 | code >> 6);
+        code = 0x80 | (code & 0x3F);
+      }
+      *name += static_cast<char>(code);
       i += 3;
     } else {
       *name += text[i];

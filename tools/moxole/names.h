@@ -1,20 +1,22 @@
 // How entry names are written on the terminal and on disk, and how paths
 // given on the command line are read.
 //
-// Entry names are 8-bit strings that may hold control bytes
-// ("\x05SummaryInformation"), slashes and bytes above 0x7F.  One escaping
-// serves both display and extraction, so what `ls` prints is exactly the
-// file name that `extract` writes and that `cat` accepts:
+// Entry names are UTF-8 (each of the name's UTF-16 units, as the library
+// reports them) and may hold control characters ("\x05SummaryInformation")
+// and slashes.  One escaping serves both display and extraction, so what
+// `ls` prints is exactly the file name that `extract` writes and that `cat`
+// accepts:
 //
-//   - bytes below 0x20, 0x7F and above, '/' and '\' become \xHH
-//     (two lower-case hex digits);
+//   - characters below U+0020, U+007F to U+009F, '/' and '\' become \xHH
+//     (two lower-case hex digits: the character U+00HH);
 //   - the names "." and ".." get their first dot escaped (\x2e);
-//   - the empty name, which cannot be a file name, is written \x00 (a real
-//     name never holds a zero byte).
+//   - the empty name, which cannot be a file name, is written \x00;
+//   - every other character stays as it is, in UTF-8.
 //
-// The result is printable ASCII, never contains '/', and is never empty,
+// The result holds no control character and no '/', and is never empty,
 // "." or "..", so a name can be used as one file name inside a directory
-// without reaching outside it.  Unescaping reverses it exactly.
+// without reaching outside it.  Unescaping reverses it exactly, for names
+// without U+0000 (only damaged files have those).
 #ifndef MOXOLEFIO_TOOLS_MOXOLE_NAMES_H_
 #define MOXOLEFIO_TOOLS_MOXOLE_NAMES_H_
 
@@ -25,9 +27,11 @@ namespace moxole {
 
 std::string escapeName(const std::string& name);
 
-// Reverses escapeName.  A backslash that does not start \xHH stands for
-// itself, so hand-typed names need no escaping beyond what is unreadable.
-// False when the text decodes to a name holding a zero byte.
+// Reverses escapeName: \xHH is the character U+00HH in UTF-8, so the
+// 8-bit escapes of older listings ("caf\xe9") still name the same entry.
+// A backslash that does not start \xHH stands for itself, so hand-typed
+// names need no escaping beyond what is unreadable.  False when the text
+// decodes to a name holding U+0000.
 bool unescapeName(const std::string& text, std::string* name);
 
 // Splits a path written with '/' into unescaped names; empty components

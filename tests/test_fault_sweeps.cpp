@@ -1,0 +1,416 @@
+// Every allocation and every host read, seek and write of a host's job
+// made to fail in turn, one table row per job and kind of fault: nothing
+// may leak or crash, the host's object is closed once if it was opened,
+// and whatever is read or written is still right as far as it goes.
+#include <gtest/gtest.h>
+
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/corpus_files.h"
+#include "support/fault_sweep.h"
+#include "support/leak_report.h"
+#include "support/stream_kit.h"
+#include "support/write_kit.h"
+
+namespace {
+
+using cfb::Bytes;
+using moxtest::Fault;
+using streamkit::pattern;
+using streamkit::readToEnd;
+
+bool isRead(Fault f) { return f == Fault::kEmptyRead || f == Fault::kShortRead; }
+
+// --- Opening ---------------------------------------------------------------
+
+// A file with every table the loader reads: mini FAT, two directory
+// sectors, a regular stream and a mini stream.
+Bytes openSample() {
+  cfb::CfbBuilder b;
+  int s = b.addStorage(0, "Sub");
+  b.addStream(0, "Small", Bytes(100, 7));
+  b.addStream(s, "Big", Bytes(5000, 9));
+  b.addStream(s, "Tiny", Bytes(1, 1));
+  return b.build();
+}
+
+int64_t openJob(Fault f, int64_t n) {
+  static const Bytes bytes = openSample();
+  moxhost::MemoryIo io(bytes);
+  moxhost::CountingMemory memory;
+  moxtest::arm(f, n, io, memory.faults());
+  _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+  const int64_t seen = moxtest::occurrences(f, io, memory.faults());
+  // Read 2 is the only FAT sector, which may be cut short (the missing
+  // entries read as free); the header seek's result is ignored.  Every
+  // other failure fails the open.
+  const bool tolerated = (isRead(f) && n == 2) || (f == Fault::kSeek && n == 1);
+  if (n > 0 && !tolerated) {
+    EXPECT_EQ(h, nullptr);
+  }
+  if (n == 0) {
+    EXPECT_NE(h, nullptr);
+  }
+  if (f == Fault::kAllocation && n == 1) {
+    EXPECT_EQ(io.openCalls() + io.readCalls(), 0) << "no handle, yet the I/O object was used";
+  }
+  if (h != nullptr) {
+    EXPECT_EQ(iOLEclose(h), 1);
+  }
+  EXPECT_EQ(io.closeCalls(), io.openCalls());
+  EXPECT_LE(io.openCalls(), 1);
+  EXPECT_EQ(memory.liveBlocks(), 0);
+  return seen;
+}
+
+// --- Reading every stream every way ------------------------------------------
+
+struct SampleStream {
+  std::string storage;  // empty: the root
+  std::string name;
+  Bytes data;
+};
+
+struct Sample {
+  std::vector<SampleStream> streams;
+  std::vector<SampleStream> innerStreams;  // of the compound file in "Nested"
+  Bytes file;
+};
+
+Sample makeSample(bool withSplitList) {
+  Sample s;
+  s.innerStreams = {{"", "InnerMini", pattern(150, 1)}, {"", "InnerBig", pattern(5000, 2)}};
+  cfb::CfbBuilder inner;
+  for (const SampleStream& stream : s.innerStreams) inner.addStream(0, stream.name, stream.data);
+  s.streams = {{"", "Empty", {}},
+               {"", "Mini", pattern(1000, 3)},
+               {"", "Regular", pattern(6000, 4)},
+               {"Obj", "Data", pattern(4095, 5)},
+               {"Obj", "Wide", pattern(4096, 6)},
+               {"", "Nested", inner.build()}};
+  // Long enough for its sector list to be split in two.
+  if (withSplitList) s.streams.push_back({"", "Long", pattern(16384 * 512, 7)});
+  cfb::CfbBuilder b;
+  int obj = b.addStorage(0, "Obj");
+  for (const SampleStream& stream : s.streams) {
+    b.addStream(stream.storage.empty() ? 0 : obj, stream.name, stream.data);
+  }
+  s.file = b.build();
+  return s;
+}
+
+// Faults while loading may leave tables that are wrong but tolerated (a
+// short last FAT sector reads as zeros), so contents are only compared
+// when faults start after the open.  Undisturbed, everything must come.
+enum class Check { kNothing, kPrefix, kWhole };
+
+void expectPrefix(Check check, const Bytes& read, const Bytes& data, const std::string& what) {
+  if (check == Check::kWhole) {
+    EXPECT_EQ(read.size(), data.size()) << what;
+  }
+  if (check == Check::kNothing) return;
+  ASSERT_LE(read.size(), data.size()) << what;
+  EXPECT_TRUE(std::equal(read.begin(), read.end(), data.begin())) << what;
+}
+
+void readInner(const Sample& s, Check check, _MoxOleFile* outer, HostMemory* memory) {
+  _ZqTPIOobj* io = hSwitchToOLE(outer);
+  if (io == nullptr) return;
+  _MoxOleFile* inner = hOLEopen(io, memory);
+  if (check == Check::kWhole) {
+    EXPECT_NE(inner, nullptr);
+  }
+  if (inner != nullptr) {
+    for (const SampleStream& stream : s.innerStreams) {
+      if (bOLEopenStream(inner, stream.name.c_str())) {
+        expectPrefix(check, readToEnd(inner, 3000), stream.data, stream.name);
+      }
+    }
+    bOLEcloseStream(inner, nullptr);
+    iOLEclose(inner);
+  }
+  hSwitchFromOLE(outer);
+}
+
+// Opens the document and every stream in each of the ways there are,
+// reading each whole, the nested document included.
+int64_t readJob(Fault f, int64_t n, bool afterOpen) {
+  static const Sample plain = makeSample(false), split = makeSample(true);
+  const Sample& s = f == Fault::kAllocation ? split : plain;
+  moxhost::MemoryIo io(s.file);
+  moxhost::CountingMemory memory;
+  Check check = n == 0 ? Check::kWhole : Check::kPrefix;
+  if (!afterOpen) {
+    moxtest::arm(f, n, io, memory.faults());
+    if (f != Fault::kAllocation && n > 0) check = Check::kNothing;
+  }
+  _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+  if (n == 0) {
+    EXPECT_NE(h, nullptr);
+  }
+  if (h != nullptr) {
+    if (afterOpen) moxtest::arm(f, n, io, memory.faults());
+    for (const SampleStream& stream : s.streams) {
+      const char* storage = stream.storage.empty() ? nullptr : stream.storage.c_str();
+      char path[1][36] = {};
+      strncpy(path[0], stream.storage.c_str(), 35);
+      const bool byName = bOLEopenEmbeddedStream(h, stream.name.c_str(), storage);
+      if (byName) {
+        expectPrefix(check, readToEnd(h, 5000), stream.data, stream.name);
+        if (stream.name == "Nested") readInner(s, check, h, memory.memory());
+      }
+      const bool byPath = bOLEopenEmbeddedStreamEx(h, path, storage ? 1 : 0, stream.name.c_str());
+      if (byPath) expectPrefix(check, readToEnd(h, 4096), stream.data, stream.name);
+      if (check == Check::kWhole) {
+        EXPECT_TRUE(byName && byPath) << stream.name;
+      }
+    }
+    for (int entry = 0; entry < h->iDirCount; ++entry) {
+      if (iReadStreamChain(entry, h) == 0 && lOLEseek(h, 0, 0) == 0) readToEnd(h, 70000);
+    }
+    bOLEcloseStream(h, nullptr);
+    iOLEclose(h);
+  }
+  EXPECT_EQ(memory.liveBlocks(), 0);
+  return moxtest::occurrences(f, io, memory.faults());
+}
+
+// --- Extracting an embedded object -------------------------------------------
+
+Bytes objectSample() {
+  cfb::CfbBuilder b;
+  b.addStream(0, "WordDocument", pattern(9000, 1));
+  int pool = b.addStorage(0, "ObjectPool");
+  int one = b.addStorage(pool, "_1");
+  Bytes meta(8, 0xAB);
+  meta[0] = 8;  // the metafile header's own length
+  Bytes body = pattern(25000, 2);
+  meta.insert(meta.end(), body.begin(), body.end());
+  b.addStream(one, "\x03META", meta);
+  b.addStream(one, "\x03PIC", pattern(100, 3));
+  return b.build();
+}
+
+int64_t objectJob(Fault f, int64_t n) {
+  static const Bytes bytes = objectSample();
+  OpenDoc doc(bytes);
+  EXPECT_TRUE(doc.ok());
+  if (!doc.ok()) return 0;
+  EXPECT_EQ(bOLEopenStream(doc.h(), "WordDocument"), 1);
+  EXPECT_EQ(lOLEseek(doc.h(), 100, 0), 100);
+  char out[] = "/tmp/moxfaultXXXXXX";
+  close(mkstemp(out));
+  const int64_t before = moxtest::occurrences(f, doc.io(), doc.memory().faults());
+  moxtest::arm(f, n, doc.io(), doc.memory().faults());
+  const int result = bOLEgetObject(doc.h(), 1, out, 3);
+  const int64_t seen = moxtest::occurrences(f, doc.io(), doc.memory().faults());
+  doc.memory().faults().disarm();
+  unlink(out);
+  if (n == 0) {
+    EXPECT_EQ(result, 1);
+  }
+  // Succeeding or not, the reading host finds its stream where it was.
+  if (result == 1) {
+    EXPECT_EQ(lOLEtell(doc.h()), 100);
+  }
+  return f == Fault::kAllocation ? seen : seen - before;
+}
+
+// --- Writing ------------------------------------------------------------------
+
+writekit::Shape sessionShape() {
+  writekit::Shape shape = {{"Store", 1, {}}, {"Store\\Big", 2, pattern(200000, 8)}};
+  for (int i = 0; i < 40; ++i) {
+    shape.push_back({"Store\\s" + std::to_string(i), 2, pattern(100 + 37 * i, i)});
+  }
+  return shape;
+}
+
+// A whole session (open, creates, writes, close) with the services'
+// memory failing.  Each call works or reports 2.  A careful host retries a
+// refused creation, which must then work and leave the document exactly
+// as if nothing had failed; a refused write ends the session.
+int64_t sessionJob(Fault f, int64_t n) {
+  static const writekit::Shape shape = sessionShape();
+  static const Bytes whole = writekit::write(shape);
+  moxhost::PoolServices host;
+  moxhost::MemoryIo io;
+  moxtest::arm(f, n, io, host.faults());
+  _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 1);
+  bool failed = h == nullptr, retried = false;
+  for (size_t i = 0; !failed && i < shape.size(); ++i) {
+    const writekit::Part& p = shape[i];
+    int status = iOLEopenStreamEx(h, p.path.c_str(), p.type, 1);
+    if (status == 2) {
+      retried = true;
+      status = iOLEopenStreamEx(h, p.path.c_str(), p.type, 1);
+      EXPECT_EQ(status, 0) << p.path << ": the refused creation left something behind";
+    }
+    if (status == 0 && !p.data.empty()) {
+      status = iOLEwrite(h, const_cast<unsigned char*>(p.data.data()),
+                         static_cast<int>(p.data.size()));
+    }
+    EXPECT_TRUE(status == 0 || status == 2) << p.path << ": " << status;
+    failed = status != 0;
+  }
+  if (h != nullptr) {
+    EXPECT_EQ(iOLEclose(h), 1);
+  }
+  if (n == 0 || (retried && !failed)) {
+    EXPECT_EQ(io.bytes(), whole);
+  }
+  EXPECT_EQ(moxtest::leakReport(host), "");
+  EXPECT_EQ(io.closeCalls(), io.openCalls());
+  EXPECT_LE(io.openCalls(), 1);
+  return moxtest::occurrences(f, io, host.faults());
+}
+
+// Every region of the close outgrows the 64 KiB output buffer, so that
+// host writes happen inside each: DIFAT and a FAT of 170 sectors, 296 mini
+// FAT sectors, 151 directory sectors, an 8 MiB stream, 2.3 MiB of mini
+// stream.  A refused write is never retried: the file comes out short.
+int64_t closeJob(Fault f, int64_t n) {
+  static writekit::Shape shape;
+  if (shape.empty()) {
+    shape.push_back({"Big", 2, pattern(16384 * 512, 1)});
+    for (int i = 0; i < 600; ++i) shape.push_back({"m" + std::to_string(i), 2, pattern(4000, i)});
+  }
+  writekit::NewFile file;
+  for (const writekit::Part& p : shape) EXPECT_EQ(file.stream(p.path, p.data), 0);
+  moxtest::arm(f, n, file.io(), file.host().faults());
+  const Bytes& got = file.close();  // checks leaks and the one close
+  static size_t wholeSize = 0;
+  if (n == 0) {
+    wholeSize = got.size();
+    EXPECT_EQ(writekit::u32(got, 0x48), 1u) << "one DIFAT sector";
+  } else {
+    EXPECT_LT(got.size(), wholeSize);
+  }
+  return file.io().writeCalls();
+}
+
+// A document opened read-only by path, its memory failing: the open fails
+// cleanly or lookups work for what it holds; nothing is ever written.
+int64_t openForReadingJob(Fault f, int64_t n) {
+  static const Bytes data = pattern(5000, 1);
+  static const Bytes source = writekit::write(
+      {{"Dir", 1, {}}, {"Dir\\Data", 2, data}, {"Top", 2, pattern(10, 3)}});
+  moxhost::PoolServices host;
+  moxhost::MemoryIo io(source);
+  moxtest::arm(f, n, io, host.faults());
+  _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 0);
+  if (n == 0) {
+    EXPECT_NE(h, nullptr);
+  }
+  if (h != nullptr) {
+    const int status = iOLEopenStreamEx(h, "Dir\\Data", 0, 0);
+    EXPECT_TRUE(status == 0 || status == 6 || status == -1) << status;
+    if (status == 0) {
+      EXPECT_EQ(readToEnd(h), data);
+    }
+    bOLEcloseStream(h, nullptr);
+    iOLEclose(h);
+  }
+  EXPECT_EQ(moxtest::leakReport(host), "");
+  EXPECT_EQ(io.closeCalls(), io.openCalls());
+  EXPECT_EQ(io.writeCalls(), 0);
+  return moxtest::occurrences(f, io, host.faults());
+}
+
+// --- Real files ----------------------------------------------------------------
+
+// Every stream of a corpus file by entry number; a failed allocation may
+// lose streams, never change one.
+int64_t corpusJob(const char* path, Fault f, int64_t n) {
+  static std::map<std::string, std::map<int, Bytes>> undisturbed;
+  Bytes file;
+  EXPECT_TRUE(moxhost::readFile(corpus::directory() + "/" + path, &file)) << path;
+  moxhost::MemoryIo io(file);
+  moxhost::CountingMemory memory;
+  moxtest::arm(f, n, io, memory.faults());
+  std::map<int, Bytes>& whole = undisturbed[path];
+  if (_MoxOleFile* h = hOLEopen(io.io(), memory.memory())) {
+    for (int entry = 0; entry < h->iDirCount; ++entry) {
+      if (h->pDir[entry].byType != 2) continue;
+      if (iReadStreamChain(entry, h) != 0 || lOLEseek(h, 0, 0) != 0) continue;
+      const Bytes data = readToEnd(h, 65536);
+      if (static_cast<int64_t>(data.size()) != h->lStreamSize) continue;
+      if (n == 0) {
+        whole[entry] = data;
+      } else {
+        auto it = whole.find(entry);
+        EXPECT_TRUE(it != whole.end() && it->second == data) << "entry " << entry;
+      }
+    }
+    bOLEcloseStream(h, nullptr);
+    iOLEclose(h);
+  }
+  EXPECT_EQ(memory.liveBlocks(), 0);
+  return moxtest::occurrences(f, io, memory.faults());
+}
+
+// --- The table ------------------------------------------------------------------
+
+struct Case {
+  std::string job;
+  Fault fault;
+  std::function<int64_t(Fault, int64_t)> run;
+  int64_t minimum = 1;  // occurrences the undisturbed job must make
+  int64_t thin = 1;
+  const char* corpusFile = nullptr;
+};
+
+std::vector<Case> cases() {
+  std::vector<Case> all;
+  for (Fault f : {Fault::kAllocation, Fault::kEmptyRead, Fault::kShortRead, Fault::kSeek}) {
+    all.push_back({"Open", f, openJob, f == Fault::kAllocation ? 4 : 3});
+  }
+  all.push_back({"ReadEverything", Fault::kAllocation,
+                 [](Fault f, int64_t n) { return readJob(f, n, false); }, 100});
+  for (Fault f : {Fault::kEmptyRead, Fault::kShortRead, Fault::kSeek, Fault::kSeeksFrom}) {
+    all.push_back({"ReadEverythingFromOpen", f,
+                   [](Fault f, int64_t n) { return readJob(f, n, false); }, 11});
+    all.push_back({"ReadEverythingAfterOpen", f,
+                   [](Fault f, int64_t n) { return readJob(f, n, true); }, 11});
+  }
+  for (Fault f : {Fault::kAllocation, Fault::kShortRead, Fault::kSeek}) {
+    all.push_back({"GetObject", f, objectJob, 1});
+  }
+  all.push_back({"WriterSession", Fault::kAllocation, sessionJob, 50});
+  all.push_back({"WriterClose", Fault::kWrite, closeJob, 150, 5});
+  all.push_back({"OpenForReading", Fault::kAllocation, openForReadingJob, 5});
+  int i = 0;
+  for (const char* path : {"poi/Notes.ole2", "poi/BlockSize4096.zvi",
+                           "damaged/rust-cfb/loop_in_minichain",
+                           "damaged/compoundfiles/invalid_truncated.dat"}) {
+    Case c{"Corpus" + std::to_string(i++), Fault::kAllocation,
+           [path](Fault f, int64_t n) { return corpusJob(path, f, n); }, 1};
+    c.corpusFile = path;
+    all.push_back(c);
+  }
+  return all;
+}
+
+class FaultSweep : public ::testing::TestWithParam<Case> {};
+
+TEST_P(FaultSweep, EveryFailureIsClean) {
+  const Case& c = GetParam();
+  if (c.corpusFile != nullptr && corpus::directory().empty()) GTEST_SKIP() << "no corpus";
+  const int64_t total = moxtest::sweep([&c](int64_t n) { return c.run(c.fault, n); }, c.thin);
+  EXPECT_GE(total, c.minimum) << "the sweep did not reach far into the job";
+}
+
+INSTANTIATE_TEST_SUITE_P(Jobs, FaultSweep, ::testing::ValuesIn(cases()),
+                         [](const testing::TestParamInfo<Case>& info) {
+                           return info.param.job + moxtest::faultName(info.param.fault);
+                         });
+
+}  // namespace

@@ -252,7 +252,8 @@ TEST(NativeErrors, MiniStreamSizeBeyondTheMiniStreamIsRefusedAtOpen) {
   l.miniFat.resize(63);
   for (uint32_t i = 0; i < 62; ++i) l.miniFat[i] = i + 1;
   l.miniFat[62] = cfb::kEnd;
-  mox::CompoundFile doc = openBytes(l.serialize());
+  const std::vector<uint8_t> bytes = l.serialize();  // borrowed by the file
+  mox::CompoundFile doc = openBytes(bytes);
   EXPECT_EQ(errorOf([&] { doc.open_stream("Small"); }), mox::Errc::damaged);
 }
 

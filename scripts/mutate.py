@@ -854,7 +854,7 @@ def summarize(sample, done):
     survivors = [r for r in done.values() if r["status"] == "survived"]
     if survivors:
         lines.append("survivors:")
-        for r in sorted(survivors, key=lambda r: r["key"]):
+        for r in sorted(survivors, key=lambda r: r["id"]):
             lines.append("  %s %s:%d  %s: %s -> %s" % (
                 r["id"], r["file"], r["line"], r["op"], one_line(r["original"]),
                 one_line(r["mutated"])))

@@ -7,6 +7,15 @@
 // target aborts when an allocation of the host's memory interface or a
 // pool is still live after an input, or when the library did not close
 // the I/O object it opened.
+//
+// The work is bounded by the input, within the bound tests/test_bounded_work.cpp
+// holds crafted files to (a constant times the input's size plus a small
+// constant): host calls (reads, seeks, allocations) of the plain open, and
+// peak host memory of the open and the whole walk.  The walk's calls are
+// not bounded so: the storage tree of a damaged directory may list one
+// entry thousands of times (up to 16 nodes an entry and 7002 more, see
+// reader/stream_tree.cpp), and the walk reads each listed stream each
+// time; openmcdf's damaged _thumbs_bug_24.db makes 3.6 calls a byte so.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -29,6 +38,13 @@ namespace {
 // circle is followed to the count the header gives), keeping memory for
 // each; a host that says no at some point must then see a clean failure.
 constexpr int64_t kHostMemory = 256 << 20;
+
+// A sector may fan out into one FAT sector per link it holds, and the
+// header lists 109 FAT sectors whatever the file's size.
+constexpr int64_t kMemoryPerByte = 130;
+constexpr int64_t kMemoryConstant = 128 << 10;
+constexpr int64_t kCallsPerByte = 2;
+constexpr int64_t kCallsConstant = 4096;
 
 void require(bool condition, const char* what) {
   if (condition) return;
@@ -92,12 +108,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     moxhost::CountingMemory memory;
     memory.setLimit(kHostMemory);
     _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+    const auto length = static_cast<int64_t>(size);
+    const int64_t calls = io.readCalls() + io.seekCalls() + memory.allocations();
+    if (calls > kCallsPerByte * length + kCallsConstant) {
+      fprintf(stderr, "moxfuzz read: %lld bytes: %lld reads, %lld seeks, %lld allocations\n",
+              static_cast<long long>(length), static_cast<long long>(io.readCalls()),
+              static_cast<long long>(io.seekCalls()), static_cast<long long>(memory.allocations()));
+      require(false, "the open made host calls beyond the bound for the input's size");
+    }
     if (h != nullptr) {
       walkDocument(h, memory.memory(), 0, objectFile.c_str());
       require(iOLEclose(h) == 1, "iOLEclose");
     }
     require(memory.liveBlocks() == 0, "the reader left allocations live");
     require(io.openCalls() == 1 && io.closeCalls() == 1, "hOLEopen: I/O object not closed once");
+    if (memory.peakBytes() > kMemoryPerByte * length + kMemoryConstant) {
+      fprintf(stderr, "moxfuzz read: %lld bytes: peak memory %lld\n", static_cast<long long>(length),
+              static_cast<long long>(memory.peakBytes()));
+      require(false, "peak host memory beyond the bound for the input's size");
+    }
   }
   walkThroughWriter(bytes);
   return 0;

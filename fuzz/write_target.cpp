@@ -166,7 +166,7 @@ class Run {
     const int noStream = model_.current < 0 ? 34 : 0;
     switch (kind % 8) {
       case 0:
-        expect(api_.iOLEwrite(h_, nullptr, 10), noStream, "iOLEwrite of a null buffer");
+        expect(api_.iOLEwrite(h_, nullptr, 10), 34, "iOLEwrite of a null buffer");  // refused, stream or not
         break;
       case 1:
         expect(api_.iOLEwrite(h_, buffer, 0), noStream, "iOLEwrite of nothing");

@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include <algorithm>
+
 namespace mox::detail {
 
 void StreamData::writeAt(std::uint64_t, const void*, std::size_t) {
@@ -88,6 +90,14 @@ std::shared_ptr<StreamData> openStoredStream(std::shared_ptr<const Image> image,
   const bool mini = image->inMiniStream(e);
   const unsigned shift = mini ? image->header().mini_sector_shift : image->header().sector_shift;
   const std::uint64_t wanted = (size + (std::uint64_t{1} << shift) - 1) >> shift;
+  // A mini stream's sectors are distinct sectors of the mini stream, so a
+  // size needing more than the mini stream holds cannot be read; taken at
+  // its word, it would let a file of a few hundred kB claim (and read_all
+  // take memory for) as much as the mini FAT can link, gigabytes.
+  const std::uint64_t miniBytes = std::min(image->miniStreamMap().bytes(), image->miniStreamSize());
+  if (mini && wanted > (miniBytes + (std::uint64_t{1} << shift) - 1) >> shift) {
+    throw Error(Errc::damaged, image->name() + ": " + path + ": the stream is larger than the mini stream");
+  }
   Chain chain;
   if (wanted > 0) chain = image->chain(e.start, mini, wanted);
   if (chain.sectors < wanted || chain.end == ChainEnd::cycle) {

@@ -1,6 +1,7 @@
 #include "native/tree.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "format/names.h"
 
@@ -17,8 +18,7 @@ EntryType typeOf(std::uint8_t stored) {
   }
 }
 
-Node nodeOf(const Image& image, std::uint32_t id) {
-  const moxfmt::EntryRecord e = image.entry(id);
+Node nodeOf(const Image& image, std::uint32_t id, const moxfmt::EntryRecord& e) {
   Node n;
   n.name.assign(reinterpret_cast<const char16_t*>(e.name), e.nameLength());
   n.utf8 = moxfmt::utf16ToUtf8(e.name, e.nameLength());
@@ -93,7 +93,7 @@ Tree Tree::empty() {
 
 Tree Tree::fromImage(std::shared_ptr<const Image> image) {
   Tree t;
-  t.nodes_.push_back(nodeOf(*image, 0));
+  t.nodes_.push_back(nodeOf(*image, 0, image->entry(0)));
   t.image_ = std::move(image);
   return t;
 }
@@ -116,24 +116,27 @@ void Tree::expand(std::uint32_t parent) const {
   // The sibling tree read in order (left, self, right).  An entry met a
   // second time (only damaged files link one twice) is listed once, where
   // first met; a link back to an entry already listed ends the descent.
+  // Each entry is decoded once: the record waits on the stack for its
+  // node and its right link.
   std::vector<std::uint32_t> kids;
-  std::vector<std::uint32_t> stack;
+  std::vector<std::pair<std::uint32_t, moxfmt::EntryRecord>> stack;
   std::uint32_t at = image.entry(nodes_[parent].id).child;
   while (at < count || !stack.empty()) {
     if (at < count && !claimed_[at]) {
       claimed_[at] = true;
-      stack.push_back(at);
-      at = image.entry(at).left;
+      stack.emplace_back(at, image.entry(at));
+      at = stack.back().second.left;
       continue;
     }
     if (stack.empty()) break;
-    const std::uint32_t id = stack.back();
+    const std::uint32_t id = stack.back().first;
+    const moxfmt::EntryRecord record = stack.back().second;
     stack.pop_back();
     const auto index = static_cast<std::uint32_t>(nodes_.size());
-    nodes_.push_back(nodeOf(image, id));
+    nodes_.push_back(nodeOf(image, id, record));
     nodes_.back().parent = parent;
     kids.push_back(index);
-    at = image.entry(id).right;
+    at = record.right;
   }
   auto less = [&](std::uint32_t a, std::uint32_t b) { return siblingLess(nodes_[a], nodes_[b]); };
   if (!std::is_sorted(kids.begin(), kids.end(), less)) std::stable_sort(kids.begin(), kids.end(), less);

@@ -39,13 +39,18 @@ if command -v npm >/dev/null 2>&1 && [ ! -d tests/oracles/node_modules/cfb ]; th
 fi
 
 jobs=$(nproc)
+# Each step's time goes to the log, so that CI's budget can be watched.
+step() { echo "== test.sh: $1 (at ${SECONDS} s)"; }
+step "sanitizer build"
 # -O1 without NDEBUG: quick to build, and sanitizers see every check.
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g" \
   -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g" -DMOX_SANITIZE=ON -DMOX_BUILD_TESTS=ON
 cmake --build build-asan -j"$jobs"
+step "sanitizer suite"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs" -LE large
 
+step "Python package"
 # The Python package, with the system interpreter Debian's pybind11 and
 # olefile are built for (and the pip installation, which CTest leaves out).
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMOX_BUILD_TESTS=ON
@@ -59,6 +64,7 @@ if [ "${MOX_LARGE_TESTS:-0}" = 1 ]; then
   ctest --test-dir build --output-on-failure -L large
 fi
 
+step "ThreadSanitizer"
 # ThreadSanitizer: only the suites that run threads at once (the host
 # interface's, label "threads"; the native interface's NativeThreads),
 # built in their own folder, so that it costs a minute or two.  Any report
@@ -70,4 +76,5 @@ TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   ctest --test-dir build-tsan --output-on-failure -L threads
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   build-tsan/tests/test_native_api --gtest_filter='NativeThreads.*'
+step "done"
 echo "all tests passed"

@@ -243,6 +243,19 @@ TEST(NativeErrors, HostileHeaderCountsFailOrOpenWithoutTakingTheirWord) {
   }
 }
 
+TEST(NativeErrors, MiniStreamSizeBeyondTheMiniStreamIsRefusedAtOpen) {
+  cfb::CfbBuilder b;
+  const int small = b.addStream(0, "Small", pattern(100, 1));
+  cfb::CfbLayout l = b.layout();
+  // 63 distinct mini sectors linked in a row, in a mini stream of two.
+  l.dir[small].sizeLow = 4000;
+  l.miniFat.resize(63);
+  for (uint32_t i = 0; i < 62; ++i) l.miniFat[i] = i + 1;
+  l.miniFat[62] = cfb::kEnd;
+  mox::CompoundFile doc = openBytes(l.serialize());
+  EXPECT_EQ(errorOf([&] { doc.open_stream("Small"); }), mox::Errc::damaged);
+}
+
 // --- Threads -------------------------------------------------------------
 
 TEST(NativeThreads, ManyThreadsReadStreamsOfOneFile) {

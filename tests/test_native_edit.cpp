@@ -444,6 +444,9 @@ TEST(EditNames, NamesTheFormatCannotStoreAreRefused) {
   EXPECT_EQ(codeOf([&] { f.rename("ok", ""); }), mox::Errc::invalid_argument);
   EXPECT_EQ(codeOf([&] { f.remove(""); }), mox::Errc::invalid_argument);
   EXPECT_EQ(codeOf([&] { f.remove("missing"); }), mox::Errc::not_found);
+  // A bad name deep in a path leaves no storage made on the way to it.
+  EXPECT_EQ(codeOf([&] { f.create_stream("new/a:b/s"); }), mox::Errc::invalid_argument);
+  EXPECT_FALSE(f.exists("new"));
 }
 
 TEST(EditEntries, PropertiesWhereTheFormatAllowsThem) {

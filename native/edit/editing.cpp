@@ -89,18 +89,23 @@ EditedStream* edited(const Node& n) { return dynamic_cast<EditedStream*>(n.data.
 // The storage at `parts`, made (with the storages above it) where missing.
 std::uint32_t makeStorages(Impl& impl, const std::vector<std::string_view>& parts, std::size_t count) {
   std::uint32_t at = 0;
-  for (std::size_t i = 0; i < count; ++i) {
+  std::size_t i = 0;
+  for (; i < count; ++i) {
     const std::uint32_t next = impl.tree.findChild(at, parts[i]);
-    if (next != kNoNode) {
-      if (!isStorage(impl.tree.node(next))) {
-        throw Error(Errc::exists, impl.name() + ": " + impl.tree.pathOf(next) + ": is a stream, not a storage");
-      }
-      at = next;
-      continue;
+    if (next == kNoNode) break;
+    if (!isStorage(impl.tree.node(next))) {
+      throw Error(Errc::exists, impl.name() + ": " + impl.tree.pathOf(next) + ": is a stream, not a storage");
     }
+    at = next;
+  }
+  // Every name still to be made is checked before the first is added, so
+  // that a refused edit leaves the tree as it was.
+  std::vector<std::u16string> names;
+  for (std::size_t k = i; k < count; ++k) names.push_back(checkedName(impl, parts[k]));
+  for (std::size_t k = i; k < count; ++k) {
     Node n;
-    n.name = checkedName(impl, parts[i]);
-    n.utf8 = std::string(parts[i]);
+    n.name = std::move(names[k - i]);
+    n.utf8 = std::string(parts[k]);
     n.type = EntryType::storage;
     at = impl.tree.addChild(at, std::move(n));
   }

@@ -205,7 +205,9 @@ void Serializer::lay() {
 }
 
 void Serializer::write(Sink& sink) {
-  buffer_.resize(kBufferSize);
+  // A small file needs no more buffer than itself: zeroing a whole one for
+  // each bytes() of a few kB costs more than the writing.
+  buffer_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(kBufferSize, std::max<std::uint64_t>(fileSize(), 4096))));
   writeHeader(sink);
   std::vector<std::size_t> mini;
   for (std::size_t d = 0; d < order_.size(); ++d) {

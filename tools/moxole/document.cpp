@@ -87,8 +87,7 @@ std::unique_ptr<Document> Document::open(const Library& library,
     *status = doc->io_.openError() != 0
                   ? fail(kExitIo, path, errorText(doc->io_.openError()))
                   : fail(kExitBadDocument, path,
-                         "damaged compound file (its header, allocation "
-                         "tables or directory cannot be read)");
+                         damagedText(library.openFailure(doc->io_.io(), doc->memory_.memory())));
     return nullptr;
   }
   int poolStatus = 0;

@@ -53,8 +53,7 @@ std::unique_ptr<EntryTree> EntryTree::open(const std::string& path, int* status)
     switch (e.code()) {
       case mox::Errc::not_a_compound_file:
       case mox::Errc::damaged:
-        *status = fail(kExitBadDocument, path,
-                       "damaged compound file (its header, allocation tables or directory cannot be read)");
+        *status = fail(kExitBadDocument, path, damagedText(withoutFileName(e.what(), path)));
         break;
       case mox::Errc::no_memory: *status = fail(kExitIo, path, "out of memory"); break;
       default: *status = fail(kExitIo, "", e.what());

@@ -80,8 +80,17 @@ bool Library::loadFrom(const std::string& path, std::string* error) {
   // The library stays loaded until the process ends: handles and trees
   // point into it.
   getTable(reinterpret_cast<void**>(&api_));
+  openFailure_ = reinterpret_cast<decltype(openFailure_)>(dlsym(handle, "moxoleOpenFailure"));
   path_ = path;
   return true;
+}
+
+std::string Library::openFailure(_ZqTPIOobj* io, HostMemory* memory) const {
+  if (openFailure_ == nullptr || !io->open(io)) return std::string();
+  char text[256];
+  const int length = openFailure_(io, memory, text, sizeof text);
+  io->close(io);
+  return length > 0 ? std::string(text) : std::string();
 }
 
 bool Library::require(const void* function, const char* name) const {

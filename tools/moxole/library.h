@@ -27,6 +27,9 @@ class Library {
   bool load();
 
   const MoxOleInterface& api() const { return api_; }
+  // Why hOLEopen refuses the document behind `io` (closed, as hOLEopen
+  // leaves it), as the library words it; "" when it cannot say.
+  std::string openFailure(_ZqTPIOobj* io, HostMemory* memory) const;
   const std::string& path() const { return path_; }
 
   // True when `function` is present; otherwise reports that this build of
@@ -38,6 +41,7 @@ class Library {
   bool loadFrom(const std::string& path, std::string* error);
 
   MoxOleInterface api_{};
+  int (*openFailure_)(_ZqTPIOobj*, HostMemory*, char*, int) = nullptr;
   std::string path_;
 };
 

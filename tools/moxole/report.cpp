@@ -18,6 +18,18 @@ int fail(int status, const std::string& subject, const std::string& message) {
   return status;
 }
 
+std::string damagedText(const std::string& reason) {
+  if (reason.empty()) {
+    return "damaged compound file (its header, allocation tables or directory cannot be read)";
+  }
+  return "damaged compound file: " + reason;
+}
+
+std::string withoutFileName(const std::string& text, const std::string& file) {
+  const std::string prefix = file + ": ";
+  return text.compare(0, prefix.size(), prefix) == 0 ? text.substr(prefix.size()) : text;
+}
+
 std::string errorText(int error) {
   // Messages read better in lower case after a colon: "no such file".
   std::string text = strerror(error);

@@ -24,6 +24,13 @@ enum ExitStatus {
 // empty) and returns status, so callers can write `return fail(...)`.
 int fail(int status, const std::string& subject, const std::string& message);
 
+// "damaged compound file: REASON", or with a general explanation when the
+// library gave no reason.
+std::string damagedText(const std::string& reason);
+
+// An error text of the native interface without its leading "FILE: ".
+std::string withoutFileName(const std::string& text, const std::string& file);
+
 // The text of errno value `error`, for messages.
 std::string errorText(int error);
 

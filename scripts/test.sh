@@ -57,6 +57,8 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMOX_BUILD_TESTS=ON
 cmake --build build -j"$jobs" --target moxole _moxolefio moxpy_native_dump
 PYTHONPATH=build/python MOXOLE_PROGRAM=build/moxole MOXPY_NATIVE_DUMP=build/python/moxpy_native_dump \
   /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
+# The mutation script's choice of sites (it needs no build).
+/usr/bin/python3 -m pytest -q -p no:cacheprovider scripts/test_mutate.py
 if [ "${MOX_LARGE_TESTS:-0}" = 1 ]; then
   cmake --build build -j"$jobs"
   ctest --test-dir build --output-on-failure -L large

@@ -8,9 +8,9 @@ import os
 import pytest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-spec = importlib.util.spec_from_file_location("mutate", os.path.join(HERE, "mutate.py"))
-mutate = importlib.util.module_from_spec(spec)
-spec.loader.exec_module(mutate)
+_script = importlib.util.spec_from_file_location("mutate", os.path.join(HERE, "mutate.py"))
+mutate = importlib.util.module_from_spec(_script)
+_script.loader.exec_module(mutate)
 
 
 def sites(src, op=None):

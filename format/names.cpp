@@ -28,6 +28,8 @@ int sequenceTail(unsigned char lead) {
   return lead < 0xF5 ? 3 : -1;
 }
 
+}  // namespace
+
 void appendUtf8(std::string& out, uint32_t cp) {
   if (cp < 0x80) {
     out += static_cast<char>(cp);
@@ -45,8 +47,6 @@ void appendUtf8(std::string& out, uint32_t cp) {
     out += static_cast<char>(0x80 | (cp & 0x3F));
   }
 }
-
-}  // namespace
 
 uint16_t upcaseUnit(uint16_t u) {
   if (u < 0x80) return (u >= 'a' && u <= 'z') ? static_cast<uint16_t>(u - 0x20) : u;

@@ -31,6 +31,9 @@ inline int compareSiblingNames(std::u16string_view a, std::u16string_view b) {
                              reinterpret_cast<const uint16_t*>(b.data()), b.size());
 }
 
+// Appends one code point as UTF-8.
+void appendUtf8(std::string& out, uint32_t cp);
+
 // UTF-16 to UTF-8; an unpaired surrogate becomes U+FFFD.
 std::string utf16ToUtf8(const uint16_t* units, size_t length);
 inline std::string utf16ToUtf8(std::u16string_view s) {

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 
+#include "format/names.h"
+
 namespace mox::props {
 
 namespace {
@@ -56,24 +58,6 @@ std::size_t unitOf(std::uint16_t code_page) {
     case 12000:
     case 12001: return 4;
     default: return 1;
-  }
-}
-
-void appendUtf8(std::string& out, char32_t c) {
-  if (c < 0x80) {
-    out += static_cast<char>(c);
-  } else if (c < 0x800) {
-    out += static_cast<char>(0xC0 | (c >> 6));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    out += static_cast<char>(0xE0 | (c >> 12));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (c >> 18));
-    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
   }
 }
 
@@ -196,7 +180,7 @@ std::string utf16_to_utf8(std::u16string_view text) {
     } else if (c >= 0xD800 && c < 0xE000) {
       c = 0xFFFD;
     }
-    appendUtf8(out, c);
+    moxfmt::appendUtf8(out, c);
   }
   return out;
 }

@@ -166,6 +166,8 @@ class Index {
   std::uint32_t findChild(std::uint32_t parent, const std::string& lowered);
   void insertChild(std::uint32_t parent, std::uint32_t child);
   void forgetChild(std::uint32_t parent, std::uint32_t child);
+  template <class Visit>
+  void depthFirst(Visit visit);
 
   std::vector<Node> nodes_;
 };

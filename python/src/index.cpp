@@ -271,46 +271,17 @@ py::list Index::pathList(std::uint32_t i) {
   return listOf(names, nullptr);
 }
 
-py::list Index::listdir(bool streams, bool storages) {
-  py::list out;
-  std::vector<PyObject*> prefix;  // borrowed from the nodes' cached names
-  struct Frame {
-    std::uint32_t node;
-    std::size_t next;
-  };
-  std::vector<Frame> stack{{0, 0}};
-  // An explicit stack: damaged files nest storages thousands deep.
-  while (!stack.empty()) {
-    const std::uint32_t at = stack.back().node;
-    const std::size_t next = stack.back().next;
-    if (next == nodes_[at].children.size()) {
-      stack.pop_back();
-      if (!stack.empty()) prefix.pop_back();
-      continue;
-    }
-    ++stack.back().next;
-    const std::uint32_t c = nodes_[at].children[next];
-    const int type = nodes_[c].type;
-    if (type == kTypeStorage) {
-      PyObject* name = pyName(c).ptr();
-      if (storages) out.append(listOf(prefix, name));
-      prefix.push_back(name);
-      stack.push_back(Frame{c, 0});
-    } else if (type == kTypeStream && streams) {
-      out.append(listOf(prefix, pyName(c).ptr()));
-    }
-  }
-  return out;
-}
-
-py::list Index::walk() {
-  py::list out;
+// Depth first from the root, children in order, with an explicit stack
+// (damaged files nest storages thousands deep).  `visit(prefix, child,
+// name)` sees the names above the child (borrowed from the nodes' cached
+// names) and says whether to go into it.
+template <class Visit>
+void Index::depthFirst(Visit visit) {
   std::vector<PyObject*> prefix;
   struct Frame {
     std::uint32_t node;
     std::size_t next;
   };
-  out.append(py::make_tuple(py::list(), 0));
   std::vector<Frame> stack{{0, 0}};
   while (!stack.empty()) {
     const std::uint32_t at = stack.back().node;
@@ -323,10 +294,34 @@ py::list Index::walk() {
     ++stack.back().next;
     const std::uint32_t c = nodes_[at].children[next];
     PyObject* name = pyName(c).ptr();
-    out.append(py::make_tuple(listOf(prefix, name), c));
-    prefix.push_back(name);
-    stack.push_back(Frame{c, 0});
+    if (visit(prefix, c, name)) {
+      prefix.push_back(name);
+      stack.push_back(Frame{c, 0});
+    }
   }
+}
+
+py::list Index::listdir(bool streams, bool storages) {
+  py::list out;
+  depthFirst([&](const std::vector<PyObject*>& prefix, std::uint32_t c, PyObject* name) {
+    const int type = nodes_[c].type;
+    if (type == kTypeStorage) {
+      if (storages) out.append(listOf(prefix, name));
+      return true;
+    }
+    if (type == kTypeStream && streams) out.append(listOf(prefix, name));
+    return false;
+  });
+  return out;
+}
+
+py::list Index::walk() {
+  py::list out;
+  out.append(py::make_tuple(py::list(), 0));
+  depthFirst([&](const std::vector<PyObject*>& prefix, std::uint32_t c, PyObject* name) {
+    out.append(py::make_tuple(listOf(prefix, name), c));
+    return true;
+  });
   return out;
 }
 

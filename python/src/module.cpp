@@ -380,11 +380,9 @@ class File {
   py::list check() {
     requireFile();
     std::vector<mox::Defect> defects;
-    try {
+    onFile([&] {
       defects = cf_->check();
-    } catch (const mox::Error& e) {
-      raise(e, state_->name);
-    }
+    });
     py::list out;
     for (mox::Defect& d : defects) out.append(py::cast(std::move(d)));
     return out;
@@ -401,11 +399,9 @@ class File {
     if (index_.node(i).type != kTypeStream) raiseOsError("this file is not a stream");
     if (!cf_) raiseOsError("Attempting to open a stream from a closed OLE File");
     std::optional<mox::PropertySet> set;
-    try {
+    onFile([&] {
       set.emplace(mox::read_property_set(*cf_, index_.nativePath(i)));
-    } catch (const mox::Error& e) {
-      raise(e, state_->name);
-    }
+    });
     py::list out;
     if (set->sections.empty()) return out;
     for (const mox::Property& p : set->sections.front().properties) {
@@ -450,12 +446,10 @@ class File {
     requireWritable();
     py::buffer_info info = data.request();
     const StreamTarget target = streamTarget(path);
-    try {
+    onFile([&] {
       mox::Stream stream = cf_->create_stream(target.native);
       stream.write(info.ptr, static_cast<std::size_t>(info.size * info.itemsize));
-    } catch (const mox::Error& e) {
-      raise(e, state_->name);
-    }
+    });
     written(target);
   }
 
@@ -502,11 +496,9 @@ class File {
     if (index_.node(at).type == kTypeStream) raiseOsError("a stream cannot hold other entries");
     std::string native = index_.nativePath(at);
     for (std::size_t k = found; k < names.size(); ++k) native += "/" + names[k];
-    try {
+    onFile([&] {
       cf_->create_storage(native);
-    } catch (const mox::Error& e) {
-      raise(e, state_->name);
-    }
+    });
     state_->modified = true;
     addMissing(at, names, found, kTypeStorage);
   }
@@ -515,11 +507,9 @@ class File {
     requireWritable();
     const std::uint32_t i = find(path);
     if (i == 0) throw py::value_error("the root cannot be removed");
-    try {
+    onFile([&] {
       cf_->remove(index_.nativePath(i));
-    } catch (const mox::Error& e) {
-      raise(e, state_->name);
-    }
+    });
     state_->modified = true;
     index_.remove(i);
   }
@@ -528,11 +518,9 @@ class File {
     requireWritable();
     const std::uint32_t i = find(path);
     if (i == 0) throw py::value_error("the root cannot be renamed");
-    try {
+    onFile([&] {
       cf_->rename(index_.nativePath(i), name);
-    } catch (const mox::Error& e) {
-      raise(e, state_->name);
-    }
+    });
     state_->modified = true;
     index_.rename(i, name);
   }
@@ -544,43 +532,35 @@ class File {
     std::array<std::uint8_t, 16> value{};
     std::copy(raw.begin(), raw.end(), value.begin());
     const std::uint32_t i = find(path);
-    try {
+    onFile([&] {
       cf_->set_clsid(index_.nativePath(i), value);
-    } catch (const mox::Error& e) {
-      raise(e, state_->name);
-    }
+    });
     state_->modified = true;
   }
 
   void commit() {
     requireWritable();
-    try {
+    onFile([&] {
       cf_->commit();
-    } catch (const mox::Error& e) {
-      raise(e, state_->name);
-    }
+    });
     state_->modified = false;
   }
 
   void revert() {
     requireWritable();
-    try {
+    onFile([&] {
       cf_->revert();
       index_.build(cf_->walk());
-    } catch (const mox::Error& e) {
-      raise(e, state_->name);
-    }
+    });
     state_->modified = false;
   }
 
   py::bytes content() {
     requireWritable();
     std::vector<std::uint8_t> bytes;
-    try {
+    onFile([&] {
       bytes = cf_->bytes();
-    } catch (const mox::Error& e) {
-      raise(e, state_->name);
-    }
+    });
     return py::bytes(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   }
 #endif
@@ -684,6 +664,17 @@ class File {
     return "cp" + std::to_string(codePage);
   }
 #endif
+
+  // Runs an operation on the native file, its errors raised as Python's
+  // exceptions naming the file.
+  template <class Operation>
+  void onFile(Operation operation) {
+    try {
+      operation();
+    } catch (const mox::Error& e) {
+      raise(e, state_->name);
+    }
+  }
 
  private:
   void reset() {

@@ -112,21 +112,7 @@ TEST_P(NativeCheckCorpus, CleanFilesHaveNoErrorsDamagedOnesHaveDefects) {
   }
 }
 
-std::vector<std::size_t> corpusIndexes() {
-  std::vector<std::size_t> indexes;
-  for (std::size_t i = 0; i < corpusFiles().size(); ++i) indexes.push_back(i);
-  return indexes;
-}
-
-INSTANTIATE_TEST_SUITE_P(Corpus, NativeCheckCorpus, ::testing::ValuesIn(corpusIndexes()),
-                         [](const ::testing::TestParamInfo<std::size_t>& info) {
-                           std::string name = corpusFiles()[info.param].path;
-                           for (char& c : name) {
-                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                           }
-                           return name;
-                         });
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(NativeCheckCorpus);
+MOX_TEST_EACH_FILE(Corpus, NativeCheckCorpus, corpusFiles);
 
 // --- Files broken one rule at a time -------------------------------------------
 

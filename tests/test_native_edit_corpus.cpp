@@ -100,20 +100,6 @@ TEST_P(EditCorpus, CommitsKeepEveryOtherEntry) {
   EXPECT_EQ(cfbaudit::audit(bytesOf(path)), "");
 }
 
-std::vector<std::size_t> corpusIndexes() {
-  std::vector<std::size_t> indexes;
-  for (std::size_t i = 0; i < corpusFiles().size(); ++i) indexes.push_back(i);
-  return indexes;
-}
-
-INSTANTIATE_TEST_SUITE_P(Corpus, EditCorpus, ::testing::ValuesIn(corpusIndexes()),
-                         [](const ::testing::TestParamInfo<std::size_t>& info) {
-                           std::string name = corpusFiles()[info.param].path;
-                           for (char& c : name) {
-                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                           }
-                           return name;
-                         });
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(EditCorpus);
+MOX_TEST_EACH_FILE(Corpus, EditCorpus, corpusFiles);
 
 }  // namespace

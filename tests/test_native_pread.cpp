@@ -74,20 +74,6 @@ TEST_P(NativePread, ReadsWhatTheMappingReads) {
   EXPECT_EQ(mapped->check().size(), read->check().size());
 }
 
-std::vector<std::size_t> corpusIndexes() {
-  std::vector<std::size_t> indexes;
-  for (std::size_t i = 0; i < corpusFiles().size(); ++i) indexes.push_back(i);
-  return indexes;
-}
-
-INSTANTIATE_TEST_SUITE_P(Corpus, NativePread, ::testing::ValuesIn(corpusIndexes()),
-                         [](const ::testing::TestParamInfo<std::size_t>& info) {
-                           std::string name = corpusFiles()[info.param].path;
-                           for (char& c : name) {
-                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                           }
-                           return name;
-                         });
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(NativePread);
+MOX_TEST_EACH_FILE(Corpus, NativePread, corpusFiles);
 
 }  // namespace

@@ -502,21 +502,7 @@ TEST_P(PropertyCorpus, ReadAsOlefileAndGsfReadItAndWrittenBackTheSame) {
   }
 }
 
-std::vector<std::size_t> corpusIndexes() {
-  std::vector<std::size_t> indexes;
-  for (std::size_t i = 0; i < corpusFiles().size(); ++i) indexes.push_back(i);
-  return indexes;
-}
-
-INSTANTIATE_TEST_SUITE_P(Corpus, PropertyCorpus, ::testing::ValuesIn(corpusIndexes()),
-                         [](const ::testing::TestParamInfo<std::size_t>& info) {
-                           std::string name = corpusFiles()[info.param].path;
-                           for (char& c : name) {
-                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                           }
-                           return name;
-                         });
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(PropertyCorpus);
+MOX_TEST_EACH_FILE(Corpus, PropertyCorpus, corpusFiles);
 
 TEST(PropertyCorpusPresence, CorpusHasPropertyStreams) {
   if (manifest::load(MOX_CORPUS_DIR).empty()) GTEST_SKIP() << "no corpus at " << MOX_CORPUS_DIR;

@@ -1,5 +1,6 @@
 #include "support/manifest.h"
 
+#include <cctype>
 #include <fstream>
 #include <sstream>
 
@@ -59,6 +60,14 @@ std::vector<std::string> namePath(const std::vector<std::u16string>& units) {
 }
 
 }  // namespace
+
+std::string testName(const std::string& path) {
+  std::string name = path;
+  for (char& c : name) {
+    if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+  }
+  return name;
+}
 
 std::vector<File> load(const std::string& corpusDir) {
   std::ifstream in(corpusDir + "/MANIFEST.tsv");

@@ -42,6 +42,20 @@ std::vector<std::string> split(const std::string& line, char separator);
 // Every file of the manifest in `corpusDir`; empty when it is missing.
 std::vector<File> load(const std::string& corpusDir);
 
+// A file's path as a test name: every character but letters and digits
+// becomes '_'.
+std::string testName(const std::string& path);
+
+// One test of the TEST_P suite `suite` (its parameter an index into
+// files(), a function returning files of the manifest) per file, named
+// after the file.
+#define MOX_TEST_EACH_FILE(prefix, suite, files)                                      \
+  INSTANTIATE_TEST_SUITE_P(prefix, suite, ::testing::Range<std::size_t>(0, files().size()), \
+                           [](const ::testing::TestParamInfo<std::size_t>& info) {  \
+                             return manifest::testName(files()[info.param].path);   \
+                           });                                                      \
+  GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(suite)
+
 }  // namespace manifest
 
 #endif  // MOXOLEFIO_TESTS_SUPPORT_MANIFEST_H_

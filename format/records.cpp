@@ -63,7 +63,15 @@ size_t EntryRecord::nameLength() const {
 
 EntryRecord decodeEntry(ByteOrder o, const unsigned char* bytes) {
   EntryRecord e;
-  for (size_t i = 0; i < kNameUnits; ++i) e.name[i] = get16(o, bytes + entry_at::kName + 2 * i);
+  if (o == ByteOrder::kLittle) {
+    // One pass the compiler turns into a plain copy on little-endian hosts:
+    // a directory walk decodes every entry, and the name is half of it.
+    for (size_t i = 0; i < kNameUnits; ++i) {
+      e.name[i] = static_cast<uint16_t>(bytes[entry_at::kName + 2 * i] | (bytes[entry_at::kName + 2 * i + 1] << 8));
+    }
+  } else {
+    for (size_t i = 0; i < kNameUnits; ++i) e.name[i] = get16(o, bytes + entry_at::kName + 2 * i);
+  }
   e.name_bytes = get16(o, bytes + entry_at::kNameLength);
   e.type = bytes[entry_at::kType];
   e.colour = bytes[entry_at::kColour];

@@ -31,6 +31,11 @@ struct __attribute__((visibility("hidden"))) CompoundFile::Impl {
   // create or open_rw has one; the committed state is `image` itself
   // (revert rebuilds the tree from it).
   std::shared_ptr<detail::Scratch> scratch;
+  // Entries added, removed, renamed or moved since the last commit: the
+  // next one lays the file out anew.
+  bool layout_changed = false;
+  // Whether check() finds nothing in `image`; -1 until a commit asks.
+  int image_clean = -1;
 
   // For messages: the file's path, or "<memory>".
   std::string name() const;

@@ -215,6 +215,10 @@ void Image::loadMiniFat() {
                "the header counts " + std::to_string(header_.mini_fat_count) +
                    " mini FAT sectors, the chain has " + std::to_string(c.sectors));
   }
+  // The walk bounded the chain by the file's sectors: sized once, the
+  // table is not copied again and again as it grows.
+  mini_fat_.reserve(c.sectors * moxfmt::linksPerSector(sector_size_));
+  mini_fat_sectors_.reserve(c.sectors);
   for (const Run& run : c.runs) {
     for (std::uint64_t k = 0; k < run.count; ++k) {
       const auto sector = static_cast<std::uint32_t>(run.first + k);

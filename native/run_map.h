@@ -25,6 +25,10 @@ class RunMap {
   // length).  The caller keeps the range inside the runs.
   template <typename Base>
   void copy(std::uint64_t offset, unsigned char* out, std::size_t count, Base&& base) const;
+  // Calls `piece(position in the underlying space, length)` for each
+  // contiguous piece of bytes [offset, offset + count), in order.
+  template <typename Piece>
+  void each(std::uint64_t offset, std::uint64_t count, Piece&& piece) const;
   std::uint64_t bytes() const { return starts_.empty() ? 0 : starts_.back(); }
 
  private:
@@ -33,21 +37,28 @@ class RunMap {
   unsigned shift_ = 9;
 };
 
-template <typename Base>
-void RunMap::copy(std::uint64_t offset, unsigned char* out, std::size_t count, Base&& base) const {
+template <typename Piece>
+void RunMap::each(std::uint64_t offset, std::uint64_t count, Piece&& piece) const {
   // The run holding `offset`: the last one starting at or before it.
   std::size_t i = static_cast<std::size_t>(
       std::upper_bound(starts_.begin(), starts_.end() - 1, offset) - starts_.begin() - 1);
   while (count > 0) {
     const std::uint64_t within = offset - starts_[i];
     const std::uint64_t left = starts_[i + 1] - offset;
-    const std::size_t piece = static_cast<std::size_t>(left < count ? left : count);
-    base((runs_[i].first << shift_) + within, out, piece);
-    out += piece;
-    offset += piece;
-    count -= piece;
+    const std::uint64_t n = left < count ? left : count;
+    piece((runs_[i].first << shift_) + within, n);
+    offset += n;
+    count -= n;
     ++i;
   }
+}
+
+template <typename Base>
+void RunMap::copy(std::uint64_t offset, unsigned char* out, std::size_t count, Base&& base) const {
+  each(offset, count, [&](std::uint64_t at, std::uint64_t n) {
+    base(at, out, static_cast<std::size_t>(n));
+    out += n;
+  });
 }
 
 }  // namespace mox::detail

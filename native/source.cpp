@@ -46,11 +46,15 @@ class Descriptor {
 
 class MappedFile : public ByteSource {
  public:
-  MappedFile(void* mapping, std::uint64_t size, std::string name)
-      : ByteSource(static_cast<const unsigned char*>(mapping), size, std::move(name)) {}
+  MappedFile(void* mapping, std::uint64_t size, std::string name, int fd)
+      : ByteSource(static_cast<const unsigned char*>(mapping), size, std::move(name)), fd_(fd) {}
   ~MappedFile() override {
     if (size_ > 0) munmap(const_cast<unsigned char*>(data_), size_);
   }
+  int descriptor() const override { return fd_.get(); }
+
+ private:
+  Descriptor fd_;
 };
 
 // Files that cannot be mapped (pipes turned into files by /proc, special
@@ -59,6 +63,7 @@ class PreadFile : public ByteSource {
  public:
   PreadFile(int fd, std::uint64_t size, std::string name)
       : ByteSource(nullptr, size, std::move(name)), fd_(fd) {}
+  int descriptor() const override { return fd_.get(); }
   std::size_t readAt(std::uint64_t offset, void* buffer, std::size_t count) const override {
     if (offset >= size_) return 0;
     std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(count, size_ - offset));
@@ -97,7 +102,7 @@ class OwnedSource : public ByteSource {
 
 }  // namespace
 
-std::unique_ptr<ByteSource> openFileSource(const std::filesystem::path& path, bool map) {
+std::unique_ptr<ByteSource> openFileSource(const std::filesystem::path& path, bool map, bool keepDescriptor) {
   const std::string name = path.string();
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) throwErrno("cannot open", name);
@@ -109,7 +114,14 @@ std::unique_ptr<ByteSource> openFileSource(const std::filesystem::path& path, bo
   if (size == 0) return std::make_unique<MemorySource>(nullptr, 0, name);
   void* mapping = map && S_ISREG(info.st_mode) ? mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0)
                                         : MAP_FAILED;
-  if (mapping != MAP_FAILED) return std::make_unique<MappedFile>(mapping, size, name);
+  if (mapping != MAP_FAILED) {
+    const int kept = keepDescriptor ? dup(fd) : -1;
+    if (keepDescriptor && kept < 0) {
+      munmap(mapping, size);
+      throwErrno("cannot open", name);
+    }
+    return std::make_unique<MappedFile>(mapping, size, name, kept);
+  }
   const int kept = dup(fd);
   if (kept < 0) throwErrno("cannot open", name);
   return std::make_unique<PreadFile>(kept, size, name);

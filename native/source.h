@@ -25,6 +25,8 @@ class ByteSource {
   virtual std::size_t readAt(std::uint64_t offset, void* buffer, std::size_t count) const;
   // For messages: the file's path, or "<memory>".
   const std::string& name() const { return name_; }
+  // An open descriptor of the file, for copies the kernel makes, or -1.
+  virtual int descriptor() const { return -1; }
 
  protected:
   ByteSource(const unsigned char* data, std::uint64_t size, std::string name)
@@ -34,8 +36,11 @@ class ByteSource {
   std::string name_;
 };
 
-// Maps the file when `map` is set and it can be mapped; else reads it with pread.
-std::unique_ptr<ByteSource> openFileSource(const std::filesystem::path& path, bool map = true);
+// Maps the file when `map` is set and it can be mapped; else reads it with
+// pread.  A mapped file keeps its descriptor only when `keepDescriptor`
+// is set (files opened for editing, whose commits copy from it).
+std::unique_ptr<ByteSource> openFileSource(const std::filesystem::path& path, bool map = true,
+                                           bool keepDescriptor = false);
 std::unique_ptr<ByteSource> borrowMemory(const void* data, std::size_t size);
 std::unique_ptr<ByteSource> ownBytes(std::vector<unsigned char> bytes, std::string name);
 

@@ -13,6 +13,7 @@
 #include "format/names.h"
 #include "moxolefio/moxolefio.hpp"
 #include "support/cfb_audit.h"
+#include "support/cfb_builder.h"
 #include "support/program_run.h"
 #include "support/vos_scratch.h"
 
@@ -561,6 +562,80 @@ TEST(EditFiles, StreamsStayUsableAcrossCommitsAndReverts) {
   w.seek(0);
   EXPECT_TRUE(w.read_all() == both);  // back to what was committed
   EXPECT_TRUE(mox::CompoundFile::open(path).open_stream("log").read_all() == both);
+  expectWellFormed(f.bytes());
+}
+
+// A commit that changes only stream bytes (each stream keeping its number
+// of sectors) and entry fields writes them over a copy of the old file;
+// an edit that needs a new layout gets one.
+TEST(EditFiles, EditsThatKeepTheLayoutChangeOnlyTheirOwnSectors) {
+  cfb::CfbBuilder builder;
+  builder.setPaddingSectors(2);
+  const int obj = builder.addStorage(0, "Obj");
+  builder.addStream(obj, "Data", pattern(5000, 1));
+  builder.addStream(0, "Small", pattern(100, 2));
+  builder.addStream(0, "Other", pattern(8000, 3));
+  cfb::CfbLayout layout = builder.layout();
+  // Free sectors holding bytes of their own: a file the writer would
+  // never make, so that a new layout would show.
+  const std::size_t sectors = layout.serialize().size() / 512 - 1;
+  for (std::uint32_t s = 0; s < sectors; ++s) {
+    if (s >= layout.fat.size() || layout.fat[s] == cfb::kFree) layout.sectors[s] = Bytes(512, 0xEE);
+  }
+  const Bytes old = layout.serialize();
+  Folder folder;
+  const std::string path = folder.file("doc.cfb");
+  moxtest::writeFile(path, std::string(old.begin(), old.end()));
+  ASSERT_TRUE(mox::CompoundFile::open(path).check().empty());
+
+  // The sectors the edits below may touch: Data's chain, the mini stream
+  // (Small) and the directory (sizes, a class id).
+  std::vector<bool> mayChange(sectors, false);
+  auto mark = [&](std::uint32_t s) {
+    for (; s < sectors; s = layout.fat[s]) mayChange[s] = true;
+  };
+  for (const cfb::DirEntry& e : layout.dir) {
+    if (e.name == u"Data") mark(e.start);
+  }
+  mark(layout.dir[0].start);
+  mark(layout.header.dirStart);
+
+  mox::CompoundFile f = mox::CompoundFile::open_rw(path);
+  const Bytes small = pattern(100, 4);
+  f.open_stream("Small").write(small.data(), small.size());
+  mox::Stream d = f.open_stream("Obj/Data");
+  d.set_size(4700);
+  d.write("edit", 4);
+  std::array<std::uint8_t, 16> clsid{};
+  clsid[0] = 0x42;
+  f.set_clsid("Obj", clsid);
+  f.commit();
+
+  const std::string now = slurp(path);
+  ASSERT_EQ(now.size(), old.size());
+  for (std::size_t at = 512; at < old.size(); ++at) {
+    if (static_cast<std::uint8_t>(now[at]) == old[at]) continue;
+    ASSERT_TRUE(mayChange[at / 512 - 1]) << "byte " << at << " of sector " << at / 512 - 1;
+  }
+  Bytes expected = pattern(5000, 1);
+  expected.resize(4700);
+  std::copy_n("edit", 4, expected.begin());
+  const mox::CompoundFile again = mox::CompoundFile::open(path);
+  EXPECT_TRUE(readAll(again, "Obj/Data") == expected);
+  EXPECT_TRUE(readAll(again, "Small") == small);
+  EXPECT_TRUE(readAll(again, "Other") == pattern(8000, 3));
+  EXPECT_TRUE(again.entry("Obj")->clsid == clsid);
+  EXPECT_TRUE(again.check().empty());
+  EXPECT_EQ(cfbaudit::audit(Bytes(now.begin(), now.end())), "");
+
+  // A stream that moves out of the mini stream needs a new layout: the
+  // free sectors go.
+  const Bytes grown = pattern(6000, 5);
+  f.open_stream("Small").write(grown.data(), grown.size());
+  f.commit();
+  EXPECT_EQ(slurp(path).find(std::string(512, '\xEE')), std::string::npos);
+  EXPECT_TRUE(readAll(mox::CompoundFile::open(path), "Small") == grown);
+  EXPECT_TRUE(readAll(mox::CompoundFile::open(path), "Obj/Data") == expected);
   expectWellFormed(f.bytes());
 }
 

@@ -121,7 +121,7 @@ void FileSink::finish() {
   }
 }
 
-void writeAtomically(const std::filesystem::path& requested, Serializer& serializer,
+void writeAtomically(const std::filesystem::path& requested, FileWriter& writer,
                      const std::function<void(const std::filesystem::path&)>& placed) {
   static std::atomic<unsigned> counter{0};
   FileOps& ops = fileOps();
@@ -154,7 +154,7 @@ void writeAtomically(const std::filesystem::path& requested, Serializer& seriali
   if (exists) (void)::fchmod(fd, mode);
   try {
     FileSink sink(fd, name);
-    serializer.write(sink);
+    writer.write(sink);
     sink.finish();
     if (ops.fsync(fd) != 0) failed(name, "cannot flush the new file", errno);
     const int closing = ops.close(fd);

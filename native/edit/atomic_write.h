@@ -36,13 +36,13 @@ class FileSink : public Sink {
   bool hole_at_end_ = false;
 };
 
-// Writes `serializer`'s file at `target` as described above.  Throws
+// Writes `writer`'s file at `target` as described above.  Throws
 // Error(io) with the target in the message; on a failure before the
 // rename the target is untouched and the temporary file removed.
 // `placed` runs right after the rename, with the path renamed over (links
 // followed), before the folder is flushed: a failure to flush still
 // leaves the new file in place.
-void writeAtomically(const std::filesystem::path& target, Serializer& serializer,
+void writeAtomically(const std::filesystem::path& target, FileWriter& writer,
                      const std::function<void(const std::filesystem::path&)>& placed = nullptr);
 
 }  // namespace mox::detail

@@ -30,6 +30,7 @@ void EditedStream::rebase(std::shared_ptr<StreamData> base) {
   baseLimit_ = size_;
   inline_ = !base_;
   detached_ = false;
+  changed_ = !base_;
 }
 
 void EditedStream::detach() { detached_ = true; }
@@ -108,6 +109,7 @@ void EditedStream::writeAt(std::uint64_t offset, const void* data, std::size_t c
   const std::uint64_t end = offset + count;
   checkWritable(end < offset ? ~std::uint64_t{0} : end);
   const std::uint64_t newSize = std::max(size_, end);
+  changed_ = true;
   if (!inline_ && newSize < kInlineLimit) toInline();
   if (inline_ && newSize >= kInlineLimit) toPaged();
   if (inline_) {
@@ -151,6 +153,7 @@ void EditedStream::writePaged(std::uint64_t offset, const unsigned char* data, s
 
 void EditedStream::resize(std::uint64_t size) {
   checkWritable(size);
+  changed_ = true;
   if (!inline_ && size < kInlineLimit) toInline();
   if (inline_ && size >= kInlineLimit) toPaged();
   if (inline_) {

@@ -29,6 +29,9 @@ class EditedStream : public StreamData {
   void writeAt(std::uint64_t offset, const void* data, std::size_t count) override;
   void resize(std::uint64_t size) override;
 
+  // Whether the content may differ from the base given last: written,
+  // resized, or made without one.
+  bool changed() const { return changed_; }
   // The content is now `base` again (after a commit wrote it, or a revert
   // went back to it); what was kept is given back.
   void rebase(std::shared_ptr<StreamData> base);
@@ -63,6 +66,7 @@ class EditedStream : public StreamData {
   std::uint64_t maxSize_;
   bool inline_ = false;
   bool detached_ = false;
+  bool changed_ = false;
   std::vector<unsigned char> small_;   // the content, when inline
   std::vector<std::uint64_t> pages_;   // scratch page of each page, or kNoPage
   std::string name_;

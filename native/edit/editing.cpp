@@ -14,7 +14,9 @@
 #include "format/records.h"
 #include "moxolefio/moxolefio.hpp"
 #include "native/edit/atomic_write.h"
+#include "native/check.h"
 #include "native/edit/edited_stream.h"
+#include "native/edit/patch.h"
 #include "native/edit/scratch.h"
 #include "native/edit/serializer.h"
 #include "native/file_impl.h"
@@ -102,6 +104,7 @@ std::uint32_t makeStorages(Impl& impl, const std::vector<std::string_view>& part
   // that a refused edit leaves the tree as it was.
   std::vector<std::u16string> names;
   for (std::size_t k = i; k < count; ++k) names.push_back(checkedName(impl, parts[k]));
+  if (i < count) impl.layout_changed = true;
   for (std::size_t k = i; k < count; ++k) {
     Node n;
     n.name = std::move(names[k - i]);
@@ -149,6 +152,7 @@ Stream makeNewStream(Impl& impl, std::string_view path, bool replace) {
   n.name = name;
   n.utf8 = std::string(parts.back());
   n.type = EntryType::stream;
+  impl.layout_changed = true;
   const std::uint32_t added = impl.tree.addChild(parent, std::move(n));
   const std::string where = impl.tree.pathOf(added);
   impl.tree.node(added).data = newStream(impl, nullptr, where);
@@ -264,7 +268,7 @@ CompoundFile CompoundFile::create_memory(CreateOptions options) {
 
 CompoundFile CompoundFile::open_rw(const std::filesystem::path& path) {
   auto impl = std::make_shared<Impl>();
-  impl->image = detail::Image::load(detail::openFileSource(path));
+  impl->image = detail::Image::load(detail::openFileSource(path, true, true));
   impl->tree = Tree::fromImage(impl->image);
   impl->path = path;
   makeWritable(*impl, versionOf(*impl->image));
@@ -297,6 +301,7 @@ void CompoundFile::remove(std::string_view path) {
   requireWritable(*impl_);
   const std::uint32_t node = requireNotRoot(*impl_, path, "removed");
   detachAll(impl_->tree, node);
+  impl_->layout_changed = true;
   impl_->tree.detach(node);
   std::vector<std::uint32_t> stack{node};
   while (!stack.empty()) {
@@ -316,6 +321,7 @@ void CompoundFile::rename(std::string_view path, std::string_view new_name) {
   if (sameName(tree, parent, name, node) != kNoNode) {
     throw Error(Errc::exists, impl_->name() + ": " + std::string(new_name) + ": exists beside " + tree.pathOf(node));
   }
+  impl_->layout_changed = true;
   tree.detach(node);
   tree.node(node).name = name;
   tree.node(node).utf8 = std::string(new_name);
@@ -338,6 +344,7 @@ void CompoundFile::move(std::string_view path, std::string_view new_parent_path)
   if (sameName(tree, parent, tree.node(node).name, node) != kNoNode) {
     throw Error(Errc::exists, impl_->name() + ": " + tree.node(node).utf8 + ": exists in " + std::string(new_parent_path));
   }
+  impl_->layout_changed = true;
   tree.detach(node);
   tree.attach(parent, node);
 }
@@ -374,6 +381,7 @@ void CompoundFile::copy(const CompoundFile& from, std::string_view from_path, st
   if (sameName(impl_->tree, parent, name) != kNoNode) {
     throw Error(Errc::exists, impl_->name() + ": " + std::string(to_path) + ": exists");
   }
+  impl_->layout_changed = true;
   std::vector<std::uint32_t> made(items.size());
   for (std::size_t k = 0; k < items.size(); ++k) {
     const Node& s = source.tree.node(items[k].node);
@@ -424,41 +432,62 @@ void CompoundFile::set_modified(std::string_view path, std::uint64_t filetime) {
 
 // --- Commits ---------------------------------------------------------------
 
+namespace {
+
+// The old file with its edited sectors and entries overwritten where the
+// edits allow it (see patch.h), else the whole file laid out anew.
+// `knownClean` says whether check() found nothing in the image.
+std::unique_ptr<detail::FileWriter> writerFor(const Impl& impl, bool knownClean) {
+  if (knownClean && !impl.layout_changed) {
+    if (auto patched = detail::PatchedCopy::plan(impl.tree, impl.image)) return patched;
+  }
+  return std::make_unique<detail::Serializer>(impl.tree, impl.image, impl.version);
+}
+
+}  // namespace
+
 void CompoundFile::commit() {
   Impl& impl = *impl_;
   requireWritable(impl);
-  detail::Serializer serializer(impl.tree, impl.image, impl.version);
+  if (impl.image_clean < 0 && impl.image && !impl.layout_changed) {
+    impl.image_clean = detail::checkImage(*impl.image).empty() ? 1 : 0;
+  }
+  std::unique_ptr<detail::FileWriter> writer = writerFor(impl, impl.image_clean == 1);
   if (impl.path.empty()) {
     std::vector<unsigned char> bytes;
-    bytes.reserve(static_cast<std::size_t>(serializer.fileSize()));
+    bytes.reserve(static_cast<std::size_t>(writer->fileSize()));
     detail::MemorySink sink(bytes);
-    serializer.write(sink);
+    writer->write(sink);
     adoptCommitted(impl, detail::Image::load(detail::ownBytes(std::move(bytes), "<memory>")));
   } else {
-    detail::writeAtomically(impl.path, serializer, [&](const std::filesystem::path& placed) {
-      adoptCommitted(impl, detail::Image::load(detail::openFileSource(placed)));
+    detail::writeAtomically(impl.path, *writer, [&](const std::filesystem::path& placed) {
+      adoptCommitted(impl, detail::Image::load(detail::openFileSource(placed, true, true)));
     });
   }
   impl.sector_size = impl.image->sectorSize();
+  // Both writers leave a file check() finds nothing in.
+  impl.image_clean = 1;
+  impl.layout_changed = false;
 }
 
 void CompoundFile::revert() {
   Impl& impl = *impl_;
   requireWritable(impl);
   adoptReverted(impl);
+  impl.layout_changed = false;
 }
 
 void CompoundFile::save_as(const std::filesystem::path& path) const {
-  detail::Serializer serializer(impl_->tree, impl_->image, impl_->version);
-  detail::writeAtomically(path, serializer);
+  std::unique_ptr<detail::FileWriter> writer = writerFor(*impl_, impl_->image_clean == 1);
+  detail::writeAtomically(path, *writer);
 }
 
 std::vector<std::uint8_t> CompoundFile::bytes() const {
-  detail::Serializer serializer(impl_->tree, impl_->image, impl_->version);
+  std::unique_ptr<detail::FileWriter> writer = writerFor(*impl_, impl_->image_clean == 1);
   std::vector<std::uint8_t> out;
-  out.reserve(static_cast<std::size_t>(serializer.fileSize()));
+  out.reserve(static_cast<std::size_t>(writer->fileSize()));
   detail::MemorySink sink(out);
-  serializer.write(sink);
+  writer->write(sink);
   return out;
 }
 

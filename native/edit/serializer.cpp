@@ -20,6 +20,7 @@ namespace {
 constexpr std::uint32_t kMiniShift = 6;
 constexpr std::uint64_t kMiniSize = 64;
 constexpr std::size_t kBufferSize = 1 << 20;
+constexpr std::uint64_t kKernelCopyFrom = 64 * 1024;
 // The largest sector number a chain may use, with room for the tables.
 constexpr std::uint64_t kMaxSectors = moxfmt::kMaxRegularSector - 1;
 
@@ -67,6 +68,54 @@ void Sink::copyFrom(int fd, std::uint64_t offset, std::uint64_t count) {
 void MemorySink::write(const void* data, std::size_t count) {
   const auto* bytes = static_cast<const unsigned char*>(data);
   out_.insert(out_.end(), bytes, bytes + count);
+}
+
+bool copyStreamBytes(const StreamData& data, std::uint64_t from, std::uint64_t count,
+                     std::vector<unsigned char>& buffer, Sink& sink) {
+  const auto* edited = dynamic_cast<const EditedStream*>(&data);
+  const std::uint64_t end = from + count;
+  for (std::uint64_t at = from; at < end;) {
+    int fd = -1;
+    std::uint64_t where = 0, run = 0;
+    if (edited != nullptr && edited->scratchRun(at, &fd, &where, &run)) {
+      // Written pages go file to file, not through this process.
+      run = std::min(run, end - at);
+      sink.copyFrom(fd, where, run);
+      at += run;
+      continue;
+    }
+    std::uint64_t limit = std::min<std::uint64_t>(buffer.size(), end - at);
+    if (edited != nullptr) limit = std::min<std::uint64_t>(limit, Scratch::kPageSize - at % Scratch::kPageSize);
+    const std::size_t want = static_cast<std::size_t>(limit);
+    if (data.readAt(at, buffer.data(), want) != want) return false;
+    sink.write(buffer.data(), want);
+    at += want;
+  }
+  return true;
+}
+
+bool copySourceBytes(const ByteSource& source, std::uint64_t offset, std::uint64_t count,
+                     std::vector<unsigned char>& buffer, Sink& sink) {
+  if (offset > source.size() || count > source.size() - offset) return false;
+  // Large pieces are copied by the kernel, page cache to page cache, as cp
+  // does; small ones (a mini stream each) cost less as a memcpy than as a
+  // system call.
+  if (count >= kKernelCopyFrom && source.descriptor() >= 0) {
+    sink.copyFrom(source.descriptor(), offset, count);
+    return true;
+  }
+  if (source.data() != nullptr) {
+    sink.write(source.data() + offset, static_cast<std::size_t>(count));
+    return true;
+  }
+  while (count > 0) {
+    const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), count));
+    if (source.readAt(offset, buffer.data(), want) != want) return false;
+    sink.write(buffer.data(), want);
+    offset += want;
+    count -= want;
+  }
+  return true;
 }
 
 std::uint64_t maxStreamSize(int version) {
@@ -193,15 +242,6 @@ void Serializer::lay() {
   region(difat, moxfmt::kDifatSector, &difatStart_);
   sectors_ = static_cast<std::uint32_t>(sector);
 
-  if (image_ && image_->miniStreamSize() > 0) {
-    sourceMini_ = image_->miniStream().runs;
-    std::uint64_t at = 0;
-    for (const Run& r : sourceMini_) {
-      sourceMiniStarts_.push_back(at);
-      at += r.count << image_->header().sector_shift;
-    }
-    sourceMiniStarts_.push_back(at);
-  }
 }
 
 void Serializer::write(Sink& sink) {
@@ -267,41 +307,8 @@ void Serializer::writeContent(std::uint32_t node, Sink& sink) {
     copyStored(node, sink);
     return;
   }
-  const std::uint64_t size = size_[index_[node]];
-  const auto* edited = dynamic_cast<const EditedStream*>(n.data.get());
-  for (std::uint64_t at = 0; at < size;) {
-    int fd = -1;
-    std::uint64_t where = 0, count = 0;
-    if (edited != nullptr && edited->scratchRun(at, &fd, &where, &count)) {
-      // Written pages go file to file, not through this process.
-      sink.copyFrom(fd, where, count);
-      at += count;
-      continue;
-    }
-    std::uint64_t limit = std::min<std::uint64_t>(buffer_.size(), size - at);
-    if (edited != nullptr) limit = std::min<std::uint64_t>(limit, Scratch::kPageSize - at % Scratch::kPageSize);
-    const std::size_t want = static_cast<std::size_t>(limit);
-    if (n.data->readAt(at, buffer_.data(), want) != want) damaged(node, "the stream is shorter than its size");
-    sink.write(buffer_.data(), want);
-    at += want;
-  }
-}
-
-void Serializer::copyFromFile(std::uint64_t offset, std::uint64_t count, std::uint32_t node, Sink& sink) {
-  const ByteSource& source = image_->source();
-  if (offset > source.size() || count > source.size() - offset) {
-    damaged(node, "the stream's sectors lie past the end of the file");
-  }
-  if (source.data() != nullptr) {
-    sink.write(source.data() + offset, static_cast<std::size_t>(count));
-    return;
-  }
-  while (count > 0) {
-    const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(buffer_.size(), count));
-    if (source.readAt(offset, buffer_.data(), want) != want) damaged(node, "short read");
-    sink.write(buffer_.data(), want);
-    offset += want;
-    count -= want;
+  if (!copyStreamBytes(*n.data, 0, size_[index_[node]], buffer_, sink)) {
+    damaged(node, "the stream is shorter than its size");
   }
 }
 
@@ -316,31 +323,26 @@ void Serializer::copyStored(std::uint32_t node, Sink& sink) {
   const std::uint64_t wanted = (size + (std::uint64_t{1} << shift) - 1) >> shift;
   const Chain chain = image_->chain(e.start, mini, wanted);
   if (chain.sectors < wanted) damaged(node, "the stream's chain is shorter than its size");
+  const ByteSource& source = image_->source();
   const std::uint64_t fileSector = image_->sectorSize();
   std::uint64_t left = size;
+  bool whole = true;
   for (const Run& run : chain.runs) {
-    std::uint64_t bytes = std::min<std::uint64_t>(left, run.count << shift);
+    const std::uint64_t bytes = std::min<std::uint64_t>(left, run.count << shift);
     left -= bytes;
     if (!mini) {
-      copyFromFile((run.first + 1) * fileSector, bytes, node, sink);
+      whole = whole && copySourceBytes(source, (run.first + 1) * fileSector, bytes, buffer_, sink);
       continue;
     }
-    std::uint64_t at = run.first << shift;
-    if (at + bytes > image_->miniStreamSize() || sourceMiniStarts_.empty() ||
-        at + bytes > sourceMiniStarts_.back()) {
+    const std::uint64_t at = run.first << shift;
+    if (at + bytes > image_->miniStreamSize() || at + bytes > image_->miniStreamMap().bytes()) {
       damaged(node, "the stream lies past the end of the mini stream");
     }
-    std::size_t i = static_cast<std::size_t>(
-        std::upper_bound(sourceMiniStarts_.begin(), sourceMiniStarts_.end() - 1, at) - sourceMiniStarts_.begin() - 1);
-    while (bytes > 0) {
-      const std::uint64_t within = at - sourceMiniStarts_[i];
-      const std::uint64_t piece = std::min<std::uint64_t>(bytes, sourceMiniStarts_[i + 1] - at);
-      copyFromFile((sourceMini_[i].first + 1) * fileSector + within, piece, node, sink);
-      at += piece;
-      bytes -= piece;
-      ++i;
-    }
+    image_->miniStreamMap().each(at, bytes, [&](std::uint64_t position, std::uint64_t count) {
+      whole = whole && copySourceBytes(source, position + fileSector, count, buffer_, sink);
+    });
   }
+  if (!whole) damaged(node, "the stream's sectors lie past the end of the file");
 }
 
 void Serializer::writeTable(const std::vector<Region>& regions, std::uint64_t entries, Sink& sink) {

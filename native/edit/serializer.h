@@ -17,6 +17,8 @@
 #include <vector>
 
 #include "native/image.h"
+#include "native/source.h"
+#include "native/stream_data.h"
 #include "native/tree.h"
 
 namespace mox::detail {
@@ -45,19 +47,37 @@ class MemorySink : public Sink {
 // The largest stream a file of this version may hold.
 std::uint64_t maxStreamSize(int version);
 
-class Serializer {
+// Bytes [from, from + count) of a stream into `sink`; pages that wait in
+// the scratch file go file to file, the rest through `buffer`.  False
+// when the stream ends early.
+bool copyStreamBytes(const StreamData& data, std::uint64_t from, std::uint64_t count,
+                     std::vector<unsigned char>& buffer, Sink& sink);
+// Bytes [offset, offset + count) of the old file into `sink`, straight
+// from its mapping where it has one.  False when the file is shorter.
+bool copySourceBytes(const ByteSource& source, std::uint64_t offset, std::uint64_t count,
+                     std::vector<unsigned char>& buffer, Sink& sink);
+
+// A whole file, written front to back.
+class FileWriter {
+ public:
+  virtual ~FileWriter() = default;
+  virtual std::uint64_t fileSize() const = 0;
+  virtual void write(Sink& sink) = 0;
+};
+
+class Serializer : public FileWriter {
  public:
   // `image` is where nodes without data of their own are read from (null
   // when there are none).  Throws Error(invalid_argument) for a tree the
   // version cannot hold.
   Serializer(const Tree& tree, std::shared_ptr<const Image> image, int version);
 
-  std::uint64_t fileSize() const { return (static_cast<std::uint64_t>(sectors_) + 1) << shift_; }
+  std::uint64_t fileSize() const override { return (static_cast<std::uint64_t>(sectors_) + 1) << shift_; }
   // Directory index in the output of each node written, kNoNode for the
   // others.
   const std::vector<std::uint32_t>& directoryIndex() const { return index_; }
 
-  void write(Sink& sink);
+  void write(Sink& sink) override;
 
  private:
   struct Region {
@@ -72,7 +92,6 @@ class Serializer {
   void writeHeader(Sink& sink);
   void writeContent(std::uint32_t node, Sink& sink);
   void copyStored(std::uint32_t node, Sink& sink);
-  void copyFromFile(std::uint64_t offset, std::uint64_t count, std::uint32_t node, Sink& sink);
   void writeTable(const std::vector<Region>& regions, std::uint64_t entries, Sink& sink);
   void writeDirectory(Sink& sink);
   void writeDifat(Sink& sink);
@@ -100,10 +119,6 @@ class Serializer {
   std::uint32_t fatStart_ = 0, fatSectors_ = 0;
   std::uint32_t difatStart_ = 0, difatSectors_ = 0;
   std::uint32_t sectors_ = 0;
-
-  // Where stored mini streams sit: the source's mini stream runs.
-  std::vector<Run> sourceMini_;
-  std::vector<std::uint64_t> sourceMiniStarts_;
   std::vector<unsigned char> buffer_;
 };
 

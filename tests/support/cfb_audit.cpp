@@ -95,7 +95,11 @@ class Auditor {
       if (!seen_[i] && entries_[i].type != 0) problem("entry " + std::to_string(i) + " reachable from nothing");
     }
     for (std::uint32_t s = 0; s < sectors_; ++s) {
-      if (owner_[s] == 0) problem("sector " + std::to_string(s) + " belongs to nothing");
+      // Free space is no fault (an edit in place keeps the old file's); a
+      // sector in use that no chain reaches is.
+      if (owner_[s] == 0 && (s >= fat_.size() || fat_[s] != kFree)) {
+        problem("sector " + std::to_string(s) + " belongs to nothing");
+      }
     }
     for (std::size_t s = 0; s < miniFat_.size(); ++s) {
       if (miniOwner_[s] == 0 && miniFat_[s] != kFree) problem("mini sector " + std::to_string(s) + " belongs to nothing");

@@ -1,6 +1,7 @@
 // The directory half of the check: links, names, object types, and each
 // storage's sibling tree (order, duplicates, red-black shape).
 #include <algorithm>
+#include <array>
 #include <string_view>
 
 #include "format/names.h"
@@ -12,9 +13,17 @@ namespace {
 
 using moxfmt::EntryRecord;
 
-std::u16string_view nameOf(const EntryRecord& e) {
-  return std::u16string_view(reinterpret_cast<const char16_t*>(e.name), e.nameLength());
-}
+// A name held in place: a storage can have as many children as the
+// directory has entries, and a heap string each would cost more than the
+// rest of the check.
+struct HeldName {
+  explicit HeldName(const EntryRecord& e) : length(e.nameLength()) {
+    std::copy(e.name, e.name + length, units.begin());
+  }
+  std::u16string_view view() const { return std::u16string_view(units.data(), length); }
+  std::array<char16_t, moxfmt::kNameUnits> units;
+  std::size_t length;
+};
 
 bool isStorage(std::uint32_t id, const EntryRecord& e) {
   return id == 0 || e.type == moxfmt::kTypeStorage;
@@ -37,12 +46,12 @@ class DirectoryChecker {
  private:
   struct Member {
     std::uint32_t id;
-    std::u16string name;
+    HeldName name;
   };
   struct Frame {
     std::uint32_t id;
     std::uint32_t right;
-    std::u16string name;
+    HeldName name;
   };
 
   std::uint32_t follow(std::uint32_t from, std::uint32_t link, const char* which);
@@ -129,6 +138,9 @@ EntryRecord DirectoryChecker::meet(std::uint32_t id, std::uint32_t parent) {
   met_.push_back(id);
   EntryRecord e = image_.entry(id);
   red_[id] = e.colour == moxfmt::kRed;
+  if (e.type == moxfmt::kTypeStream && image_.entrySize(e) != 0) {
+    scan_.streams.push_back(DirectoryScan::Stream{id, e.start, image_.entrySize(e), image_.inMiniStream(e)});
+  }
   checkEntry(id, e);
   return e;
 }
@@ -146,7 +158,7 @@ void DirectoryChecker::readSiblings(std::uint32_t parent) {
   while (at != kNone || !stack_.empty()) {
     if (at != kNone) {
       const EntryRecord e = meet(at, parent);
-      stack_.push_back(Frame{at, e.right, std::u16string(nameOf(e))});
+      stack_.push_back(Frame{at, e.right, HeldName(e)});
       const std::uint32_t next = follow(at, e.left, "left");
       left_[at] = next;
       at = next;
@@ -154,7 +166,7 @@ void DirectoryChecker::readSiblings(std::uint32_t parent) {
     }
     Frame f = std::move(stack_.back());
     stack_.pop_back();
-    members_.push_back(Member{f.id, std::move(f.name)});
+    members_.push_back(Member{f.id, f.name});
     at = follow(f.id, f.right, "right");
     right_[f.id] = at;
   }
@@ -196,7 +208,7 @@ void DirectoryChecker::checkShape(std::uint32_t parent) {
 void DirectoryChecker::checkOrder() {
   bool sorted = true;
   for (std::size_t i = 1; i < members_.size(); ++i) {
-    const int c = moxfmt::compareSiblingNames(members_[i - 1].name, members_[i].name);
+    const int c = moxfmt::compareSiblingNames(members_[i - 1].name.view(), members_[i].name.view());
     if (c < 0) continue;
     sorted = false;
     if (c > 0) {
@@ -207,7 +219,9 @@ void DirectoryChecker::checkOrder() {
     }
   }
   if (sorted) return;
-  auto less = [](const Member& a, const Member& b) { return moxfmt::compareSiblingNames(a.name, b.name) < 0; };
+  auto less = [](const Member& a, const Member& b) {
+    return moxfmt::compareSiblingNames(a.name.view(), b.name.view()) < 0;
+  };
   std::stable_sort(members_.begin(), members_.end(), less);
   for (std::size_t i = 1; i < members_.size(); ++i) {
     if (less(members_[i - 1], members_[i]) || report_.full("sibling-duplicate")) continue;

@@ -26,6 +26,15 @@ struct DirectoryScan {
   std::vector<std::uint32_t> parent;  // per entry; kNone when not reached (and for the root)
   std::vector<bool> reached;          // per entry
   std::vector<std::uint32_t> order;   // reached entries, the root first
+  // Reached streams with data, in that order, as the sector half of the
+  // check needs them (the directory is read once).
+  struct Stream {
+    std::uint32_t id;
+    std::uint32_t start;
+    std::uint64_t size;
+    bool mini;
+  };
+  std::vector<Stream> streams;
 };
 
 class Report {

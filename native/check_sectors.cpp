@@ -130,8 +130,8 @@ class SectorChecker {
                    const char* what);
   void claimTableChain(std::uint32_t start, std::uint32_t who, const char* what);
   void walkMiniStream();
-  void walkStream(std::uint32_t id);
-  void walkMiniChain(std::uint32_t id);
+  void walkStream(const DirectoryScan::Stream& stream);
+  void walkMiniChain(const DirectoryScan::Stream& stream);
   void reportEnd(const Walk& w, std::uint64_t needed, std::uint64_t size, const Codes& codes, std::uint32_t who);
   void followTail(const Tail& tail);
   void reportStray();
@@ -163,13 +163,11 @@ void SectorChecker::run() {
   // past its size: what lies beyond is read by no reader, so a sector
   // there that another chain needs is that chain's, not a conflict.
   walkMiniStream();
-  for (std::uint32_t id : scan_.order) {
-    const moxfmt::EntryRecord e = image_.entry(id);
-    if (id == 0 || e.type != moxfmt::kTypeStream || image_.entrySize(e) == 0) continue;
-    if (image_.inMiniStream(e)) {
-      walkMiniChain(id);
+  for (const DirectoryScan::Stream& stream : scan_.streams) {
+    if (stream.mini) {
+      walkMiniChain(stream);
     } else {
-      walkStream(id);
+      walkStream(stream);
     }
   }
   for (const Tail& tail : tails_) followTail(tail);
@@ -277,14 +275,14 @@ void SectorChecker::walkMiniStream() {
   if (w.end == End::shared || !report_.has("ministream-chain")) reportEnd(w, needed, size, kRegularCodes, 0);
 }
 
-void SectorChecker::walkStream(std::uint32_t id) {
-  const moxfmt::EntryRecord e = image_.entry(id);
-  const std::uint64_t size = image_.entrySize(e);
+void SectorChecker::walkStream(const DirectoryScan::Stream& stream) {
+  const std::uint32_t id = stream.id;
+  const std::uint64_t size = stream.size;
   const std::uint64_t ss = image_.sectorSize();
   const std::uint64_t needed = (size + ss - 1) / ss;
   std::int64_t cut = -1;
   const Walk w =
-      claim(fat_, limit_, owner_, id, e.start, needed, [&](std::uint64_t pos, std::uint32_t s) {
+      claim(fat_, limit_, owner_, id, stream.start, needed, [&](std::uint64_t pos, std::uint32_t s) {
         if (static_cast<std::int64_t>(s) == partial_ && pos * ss + partialBytes_ < size) cut = s;
       });
   reportEnd(w, needed, size, kRegularCodes, id);
@@ -295,14 +293,14 @@ void SectorChecker::walkStream(std::uint32_t id) {
   }
 }
 
-void SectorChecker::walkMiniChain(std::uint32_t id) {
-  const moxfmt::EntryRecord e = image_.entry(id);
-  const std::uint64_t size = image_.entrySize(e);
+void SectorChecker::walkMiniChain(const DirectoryScan::Stream& stream) {
+  const std::uint32_t id = stream.id;
+  const std::uint64_t size = stream.size;
   const std::uint64_t mss = image_.miniSectorSize();
   const std::uint64_t needed = (size + mss - 1) / mss;
   const std::uint64_t streamSize = image_.miniStreamSize();
   std::int64_t beyond = -1, cut = -1;
-  const Walk w = claim(miniFat_, miniFat_.size(), miniOwner_, id, e.start, needed,
+  const Walk w = claim(miniFat_, miniFat_.size(), miniOwner_, id, stream.start, needed,
                        [&](std::uint64_t pos, std::uint32_t m) {
                          const std::uint64_t from = m * mss;
                          const std::uint64_t to = from + std::min(mss, size - pos * mss);
@@ -324,13 +322,18 @@ void SectorChecker::walkMiniChain(std::uint32_t id) {
 void SectorChecker::reportEnd(const Walk& w, std::uint64_t needed, std::uint64_t size, const Codes& codes,
                               std::uint32_t who) {
   const bool mini = &codes == &kMiniCodes;
+  // Most chains are sound: the words of a report are made only for one.
+  if (w.end == End::enough) {
+    if (w.at != kEndOfChain) tails_.push_back(Tail{who, w.at, w.sectors, w.last, mini});
+    return;
+  }
+  if (w.end == End::end_of_chain && w.sectors >= needed) return;
   const std::string unit = mini ? "mini sector" : "sector";
   const std::string subject = who == 0 ? "the mini stream's chain" : "the chain";
   const std::string progress = " after " + std::to_string(w.sectors) + " of " + std::to_string(needed) + " " + unit + "s";
   const std::uint32_t entry = who == 0 ? kNone : who;
   switch (w.end) {
     case End::enough:
-      if (w.at != kEndOfChain) tails_.push_back(Tail{who, w.at, w.sectors, w.last, mini});
       return;
     case End::shared:
       if (report_.full(codes.shared)) return;

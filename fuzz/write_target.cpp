@@ -108,11 +108,12 @@ class Run {
     const int type = in.byte() % 4;
     const std::string path = in.text(1100, true);
     const int status = api_.iOLEopenStreamEx(h_, path.c_str(), type, 1);
-    model_.current = -1;
     if (type != 1 && type != 2) {
+      // Refused before the current writer stream is ended: it stays current.
       expect(status, 34, "creating an entry of a type that does not exist");
       return;
     }
+    model_.current = -1;
     require(status == 0 || status == 6 || (faultsArmed_ && status == 2),
             "creating an entry by a raw path");
     if (status == 0) model_.current = model_.add(type, false, -1, "");

@@ -35,6 +35,7 @@ Entry CompoundFile::Impl::entryOf(std::uint32_t i, std::string p) const {
   e.created = n.created;
   e.modified = n.modified;
   e.id = n.id;
+  for (std::uint32_t at = n.parent; at != detail::kNoNode; at = tree.node(at).parent) ++e.depth;
   return e;
 }
 
@@ -113,8 +114,16 @@ std::vector<Entry> CompoundFile::children(std::string_view path) const {
 std::vector<Entry> CompoundFile::walk() const {
   std::vector<Entry> list;
   list.reserve(impl_->image ? impl_->image->entryCount() : impl_->tree.size());
-  impl_->tree.walk([&](std::uint32_t node, const std::string& path) { list.push_back(impl_->entryOf(node, path)); });
+  impl_->tree.walk([&](std::uint32_t node, const std::string& path, std::uint32_t) {
+    list.push_back(impl_->entryOf(node, path));
+  });
   return list;
+}
+
+void CompoundFile::walk(const std::function<void(const Entry&)>& visit) const {
+  impl_->tree.walk([&](std::uint32_t node, const std::string& path, std::uint32_t) {
+    visit(impl_->entryOf(node, path));
+  });
 }
 
 Stream CompoundFile::open_stream(std::string_view path) const {
@@ -137,7 +146,7 @@ Stream CompoundFile::open_stream(const Entry& entry) const {
     // Entries made by an editor have no id and are always reachable by path.
     node = kNoNode;
     if (entry.id != kNoNode) {
-      impl_->tree.walk([&](std::uint32_t i, const std::string&) {
+      impl_->tree.walk([&](std::uint32_t i, const std::string&, std::uint32_t) {
         if (node == kNoNode && impl_->tree.node(i).id == entry.id) node = i;
       });
     }

@@ -82,6 +82,8 @@ class Tree {
   std::string pathOf(std::uint32_t i) const;
 
   // Node `i` in pre-order: the root, then each child's subtree in order.
+  // Calls visit(node, path, depth) for the root (depth 0), then every
+  // node below it, depth first, children in order.
   template <typename Visit>
   void walk(Visit&& visit) const;
 
@@ -113,19 +115,20 @@ void Tree::walk(Visit&& visit) const {
   // An explicit stack: a damaged file can nest entries thousands deep.
   struct Frame {
     std::uint32_t node;
+    std::uint32_t depth;
     std::string path;
   };
   std::lock_guard<std::recursive_mutex> hold(*lock_);
   std::vector<Frame> stack;
-  stack.push_back(Frame{0, std::string()});
+  stack.push_back(Frame{0, 0, std::string()});
   while (!stack.empty()) {
     Frame f = std::move(stack.back());
     stack.pop_back();
-    visit(f.node, f.path);
+    visit(f.node, f.path, f.depth);
     const std::vector<std::uint32_t>& kids = children(f.node);
     for (auto it = kids.rbegin(); it != kids.rend(); ++it) {
       const Node& c = nodes_[*it];
-      stack.push_back(Frame{*it, childPath(f.path, f.node == 0, c.utf8)});
+      stack.push_back(Frame{*it, f.depth + 1, childPath(f.path, f.node == 0, c.utf8)});
     }
   }
 }

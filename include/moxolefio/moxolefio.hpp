@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <ios>
 #include <istream>
 #include <memory>
@@ -69,6 +70,7 @@ struct Entry {
   std::uint64_t created = 0;   // raw FILETIME, 0 when unset
   std::uint64_t modified = 0;  // raw FILETIME, 0 when unset
   std::uint32_t id = 0;        // index of the entry in the file's directory
+  std::uint32_t depth = 0;     // 0 for the root, 1 for its children, and so on
 
   bool is_stream() const { return type == EntryType::stream; }
   bool is_storage() const { return type == EntryType::storage || type == EntryType::root; }
@@ -201,6 +203,9 @@ class MOX_CXX_API CompoundFile {
   std::vector<Entry> children(std::string_view path) const;
   // The root, then every reachable entry, depth first, children in order.
   std::vector<Entry> walk() const;
+  // The same entries handed to `visit` one at a time, without a list: the
+  // Entry is valid only during the call.
+  void walk(const std::function<void(const Entry&)>& visit) const;
 
   Stream open_stream(std::string_view path) const;
   // The stream an entry of this file's walk(), children() or entry()

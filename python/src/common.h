@@ -129,7 +129,7 @@ struct Node {
 // winning).  Node 0 is the root.
 class Index {
  public:
-  void build(const std::vector<mox::Entry>& walk);
+  void build(const mox::CompoundFile& file);
 
   std::uint32_t size() const { return static_cast<std::uint32_t>(nodes_.size()); }
   Node& node(std::uint32_t i) { return nodes_[i]; }

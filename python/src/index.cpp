@@ -74,45 +74,31 @@ bool lowerName(const char* text, std::size_t length, std::string& out) {
   return true;
 }
 
-void Index::build(const std::vector<mox::Entry>& walk) {
+void Index::build(const mox::CompoundFile& file) {
   nodes_.clear();
-  nodes_.reserve(walk.size());
-  // The walk is pre-order and gives paths, not parents: a node's parent is
-  // the ancestor on the stack whose path is the node's path less its own
-  // name.  Comparing with the name (not splitting at '/') keeps names that
-  // hold a '/' whole.
-  std::vector<std::uint32_t> stack;
-  for (std::size_t k = 0; k < walk.size(); ++k) {
-    const mox::Entry& e = walk[k];
+  // The walk is pre-order: a node's parent is the last node met one level
+  // up.
+  std::vector<std::uint32_t> line;  // the nodes from the root down to the last one met
+  file.walk([&](const mox::Entry& e) {
     Node n;
     n.name = e.name;
-    n.type = k == 0 ? kTypeRoot : typeOf(e.type);
-    if (k != 0 && n.type == kTypeRoot) n.type = kTypeOther;
+    n.type = e.depth == 0 ? kTypeRoot : typeOf(e.type);
+    if (e.depth != 0 && n.type == kTypeRoot) n.type = kTypeOther;
     n.size = e.size;
     n.created = e.created;
     n.modified = e.modified;
     n.clsid = e.clsid;
     n.state_bits = e.state_bits;
     n.id = e.id;
-    const auto index = static_cast<std::uint32_t>(k);
-    if (k == 0) {
-      nodes_.push_back(std::move(n));
-      stack.push_back(0);
-      continue;
+    const auto index = static_cast<std::uint32_t>(nodes_.size());
+    line.resize(e.depth);
+    if (!line.empty()) {
+      n.parent = line.back();
+      nodes_[n.parent].children.push_back(index);
     }
-    const bool underRoot = e.name.empty() ? e.path == "/" : e.path == e.name;
-    if (underRoot) {
-      stack.resize(1);
-    } else {
-      const std::size_t cut = e.path.size() > e.name.size() ? e.path.size() - e.name.size() - 1 : 0;
-      const std::string_view parentPath(e.path.data(), cut);
-      while (stack.size() > 1 && walk[stack.back()].path != parentPath) stack.pop_back();
-    }
-    n.parent = stack.back();
-    nodes_[n.parent].children.push_back(index);
     nodes_.push_back(std::move(n));
-    stack.push_back(index);
-  }
+    line.push_back(index);
+  });
   // olefile lists children sorted by name; UTF-8 bytes sort as code points.
   for (Node& n : nodes_) {
     if (n.children.size() < 2) continue;

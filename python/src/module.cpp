@@ -550,7 +550,7 @@ class File {
     requireWritable();
     onFile([&] {
       cf_->revert();
-      index_.build(cf_->walk());
+      index_.build(*cf_);
     });
     state_->modified = false;
   }
@@ -711,7 +711,7 @@ class File {
 
   void adopt(mox::CompoundFile cf, std::shared_ptr<FileState> state) {
     try {
-      index_.build(cf.walk());
+      index_.build(cf);
     } catch (const mox::Error& e) {
       raise(e, state->name);
     }

@@ -83,12 +83,18 @@ Bytes fileBytes(const std::string& path) {
 }
 
 // Edits that touch every part of a commit: a large stream written over
-// stored bytes, a new mini stream, a removal and a rename.
-void edit(mox::CompoundFile& f, unsigned seed) {
+// stored bytes, a new mini stream, a removal and a rename.  `inPlace`
+// keeps to the edits a commit writes over a copy of the old file: stored
+// bytes overwritten and an entry's state bits.
+void edit(mox::CompoundFile& f, unsigned seed, bool inPlace = false) {
   mox::Stream big = f.open_stream("big");
   big.seek(seed * 1000);
   const Bytes piece = pattern(70000, seed);
   big.write(piece.data(), piece.size());
+  if (inPlace) {
+    f.set_state_bits("Store", seed);
+    return;
+  }
   f.create_stream("small" + std::to_string(seed)).write(piece.data(), 100);
   if (f.exists("gone")) f.remove("gone");
   if (f.exists("Store")) f.rename("Store", "Storage");
@@ -103,20 +109,22 @@ void makeStart(const std::string& path, int version) {
   f.commit();
 }
 
-class CommitFaults : public ::testing::TestWithParam<int> {};
+// (version, edits in place)
+class CommitFaults : public ::testing::TestWithParam<std::tuple<int, bool>> {};
 
 TEST_P(CommitFaults, EveryFailingOperationLeavesOldOrNew) {
   moxtest::ScratchDir dir;
   const std::string path = dir.file("doc.cfb");
-  makeStart(path, GetParam());
+  const auto [version, inPlace] = GetParam();
+  makeStart(path, version);
   const Bytes old = fileBytes(path);
   // The new content, made the same way without faults.
   Bytes fresh;
   {
     const std::string other = dir.file("reference.cfb");
-    makeStart(other, GetParam());
+    makeStart(other, version);
     mox::CompoundFile f = mox::CompoundFile::open_rw(other);
-    edit(f, 3);
+    edit(f, 3, inPlace);
     f.commit();
     fresh = fileBytes(other);
     ::unlink(other.c_str());
@@ -125,7 +133,7 @@ TEST_P(CommitFaults, EveryFailingOperationLeavesOldOrNew) {
   for (int failAt = 1;; ++failAt) {
     SCOPED_TRACE("failing operation " + std::to_string(failAt));
     mox::CompoundFile f = mox::CompoundFile::open_rw(path);
-    edit(f, 3);
+    edit(f, 3, inPlace);
     FailingOps ops(failAt);
     bool committed = false;
     try {
@@ -155,12 +163,12 @@ TEST_P(CommitFaults, EveryFailingOperationLeavesOldOrNew) {
     }
     // Back to the start for the next fault.
     ::unlink(path.c_str());
-    makeStart(path, GetParam());
+    makeStart(path, version);
   }
   EXPECT_GE(operations, 6) << "open, writes, fsync, close, rename, folder open, fsync";
 }
 
-INSTANTIATE_TEST_SUITE_P(Versions, CommitFaults, ::testing::Values(3, 4));
+INSTANTIATE_TEST_SUITE_P(Versions, CommitFaults, ::testing::Combine(::testing::Values(3, 4), ::testing::Bool()));
 
 // The child commits generation after generation: stream "n" holds the
 // generation and every other stream is a function of it.  Whatever the

@@ -39,6 +39,9 @@ class DirectoryChecker {
     left_.assign(count_, kNone);
     right_.assign(count_, kNone);
     blackHeight_.assign(count_, 0);
+    // At most one per entry: sized once, not copied as it grows.
+    scan_.streams.reserve(count_);
+    scan_.order.reserve(count_);
   }
 
   void run();

@@ -121,8 +121,9 @@ void FileSink::finish() {
   }
 }
 
-void writeAtomically(const std::filesystem::path& requested, FileWriter& writer,
-                     const std::function<void(const std::filesystem::path&)>& placed) {
+bool writeAtomically(const std::filesystem::path& requested, FileWriter& writer,
+                     const std::function<void(const std::filesystem::path&)>& placed,
+                     const std::function<bool()>& confirm) {
   static std::atomic<unsigned> counter{0};
   FileOps& ops = fileOps();
   // A link is followed: the file it names is the one replaced.
@@ -160,6 +161,10 @@ void writeAtomically(const std::filesystem::path& requested, FileWriter& writer,
     const int closing = ops.close(fd);
     fd = -1;
     if (closing != 0) failed(name, "cannot close the new file", errno);
+    if (confirm && !confirm()) {
+      ops.unlink(temporary.c_str());
+      return false;
+    }
     if (ops.rename(temporary.c_str(), target.c_str()) != 0) failed(name, "cannot put the new file in place", errno);
   } catch (...) {
     if (fd >= 0) ops.close(fd);
@@ -174,6 +179,7 @@ void writeAtomically(const std::filesystem::path& requested, FileWriter& writer,
   const int err = errno;
   ops.close(dir);
   if (synced != 0) failed(name, "the new file is in place but its folder cannot be flushed", err);
+  return true;
 }
 
 }  // namespace mox::detail

@@ -42,8 +42,12 @@ class FileSink : public Sink {
 // `placed` runs right after the rename, with the path renamed over (links
 // followed), before the folder is flushed: a failure to flush still
 // leaves the new file in place.
-void writeAtomically(const std::filesystem::path& target, FileWriter& writer,
-                     const std::function<void(const std::filesystem::path&)>& placed = nullptr);
+// `confirm`, when given, is asked once the new file is flushed, before
+// the rename: false drops the temporary file and leaves the target as it
+// was (the result is then false).
+bool writeAtomically(const std::filesystem::path& target, FileWriter& writer,
+                     const std::function<void(const std::filesystem::path&)>& placed = nullptr,
+                     const std::function<bool()>& confirm = nullptr);
 
 }  // namespace mox::detail
 

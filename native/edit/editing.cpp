@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <future>
 
 #include "format/names.h"
 #include "format/records.h"
@@ -449,20 +450,47 @@ std::unique_ptr<detail::FileWriter> writerFor(const Impl& impl, bool knownClean)
 void CompoundFile::commit() {
   Impl& impl = *impl_;
   requireWritable(impl);
-  if (impl.image_clean < 0 && impl.image && !impl.layout_changed) {
-    impl.image_clean = detail::checkImage(*impl.image).empty() ? 1 : 0;
+  std::unique_ptr<detail::FileWriter> writer;
+  std::future<bool> clean;
+  if (impl.image && !impl.layout_changed) {
+    if (impl.image_clean < 0) {
+      // Whether the copy may stand is known only once the old file is
+      // checked; the check runs beside the copy and its flush, which are
+      // the kernel's work, and a file that fails it is laid out anew.
+      writer = detail::PatchedCopy::plan(impl.tree, impl.image);
+      if (writer) {
+        clean = std::async(std::launch::async,
+                           [image = impl.image] { return detail::checkImage(*image).empty(); });
+      }
+    } else if (impl.image_clean == 1) {
+      writer = detail::PatchedCopy::plan(impl.tree, impl.image);
+    }
   }
-  std::unique_ptr<detail::FileWriter> writer = writerFor(impl, impl.image_clean == 1);
-  if (impl.path.empty()) {
-    std::vector<unsigned char> bytes;
-    bytes.reserve(static_cast<std::size_t>(writer->fileSize()));
-    detail::MemorySink sink(bytes);
-    writer->write(sink);
-    adoptCommitted(impl, detail::Image::load(detail::ownBytes(std::move(bytes), "<memory>")));
-  } else {
-    detail::writeAtomically(impl.path, *writer, [&](const std::filesystem::path& placed) {
-      adoptCommitted(impl, detail::Image::load(detail::openFileSource(placed, true, true)));
-    });
+  auto confirmed = [&] {
+    if (!clean.valid()) return true;
+    impl.image_clean = clean.get() ? 1 : 0;
+    return impl.image_clean == 1;
+  };
+  auto place = [&](detail::FileWriter& w, bool patched) {
+    if (impl.path.empty()) {
+      std::vector<unsigned char> bytes;
+      bytes.reserve(static_cast<std::size_t>(w.fileSize()));
+      detail::MemorySink sink(bytes);
+      w.write(sink);
+      if (patched && !confirmed()) return false;
+      adoptCommitted(impl, detail::Image::load(detail::ownBytes(std::move(bytes), "<memory>")));
+      return true;
+    }
+    return detail::writeAtomically(
+        impl.path, w,
+        [&](const std::filesystem::path& placed) {
+          adoptCommitted(impl, detail::Image::load(detail::openFileSource(placed, true, true)));
+        },
+        patched ? std::function<bool()>(confirmed) : nullptr);
+  };
+  if (!writer || !place(*writer, true)) {
+    detail::Serializer serializer(impl.tree, impl.image, impl.version);
+    place(serializer, false);
   }
   impl.sector_size = impl.image->sectorSize();
   // Both writers leave a file check() finds nothing in.

@@ -121,6 +121,16 @@ def large_stream_doc(workdir, size, version):
     return made(os.path.join(workdir, 'large-%d-v%d.cfb' % (size, version)), fill), plain
 
 
+def settle(*paths):
+    """Rewrites each file with the same copy, so that the document and the
+    plain file come into the page cache the same way: how a file was
+    written (here: the package's commit, Python's write()) changes how fast
+    the kernel copies it out again, by up to 2x on the machine measured."""
+    for path in paths:
+        shutil.copyfile(path, path + '.settle')
+        os.replace(path + '.settle', path)
+
+
 def read_in_pieces(fp, piece):
     total = 0
     while True:
@@ -194,6 +204,7 @@ def main():
     size = (64 if args.quick else 512) * MIB
     for version in (4, 3):
         doc, plain = large_stream_doc(workdir, size, version)
+        settle(doc, plain)
 
         def ours():
             with moxolefio.OleFileIO(doc) as ole:

@@ -62,7 +62,8 @@ void Image::loadHeader() {
   sectors_in_file_ = size > sector_size_ ? (size - sector_size_ + sector_size_ - 1) / sector_size_ : 0;
 }
 
-bool Image::appendSectorLinks(std::uint32_t sector, std::vector<std::uint32_t>& table) const {
+bool Image::appendSectorLinks(std::uint32_t sector, std::vector<std::uint32_t>& table,
+                              const SectorRun* run) const {
   const std::uint32_t links = moxfmt::linksPerSector(sector_size_);
   const std::size_t at = table.size();
   table.resize(at + links, kFreeSector);
@@ -74,6 +75,9 @@ bool Image::appendSectorLinks(std::uint32_t sector, std::vector<std::uint32_t>& 
   if (source_->data() != nullptr) {
     bytes = source_->data() + offset;
     available = static_cast<std::size_t>(std::min<std::uint64_t>(sector_size_, source_->size() - offset));
+  } else if (run != nullptr && offset >= run->from && offset < run->from + run->bytes.size()) {
+    bytes = run->bytes.data() + (offset - run->from);
+    available = static_cast<std::size_t>(std::min<std::uint64_t>(sector_size_, run->from + run->bytes.size() - offset));
   } else {
     scratch.resize(sector_size_);
     available = source_->readAt(offset, scratch.data(), sector_size_);
@@ -88,6 +92,35 @@ bool Image::appendSectorLinks(std::uint32_t sector, std::vector<std::uint32_t>& 
     for (std::size_t i = 0; i < whole; ++i) table[at + i] = moxfmt::get32(header_.order, bytes + 4 * i);
   }
   return true;
+}
+
+void Image::appendTable(const std::vector<std::uint32_t>& sectors, std::vector<std::uint32_t>& table,
+                        const char* code, const char* what) {
+  // A file read with pread gets each run of consecutive sectors (tables
+  // are mostly laid out so) in one read: one per 512-byte sector cost
+  // more than the bytes.  Only sectors of the list are read, so a table
+  // scattered over the file costs no more than before.
+  constexpr std::size_t kRunSectors = 256;
+  SectorRun run;
+  for (std::size_t i = 0; i < sectors.size(); ++i) {
+    if (source_->data() == nullptr && (run.bytes.empty() || sectors[i] != sectors[i - 1] + 1 ||
+                                       (sectors[i] + 1ull) * sector_size_ >= run.from + run.bytes.size())) {
+      std::size_t n = 1;
+      while (i + n < sectors.size() && n < kRunSectors && sectors[i + n] == sectors[i] + n &&
+             sectors[i + n] < sectors_in_file_) {
+        ++n;
+      }
+      run.bytes.clear();
+      if (n > 1 && sectors[i] < sectors_in_file_) {
+        run.from = (static_cast<std::uint64_t>(sectors[i]) + 1) * sector_size_;
+        run.bytes.resize(n * sector_size_);
+        run.bytes.resize(source_->readAt(run.from, run.bytes.data(), run.bytes.size()));
+      }
+    }
+    if (!appendSectorLinks(sectors[i], table, &run) && code != nullptr) {
+      noteDefect(Severity::error, code, sectors[i], std::string(what) + " " + sectorText(sectors[i]) + " cannot be read");
+    }
+  }
 }
 
 void Image::loadFat() {
@@ -133,12 +166,7 @@ void Image::loadFat() {
                    " DIFAT sectors, the chain has " + std::to_string(difat_sectors_.size()));
   }
   fat_.reserve(fat_sectors_.size() * perSector);
-  for (std::uint32_t sector : fat_sectors_) {
-    if (!appendSectorLinks(sector, fat_)) {
-      noteDefect(Severity::error, "fat-sector-range", sector,
-                 "FAT " + sectorText(sector) + " cannot be read");
-    }
-  }
+  appendTable(fat_sectors_, fat_, "fat-sector-range", "FAT");
 }
 
 namespace {
@@ -220,12 +248,10 @@ void Image::loadMiniFat() {
   mini_fat_.reserve(c.sectors * moxfmt::linksPerSector(sector_size_));
   mini_fat_sectors_.reserve(c.sectors);
   for (const Run& run : c.runs) {
-    for (std::uint64_t k = 0; k < run.count; ++k) {
-      const auto sector = static_cast<std::uint32_t>(run.first + k);
-      mini_fat_sectors_.push_back(sector);
-      appendSectorLinks(sector, mini_fat_);
-    }
+    for (std::uint64_t k = 0; k < run.count; ++k) mini_fat_sectors_.push_back(static_cast<std::uint32_t>(run.first + k));
   }
+  // The chain's walk already said what is wrong with it.
+  appendTable(mini_fat_sectors_, mini_fat_, nullptr, nullptr);
 }
 
 void Image::loadDirectory() {

@@ -110,7 +110,17 @@ class Image {
   void loadDirectory();
   void loadMiniStream();
   // Appends the sector's links to `table`; false when it lies past the file.
-  bool appendSectorLinks(std::uint32_t sector, std::vector<std::uint32_t>& table) const;
+  // Consecutive sectors read at once from a file without a mapping.
+  struct SectorRun {
+    std::uint64_t from = 0;  // the file offset of bytes[0]
+    std::vector<unsigned char> bytes;
+  };
+  bool appendSectorLinks(std::uint32_t sector, std::vector<std::uint32_t>& table,
+                         const SectorRun* run = nullptr) const;
+  // Appends the links of every sector of `sectors`; a sector that cannot
+  // be read is a defect of `code` (none when null), its links free.
+  void appendTable(const std::vector<std::uint32_t>& sectors, std::vector<std::uint32_t>& table,
+                   const char* code, const char* what);
   void noteDefect(Severity severity, std::string code, std::int64_t sector, std::string message);
 
   std::unique_ptr<ByteSource> source_;

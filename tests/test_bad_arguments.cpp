@@ -147,6 +147,7 @@ const Row kDocumentRows[] = {
     {"hOLEopenEx(null io)", [](Session& s) { return !hOLEopenEx(nullptr, s.host.services(), 1); }},
     {"hOLEopenEx(null services)", [](Session& s) { return !hOLEopenEx(s.io.io(), nullptr, 1); }},
     {"hOLEopenEx(flags 2)", [](Session& s) { return !hOLEopenEx(s.io.io(), s.host.services(), 2); }},
+    {"hOLEopenEx(flags 4)", [](Session& s) { return !hOLEopenEx(s.io.io(), s.host.services(), 4); }},
     {"iOLEopenStreamEx(null)", [](Session&) { return iOLEopenStreamEx(nullptr, "A", 2, 1) == 34; }},
     {"iOLEopenStreamEx(w, null path)", [](Session& s) { return iOLEopenStreamEx(s.w, nullptr, 2, 1) == 34; }},
     {"iOLEopenStreamEx(w, flags 9)", [](Session& s) { return iOLEopenStreamEx(s.w, "A", 2, 9) == 34; }},

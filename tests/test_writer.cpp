@@ -166,6 +166,34 @@ TEST(WriterCalls, RecreatingAStreamFailsButKeepsEveryByteWritten) {
   EXPECT_EQ(items["B"].data, (Bytes{'b'}));
 }
 
+// Refused creations take no entry number: the directory holds the others
+// in creation order.  A parent may be a stream, an empty name is a name,
+// and names are kept to 36 characters, so a 37-character name that differs
+// from a kept 40-character one only in case is taken.
+TEST(WriterCalls, RefusedCreationsTakeNoEntryNumber) {
+  NewFile file;
+  EXPECT_EQ(file.stream("X\\S"), 6);
+  EXPECT_EQ(file.stream("Root Entry\\A"), 6);
+  EXPECT_EQ(iOLEopenStreamEx(file.h(), "A", 3, 1), 34);
+  ASSERT_EQ(file.stream("A"), 0);
+  EXPECT_EQ(file.storage("a"), 6);
+  ASSERT_EQ(file.stream("B"), 0);
+  ASSERT_EQ(file.stream("A\\"), 0);
+  ASSERT_EQ(file.storage(std::string(40, 'L')), 0);
+  EXPECT_EQ(file.storage(std::string(37, 'l')), 6);
+  cfb::ParsedFile parsed;
+  std::string error;
+  ASSERT_TRUE(cfb::parse(file.close(), &parsed, &error)) << error;
+  ASSERT_GE(parsed.dir.size(), 5u);
+  const std::string names[] = {"A", "B", "", std::string(31, 'L')};
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(parsed.dir[i + 1].name, cfb::units(names[i])) << i;
+  EXPECT_EQ(parsed.dir[3].type, 2);
+  EXPECT_EQ(parsed.dir[4].type, 1);
+  if (parsed.dir.size() > 5) {
+    EXPECT_EQ(parsed.dir[5].type, 0) << "nothing after the four entries";
+  }
+}
+
 TEST(WriterCalls, EmptyAndNegativeWrites) {
   NewFile file;
   ASSERT_EQ(file.stream("A"), 0);
@@ -512,6 +540,31 @@ TEST(WriterOutput, EveryFillValueOfAMixedDocument) {
   EXPECT_EQ(parsed.streams[3], big);
 }
 
+// The regions in file order (FAT, mini FAT, directory, regular streams,
+// the mini stream) and the streams in creation order within them.
+TEST(WriterOutput, RegionsFollowInFileOrderAndStreamsInCreationOrder) {
+  NewFile file;
+  ASSERT_EQ(file.stream("s1", Bytes(65, 1)), 0);       // 2 mini sectors
+  ASSERT_EQ(file.stream("b1", Bytes(5000, 2)), 0);     // 10 sectors
+  ASSERT_EQ(file.stream("empty"), 0);
+  ASSERT_EQ(file.storage("D"), 0);
+  ASSERT_EQ(file.stream("D\\s2", Bytes(64, 3)), 0);    // 1 mini sector
+  ASSERT_EQ(file.stream("D\\b2", Bytes(4097, 4)), 0);  // 9 sectors
+  cfb::ParsedFile p;
+  std::string error;
+  ASSERT_TRUE(cfb::parse(file.close(), &p, &error)) << error;
+  // 0 FAT, 1 mini FAT, 2-3 directory, 4-13 b1, 14-22 b2, 23 mini stream.
+  EXPECT_EQ(p.sectorCount, 24u);
+  EXPECT_EQ(p.fatSectors, std::vector<uint32_t>{0});
+  EXPECT_EQ(p.header.miniFatStart, 1u);
+  EXPECT_EQ(p.header.dirStart, 2u);
+  EXPECT_EQ(p.fat[2], 3u);
+  const uint32_t starts[] = {0, 4, cfb::kEnd, cfb::kEnd, 2, 14};  // mini sectors for s1, s2
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(p.dir[i + 1].start, starts[i]) << i;
+  for (uint32_t s = 4; s < 23; ++s) EXPECT_EQ(p.fat[s], s == 13 || s == 22 ? cfb::kEnd : s + 1) << s;
+  EXPECT_EQ(p.dir[0].start, 23u);
+}
+
 TEST(WriterOutput, StreamCreatedButNeverWrittenHasSizeZeroAndNoSectors) {
   NewFile file;
   ASSERT_EQ(file.stream("quiet"), 0);
@@ -589,6 +642,12 @@ void roundTrip(const Shape& shape, size_t piece = 0) {
   ASSERT_EQ(cfb::treeProblems(parsed), "");
   EXPECT_TRUE(cfb::contents(parsed) == want) << "the file holds another tree";
   EXPECT_EQ(parsed.dir.size() % 4, 0u);
+  // Entries are numbered in creation order over the whole document.
+  ASSERT_GT(parsed.dir.size(), shape.size());
+  for (size_t i = 0; i < shape.size(); ++i) {
+    const std::string& path = shape[i].path;
+    EXPECT_EQ(parsed.dir[i + 1].name, cfb::units(path.substr(path.rfind('\\') + 1))) << path;
+  }
   writekit::checkWithLibrary(file, want);
 }
 
@@ -629,12 +688,14 @@ TEST(WriterRoundTrip, DeepStoragePath) {
 }
 
 // Names of every length and letter case, with underscores (which sort
-// before letters once letters are folded to lower case).
+// before letters once letters are folded to lower case) and bytes past
+// ASCII (which sort after 0x7F, and are not folded).  The tree check reads
+// the file's order with the test-side rule.
 TEST(WriterRoundTrip, ThreeHundredSiblingsInOneStorage) {
   Shape shape = {{"Many", 1, {}}};
   std::set<std::string> taken;
   std::mt19937 random(3);
-  const std::string alphabet = "abcXYZ_019";
+  const std::string alphabet = "abcXYZ_019\x7f\x80\xc9\xe9";
   while (shape.size() < 301) {
     std::string name;
     size_t length = 1 + random() % 12;

@@ -1,10 +1,9 @@
 // The writer's parts below the host calls: the document (path splitting,
-// entry creation and numbering, the sibling ordering, what a failed block
-// allocation keeps, memory per entry), planning a file (region sizes in
-// closed form, the order of regions and streams, mini sector lists), the
-// buffered output (byte order, buffering and flushing as the host sees
-// them, the ways opening can fail) and the red-black tree the sibling
-// trees are built with.  What hosts see of the same is in test_writer.
+// what a failed block allocation keeps, memory per entry), the FAT and
+// DIFAT sizes in closed form, the buffered output (byte order, buffering and flushing
+// as the host sees them, the ways opening can fail) and the red-black tree
+// the sibling trees are built with.  What hosts see of the same is in
+// test_writer.
 #include <gtest/gtest.h>
 
 #include <stdio.h>
@@ -45,19 +44,6 @@ class DocumentTest : public ::testing::Test {
     int status = doc->addEntry(path, type, entry);
     EXPECT_EQ(status, 0) << path;
     return entry;
-  }
-
-  // Numbers the directory as the file writer does: the root's tree, then
-  // every entry's tree in creation order, into a table of N + 1 slots.
-  std::vector<CMoxOleEntry*> numberEntries() {
-    long n = static_cast<long>(doc->vEntries.size());
-    std::vector<void*> table(n + 1, nullptr);
-    long index = 0;
-    doc->pRootEntry->Flatten(table.data(), n + 1, index);
-    for (long i = 0; i < n; ++i) doc->vEntries[i]->Flatten(table.data(), n + 1, index);
-    std::vector<CMoxOleEntry*> entries;
-    for (void* item : table) entries.push_back(static_cast<CMoxOleEntry*>(item));
-    return entries;
   }
 
   moxhost::PoolServices host;
@@ -106,103 +92,6 @@ TEST_F(DocumentTest, ParseKeySplitsAtTheLastBackslashAndCuts) {
   doc->parseKey(longParent.c_str(), parent, name);
   EXPECT_EQ(std::string(parent), std::string(1000, 'q'));
   EXPECT_STREQ(name, "n");
-}
-
-TEST_F(DocumentTest, CreationNeedsAnExistingParentAndAFreeName) {
-  makeDocument();
-  CMoxOleEntry* entry = doc->pRootEntry;
-  EXPECT_EQ(doc->addEntry("X\\S", 2, entry), 6);
-  EXPECT_EQ(entry, nullptr);
-  EXPECT_EQ(doc->addEntry("Root Entry\\A", 2, entry), 6);
-  EXPECT_EQ(doc->addEntry("A", 3, entry), 34);
-  EXPECT_EQ(doc->addEntry("A", 5, entry), 34);
-  EXPECT_EQ(doc->lNextOrdinal, 1);
-  EXPECT_EQ(doc->vEntries.size(), 0);
-  EXPECT_EQ(doc->pRootEntry->iCount, 0);
-
-  CMoxOleEntry* a = add("A", 2);
-  EXPECT_EQ(doc->addEntry("a", 1, entry), 6);
-  EXPECT_EQ(entry, nullptr);
-  EXPECT_EQ(doc->findEntry("A"), a);
-  CMoxOleEntry* b = add("B", 2);
-
-  // A parent may be a stream, and an empty name is a name like any other.
-  CMoxOleEntry* under = add("A\\", 2);
-  EXPECT_EQ(doc->findEntry("A\\"), under);
-
-  // A name cut to 36 characters collides with its own cut form.
-  std::string longName(40, 'L');
-  CMoxOleEntry* cut = add(longName.c_str(), 1);
-  EXPECT_EQ(std::string(cut->pszName), std::string(36, 'L'));
-  EXPECT_EQ(doc->addEntry(std::string(37, 'l').c_str(), 1, entry), 6);
-
-  auto numbered = numberEntries();
-  ASSERT_EQ(numbered.size(), 5u);
-  EXPECT_EQ(numbered[1], a);
-  EXPECT_EQ(numbered[2], b);  // the refused "a" used up no index
-  EXPECT_EQ(numbered[3], under);
-  EXPECT_EQ(numbered[4], cut);
-  for (long i = 1; i < 5; ++i) EXPECT_EQ(numbered[i]->lIndex, i);
-}
-
-// --- Numbering and the sibling trees --------------------------------------
-
-TEST_F(DocumentTest, EntriesAreNumberedInCreationOrderOverTheWholeDocument) {
-  makeDocument();
-  const char* paths[] = {"S", "S\\one", "T", "S\\two", "T\\x", "S\\three", "T\\x\\deep"};
-  std::vector<CMoxOleEntry*> created;
-  for (const char* path : paths) created.push_back(add(path, strchr(path, 'o') ? 2 : 1));
-  EXPECT_EQ(doc->lNextOrdinal, 8);
-  ASSERT_EQ(doc->vEntries.size(), 7);
-  for (int i = 0; i < 7; ++i) EXPECT_EQ(doc->vEntries[i], created[i]);
-
-  auto table = numberEntries();
-  EXPECT_EQ(table[0], nullptr);  // the root's slot, filled by the writer
-  for (long i = 1; i <= 7; ++i) {
-    EXPECT_EQ(table[i], created[i - 1]);
-    EXPECT_EQ(table[i]->lIndex, i);
-  }
-
-  // Sibling links are the shape of each parent's tree, in entry numbers.
-  CMoxOleEntry* s = created[0];
-  _MoxOleRedBlackNode* top = s->pRoot;
-  EXPECT_EQ(static_cast<CMoxOleEntry*>(top->pData)->pszName, std::string("two"));
-  EXPECT_EQ(created[1]->lIndex, top->pLeft->lOrdinal);    // "one" < "two"
-  EXPECT_EQ(created[5]->lIndex, top->pRight->lOrdinal);   // "three" is longer
-  EXPECT_EQ(created[3]->lLeftSibling, created[1]->lIndex);
-  EXPECT_EQ(created[3]->lRightSibling, created[5]->lIndex);
-  EXPECT_EQ(created[1]->lLeftSibling, -1);
-  EXPECT_EQ(created[6]->lLeftSibling, -1);
-  EXPECT_EQ(created[6]->lRightSibling, -1);
-}
-
-TEST_F(DocumentTest, SiblingsSortShorterFirstThenByLowerCaseBytes) {
-  auto entry = [this](const char* name) {
-    std::vector<char> copy(name, name + strlen(name) + 1);
-    return std::make_unique<CMoxOleEntry>(copy.data(), 2, host.services(), nullptr);
-  };
-  // For each pair: a < b, b < a, a == b.
-  struct Case {
-    const char *a, *b;
-    bool less, greater, equal;
-  } cases[] = {
-      {"B", "AA", true, false, false},   {"ab", "AC", true, false, false},
-      {"Data", "DATA", false, false, true}, {"A_", "Aa", true, false, false},
-      {"A_", "AZ", true, false, false},  {"a\x7f", "a\x80", true, false, false},
-      {"", "a", true, false, false},     {"", "", false, false, true},
-  };
-  for (const Case& c : cases) {
-    auto a = entry(c.a), b = entry(c.b);
-    EXPECT_EQ(a->compLT(a.get(), b.get()), c.less) << c.a << " < " << c.b;
-    EXPECT_EQ(a->compLT(b.get(), a.get()), c.greater) << c.b << " < " << c.a;
-    EXPECT_EQ(a->compEQ(a.get(), b.get()), c.equal) << c.a << " == " << c.b;
-  }
-  // An entry without a name (or without a pool for it) compares as "".
-  auto unnamed = std::make_unique<CMoxOleEntry>(nullptr, 2, host.services(), nullptr);
-  auto empty = entry("");
-  EXPECT_FALSE(unnamed->ready());
-  EXPECT_TRUE(unnamed->compEQ(unnamed.get(), empty.get()));
-  EXPECT_EQ(unnamed->iBlockSize, 512);
 }
 
 // --- The block store -----------------------------------------------------
@@ -336,114 +225,6 @@ TEST(SectorMath, FatCoversTheFileAndDifatFitsForEveryT) {
   };
   for (int64_t t = 1; t <= 200000; ++t) check(t);
   for (int64_t t : {int64_t{2097152} + 20, int64_t{1} << 26, (int64_t{1} << 31) - 5}) check(t);
-}
-
-// --- Planning a document ---------------------------------------------------
-
-class LayoutTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    doc = std::make_unique<CMoxOleDocument>(host.services());
-    ASSERT_EQ(doc->init(file.io(), 1), 0);
-  }
-  void TearDown() override {
-    doc.reset();
-    EXPECT_EQ(moxtest::leakReport(host), "");
-  }
-
-  CMoxOleEntry* stream(const char* path, int64_t size) {
-    CMoxOleEntry* entry = nullptr;
-    EXPECT_EQ(doc->addEntry(path, 2, entry), 0) << path;
-    std::vector<unsigned char> bytes(static_cast<size_t>(size), 0x5A);
-    if (size > 0) {
-      EXPECT_EQ(entry->write(bytes.data(), static_cast<int>(size)), 0);
-    }
-    return entry;
-  }
-
-  struct Counts {
-    long f, m, d;
-  };
-  Counts counts() {
-    Counts c{-9, -9, -9};
-    long result = doc->countTableSectors(c.f, c.m, c.d);
-    EXPECT_EQ(result, c.f);
-    return c;
-  }
-
-  // The planning steps of the file writer, without writing anything.
-  void plan() {
-    Counts c = counts();
-    doc->vFat.assign(c.f * 128, -1);
-    for (long i = 0; i < c.d; ++i) doc->vFat[i] = -4;
-    for (long i = 0; i < c.f; ++i) doc->vFat[c.d + i] = -3;
-    long p = (c.d + c.f + c.m) * 512;
-    ASSERT_EQ(doc->assignSectors(p), 0);
-    end = p;
-  }
-
-  moxhost::PoolServices host;
-  moxhost::MemoryIo file;
-  std::unique_ptr<CMoxOleDocument> doc;
-  long end = 0;
-};
-
-TEST_F(LayoutTest, RegionsFollowInFileOrderAndStreamsInCreationOrder) {
-  CMoxOleEntry* small1 = stream("s1", 65);      // 2 mini sectors
-  CMoxOleEntry* big1 = stream("b1", 5000);      // 10 sectors
-  CMoxOleEntry* none = stream("empty", 0);
-  CMoxOleEntry* dir = nullptr;
-  ASSERT_EQ(doc->addEntry("D", 1, dir), 0);
-  CMoxOleEntry* small2 = stream("D\\s2", 64);   // 1 mini sector
-  CMoxOleEntry* big2 = stream("D\\b2", 4097);   // 9 sectors
-  Counts c = counts();
-  // Six entries and the root: two directory sectors.
-  EXPECT_EQ(c.f, 1);
-  EXPECT_EQ(c.m, 1);
-  plan();
-  // 0 FAT, 1 mini FAT, 2-3 directory, 4-13 b1, 14-22 b2, 23 mini stream.
-  EXPECT_EQ(doc->vFat[2], 3);
-  EXPECT_EQ(doc->vFat[3], -2);
-  EXPECT_EQ(big1->lStartSector, 4);
-  EXPECT_EQ(doc->vFat[13], -2);
-  EXPECT_EQ(big2->lStartSector, 14);
-  EXPECT_EQ(doc->vFat[22], -2);
-  EXPECT_EQ(doc->pRootEntry->lStartSector, 23);
-  EXPECT_EQ(doc->vFat[23], -2);
-  EXPECT_EQ(doc->vFat[24], -1);
-  EXPECT_EQ(end, 24 * 512) << "the plan ends after the mini stream";
-  EXPECT_EQ(small1->lMiniStartSector, 0);
-  EXPECT_EQ(small2->lMiniStartSector, 2);
-  EXPECT_EQ(none->lMiniStartSector, -2);
-  EXPECT_EQ(none->lStartSector, -2);
-  EXPECT_EQ(dir->lStartSector, -2);
-  EXPECT_EQ(dir->plMiniSectors, nullptr);
-}
-
-TEST_F(LayoutTest, MiniFatTableIsFilledFromEveryStreamsList) {
-  stream("a", 130);  // 3 mini sectors: 0 1 2
-  stream("b", 1);    // 1 mini sector: 3
-  stream("c", 200);  // 4 mini sectors: 4..7
-  plan();
-  std::vector<int64_t> table(128, -1);
-  for (int64_t i = 0; i < doc->vEntries.size(); ++i) {
-    ASSERT_EQ(doc->vEntries[i]->collectMiniFATSectors(table.data(), 128), 0);
-  }
-  EXPECT_EQ(std::vector<int64_t>(table.begin(), table.begin() + 9),
-            (std::vector<int64_t>{1, 2, -2, -2, 5, 6, 7, -2, -1}));
-  // A chain that would leave the table is refused, not written past it.
-  std::vector<int64_t> tooSmall(5, -1);
-  EXPECT_EQ(doc->vEntries[2]->collectMiniFATSectors(tooSmall.data(), 5), 2);
-}
-
-TEST_F(LayoutTest, MiniSectorListThatCannotBeHadFailsThePlan) {
-  stream("a", 10);
-  host.faults().failAt(1);  // the list is the next thing taken from a pool
-  Counts c = counts();
-  doc->vFat.assign(c.f * 128, -1);
-  long p = (c.d + c.f + c.m) * 512;
-  EXPECT_EQ(doc->assignSectors(p), 2);
-  host.faults().disarm();
 }
 
 // === The buffered output =====================================================
@@ -729,7 +510,7 @@ TEST_F(OleIoTest, DetachedOutputHasNothingToWriteTo) {
 
 using Node = _MoxOleRedBlackNode;
 
-// Items point to ints, ordered by value; disposal and numbering are noted.
+// Items point to ints, ordered by value; disposal is noted.
 class IntTree final : public CMoxOleRedBlack {
  public:
   explicit IntTree(tag_TPVAPIServices* services) : CMoxOleRedBlack(services) {}
@@ -739,12 +520,9 @@ class IntTree final : public CMoxOleRedBlack {
   bool compLT(void* a, void* b) override { return keyOf(a) < keyOf(b); }
   bool compEQ(void* a, void* b) override { return keyOf(a) == keyOf(b); }
   void deleteData(void* data) override { deleted.push_back(keyOf(data)); }
-  void setOrdinal(void* data, long ordinal, long left, long right) override {
-    ordinals.push_back({keyOf(data), ordinal, left, right});
-  }
+  void setOrdinal(void*, long, long, long) override {}
 
   std::vector<int> deleted;
-  std::vector<std::vector<long>> ordinals;  // key, ordinal, left, right
 };
 
 // Checks a subtree; returns its black height, or -1 after noting a fault.
@@ -833,93 +611,6 @@ TEST_F(RedBlackTest, EmptyTreeHasSentinelPoolAndNothingInIt) {
     EXPECT_EQ(validate(tree), "");
   }
   EXPECT_EQ(host.livePools(), 0);
-}
-
-TEST_F(RedBlackTest, InsertionWithoutMemoryChangesNothing) {
-  IntTree poolless(nullptr);
-  counter = 5;
-  poolless.plOrdinalCounter = &counter;
-  Node* node = &poolless.nilNode;
-  EXPECT_EQ(poolless.InsertNode(&keys[1], node), 2);
-  EXPECT_EQ(node, nullptr);
-  EXPECT_EQ(poolless.iCount, 0);
-  EXPECT_EQ(counter, 5);
-
-  auto tree = makeTree({1}, 1);
-  host.faults().failAt(1);
-  node = &tree->nilNode;
-  EXPECT_EQ(tree->InsertNode(&keys[2], node), 2);
-  EXPECT_EQ(node, nullptr);
-  EXPECT_EQ(tree->iCount, 1);
-  EXPECT_EQ(counter, 2);
-  EXPECT_EQ(validate(*tree), "");
-  host.faults().disarm();
-  EXPECT_EQ(insert(*tree, 2), 0);
-  EXPECT_EQ(tree->FindNode(&keys[2])->lOrdinal, 2);
-}
-
-TEST_F(RedBlackTest, InsertionDrawsOrdinalsOnlyForNewItems) {
-  auto tree = makeTree({10}, 1);
-  Node* first = tree->pRoot;
-  EXPECT_EQ(first->byColour, kNodeBlack);
-  EXPECT_EQ(first->lOrdinal, 1);
-  EXPECT_EQ(counter, 2);
-
-  int sameKey = 10;  // a different object with an equal key
-  Node* node = nullptr;
-  EXPECT_EQ(tree->InsertNode(&sameKey, node), 6);
-  EXPECT_EQ(node, first);
-  EXPECT_EQ(node->pData, &keys[10]);
-  EXPECT_EQ(tree->iCount, 1);
-  EXPECT_EQ(counter, 2);
-
-  auto unnumbered = makeTree({3, 1, 2});
-  for (int k : {1, 2, 3}) EXPECT_EQ(unnumbered->FindNode(&keys[k])->lOrdinal, -1);
-}
-
-TEST_F(RedBlackTest, AscendingThreeFlattenIntoTheirOrdinalSlots) {
-  auto tree = makeTree({1, 2, 3}, 1);
-  EXPECT_EQ(tree->pRoot->pData, &keys[2]);
-  EXPECT_EQ(tree->pRoot->pLeft->byColour, kNodeRed);
-  EXPECT_EQ(tree->pRoot->pRight->byColour, kNodeRed);
-
-  int untouched = 99;
-  void* items[4] = {&untouched, nullptr, nullptr, nullptr};
-  long index = 0;
-  EXPECT_EQ(tree->Flatten(items, 4, index), 3);
-  EXPECT_EQ(index, 3);
-  std::vector<std::vector<long>> expected = {{1, 1, -1, -1}, {2, 2, 1, 3}, {3, 3, -1, -1}};
-  EXPECT_EQ(tree->ordinals, expected);
-  EXPECT_EQ(items[0], &untouched);
-  for (int i = 1; i <= 3; ++i) EXPECT_EQ(items[i], &keys[i]);
-}
-
-TEST_F(RedBlackTest, FlattenFilesUnfittingOrdinalsByIndexAndStopsAtSize) {
-  auto unnumbered = makeTree({5, 6, 7});
-  auto farOut = makeTree({8, 9}, 10);  // ordinals 10 and 11 fit no slot
-  void* items[4] = {};
-  long index = 0;
-  EXPECT_EQ(unnumbered->Flatten(items, 4, index), 3);
-  EXPECT_EQ(farOut->Flatten(items, 4, index), 2);  // only one node laid out
-  EXPECT_EQ(index, 4);
-  for (int i = 0; i < 4; ++i) EXPECT_EQ(items[i], &keys[5 + i]);
-  EXPECT_EQ(unnumbered->ordinals.back(), (std::vector<long>{7, -1, -1, -1}));
-  EXPECT_EQ(farOut->ordinals, (std::vector<std::vector<long>>{{8, 10, -1, 11}}));
-
-  farOut->ordinals.clear();
-  EXPECT_EQ(farOut->Flatten(items, 4, index), 2);  // a full table hears nothing
-  EXPECT_TRUE(farOut->ordinals.empty());
-  EXPECT_EQ(index, 4);
-}
-
-TEST_F(RedBlackTest, DeleteAllNodesDisposesInOrderAndKeepsTheNodes) {
-  auto tree = makeTree({4, 2, 6, 1, 3, 5});
-  tree->DeleteAllNodes();
-  EXPECT_EQ(tree->deleted, (std::vector<int>{1, 2, 3, 4, 5, 6}));
-  EXPECT_EQ(tree->iCount, 6);
-  tree->deleted.clear();
-  tree->DeleteAllNodes();
-  EXPECT_EQ(tree->deleted, std::vector<int>(6, -1));  // every item is null now
 }
 
 // Random runs against a std::set, checking every invariant after every

@@ -558,13 +558,7 @@ TEST(ClaimedSizes, DirectoryChainFarPastTheFileTakesMemoryOnlyForWhatIsRead) {
   // and the directory's chain runs through nearly all of them, past the
   // end of a file of some 90 kB.  Counted, that is 650000 records.
   cfb::CfbLayout l = document(12);
-  uint32_t next = l.sectorCount();
-  l.fat.resize(20 * 1024, cfb::kFree);
-  while (l.fatSectors.size() < 20) {
-    l.fat[next] = cfb::kFatSect;
-    l.fatSectors.push_back(next++);
-  }
-  l.header.fatSectors = 20;
+  const uint32_t next = l.growFat(20);
   uint32_t at = l.dirSectors.back();
   for (uint32_t s = next + 1; s < 20300; at = s++) l.fat[at] = s;
   l.fat[at] = cfb::kEnd;

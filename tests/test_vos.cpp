@@ -2,7 +2,7 @@
 // seeking past 4 GiB, the status and directory pass-throughs, temporary
 // names, directory paths, advisory locks as a second process sees them,
 // bounded allocation, dynamic loading and its log, exit, system and sleep.
-// Null and absurd arguments are in test_bad_arguments.
+// Null and absurd arguments are in test_interface.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>

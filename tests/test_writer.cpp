@@ -107,7 +107,7 @@ TEST(WriterOpen, HostObjectThatCannotBeOpenedOrWrittenIsClosedOnce) {
 // --- Creating and writing --------------------------------------------------
 
 TEST(WriterCalls, ArgumentsAreCheckedBeforeAnythingElse) {
-  // Null handles and paths are in test_bad_arguments.
+  // Null handles and paths are in test_interface.
   NewFile file;
   _MoxOleFile* h = file.h();
   EXPECT_EQ(iOLEopenStreamEx(h, "A", 2, 2), 34);

@@ -23,12 +23,6 @@
 
 namespace {
 
-cfb::CfbLayout smallLayout() {
-  cfb::CfbBuilder b;
-  b.addStream(0, "One", cfb::Bytes(10, 1));
-  return b.layout();
-}
-
 // A document with a mini stream, a regular stream and a storage.
 cfb::CfbLayout document(unsigned shift = 9) {
   cfb::CfbBuilder b(shift);
@@ -54,7 +48,7 @@ TEST(Header, FieldsThatRefuseTheFile) {
       {"cut inside the header", [](cfb::Bytes& b) { b.resize(511); }, false},
   };
   for (const auto& c : cases) {
-    cfb::Bytes bytes = smallLayout().serialize();
+    cfb::Bytes bytes = document().serialize();
     c.damage(bytes);
     OpenDoc doc(bytes);
     EXPECT_EQ(doc.ok(), c.opens) << c.what;
@@ -65,7 +59,7 @@ TEST(Header, SectorShiftsOutsideTheUsableRangeAreRefused) {
   struct Case { uint16_t shift, mini; bool opens; };
   for (Case c : {Case{9, 6, true}, Case{12, 6, true}, Case{6, 3, false},
                  Case{17, 6, false}, Case{9, 9, false}, Case{9, 0, false}, Case{0, 0, false}}) {
-    cfb::Bytes bytes = smallLayout().serialize();
+    cfb::Bytes bytes = document().serialize();
     bytes[0x1E] = static_cast<uint8_t>(c.shift);
     bytes[0x20] = static_cast<uint8_t>(c.mini);
     // Only the header changes: a file whose geometry is wrong for its
@@ -212,7 +206,7 @@ TEST(DifatFat, DifatChainComingBackToASectorItReadFails) {
 }
 
 TEST(FatLookup, SpecialAndOutOfRangeSectorsHaveNoEntry) {
-  OpenDoc doc(smallLayout().serialize());
+  OpenDoc doc(document().serialize());
   ASSERT_TRUE(doc.ok());
   for (int64_t s : {int64_t{-1}, int64_t{-2}, int64_t{-4}, int64_t{128}, int64_t{1} << 40}) {
     int found = 7;

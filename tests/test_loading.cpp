@@ -816,26 +816,11 @@ TEST(FailureReasons, EachDamageToTheLoadedTablesIsNamed) {
   EXPECT_EQ(openFailure(document().serialize()), "");
 }
 
-struct Session {
-  explicit Session(const cfb::Bytes& bytes) : io(bytes) {
-    h = hOLEopen(io.io(), memory.memory());
-  }
-  ~Session() {
-    if (h != nullptr) {
-      bOLEcloseStream(h, nullptr);
-      iOLEclose(h);
-    }
-    EXPECT_EQ(memory.liveBlocks(), 0);
-  }
-  std::string failure() {
-    char text[120];
-    int length = moxoleFailure(h, text, sizeof text);
-    return length > 0 ? std::string(text) : std::string();
-  }
-  moxhost::MemoryIo io;
-  moxhost::CountingMemory memory;
-  _MoxOleFile* h = nullptr;
-};
+// The failure reason of the last call on h, or "".
+std::string failure(_MoxOleFile* h) {
+  char text[120];
+  return moxoleFailure(h, text, sizeof text) > 0 ? std::string(text) : std::string();
+}
 
 TEST(FailureReasons, CallsOnAnOpenDocumentSayWhatWentWrong) {
   cfb::CfbLayout l = document();
@@ -843,33 +828,33 @@ TEST(FailureReasons, CallsOnAnOpenDocumentSayWhatWentWrong) {
   ASSERT_EQ(l.dir[large].name, u"Large");
   const uint32_t first = l.dir[large].start;
   l.fat[first] = first;  // Large's chain returns to itself
-  Session s(l.serialize());
-  ASSERT_NE(s.h, nullptr);
-  EXPECT_EQ(s.failure(), "");
+  OpenDoc s(l.serialize());
+  ASSERT_TRUE(s.ok());
+  EXPECT_EQ(failure(s.h()), "");
   char small[8];
-  EXPECT_EQ(iOLEread(s.h, small, sizeof small), 0u);
-  EXPECT_EQ(s.failure(), "no stream is open");
-  EXPECT_EQ(bOLEopenStream(s.h, "Missing"), 0);
-  EXPECT_EQ(s.failure(), "no such entry");
-  EXPECT_EQ(bOLEopenStream(s.h, "Large"), 0);
-  EXPECT_EQ(s.failure(), "the sector chain of entry 2 runs in a circle");
-  EXPECT_EQ(iReadStreamChain(3, s.h), -1);
-  EXPECT_EQ(s.failure(), "entry 3 is not a stream");
-  EXPECT_EQ(iReadStreamChain(40, s.h), -1);
-  EXPECT_EQ(s.failure(), "there is no entry 40");
+  EXPECT_EQ(iOLEread(s.h(), small, sizeof small), 0u);
+  EXPECT_EQ(failure(s.h()), "no stream is open");
+  EXPECT_EQ(bOLEopenStream(s.h(), "Missing"), 0);
+  EXPECT_EQ(failure(s.h()), "no such entry");
+  EXPECT_EQ(bOLEopenStream(s.h(), "Large"), 0);
+  EXPECT_EQ(failure(s.h()), "the sector chain of entry 2 runs in a circle");
+  EXPECT_EQ(iReadStreamChain(3, s.h()), -1);
+  EXPECT_EQ(failure(s.h()), "entry 3 is not a stream");
+  EXPECT_EQ(iReadStreamChain(40, s.h()), -1);
+  EXPECT_EQ(failure(s.h()), "there is no entry 40");
 
   // A stream whose bytes the file no longer holds.
   cfb::CfbLayout cut = document();
   cut.truncateTo = (cut.dir[large].start + 1) * 512 + 700;
-  Session t(cut.serialize());
-  ASSERT_NE(t.h, nullptr);
-  ASSERT_EQ(bOLEopenStream(t.h, "Large"), 1);
+  OpenDoc t(cut.serialize());
+  ASSERT_TRUE(t.ok());
+  ASSERT_EQ(bOLEopenStream(t.h(), "Large"), 1);
   cfb::Bytes buffer(5000);
-  EXPECT_EQ(iOLEread(t.h, buffer.data(), 5000), 512u);
-  EXPECT_EQ(t.failure(), "byte 512 of the stream cannot be read");
+  EXPECT_EQ(iOLEread(t.h(), buffer.data(), 5000), 512u);
+  EXPECT_EQ(failure(t.h()), "byte 512 of the stream cannot be read");
   // A line longer than the buffer is cut, and its whole length returned.
   char tiny[5];
-  EXPECT_EQ(moxoleFailure(t.h, tiny, sizeof tiny), 37);
+  EXPECT_EQ(moxoleFailure(t.h(), tiny, sizeof tiny), 37);
   EXPECT_STREQ(tiny, "byte");
 }
 
@@ -878,19 +863,16 @@ TEST(FailureReasons, WriterRefusalsAreNamed) {
   moxhost::MemoryIo io;
   _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 1);
   ASSERT_NE(h, nullptr);
-  char text[120];
   EXPECT_EQ(iOLEopenStreamEx(h, "Missing\\S", 2, 1), MOXOLE_NOT_FOUND);
-  ASSERT_GT(moxoleFailure(h, text, sizeof text), 0);
-  EXPECT_STREQ(text, "no such storage, or the name is taken");
+  EXPECT_EQ(failure(h), "no such storage, or the name is taken");
   EXPECT_EQ(iOLEopenStreamEx(h, "S", 7, 1), MOXOLE_BAD_ARGUMENT);
-  ASSERT_GT(moxoleFailure(h, text, sizeof text), 0);
-  EXPECT_STREQ(text, "invalid argument");
+  EXPECT_EQ(failure(h), "invalid argument");
   iOLEclose(h);
 
-  Session read(document().serialize());
-  ASSERT_NE(read.h, nullptr);
-  EXPECT_EQ(iOLEopenStreamEx(read.h, "Small", 2, 1), MOXOLE_NOT_FOUND);
-  EXPECT_EQ(read.failure(), "the document is not open for writing");
+  OpenDoc read(document().serialize());
+  ASSERT_TRUE(read.ok());
+  EXPECT_EQ(iOLEopenStreamEx(read.h(), "Small", 2, 1), MOXOLE_NOT_FOUND);
+  EXPECT_EQ(failure(read.h()), "the document is not open for writing");
 }
 
 }  // namespace

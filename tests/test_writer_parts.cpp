@@ -1,5 +1,5 @@
 // The writer's parts below the host calls: the document (path splitting,
-// what a failed block allocation keeps, memory per entry), the FAT and
+// memory per entry), the FAT and
 // DIFAT sizes in closed form, the buffered output (byte order, buffering and flushing
 // as the host sees them, the ways opening can fail) and the red-black tree
 // the sibling trees are built with.  What hosts see of the same is in
@@ -92,78 +92,6 @@ TEST_F(DocumentTest, ParseKeySplitsAtTheLastBackslashAndCuts) {
   doc->parseKey(longParent.c_str(), parent, name);
   EXPECT_EQ(std::string(parent), std::string(1000, 'q'));
   EXPECT_STREQ(name, "n");
-}
-
-// --- The block store -----------------------------------------------------
-
-class BlockStoreTest : public DocumentTest {
- protected:
-  void SetUp() override {
-    makeDocument();
-    stream = add("S", 2);
-  }
-
-  // The stream's bytes as its blocks hold them, and a check of the block
-  // invariants: every block full but the last, which holds the fill.
-  std::string contents() {
-    std::string bytes;
-    int blocks = 0;
-    for (_MoxOleBlock* b = stream->pFirstBlock; b != nullptr; b = b->pNext) {
-      bool last = b == stream->pLastBlock;
-      EXPECT_EQ(last, b->pNext == nullptr);
-      int used = last ? stream->iLastBlockFill : stream->iBlockSize;
-      bytes.append(reinterpret_cast<char*>(b->pbData), static_cast<size_t>(used));
-      if (last) {
-        for (int i = used; i < stream->iBlockSize; ++i) EXPECT_EQ(b->pbData[i], 0) << i;
-      }
-      ++blocks;
-    }
-    EXPECT_EQ(blocks, stream->iBlockCount);
-    EXPECT_EQ(static_cast<int64_t>(bytes.size()), stream->lStreamSize);
-    EXPECT_EQ(stream->iBlockCount, (stream->lStreamSize + 511) / 512);
-    return bytes;
-  }
-
-  static std::string pattern(size_t n, int seed) {
-    std::string bytes(n, 0);
-    for (size_t i = 0; i < n; ++i) bytes[i] = static_cast<char>((i * 7 + seed) % 253 + 1);
-    return bytes;
-  }
-
-  int write(std::string& bytes) {
-    return stream->write(reinterpret_cast<unsigned char*>(&bytes[0]),
-                         static_cast<int>(bytes.size()));
-  }
-
-  CMoxOleEntry* stream = nullptr;
-};
-
-// A write of 1500 bytes into a stream holding 100 takes three blocks, two
-// pool allocations each; failing each in turn leaves a stream whose size
-// is exactly the bytes its blocks hold, and a later write goes on from
-// there.
-TEST_F(BlockStoreTest, AFailedBlockAllocationKeepsWhatWasStored) {
-  for (int attempt = 1; attempt <= 7; ++attempt) {
-    doc.reset();
-    SetUp();
-    std::string head = pattern(100, 5), body = pattern(1500, 6), tail = pattern(30, 7);
-    ASSERT_EQ(write(head), 0);
-    host.faults().failAt(attempt);
-    int status = write(body);
-    host.faults().disarm();
-    if (attempt == 7) {
-      EXPECT_EQ(status, 0);
-      EXPECT_EQ(contents(), head + body);
-      break;
-    }
-    EXPECT_EQ(status, 2) << "attempt " << attempt;
-    int blocksGained = (attempt - 1) / 2;  // record, then data, per block
-    int64_t stored = 412 + 512 * blocksGained;
-    EXPECT_EQ(stream->lStreamSize, 100 + stored) << "attempt " << attempt;
-    EXPECT_EQ(contents(), head + body.substr(0, static_cast<size_t>(stored)));
-    ASSERT_EQ(write(tail), 0);
-    EXPECT_EQ(contents(), head + body.substr(0, static_cast<size_t>(stored)) + tail);
-  }
 }
 
 // --- Memory ---------------------------------------------------------------

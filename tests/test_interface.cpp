@@ -128,7 +128,6 @@ TEST_F(Library, HidesEverythingElse) {
     text.pop_back();
     const size_t last = text.rfind(' ');
     const std::string symbol = text.substr(last + 1);
-    const char type = last > 0 ? text[last - 1] : '?';
     ++exported;
     // The native interface's namespace (functions, type information) is
     // public too; nothing of its internals or of the standard library is.

@@ -82,25 +82,29 @@ TEST(WriterOpen, FlagsThreeCreatesExactlyAsFlagsOne) {
   EXPECT_EQ(made[0], made[1]);
 }
 
-// The output object opens the host's object first; when that or a later
-// check fails, the host's object is closed exactly once and nothing stays.
-TEST(WriterOpen, HostObjectThatCannotBeOpenedOrWrittenIsClosedOnce) {
-  {
+// An object that cannot serve as output (its open fails, or it has no
+// open, write or close function) gives no document: it is closed once if
+// it can be, never written, and nothing stays allocated.
+TEST(WriterOpen, HostObjectThatCannotServeIsRefusedAndClosedOnce) {
+  const struct {
+    const char* what;
+    void (*spoil)(moxhost::MemoryIo&);
+    int opens, closes;
+  } cases[] = {
+      {"open fails", [](moxhost::MemoryIo& io) { io.failOpen(true); }, 1, 1},
+      {"no write", [](moxhost::MemoryIo& io) { io.setWritable(false); }, 1, 1},
+      {"no open", [](moxhost::MemoryIo& io) { io.io()->open = nullptr; }, 0, 1},
+      {"no close", [](moxhost::MemoryIo& io) { io.io()->close = nullptr; }, 1, 0},
+  };
+  for (const auto& c : cases) {
     moxhost::PoolServices host;
     moxhost::MemoryIo io;
-    io.failOpen(true);
-    EXPECT_EQ(hOLEopenEx(io.io(), host.services(), 1), nullptr);
-    EXPECT_EQ(io.closeCalls(), 1);
-    EXPECT_EQ(moxtest::leakReport(host), "");
-  }
-  {
-    moxhost::PoolServices host;
-    moxhost::MemoryIo io;
-    io.setWritable(false);
-    EXPECT_EQ(hOLEopenEx(io.io(), host.services(), 1), nullptr);
-    EXPECT_EQ(io.openCalls(), 1);
-    EXPECT_EQ(io.closeCalls(), 1);
-    EXPECT_EQ(moxtest::leakReport(host), "");
+    c.spoil(io);
+    EXPECT_EQ(hOLEopenEx(io.io(), host.services(), 1), nullptr) << c.what;
+    EXPECT_EQ(io.openCalls(), c.opens) << c.what;
+    EXPECT_EQ(io.closeCalls(), c.closes) << c.what;
+    EXPECT_EQ(io.writeCalls(), 0) << c.what;
+    EXPECT_EQ(moxtest::leakReport(host), "") << c.what;
   }
 }
 

@@ -376,39 +376,6 @@ TEST_F(OleIoTest, OpenRefusesMissingAndSecondObjects) {
   EXPECT_EQ(other.openCalls() + other.closeCalls(), 0);
 }
 
-// Objects that cannot serve as output: open says 14, makes no buffer, and
-// the object's close runs exactly once over open and destructor together:
-// right away for one that cannot write, later for one that stays attached.
-TEST_F(OleIoTest, UnfitObjectsAreRefusedAndClosedExactlyOnce) {
-  struct Case {
-    const char* what;
-    void (*spoil)(moxhost::MemoryIo&);
-    int closesAtOpen;
-  } cases[] = {
-      {"no write", [](moxhost::MemoryIo& io) { io.setWritable(false); }, 1},
-      {"open fails", [](moxhost::MemoryIo& io) { io.failOpen(true); }, 0},
-      {"no open", [](moxhost::MemoryIo& io) { io.io()->open = nullptr; }, 0},
-  };
-  for (const Case& c : cases) {
-    moxhost::MemoryIo target;
-    c.spoil(target);
-    out = std::make_unique<CMoxOleIo>(host.services());
-    EXPECT_EQ(out->open(target.io()), 14) << c.what;
-    EXPECT_EQ(target.closeCalls(), c.closesAtOpen) << c.what;
-    EXPECT_EQ(out->write4ByteInt(1), 16) << c.what;
-    out.reset();
-    EXPECT_EQ(target.closeCalls(), 1) << c.what;
-    EXPECT_EQ(target.writeCalls(), 0) << c.what;
-  }
-  moxhost::MemoryIo noClose;  // stays attached; nothing to call at the end
-  noClose.io()->close = nullptr;
-  out = std::make_unique<CMoxOleIo>(host.services());
-  EXPECT_EQ(out->open(noClose.io()), 14);
-  EXPECT_EQ(out->pIoObj, noClose.io());
-  out.reset();
-  EXPECT_EQ(host.poolsCreated(), 0);
-}
-
 TEST_F(OleIoTest, MemoryFailuresInOpenKeepTheObjectForTheDestructor) {
   for (int attempt = 1; attempt <= 2; ++attempt) {  // the pool, then the buffer
     moxhost::MemoryIo target;

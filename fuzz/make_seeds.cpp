@@ -89,35 +89,15 @@ cfb::CfbBuilder nested() {
 }
 
 // 110 FAT sectors in a small file: the FAT says far more than the file
-// holds, so the DIFAT is needed without megabytes of data.
-Bytes withDifat() {
+// holds, so the DIFAT is needed without megabytes of data.  With 240, two
+// DIFAT sectors, the first linking to the second.
+Bytes withDifat(uint32_t fatSectors, int difatSectors) {
   cfb::CfbLayout l = streamsOfEverySize().layout();
-  uint32_t next = l.sectorCount();
-  l.fat.resize(110 * 128, cfb::kFree);
-  while (l.fatSectors.size() < 110) {
-    l.fat[next] = cfb::kFatSect;
-    l.fatSectors.push_back(next++);
-  }
-  l.fat[next] = cfb::kDifSect;
-  l.difatSectors.push_back(next);
-  l.header.fatSectors = 110;
-  return l.serialize();
-}
-
-// 240 FAT sectors: two DIFAT sectors, the first linking to the second.
-Bytes withTwoDifatSectors() {
-  cfb::CfbLayout l = streamsOfEverySize().layout();
-  uint32_t next = l.sectorCount();
-  l.fat.resize(240 * 128, cfb::kFree);
-  while (l.fatSectors.size() < 240) {
-    l.fat[next] = cfb::kFatSect;
-    l.fatSectors.push_back(next++);
-  }
-  for (int k = 0; k < 2; ++k) {
+  uint32_t next = l.growFat(fatSectors);
+  for (int k = 0; k < difatSectors; ++k) {
     l.fat[next] = cfb::kDifSect;
     l.difatSectors.push_back(next++);
   }
-  l.header.fatSectors = 240;
   return l.serialize();
 }
 
@@ -125,14 +105,7 @@ Bytes withTwoDifatSectors() {
 // them, far past the end of the file: its sector list needs both parts.
 Bytes withLongChain() {
   cfb::CfbLayout l = streamsOfEverySize(12).layout();
-  uint32_t next = l.sectorCount();
-  l.fat.resize(17 * 1024, cfb::kFree);
-  while (l.fatSectors.size() < 17) {
-    l.fat[next] = cfb::kFatSect;
-    l.fatSectors.push_back(next++);
-  }
-  l.header.fatSectors = 17;
-  const uint32_t first = next + 1;
+  const uint32_t first = l.growFat(17) + 1;
   for (uint32_t k = 0; k < 16400; ++k) l.fat[first + k] = k + 1 < 16400 ? first + k + 1 : cfb::kEnd;
   l.dir[11].start = first;  // s10
   l.dir[11].sizeLow = 16400u * 4096u;
@@ -212,8 +185,8 @@ void saveCompoundFiles() {
   save("read", "word-objects", wordDocument().build());
   save("read", "deep-and-wide", deepAndWide().build());
   save("read", "nested", nested().build());
-  save("read", "difat", withDifat());
-  save("read", "difat-two-sectors", withTwoDifatSectors());
+  save("read", "difat", withDifat(110, 1));
+  save("read", "difat-two-sectors", withDifat(240, 2));
   save("read", "long-chain", withLongChain());
   cfb::CfbBuilder spare = wordDocument();
   spare.setSpareDirEntries(9);

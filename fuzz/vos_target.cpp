@@ -335,7 +335,7 @@ class Run {
     char* cwd = nullptr;
     char* buffer = nullptr;
     if (size == 0) {
-      cwd = moxvos_getcwd(nullptr, 0, nullptr);  // the platform allocates
+      cwd = moxvos_getcwd(nullptr, 0, nullptr);  // refused: the layer never lets the platform allocate
     } else {
       buffer = static_cast<char*>(memory_.allocate(size));
       require(buffer != nullptr, "host memory");

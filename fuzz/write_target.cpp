@@ -19,14 +19,113 @@
 #include <vector>
 
 #include "fuzz/fuzz_input.h"
-#include "fuzz/write_model.h"
 #include "fuzz/write_program.h"
 #include "host/moxhost.h"
 #include "moxolefio.h"
 
 namespace {
 
-using moxfuzz::WriteModel;
+// What the target expects a document to hold: every entry created, in
+// creation order (which is directory order), with its parent, name, type
+// and bytes.  Entries made from raw paths have a known index, type and
+// bytes but no known place or name.
+//
+// Names are kept by the writer up to kKeptName bytes and stored in the file
+// up to kStoredName; paths longer than kLongestPath are cut by the writer
+// before they are split.
+constexpr size_t kKeptName = 36;
+constexpr size_t kStoredName = 31;
+constexpr size_t kLongestPath = 1023;
+
+// ASCII letters folded to lower case, bytes otherwise as they are.
+bool sameNameIgnoringCase(const std::string& a, const std::string& b) {
+  auto fold = [](char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; };
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (fold(a[i]) != fold(b[i])) return false;
+  }
+  return true;
+}
+
+struct ModelEntry {
+  int type = 0;          // 1 storage, 2 stream, 5 root
+  bool placed = false;   // parent and name known
+  int parent = -1;
+  std::string name;      // as the writer keeps it
+  std::vector<uint8_t> data;
+  bool dataKnown = true; // false once a write failed part way
+};
+
+class WriteModel {
+ public:
+  WriteModel() { add(5, true, -1, "Root Entry"); }
+
+  std::vector<ModelEntry> entries;  // entry 0 is the root
+  int current = -1;                 // the current writer stream, or -1
+  bool allPlaced = true;
+
+  int add(int type, bool placed, int parent, const std::string& name) {
+    ModelEntry e;
+    e.type = type;
+    e.placed = placed;
+    e.parent = parent;
+    e.name = name;
+    entries.push_back(e);
+    if (!placed) allPlaced = false;
+    return static_cast<int>(entries.size()) - 1;
+  }
+
+  // The path of entry k with every name cut to `cut` bytes, with a leading
+  // backslash; false when some entry on the way is not placed.
+  bool pathOf(int k, size_t cut, std::string* path) const {
+    std::string out;
+    for (int at = k; at != 0; at = entries[at].parent) {
+      if (!entries[at].placed) return false;
+      out = "\\" + entries[at].name.substr(0, cut) + out;
+    }
+    *path = out.empty() ? "\\" : out;
+    return true;
+  }
+
+  // True when a sibling under `parent` has the same name, compared the way
+  // the writer compares names (ASCII letters without case).
+  bool nameTaken(int parent, const std::string& name) const {
+    for (const ModelEntry& e : entries) {
+      if (e.placed && e.parent == parent && sameNameIgnoringCase(e.name, name)) return true;
+    }
+    return false;
+  }
+
+  // True when every name from the root down to k is distinct among its
+  // siblings once cut to what the file stores: a path then leads to k in
+  // a copy of the tree read back from the file.
+  bool reachableOnDisk(int k) const {
+    for (int at = k; at != 0; at = entries[at].parent) {
+      if (!entries[at].placed) return false;
+      const std::string stored = entries[at].name.substr(0, kStoredName);
+      for (size_t other = 1; other < entries.size(); ++other) {
+        const ModelEntry& e = entries[other];
+        if (static_cast<int>(other) == at || !e.placed || e.parent != entries[at].parent) continue;
+        if (sameNameIgnoringCase(e.name.substr(0, kStoredName), stored)) return false;
+      }
+    }
+    return true;
+  }
+
+  // True when every name fits the file and has no upper-case ASCII letter:
+  // exact and case-blind comparisons then order and match names alike.
+  bool plainNames() const {
+    if (!allPlaced) return false;
+    for (size_t k = 1; k < entries.size(); ++k) {
+      const std::string& name = entries[k].name;
+      if (name.size() > kStoredName) return false;
+      for (char c : name) {
+        if (c >= 'A' && c <= 'Z') return false;
+      }
+    }
+    return true;
+  }
+};
 
 constexpr int kMaxOps = 256;
 // Bytes an input may write: enough to need two DIFAT sectors (a little
@@ -74,7 +173,7 @@ class Run {
   void create(FuzzInput& in, int type) {
     const uint8_t choice = in.byte();
     int parent = (choice & 0x7F) % static_cast<int>(model_.entries.size());
-    const moxfuzz::ModelEntry& p = model_.entries[parent];
+    const ModelEntry& p = model_.entries[parent];
     // An empty name as a path component would read as a doubled
     // backslash; such entries stay leaves.
     if (!p.placed || (parent != 0 && p.name.empty())) parent = 0;
@@ -83,13 +182,13 @@ class Run {
       if (c == '\\') c = '/';
     }
     std::string path;
-    model_.pathOf(parent, moxfuzz::kKeptName, &path);
+    model_.pathOf(parent, kKeptName, &path);
     if (parent == 0) path.clear();
     path += "\\" + name;
     // Without its leading backslash, unless the first name is empty.
     if ((choice & 0x80) && path.size() > 1 && path[1] != '\\') path.erase(0, 1);
-    if (path.size() > moxfuzz::kLongestPath) return;
-    const std::string kept = name.substr(0, moxfuzz::kKeptName);
+    if (path.size() > kLongestPath) return;
+    const std::string kept = name.substr(0, kKeptName);
     const int status = api_.iOLEopenStreamEx(h_, path.c_str(), type, 1);
     model_.current = -1;
     const bool taken = model_.nameTaken(parent, kept);
@@ -137,7 +236,7 @@ class Run {
     }
     expect(status, want, "iOLEwrite");
     if (current < 0 || model_.entries[current].type != 2) return;
-    moxfuzz::ModelEntry& e = model_.entries[current];
+    ModelEntry& e = model_.entries[current];
     if (status == 0) {
       e.data.insert(e.data.end(), data, data + length);
     } else {
@@ -148,8 +247,8 @@ class Run {
   void openForReading(uint8_t choice) {
     const int k = choice % static_cast<int>(model_.entries.size());
     std::string path;
-    if (k == 0 || !model_.pathOf(k, moxfuzz::kKeptName, &path)) return;
-    if (path.size() > moxfuzz::kLongestPath) return;
+    if (k == 0 || !model_.pathOf(k, kKeptName, &path)) return;
+    if (path.size() > kLongestPath) return;
     const int status = api_.iOLEopenStreamEx(h_, path.c_str(), 0, 0);
     model_.current = -1;
     // Entries of a new document have no place in a file yet.
@@ -224,7 +323,7 @@ class Run {
 };
 
 // Reads the current reader stream of h whole and compares it.
-void compareStream(_MoxOleFile* h, const moxfuzz::ModelEntry& e, const char* how) {
+void compareStream(_MoxOleFile* h, const ModelEntry& e, const char* how) {
   require(lOLEseek(h, 0, 2) == static_cast<int64_t>(e.data.size()), how);
   require(lOLEseek(h, 0, 0) == 0, how);
   static const uint32_t kPieces[] = {4096, 1, 63, 700, 65536};
@@ -288,11 +387,11 @@ void checkWithReader(const WriteModel& m, const std::vector<uint8_t>& file) {
   indexTree(root, &byIndex, &count);
   require(count == m.entries.size(), "entries missing from the written tree");
   for (size_t k = 1; k < m.entries.size(); ++k) {
-    const moxfuzz::ModelEntry& e = m.entries[k];
+    const ModelEntry& e = m.entries[k];
     const _MoxOleTreeNode* node = byIndex[k];
     require(node->iType == e.type, "an entry of the wrong type");
     if (e.placed) {
-      require(node->szName == e.name.substr(0, moxfuzz::kStoredName), "an entry's name");
+      require(node->szName == e.name.substr(0, kStoredName), "an entry's name");
       require(node->pParent != nullptr && node->pParent->iIndex == e.parent, "an entry's parent");
     }
     if (e.type == 2) {
@@ -321,8 +420,8 @@ void checkWithWriterEntry(const MoxOleInterface& api, const WriteModel& m,
   for (size_t k = 1; k < m.entries.size(); ++k) {
     std::string path;
     if (!m.reachableOnDisk(static_cast<int>(k))) continue;
-    m.pathOf(static_cast<int>(k), moxfuzz::kStoredName, &path);
-    if (path.size() > moxfuzz::kLongestPath) continue;
+    m.pathOf(static_cast<int>(k), kStoredName, &path);
+    if (path.size() > kLongestPath) continue;
     const int status = api.iOLEopenStreamEx(h, path.c_str(), 0, 0);
     if (m.entries[k].type == 2) {
       require(status == 0, "a written stream not found by its path");

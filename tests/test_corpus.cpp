@@ -158,15 +158,7 @@ TEST_P(Corpus, ReadsAsOlefileReadIt) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Manifest, Corpus, ::testing::Range<std::size_t>(0, manifestFiles().size()),
-                         [](const testing::TestParamInfo<std::size_t>& info) {
-                           std::string name = std::to_string(info.index) + "_" + manifestFiles()[info.param].path;
-                           for (char& c : name) {
-                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                           }
-                           return name;
-                         });
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(Corpus);
+MOX_TEST_EACH_FILE(Manifest, Corpus, manifestFiles);
 
 // The walk above must have had something to walk, its digests must be
 // SHA-256, and a miss of the exact path walk must stay the exception:

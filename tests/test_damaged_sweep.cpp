@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "support/corpus_files.h"
+#include "support/manifest.h"
 #include "support/view_io.h"
 #include "support/document_walk.h"
 
@@ -116,9 +117,7 @@ TEST_P(DamagedSweep, CutsAndFlipsOpenOrFailCleanly) {
 
 INSTANTIATE_TEST_SUITE_P(Corpus, DamagedSweep, ::testing::ValuesIn(corpus::files()),
                          [](const ::testing::TestParamInfo<std::string>& info) {
-                           std::string name;
-                           for (char c : info.param) name += isalnum(static_cast<unsigned char>(c)) ? c : '_';
-                           return name;
+                           return manifest::testName(info.param);
                          });
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(DamagedSweep);
 

@@ -22,17 +22,14 @@
 #include "moxolefio.h"
 #include "moxvos.h"
 #include "support/cfb_builder.h"
+#include "support/stream_kit.h"
 
 namespace {
 
 constexpr int kThreads = 4;
 constexpr int kRounds = 3;
 
-cfb::Bytes pattern(size_t length, int seed) {
-  cfb::Bytes bytes(length);
-  for (size_t i = 0; i < length; ++i) bytes[i] = static_cast<uint8_t>(i * 31 + seed);
-  return bytes;
-}
+using streamkit::pattern;
 
 // The shared document's streams by name.
 std::map<std::string, cfb::Bytes> sharedStreams() {
@@ -47,12 +44,7 @@ cfb::Bytes sharedDocument() {
 }
 
 cfb::Bytes readAll(_MoxOleFile* h, const char* name) {
-  cfb::Bytes out;
-  if (bOLEopenStream(h, name) != 1) return out;
-  unsigned char buffer[777];
-  for (uint32_t got; (got = iOLEread(h, buffer, sizeof buffer)) > 0;) {
-    out.insert(out.end(), buffer, buffer + got);
-  }
+  const cfb::Bytes out = bOLEopenStream(h, name) == 1 ? streamkit::readToEnd(h, 777) : cfb::Bytes();
   bOLEcloseStream(h, nullptr);
   return out;
 }

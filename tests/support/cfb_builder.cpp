@@ -128,6 +128,17 @@ Bytes& CfbLayout::sector(uint32_t number) {
   return s;
 }
 
+uint32_t CfbLayout::growFat(uint32_t count) {
+  uint32_t next = sectorCount();
+  fat.resize(static_cast<size_t>(count) * (sectorSize() / 4), kFree);
+  while (fatSectors.size() < count) {
+    fat[next] = kFatSect;
+    fatSectors.push_back(next++);
+  }
+  header.fatSectors = count;
+  return next;
+}
+
 uint32_t CfbLayout::sectorCount() const {
   uint32_t count = 0;
   auto see = [&](uint32_t s) {

@@ -102,6 +102,10 @@ struct CfbLayout {
   std::map<int64_t, Bytes> serializeSparse() const;
   // The payload of one sector, created zero-filled on first use.
   Bytes& sector(uint32_t number);
+  // Adds FAT sectors after the last sector in use until there are `count`
+  // (a FAT that describes far more than the file holds) and returns the
+  // first sector after them.
+  uint32_t growFat(uint32_t count);
 };
 
 class CfbBuilder {

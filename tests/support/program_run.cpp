@@ -1,4 +1,5 @@
 #include "support/program_run.h"
+#include "support/vos_scratch.h"
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -9,9 +10,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <fstream>
-#include <sstream>
 
 #include "moxolefio.h"
 
@@ -132,18 +130,9 @@ std::string olefilePython() {
   return "";
 }
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
+std::string slurp(const std::string& path) { return readFile(path); }
 
-bool spit(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  return static_cast<bool>(out);
-}
+bool spit(const std::string& path, const std::string& bytes) { return writeFile(path, bytes); }
 
 namespace {
 

@@ -4,6 +4,7 @@
 #define MOXOLEFIO_TESTS_SUPPORT_VOS_SCRATCH_H_
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <functional>
 #include <string>
@@ -44,6 +45,25 @@ bool exists(const std::string& path);
 // or 128 + signal number when the child was killed.  The child leaves with
 // _exit, so no test machinery runs twice.
 int runInChild(const std::function<int()>& body);
+
+// Runs body in a forked child and returns the plain value it produced,
+// carried back through a pipe; `failed` when the child did not report.
+template <typename T>
+T resultOfChild(const std::function<T()>& body, T failed = T()) {
+  int channel[2];
+  if (pipe(channel) != 0) return failed;
+  const int code = runInChild([&] {
+    const T value = body();
+    return write(channel[1], &value, sizeof value) == static_cast<ssize_t>(sizeof value) ? 0 : 1;
+  });
+  close(channel[1]);
+  T value = failed;
+  if (code != 0 || read(channel[0], &value, sizeof value) != static_cast<ssize_t>(sizeof value)) {
+    value = failed;
+  }
+  close(channel[0]);
+  return value;
+}
 
 }  // namespace moxtest
 

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "support/leak_report.h"
+#include "support/stream_kit.h"
 
 namespace writekit {
 
@@ -29,10 +30,6 @@ int NewFile::stream(const std::string& path, const cfb::Bytes& data, size_t piec
     status = iOLEwrite(handle_, const_cast<unsigned char*>(data.data() + at), static_cast<int>(n));
   }
   return status;
-}
-
-int NewFile::write(const cfb::Bytes& data) {
-  return iOLEwrite(handle_, const_cast<unsigned char*>(data.data()), static_cast<int>(data.size()));
 }
 
 const cfb::Bytes& NewFile::close() {
@@ -82,17 +79,6 @@ void collect(const _MoxOleTreeNode* node, const std::string& prefix,
     (*out)[path] = Seen{child->iType, child->iSize, child->iIndex};
     collect(child, path + "\\", out);
   }
-}
-
-cfb::Bytes readCurrent(_MoxOleFile* h) {
-  cfb::Bytes out;
-  std::vector<unsigned char> buffer(70000);
-  for (;;) {
-    uint32_t n = iOLEread(h, buffer.data(), static_cast<uint32_t>(buffer.size()));
-    if (n == 0) break;
-    out.insert(out.end(), buffer.begin(), buffer.begin() + n);
-  }
-  return out;
 }
 
 // Opens path ("A\\B\\name") with the storage-path open.
@@ -169,9 +155,9 @@ void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::I
     EXPECT_EQ(it->second.size, static_cast<int64_t>(kv.second.data.size())) << kv.first;
     EXPECT_EQ(iReadStreamChain(it->second.index, h), 0) << kv.first;
     EXPECT_EQ(lOLEseek(h, 0, 0), 0) << kv.first;
-    EXPECT_TRUE(readCurrent(h) == kv.second.data) << kv.first << " read by entry number";
+    EXPECT_TRUE(streamkit::readToEnd(h, 70000) == kv.second.data) << kv.first << " read by entry number";
     if (openByPath(h, kv.first)) {
-      EXPECT_TRUE(readCurrent(h) == kv.second.data) << kv.first << " read by path";
+      EXPECT_TRUE(streamkit::readToEnd(h, 70000) == kv.second.data) << kv.first << " read by path";
     } else {
       EXPECT_FALSE(pathOpenCanFind(want, kv.first)) << kv.first << " not opened by path";
     }

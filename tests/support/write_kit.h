@@ -35,8 +35,6 @@ class NewFile {
   // pieces of `piece` bytes (0: one call).  The first nonzero status.
   int storage(const std::string& path);
   int stream(const std::string& path, const cfb::Bytes& data = {}, size_t piece = 0);
-  // iOLEwrite on the current stream.
-  int write(const cfb::Bytes& data);
 
   // Closes the handle; the bytes written.
   const cfb::Bytes& close();

@@ -1,0 +1,878 @@
+// Loading a document: the header, the FAT (from the header and along the
+// DIFAT), the mini FAT and the directory as the handle holds them; opening,
+// cloning and closing as the host's objects see it; tables claimed far
+// larger than the file and chains in circles, which must cost memory and
+// host calls in proportion to the file; and the reason a host is given
+// for each failure.  Failures of memory and host calls at every step are
+// swept in test_fault_sweeps, damaged real files in test_damaged_sweep.
+#include <stdio.h>
+#include <string.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "host/moxhost.h"
+#include "moxolefio.h"
+#include "reader/reader.h"
+#include "support/cfb_builder.h"
+#include "support/document_walk.h"
+#include "support/open_doc.h"
+#include "support/sparse_io.h"
+
+namespace {
+
+// A document with a mini stream, a regular stream and a storage.
+cfb::CfbLayout document(unsigned shift = 9) {
+  cfb::CfbBuilder b(shift);
+  b.addStream(0, "Small", cfb::Bytes(100, 1));
+  b.addStream(0, "Large", cfb::Bytes(5000, 2));
+  b.addStorage(0, "Box");
+  return b.layout();
+}
+
+// --- The header ----------------------------------------------------------------
+
+TEST(Header, FieldsThatRefuseTheFile) {
+  const struct {
+    const char* what;
+    void (*damage)(cfb::Bytes&);
+    bool opens;
+  } cases[] = {
+      {"signature tail", [](cfb::Bytes& b) { memcpy(&b[4], "\x01\x02\x03\x04", 4); }, true},
+      {"signature byte 3", [](cfb::Bytes& b) { b[3] = 0xE1; }, false},
+      // Any mark other than FE FF reads big-endian, so a little-endian file
+      // with a damaged mark no longer parses.
+      {"byte order mark", [](cfb::Bytes& b) { b[0x1C] = 0x34; b[0x1D] = 0x12; }, false},
+      {"cut inside the header", [](cfb::Bytes& b) { b.resize(511); }, false},
+  };
+  for (const auto& c : cases) {
+    cfb::Bytes bytes = document().serialize();
+    c.damage(bytes);
+    OpenDoc doc(bytes);
+    EXPECT_EQ(doc.ok(), c.opens) << c.what;
+  }
+}
+
+TEST(Header, SectorShiftsOutsideTheUsableRangeAreRefused) {
+  struct Case { uint16_t shift, mini; bool opens; };
+  for (Case c : {Case{9, 6, true}, Case{12, 6, true}, Case{6, 3, false},
+                 Case{17, 6, false}, Case{9, 9, false}, Case{9, 0, false}, Case{0, 0, false}}) {
+    cfb::Bytes bytes = document().serialize();
+    bytes[0x1E] = static_cast<uint8_t>(c.shift);
+    bytes[0x20] = static_cast<uint8_t>(c.mini);
+    // Only the header changes: a file whose geometry is wrong for its
+    // sectors may still fail later, but a bad shift is never accepted.
+    OpenDoc doc(bytes);
+    if (!c.opens) {
+      EXPECT_FALSE(doc.ok()) << c.shift << "/" << c.mini;
+    } else if (c.shift == 9) {
+      EXPECT_TRUE(doc.ok());
+    }
+  }
+}
+
+// --- The FAT -----------------------------------------------------------------------
+
+// A bare handle over raw bytes, for driving the FAT builder directly.
+struct RawFat {
+  moxhost::MemoryIo io;
+  moxhost::CountingMemory memory;
+  _MoxOleFile h = {};
+  uint32_t difat[109] = {};
+  explicit RawFat(int64_t fatCount, size_t fileSize) : io(cfb::Bytes(fileSize, 0xEE)) {
+    h.pIo = io.io();
+    h.pTableMemory = memory.memory();
+    h.iByteOrder = 1;
+    h.iSectorShift = 9;
+    h.lSectorSize = 512;
+    h.iFatPerSector = 128;
+    h.lFatCount = fatCount;
+    for (uint32_t i = 0; i < 109; ++i) difat[i] = i;  // FAT sector i is sector i
+  }
+  ~RawFat() {
+    if (h.ppFat != nullptr) {
+      for (int64_t i = 0; i < h.lFatCount; ++i) memory.release(h.ppFat[i]);
+      memory.release(h.ppFat);
+    }
+    EXPECT_EQ(memory.liveBlocks(), 0);
+  }
+};
+
+TEST(SmallFat, SectorsCutShort) {
+  {  // The last sector may be cut short and reads as zeros.
+    RawFat raw(3, 512 + 2 * 512 + 100);
+    ASSERT_EQ(iBldSmallFat(&raw.h, raw.difat), 0);
+    EXPECT_EQ(raw.h.lFatCount, 3);
+    EXPECT_EQ(raw.h.ppFat[2][99], 0xEE);
+    EXPECT_EQ(raw.h.ppFat[2][100], 0);
+    EXPECT_EQ(raw.h.ppFat[2][511], 0);
+  }
+  {  // A middle sector cut short ends the FAT there.
+    RawFat raw(5, 512 + 3 * 512 + 200);
+    ASSERT_EQ(iBldSmallFat(&raw.h, raw.difat), 0);
+    EXPECT_EQ(raw.h.lFatCount, 4);
+    for (int i = 0; i < 512; ++i) ASSERT_EQ(raw.h.ppFat[3][i], 0) << i;
+    EXPECT_EQ(raw.h.ppFat[2][0], 0xEE);
+  }
+  RawFat first(5, 512 + 100);  // the first sector cut short fails, freeing all
+  EXPECT_EQ(iBldSmallFat(&first.h, first.difat), -1);
+  EXPECT_EQ(first.h.ppFat, nullptr);
+  RawFat empty(0, 1024);
+  EXPECT_EQ(iBldSmallFat(&empty.h, empty.difat), 0);
+  RawFat negative(-1, 1024);
+  EXPECT_EQ(iBldSmallFat(&negative.h, negative.difat), -1);
+}
+
+// With `fat` FAT sectors (more than 109), the file carries DIFAT sectors.
+cfb::CfbLayout layoutWithFatSectors(unsigned shift, uint32_t fat) {
+  cfb::CfbBuilder b(shift);
+  b.addStream(0, "Stream", cfb::Bytes(5000, 5));
+  uint32_t per = (1u << shift) / 4;
+  uint32_t difat = fat > 109 ? (fat - 109 + per - 2) / (per - 1) : 0;
+  // Sectors besides FAT and DIFAT just past what fat - 1 FAT sectors cover.
+  b.setPaddingSectors((fat - 1) * per + 1 - fat - difat);
+  cfb::CfbLayout l = b.layout();
+  EXPECT_EQ(l.fatSectors.size(), fat);
+  return l;
+}
+
+TEST(DifatFat, ExactlyOneHundredNineFatSectorsNeedNoDifat) {
+  cfb::CfbLayout l = layoutWithFatSectors(9, 109);
+  EXPECT_TRUE(l.difatSectors.empty());
+  l.header.difatStart = 0xFFFFFFFF;  // would be refused if it were consulted
+  OpenDoc doc(l.serialize());
+  ASSERT_TRUE(doc.ok());
+  EXPECT_EQ(doc->lFatCount, 109);
+}
+
+TEST(DifatFat, OneDifatSectorAt512And4096ByteSectors) {
+  for (unsigned shift : {9u, 12u}) {
+    uint32_t per = (1u << shift) / 4;
+    for (uint32_t fat : {110u, 109u + per - 1, 109u + per}) {
+      cfb::CfbLayout l = layoutWithFatSectors(shift, fat);
+      EXPECT_EQ(l.difatSectors.size(), fat <= 109 + per - 1 ? 1u : 2u);
+      SparseIo io(l.serializeSparse(), static_cast<int64_t>(l.sectorCount() + 1) * l.sectorSize());
+      moxhost::CountingMemory memory;
+      _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+      ASSERT_NE(h, nullptr) << shift << " " << fat;
+      EXPECT_EQ(h->lFatCount, fat);
+      // The last FAT sector marks itself as a FAT sector.
+      int found = 0;
+      EXPECT_EQ(lGetSect(h, l.fatSectors.back(), &found), kSectorFat);
+      EXPECT_EQ(found, 1);
+      EXPECT_EQ(h->pDir[1].lSize, 5000);
+      iOLEclose(h);
+      EXPECT_EQ(memory.liveBlocks(), 0);
+    }
+  }
+}
+
+TEST(DifatFat, BadDifatStartOrCountFails) {
+  for (uint32_t start : {0xFFFFFFFFu, 0xFFFFFFFEu, 0xFFFFFFFDu, 0xFFFFFFFCu}) {
+    cfb::CfbLayout l = layoutWithFatSectors(9, 110);
+    l.deriveDifat = false;
+    l.header.difatStart = start;
+    l.header.difatSectors = 1;
+    for (int i = 0; i < 109; ++i) l.header.difat[i] = l.fatSectors[i];
+    OpenDoc doc(l.serialize());
+    EXPECT_FALSE(doc.ok());
+  }
+  cfb::Bytes bytes = layoutWithFatSectors(9, 110).serialize();
+  bytes[0x48] = 0;  // DIFAT sector count 0
+  OpenDoc doc(bytes);
+  EXPECT_FALSE(doc.ok());
+}
+
+TEST(DifatFat, DifatChainComingBackToASectorItReadFails) {
+  cfb::CfbLayout l = layoutWithFatSectors(9, 400);  // three DIFAT sectors
+  ASSERT_EQ(l.difatSectors.size(), 3u);
+  for (int back : {0, 1}) {
+    cfb::Bytes bytes = l.serialize();
+    // The second DIFAT sector's link leads back to the first, or to itself.
+    uint32_t target = l.difatSectors[back];
+    memcpy(&bytes[(l.difatSectors[1] + 1) * 512 + 127 * 4], &target, 4);
+    // A count the chain must go on for: without the check it would go round
+    // until the count is reached.
+    const uint32_t claimed = 100000;
+    memcpy(&bytes[0x2C], &claimed, 4);
+    OpenDoc doc(bytes);
+    EXPECT_FALSE(doc.ok()) << back;
+    // The header's FAT sectors, the three DIFAT sectors and what they list,
+    // and at most one more round of the circle before it is noticed.
+    EXPECT_LE(doc.io().readCalls(), 1 + 109 + 3 * 128 + 2 * 128) << back;
+  }
+}
+
+TEST(FatLookup, SpecialAndOutOfRangeSectorsHaveNoEntry) {
+  OpenDoc doc(document().serialize());
+  ASSERT_TRUE(doc.ok());
+  for (int64_t s : {int64_t{-1}, int64_t{-2}, int64_t{-4}, int64_t{128}, int64_t{1} << 40}) {
+    int found = 7;
+    EXPECT_EQ(lGetSect(doc.handle(), s, &found), s);
+    EXPECT_EQ(found, 0);
+  }
+  int found = 0;
+  EXPECT_EQ(lGetSect(doc.handle(), 0, &found), kSectorFat);
+  EXPECT_EQ(found, 1);
+  EXPECT_EQ(lGetSect(doc.handle(), 127, &found), kSectorFree);
+}
+
+// --- The mini FAT and the directory -------------------------------------------------
+
+// Root, a mini stream "M" (entry 1) and enough mini streams to need
+// `miniFatSectors` mini FAT sectors.
+cfb::CfbLayout miniLayout(int miniFatSectors) {
+  cfb::CfbBuilder b;
+  b.addStream(0, "M", cfb::Bytes(100, 1));
+  // 63 mini sectors each; 128 entries per mini FAT sector.
+  for (int i = 1; i < 2 * miniFatSectors; ++i) b.addStream(0, "S" + std::to_string(i), cfb::Bytes(4000, 2));
+  cfb::CfbLayout l = b.layout();
+  EXPECT_EQ(l.miniFatSectors.size(), static_cast<size_t>(miniFatSectors));
+  return l;
+}
+
+TEST(MiniFat, EntriesAreWidenedInChainOrder) {
+  cfb::CfbLayout l = miniLayout(2);
+  // Swap the two mini FAT sectors on disk; the chain order must win.
+  std::swap(l.miniFatSectors[0], l.miniFatSectors[1]);
+  l.fat[l.miniFatSectors[0]] = l.miniFatSectors[1];
+  l.fat[l.miniFatSectors[1]] = cfb::kEnd;
+  l.header.miniFatStart = l.miniFatSectors[0];
+  OpenDoc doc(l.serialize());
+  ASSERT_TRUE(doc.ok());
+  ASSERT_EQ(doc->lMiniFatCount, 2);
+  for (int i = 0; i < 256; ++i) {
+    int64_t want = i < static_cast<int>(l.miniFat.size()) ? int64_t{static_cast<int32_t>(l.miniFat[i])}
+                                                          : int64_t{kSectorFree};
+    ASSERT_EQ(doc->plMiniFat[i], want) << i;
+  }
+}
+
+TEST(MiniFat, StartAndChainOfTheMiniFat) {
+  cfb::CfbBuilder big;
+  big.addStream(0, "Big", cfb::Bytes(5000, 1));
+  OpenDoc none(big.build());
+  ASSERT_TRUE(none.ok());
+  EXPECT_EQ(none->lMiniFatCount, 0);
+  EXPECT_EQ(none->plMiniFat, nullptr);
+
+  cfb::CfbLayout l = miniLayout(1);
+  l.header.miniFatStart = cfb::kEnd;  // a negative start means no mini FAT
+  OpenDoc negative(l.serialize());
+  ASSERT_TRUE(negative.ok());
+  EXPECT_EQ(negative->plMiniFat, nullptr);
+  l.header.miniFatStart = 5000;  // past the file
+  OpenDoc past(l.serialize());
+  EXPECT_FALSE(past.ok());
+  cfb::CfbLayout early = miniLayout(2);
+  early.fat[early.miniFatSectors[0]] = cfb::kEnd;  // the chain ends early
+  OpenDoc cut(early.serialize());
+  EXPECT_FALSE(cut.ok());
+}
+
+// A directory with one hand-made entry at index 1 under the root.
+cfb::CfbLayout oneEntry(const cfb::DirEntry& e) {
+  cfb::CfbBuilder b;
+  b.addStream(0, "X", cfb::Bytes(10, 1));
+  cfb::CfbLayout l = b.layout();
+  cfb::DirEntry keep = l.dir[1];
+  l.dir[1] = e;
+  l.dir[1].left = keep.left;
+  l.dir[1].right = keep.right;
+  return l;
+}
+
+cfb::DirEntry stream(const std::u16string& name) {
+  cfb::DirEntry e;
+  e.name = name;
+  e.type = 2;
+  e.start = 0;
+  e.sizeLow = 10;
+  return e;
+}
+
+TEST(Directory, RootAndEmptySlots) {
+  OpenDoc doc(oneEntry(stream(u"X")).serialize());
+  ASSERT_TRUE(doc.ok());
+  EXPECT_STREQ(doc->pDir[0].szName, "Root Entry");
+  EXPECT_EQ(doc->pDir[0].byType, 5);
+  EXPECT_EQ(doc->pDir[0].lIndex, 0);
+  EXPECT_EQ(doc->pDir[1].lIndex, 1);
+  EXPECT_EQ(doc->iDirCount, 4);
+  EXPECT_EQ(doc->pDir[2].byType, 0);
+  EXPECT_EQ(doc->pDir[2].lStart, -1);
+}
+
+TEST(Directory, NamesKeepTheLowByteOfEachUnit) {
+  std::u16string name = u"\x0005Summary";
+  name += char16_t{0x4E2D};  // keeps 0x2D
+  for (bool big : {false, true}) {
+    cfb::CfbLayout l = oneEntry(stream(name));
+    l.bigEndian = big;
+    OpenDoc doc(l.serialize());
+    ASSERT_TRUE(doc.ok());
+    EXPECT_STREQ(doc->pDir[1].szName, "\x05Summary-");
+  }
+}
+
+TEST(Directory, OverlongNamesFailForNamedTypesAndEmptyOthers) {
+  cfb::DirEntry e = stream(std::u16string(31, u'a'));
+  e.nameLength = 64;
+  OpenDoc ok(oneEntry(e).serialize());
+  ASSERT_TRUE(ok.ok());
+  EXPECT_EQ(strlen(ok->pDir[1].szName), 31u);
+  e.nameLength = 66;
+  OpenDoc bad(oneEntry(e).serialize());
+  EXPECT_FALSE(bad.ok());
+  e.type = 0;
+  OpenDoc empty(oneEntry(e).serialize());
+  ASSERT_TRUE(empty.ok());
+  EXPECT_EQ(empty->pDir[1].szName[0], 0);
+  // Read big-endian the limit is one byte higher.
+  e.type = 2;
+  cfb::CfbLayout l = oneEntry(e);
+  l.bigEndian = true;
+  OpenDoc big(l.serialize());
+  EXPECT_TRUE(big.ok());
+  l.dir[1].nameLength = 67;
+  OpenDoc bigBad(l.serialize());
+  EXPECT_FALSE(bigBad.ok());
+}
+
+TEST(Directory, StartsSizesAndLinksAreCleaned) {
+  const struct {
+    uint8_t type;
+    uint32_t start, size;
+    int64_t wantStart, wantSize;
+  } cases[] = {
+      {2, 0, 3000000000u, 0, 0},                     // a size past 2 GiB
+      {2, static_cast<uint32_t>(-6), 10, -2, 0},     // a start that is no sector
+      {2, cfb::kEnd, 0, -2, 0},
+      {1, 7, 10, -1, 0},                             // a storage has neither
+  };
+  for (const auto& c : cases) {
+    cfb::DirEntry e = stream(u"X");
+    e.type = c.type;
+    e.start = c.start;
+    e.sizeLow = c.size;
+    OpenDoc doc(oneEntry(e).serialize());
+    ASSERT_TRUE(doc.ok());
+    EXPECT_EQ(doc->pDir[1].lStart, c.wantStart) << c.start;
+    EXPECT_EQ(doc->pDir[1].lSize, c.wantSize) << c.size;
+  }
+  cfb::CfbLayout l = oneEntry(stream(u"X"));
+  l.dir[1].child = 7;
+  l.dir[1].left = static_cast<uint32_t>(-3);
+  l.dir[1].right = 4;
+  l.dir[0].child = static_cast<uint32_t>(-5);
+  OpenDoc doc(l.serialize());
+  ASSERT_TRUE(doc.ok());
+  EXPECT_EQ(doc->pDir[1].lChild, -1);
+  EXPECT_EQ(doc->pDir[1].lLeft, -3);
+  EXPECT_EQ(doc->pDir[1].lRight, -1);
+  EXPECT_EQ(doc->pDir[0].lChild, -1);
+}
+
+TEST(Directory, LastRootEntryGivesTheMiniStreamStart) {
+  cfb::CfbLayout l = oneEntry(stream(u"X"));
+  l.dir.resize(3);
+  l.dir[2].type = 5;
+  l.dir[2].name = u"Second";
+  l.dir[2].start = 42;
+  OpenDoc doc(l.serialize());
+  ASSERT_TRUE(doc.ok());
+  EXPECT_EQ(doc->lRootStart, 42);
+}
+
+TEST(Directory, CyclicChainsFailTheOpen) {
+  cfb::CfbBuilder b;
+  for (int i = 0; i < 10; ++i) b.addStream(0, "S" + std::to_string(i), cfb::Bytes(10, 1));
+  cfb::CfbLayout l = b.layout();
+  ASSERT_GE(l.dirSectors.size(), 3u);
+  const std::pair<uint32_t, uint32_t> links[] = {
+      {l.dirSectors[0], l.dirSectors[0]}, {l.dirSectors[2], l.dirSectors[0]},
+      {l.dirSectors[1], 1u << 20}};  // no FAT entry for the successor
+  for (auto [from, to] : links) {
+    cfb::CfbLayout broken = l;
+    broken.fat[from] = to;
+    OpenDoc doc(broken.serialize());
+    EXPECT_FALSE(doc.ok()) << from << " -> " << to;
+  }
+}
+
+// --- Opening, cloning, closing --------------------------------------------------------
+
+TEST(OpenClose, CloneLoadsAgainAndNeverOpensOrClosesTheIo) {
+  moxhost::MemoryIo io(document().serialize());
+  moxhost::CountingMemory memory;
+  _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+  ASSERT_NE(h, nullptr);
+  int64_t blocksWithOne = memory.liveBlocks();
+  _MoxOleFile* clone = hOLEopenClone(h);
+  ASSERT_NE(clone, nullptr);
+  EXPECT_EQ(bOLEopenStream(clone, "Large"), 1);
+  EXPECT_EQ(bOLEcloseStream(clone, nullptr), 1);
+  EXPECT_EQ(memory.liveBlocks(), 2 * blocksWithOne);
+  EXPECT_EQ(iOLEcloseClone(clone), 1);
+  EXPECT_EQ(io.openCalls(), 1);
+  EXPECT_EQ(io.closeCalls(), 0);
+  EXPECT_EQ(iOLEclose(h), 1);
+  EXPECT_EQ(io.closeCalls(), 1);
+  EXPECT_EQ(memory.liveBlocks(), 0);
+}
+
+// A bad header, or an I/O object that will not open: the object is opened
+// and closed once, or not at all when the host asked for no open.
+TEST(OpenClose, FailedOpenClosesTheIoOnceAndOnlyIfItOpenedIt) {
+  for (bool failOpen : {false, true}) {
+    cfb::Bytes bytes = document().serialize();
+    if (!failOpen) bytes[2] = 0x12;  // breaks the signature
+    moxhost::MemoryIo io(bytes);
+    io.failOpen(failOpen);
+    moxhost::CountingMemory memory;
+    EXPECT_EQ(hOLEopen(io.io(), memory.memory()), nullptr);
+    EXPECT_EQ(io.openCalls(), 1);
+    EXPECT_EQ(io.closeCalls(), 1);
+    if (!failOpen) {
+      EXPECT_EQ(hOLEopenEXT(io.io(), memory.memory(), 0), nullptr);
+    }
+    EXPECT_EQ(io.openCalls(), 1);
+    EXPECT_EQ(io.closeCalls(), 1);
+    EXPECT_EQ(memory.liveBlocks(), 0);
+  }
+}
+
+// --- Tables claimed far larger than the file ---------------------------------------
+
+constexpr int kRefusedAbove = 64 << 20;
+
+class GuardedMemory {
+ public:
+  GuardedMemory() {
+    face_.memory.unused = [](HostMemory*) -> void* { return nullptr; };
+    face_.memory.allocate = [](HostMemory* self, int size) { return of(self)->allocate(size); };
+    face_.memory.free = [](HostMemory* self, void* block) { of(self)->counting_.release(block); };
+    face_.memory.reallocate = [](HostMemory* self, void* block, int size) {
+      return of(self)->counting_.reallocate(block, size);
+    };
+    face_.memory.allocateArray = [](HostMemory* self, int element, int count) {
+      return of(self)->counting_.allocateArray(element, count);
+    };
+    face_.owner = this;
+  }
+  HostMemory* memory() { return &face_.memory; }
+  int largestRequest() const { return largest_; }
+  int64_t liveBlocks() const { return counting_.liveBlocks(); }
+
+ private:
+  struct Face {
+    HostMemory memory;
+    GuardedMemory* owner;
+  };
+  static GuardedMemory* of(HostMemory* self) { return reinterpret_cast<Face*>(self)->owner; }
+  void* allocate(int size) {
+    if (size > largest_) largest_ = size;
+    return size > kRefusedAbove ? nullptr : counting_.allocate(size);
+  }
+
+  moxhost::CountingMemory counting_;
+  Face face_;
+  int largest_ = 0;
+};
+
+// Opens bytes on a guarded host; the handle (or null) and the host.
+struct GuardedOpen {
+  explicit GuardedOpen(cfb::Bytes bytes) : io(std::move(bytes)) {
+    h = hOLEopen(io.io(), memory.memory());
+  }
+  ~GuardedOpen() {
+    if (h != nullptr) iOLEclose(h);
+    EXPECT_EQ(memory.liveBlocks(), 0);
+  }
+  moxhost::MemoryIo io;
+  GuardedMemory memory;
+  _MoxOleFile* h = nullptr;
+};
+
+TEST(ClaimedSizes, FatCountFarPastTheFileTakesMemoryOnlyForWhatIsRead) {
+  cfb::CfbLayout l = document();
+  // The fuzzer's file: a FAT count whose table alone is 1.7 GB, the
+  // header's 109 slots all readable, a DIFAT sector past the end.
+  l.deriveDifat = false;
+  for (int i = 0; i < 109; ++i) l.header.difat[i] = i == 0 ? l.fatSectors[0] : cfb::kFree;
+  l.header.fatSectors = 218959117;
+  l.header.difatStart = 100000;
+  l.header.difatSectors = 1;
+  GuardedOpen doc(l.serialize());
+  EXPECT_EQ(doc.h, nullptr);
+  EXPECT_LE(doc.memory.largestRequest(), 4096);
+}
+
+TEST(ClaimedSizes, FatCountWhoseTableCannotBeAskedForStillFails) {
+  cfb::CfbLayout l = document();
+  l.deriveDifat = false;
+  for (int i = 0; i < 109; ++i) l.header.difat[i] = i == 0 ? l.fatSectors[0] : cfb::kFree;
+  l.header.fatSectors = 0x7FFFFFFF;  // 16 GB of pointers: past 31 bits
+  l.header.difatStart = 0;
+  l.header.difatSectors = 1;
+  GuardedOpen doc(l.serialize());
+  EXPECT_EQ(doc.h, nullptr);
+  EXPECT_EQ(doc.io.readCalls(), 1) << "refused before any FAT sector is read";
+}
+
+TEST(ClaimedSizes, MiniFatCountFarPastTheFileTakesMemoryOnlyForWhatIsRead) {
+  cfb::CfbLayout l = document();
+  ASSERT_EQ(l.miniFatSectors.size(), 1u);
+  // 1.5 GB of mini FAT claimed; the chain ends after its one sector.
+  l.header.miniFatSectors = 1000000;
+  GuardedOpen doc(l.serialize());
+  EXPECT_EQ(doc.h, nullptr);
+  EXPECT_LE(doc.memory.largestRequest(), 4096);
+}
+
+TEST(ClaimedSizes, CyclicMiniFatChainFailsAtItsFirstReturn) {
+  cfb::CfbLayout l = document();
+  const uint32_t sector = l.miniFatSectors[0];
+  l.fat[sector] = sector;  // the mini FAT chain returns to itself
+  l.header.miniFatSectors = 3000;
+  GuardedOpen doc(l.serialize());
+  EXPECT_EQ(doc.h, nullptr);
+  EXPECT_LE(doc.io.readCalls(), 3) << "header, FAT sector, the mini FAT sector once";
+  // A one-sector mini FAT whose link leads back to itself reads no further
+  // and is kept: its chain is not followed.
+  l.header.miniFatSectors = 1;
+  GuardedOpen single(l.serialize());
+  EXPECT_NE(single.h, nullptr);
+}
+
+TEST(ClaimedSizes, DirectoryChainFarPastTheFileTakesMemoryOnlyForWhatIsRead) {
+  // 4096-byte sectors and 20 FAT sectors: the FAT describes 20480 sectors,
+  // and the directory's chain runs through nearly all of them, past the
+  // end of a file of some 90 kB.  Counted, that is 650000 records.
+  cfb::CfbLayout l = document(12);
+  const uint32_t next = l.growFat(20);
+  uint32_t at = l.dirSectors.back();
+  for (uint32_t s = next + 1; s < 20300; at = s++) l.fat[at] = s;
+  l.fat[at] = cfb::kEnd;
+  GuardedOpen doc(l.serialize());
+  EXPECT_EQ(doc.h, nullptr);
+  EXPECT_LE(doc.memory.largestRequest(), 2 * 32 * static_cast<int>(sizeof(_MoxOleDirInfo)));
+}
+
+TEST(ClaimedSizes, LongDirectoriesStillLoadWhole) {
+  cfb::CfbBuilder b;
+  for (int n = 0; n < 1500; ++n) b.addStream(0, "e" + std::to_string(n), cfb::Bytes(n % 9, 3));
+  GuardedOpen doc(b.build());
+  ASSERT_NE(doc.h, nullptr);
+  ASSERT_EQ(doc.h->iDirCount, 1504);  // root, 1500 streams, 3 empty slots
+  EXPECT_EQ(doc.h->pDir[1500].szName, std::string("e1499"));
+  EXPECT_EQ(doc.h->pDir[1503].byType, 0);
+  EXPECT_EQ(bOLEopenStream(doc.h, "e1498"), 1);
+  unsigned char buffer[16];
+  EXPECT_EQ(iOLEread(doc.h, buffer, sizeof buffer), 1498u % 9);
+  bOLEcloseStream(doc.h, nullptr);
+}
+
+// --- Work in proportion to the file ---------------------------------------------------
+
+// A small document: a mini stream, a regular stream, a storage with a
+// stream of its own.
+cfb::CfbLayout walkedDocument() {
+  cfb::CfbBuilder b;
+  b.addStream(0, "Small", cfb::Bytes(300, 1));
+  b.addStream(0, "Large", cfb::Bytes(9000, 2));
+  const int box = b.addStorage(0, "Box");
+  b.addStream(box, "Inner", cfb::Bytes(700, 3));
+  return b.layout();
+}
+
+struct Cost {
+  bool opened = false;
+  int64_t bytes = 0;
+  int64_t peakMemory = 0;  // the document's allocator and the tree's pool
+  int64_t hostCalls = 0;   // reads, seeks, allocations and pool requests
+};
+
+Cost measure(const cfb::Bytes& file) {
+  Cost cost;
+  cost.bytes = static_cast<int64_t>(file.size());
+  moxhost::MemoryIo io(file);
+  moxhost::CountingMemory memory;
+  moxhost::PoolServices pools;
+  _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+  cost.opened = h != nullptr;
+  if (h != nullptr) {
+    walkDocument(h, memory.memory());
+    int status = 0;
+    HostMemory* pool = pools.createPool(4096, 0, &status);
+    _MoxOleTreeNode* root = nullptr;
+    iOLEGetStreamTree(h, pool, &root);
+    pools.destroyPool(pool);
+    iOLEclose(h);
+  }
+  EXPECT_EQ(memory.liveBlocks(), 0);
+  cost.peakMemory = memory.peakBytes() + pools.peakPoolBytes();
+  cost.hostCalls = io.readCalls() + io.seekCalls() + memory.allocations() +
+                   pools.poolAllocateCalls() + pools.poolArrayCalls();
+  return cost;
+}
+
+// The bound: a sector of the file may fan out into one FAT sector per link
+// it holds (a DIFAT sector lists 127), and the header lists 109 FAT sectors
+// whatever the file's size.
+constexpr int64_t kMemoryPerByte = 130;
+constexpr int64_t kMemoryConstant = 128 << 10;
+constexpr int64_t kCallsPerByte = 2;
+constexpr int64_t kCallsConstant = 4096;
+
+struct Case {
+  const char* name;
+  std::function<void(cfb::CfbLayout&)> craft;
+  bool opens;
+};
+
+// A DIFAT sector appended to the file whose links all name `fat` and whose
+// last slot leads to `next`; its sector number.
+uint32_t appendDifatSector(cfb::CfbLayout& l, uint32_t fat, uint32_t next) {
+  const uint32_t at = l.sectorCount();
+  cfb::Bytes& s = l.sector(at);
+  for (size_t k = 0; k + 4 <= s.size(); k += 4) {
+    const uint32_t v = k + 4 == s.size() ? next : fat;
+    for (int b = 0; b < 4; ++b) s[k + b] = static_cast<uint8_t>(v >> (8 * b));
+  }
+  return at;
+}
+
+const Case kCases[] = {
+    {"DIFAT chain in a circle",
+     [](cfb::CfbLayout& l) {
+       l.deriveDifat = false;
+       const uint32_t fat = l.fatSectors[0];
+       for (uint32_t& slot : l.header.difat) slot = fat;
+       const uint32_t first = appendDifatSector(l, fat, 0);
+       const uint32_t second = appendDifatSector(l, fat, first);
+       l.sector(first)[l.sectorSize() - 4] = static_cast<uint8_t>(second);
+       l.header.fatSectors = 1u << 24;
+       l.header.difatStart = first;
+       l.header.difatSectors = 2;
+     },
+     false},
+    {"mini FAT chain in a circle",
+     [](cfb::CfbLayout& l) {
+       l.fat[l.miniFatSectors[0]] = l.miniFatSectors[0];
+       l.header.miniFatSectors = 2000000;
+     },
+     false},
+    {"directory chain in a circle",
+     [](cfb::CfbLayout& l) { l.fat[l.dirSectors.back()] = l.dirSectors[0]; }, false},
+    {"FAT whose every entry points to itself",
+     [](cfb::CfbLayout& l) {
+       l.fat.resize(l.sectorSize() / 4 * l.fatSectors.size());
+       for (uint32_t s = 0; s < l.fat.size(); ++s) l.fat[s] = s;
+     },
+     false},
+    {"every entry points to itself but the directory's",
+     [](cfb::CfbLayout& l) {
+       l.fat.resize(l.sectorSize() / 4 * l.fatSectors.size());
+       for (uint32_t s = 0; s < l.fat.size(); ++s) l.fat[s] = s;
+       for (uint32_t s : l.fatSectors) l.fat[s] = cfb::kFatSect;
+       l.fat[l.dirSectors.back()] = cfb::kEnd;
+       for (size_t i = 0; i + 1 < l.dirSectors.size(); ++i) l.fat[l.dirSectors[i]] = l.dirSectors[i + 1];
+       l.header.miniFatSectors = 0;
+     },
+     true},
+};
+
+TEST(BoundedWork, CircularChainsAndSelfLinksCostInProportionToTheFile) {
+  for (const Case& c : kCases) {
+    cfb::CfbLayout l = walkedDocument();
+    c.craft(l);
+    const Cost cost = measure(l.serialize());
+    printf("[ bounded  ] %-48s %6lld bytes, %-6s peak memory %8lld (%5.1fx), host calls %6lld\n",
+           c.name, static_cast<long long>(cost.bytes), cost.opened ? "opens" : "fails",
+           static_cast<long long>(cost.peakMemory), double(cost.peakMemory) / cost.bytes,
+           static_cast<long long>(cost.hostCalls));
+    EXPECT_EQ(cost.opened, c.opens) << c.name;
+    EXPECT_LE(cost.peakMemory, kMemoryPerByte * cost.bytes + kMemoryConstant) << c.name;
+    EXPECT_LE(cost.hostCalls, kCallsPerByte * cost.bytes + kCallsConstant) << c.name;
+  }
+}
+
+// Each count and start of the header at 2^31 - 1, one at a time and all
+// together: the file opens or fails, and either way within the bound.
+TEST(BoundedWork, HeaderFieldsAtTheirLargestCostInProportionToTheFile) {
+  using Field = uint32_t cfb::CfbHeader::*;
+  const std::pair<const char*, Field> fields[] = {
+      {"directory sectors", &cfb::CfbHeader::dirSectors},
+      {"FAT sectors", &cfb::CfbHeader::fatSectors},
+      {"directory start", &cfb::CfbHeader::dirStart},
+      {"transaction", &cfb::CfbHeader::transaction},
+      {"mini stream cutoff", &cfb::CfbHeader::miniCutoff},
+      {"mini FAT start", &cfb::CfbHeader::miniFatStart},
+      {"mini FAT sectors", &cfb::CfbHeader::miniFatSectors},
+      {"DIFAT start", &cfb::CfbHeader::difatStart},
+      {"DIFAT sectors", &cfb::CfbHeader::difatSectors},
+  };
+  // The header's FAT slots as the document has them, kept whatever the
+  // DIFAT fields then say.
+  auto fixed = [] {
+    cfb::CfbLayout l = walkedDocument();
+    for (size_t i = 0; i < 109; ++i) {
+      l.header.difat[i] = i < l.fatSectors.size() ? l.fatSectors[i] : cfb::kFree;
+    }
+    l.deriveDifat = false;
+    return l;
+  };
+  cfb::CfbLayout all = fixed();
+  for (const auto& field : fields) {
+    cfb::CfbLayout l = fixed();
+    l.header.*field.second = 0x7FFFFFFF;
+    all.header.*field.second = 0x7FFFFFFF;
+    for (int n = 0; n < 2; ++n) {
+      const cfb::CfbLayout& file = n == 0 ? l : all;
+      const Cost cost = measure(file.serialize());
+      printf("[ bounded  ] %-26s %-6s %6lld bytes, %-6s peak memory %8lld, host calls %6lld\n",
+             field.first, n == 0 ? "alone" : "so far", static_cast<long long>(cost.bytes),
+             cost.opened ? "opens" : "fails", static_cast<long long>(cost.peakMemory),
+             static_cast<long long>(cost.hostCalls));
+      EXPECT_LE(cost.peakMemory, kMemoryPerByte * cost.bytes + kMemoryConstant) << field.first;
+      EXPECT_LE(cost.hostCalls, kCallsPerByte * cost.bytes + kCallsConstant) << field.first;
+    }
+  }
+}
+
+// --- Why a document does not open, or a call fails -------------------------------------
+
+std::string openFailure(const cfb::Bytes& bytes) {
+  moxhost::MemoryIo io(bytes);
+  moxhost::CountingMemory memory;
+  char text[120];
+  int length = moxoleOpenFailure(io.io(), memory.memory(), text, sizeof text);
+  EXPECT_EQ(memory.liveBlocks(), 0);
+  EXPECT_EQ(io.openCalls() + io.closeCalls(), 0) << "the host's object is the host's";
+  if (length == 0) return "";
+  EXPECT_EQ(length, static_cast<int>(strlen(text)));
+  return text;
+}
+
+struct OpenCase {
+  const char* what;
+  std::function<std::string(cfb::CfbLayout&)> damage;  // returns the expected line
+};
+
+TEST(FailureReasons, EachDamageToTheLoadedTablesIsNamed) {
+  const OpenCase cases[] = {
+      {"header cut", [](cfb::CfbLayout& l) {
+         l.truncateTo = 300;
+         return "the header cannot be read";
+       }},
+      {"signature", [](cfb::CfbLayout& l) {
+         l.header.signature[2] = 0;
+         return "not a compound file (no signature)";
+       }},
+      {"sector shift", [](cfb::CfbLayout& l) {
+         l.header.sectorShift = 17;
+         return "sector shifts 17 and 6 cannot be used";
+       }},
+      {"FAT sector past the end", [](cfb::CfbLayout& l) {
+         // The first of two: a short last sector would be tolerated.
+         l.deriveDifat = false;
+         l.header.fatSectors = 2;
+         l.header.difat[1] = l.header.difat[0];
+         l.header.difat[0] = 5000;
+         return "FAT sector 5000 cannot be read";
+       }},
+      {"DIFAT start", [](cfb::CfbLayout& l) {
+         l.deriveDifat = false;
+         l.header.fatSectors = 110;
+         l.header.difatStart = cfb::kFatSect;
+         l.header.difatSectors = 1;
+         return "the DIFAT start -3 is no sector";
+       }},
+      {"mini FAT past the end", [](cfb::CfbLayout& l) {
+         l.header.miniFatStart = 4000;
+         return "mini FAT sector 4000 cannot be read";
+       }},
+      {"mini FAT chain short", [](cfb::CfbLayout& l) {
+         l.header.miniFatSectors = 2;
+         return "the mini FAT chain breaks after sector " + std::to_string(l.miniFatSectors[0]);
+       }},
+      {"directory link", [](cfb::CfbLayout& l) {
+         l.fat[l.dirSectors[0]] = 1u << 20;
+         return "the directory chain breaks at sector " + std::to_string(l.dirSectors[0]);
+       }},
+      {"name length", [](cfb::CfbLayout& l) {
+         l.dir[2].nameLength = 70;
+         return std::string("directory entry 2 has a name longer than its field");
+       }},
+  };
+  for (const OpenCase& c : cases) {
+    cfb::CfbLayout l = document();
+    const std::string expected = c.damage(l);
+    EXPECT_EQ(openFailure(l.serialize()), expected) << c.what;
+  }
+  EXPECT_EQ(openFailure(document().serialize()), "");
+}
+
+// The failure reason of the last call on h, or "".
+std::string failure(_MoxOleFile* h) {
+  char text[120];
+  return moxoleFailure(h, text, sizeof text) > 0 ? std::string(text) : std::string();
+}
+
+TEST(FailureReasons, CallsOnAnOpenDocumentSayWhatWentWrong) {
+  cfb::CfbLayout l = document();
+  const int large = 2;  // entries: root, Small, Large, Box
+  ASSERT_EQ(l.dir[large].name, u"Large");
+  const uint32_t first = l.dir[large].start;
+  l.fat[first] = first;  // Large's chain returns to itself
+  OpenDoc s(l.serialize());
+  ASSERT_TRUE(s.ok());
+  EXPECT_EQ(failure(s.h()), "");
+  char small[8];
+  EXPECT_EQ(iOLEread(s.h(), small, sizeof small), 0u);
+  EXPECT_EQ(failure(s.h()), "no stream is open");
+  EXPECT_EQ(bOLEopenStream(s.h(), "Missing"), 0);
+  EXPECT_EQ(failure(s.h()), "no such entry");
+  EXPECT_EQ(bOLEopenStream(s.h(), "Large"), 0);
+  EXPECT_EQ(failure(s.h()), "the sector chain of entry 2 runs in a circle");
+  EXPECT_EQ(iReadStreamChain(3, s.h()), -1);
+  EXPECT_EQ(failure(s.h()), "entry 3 is not a stream");
+  EXPECT_EQ(iReadStreamChain(40, s.h()), -1);
+  EXPECT_EQ(failure(s.h()), "there is no entry 40");
+
+  // A stream whose bytes the file no longer holds.
+  cfb::CfbLayout cut = document();
+  cut.truncateTo = (cut.dir[large].start + 1) * 512 + 700;
+  OpenDoc t(cut.serialize());
+  ASSERT_TRUE(t.ok());
+  ASSERT_EQ(bOLEopenStream(t.h(), "Large"), 1);
+  cfb::Bytes buffer(5000);
+  EXPECT_EQ(iOLEread(t.h(), buffer.data(), 5000), 512u);
+  EXPECT_EQ(failure(t.h()), "byte 512 of the stream cannot be read");
+  // A line longer than the buffer is cut, and its whole length returned.
+  char tiny[5];
+  EXPECT_EQ(moxoleFailure(t.h(), tiny, sizeof tiny), 37);
+  EXPECT_STREQ(tiny, "byte");
+}
+
+TEST(FailureReasons, WriterRefusalsAreNamed) {
+  moxhost::PoolServices host;
+  moxhost::MemoryIo io;
+  _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 1);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(iOLEopenStreamEx(h, "Missing\\S", 2, 1), MOXOLE_NOT_FOUND);
+  EXPECT_EQ(failure(h), "no such storage, or the name is taken");
+  EXPECT_EQ(iOLEopenStreamEx(h, "S", 7, 1), MOXOLE_BAD_ARGUMENT);
+  EXPECT_EQ(failure(h), "invalid argument");
+  iOLEclose(h);
+
+  OpenDoc read(document().serialize());
+  ASSERT_TRUE(read.ok());
+  EXPECT_EQ(iOLEopenStreamEx(read.h(), "Small", 2, 1), MOXOLE_NOT_FOUND);
+  EXPECT_EQ(failure(read.h()), "the document is not open for writing");
+}
+
+}  // namespace

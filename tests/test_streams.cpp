@@ -1,0 +1,1358 @@
+// Streams of a document as a host reads them: finding them (the two name
+// rules, sibling-tree descents, the scan that backs them up, storage
+// paths, the presentation stream), building their sector lists under the
+// lenient and the exact rules, seeking and reading (cut short by the host,
+// big-endian, large sectors, past 2 GiB), the current stream as an I/O
+// object, the storage tree, object lists and types, and embedded objects.
+#include <gtest/gtest.h>
+
+#include <ctype.h>
+#include <limits.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+
+#include "reader/lookup.h"
+#include "reader/reader.h"
+#include "reader/stream.h"
+#include "support/fault_sweep.h"
+#include "support/sparse_io.h"
+#include "support/stream_kit.h"
+#include "support/vos_scratch.h"
+
+namespace {
+
+using cfb::Bytes;
+using streamkit::OpenDocument;
+using streamkit::pattern;
+using streamkit::readToEnd;
+
+// --- Finding streams ---------------------------------------------------------
+
+// Storage paths are arrays of 36-byte slots.
+struct Path {
+  char slots[4][36] = {};
+  explicit Path(std::initializer_list<const char*> names) {
+    int i = 0;
+    for (const char* name : names) strncpy(slots[i++], name, 35);
+  }
+};
+
+Bytes contentOf(OpenDocument& d) {
+  EXPECT_EQ(lOLEtell(d.h()), 0);
+  return readToEnd(d.h());
+}
+
+TEST(StreamLookup, NameRulesDifferBetweenTheOpens) {
+  cfb::CfbBuilder b;
+  const Bytes word = pattern(5000, 1);
+  b.addStream(0, "WordDocument", word);
+  OpenDocument d(b.build());
+  ASSERT_NE(d.h(), nullptr);
+
+  ASSERT_EQ(bOLEopenStream(d.h(), "worddocument"), 1);
+  EXPECT_EQ(contentOf(d), word);
+  EXPECT_EQ(bOLEopenStreamIgnoreStorage(d.h(), "worddocument"), 0);
+  EXPECT_EQ(bOLEopenStreamIgnoreStorage(d.h(), "WordDocument"), 1);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "worddocument"), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "WordDocument"), 1);
+  EXPECT_EQ(contentOf(d), word);
+  EXPECT_TRUE(d.closeCleanly());
+}
+
+TEST(StreamLookup, DescentOrdersByLengthThenLowerCaseFolding) {
+  // Every name also exists, earlier in the directory, inside a storage of
+  // decoys: a descent that goes the wrong way falls back to the scan and
+  // returns the decoy instead of the root's own entry.
+  const char* names[] = {"_z", "Zz", "a_", "b", "ABC", "x_y", "Y", "__", "aa", "Q_Q"};
+  cfb::CfbBuilder b;
+  int decoys = b.addStorage(0, "Decoys");
+  for (const char* name : names) b.addStream(decoys, name, pattern(10, 0));
+  std::vector<int> wanted;
+  for (const char* name : names) wanted.push_back(b.addStream(0, name, pattern(10, 1)));
+  OpenDocument d(b.build());
+  ASSERT_NE(d.h(), nullptr);
+  for (size_t i = 0; i < wanted.size(); ++i) {
+    EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), names[i], 0), wanted[i]) << names[i];
+    std::string swapped = names[i];
+    for (char& c : swapped) c = isupper(c) ? tolower(c) : toupper(c);
+    EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), swapped.c_str(), 0), wanted[i]) << swapped;
+  }
+}
+
+TEST(StreamLookup, ExactSearchOrdersEqualLengthsCaseSensitively) {
+  // "Zz" sorts after "aa" once folded to lower case but before it byte for
+  // byte; the exact search takes the byte order and has no scan to fall
+  // back on, so only the tree linked that way leads it to "Zz".
+  cfb::CfbBuilder b;
+  const int aa = b.addStream(0, "aa", pattern(10, 1));
+  const int zz = b.addStream(0, "Zz", pattern(10, 2));
+  cfb::CfbLayout l = b.layout();
+  l.dir[0].child = aa;
+  l.dir[zz].left = l.dir[zz].right = cfb::kNone;
+  for (bool byteOrder : {true, false}) {
+    l.dir[aa].left = byteOrder ? zz : cfb::kNone;
+    l.dir[aa].right = byteOrder ? cfb::kNone : zz;
+    OpenDocument d(l.serialize());
+    ASSERT_NE(d.h(), nullptr);
+    EXPECT_EQ(moxFindChildExact(d.h(), 0, moxNameOf("Zz")), byteOrder ? zz : -1);
+    EXPECT_EQ(moxFindChildExact(d.h(), 0, moxNameOf("zz")), -1);
+    EXPECT_EQ(moxFindChildExact(d.h(), 0, moxNameOf("aa")), aa);
+    // The tolerant search folds, so it descends the other way, and its scan
+    // finds the stream either way.
+    EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "zz", 0), zz);
+  }
+}
+
+TEST(StreamLookup, StreamMissingFromTheTreeIsFoundByScanningEverything) {
+  cfb::CfbBuilder b;
+  int sub = b.addStorage(0, "Sub");
+  int empty = b.addStorage(0, "Empty");
+  const Bytes deep = pattern(300, 2);
+  int deepEntry = b.addStream(sub, "Deep", deep);
+  b.addStream(0, "Top", pattern(20, 3));
+  OpenDocument d(b.build());
+  ASSERT_NE(d.h(), nullptr);
+  const int count = d.h()->iDirCount;
+
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "deep", 0), deepEntry);
+  ASSERT_EQ(bOLEopenStream(d.h(), "Deep"), 1);
+  EXPECT_EQ(contentOf(d), deep);
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Nowhere", 0), count);
+  EXPECT_EQ(bOLEopenStream(d.h(), "Nowhere"), 0);
+  // Only a descent that ends at a missing link scans: a storage without
+  // children or an invalid storage number is an error.
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Deep", empty), -1);
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Deep", -1), -1);
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Deep", -5), -1);
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Deep", count), -1);
+  // The stream is not under the root, so the exact search does not scan.
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "Deep"), 0);
+  // A storage of the wanted name is passed over by the stream search.
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Sub", 0), count);
+  (void)sub;
+}
+
+TEST(StreamLookup, SiblingLinkBelowMinusOneIsABadLink) {
+  cfb::CfbBuilder b;
+  for (const char* name : {"a", "bb", "ccc", "dddd", "eeeee"}) b.addStream(0, name, pattern(50, 4));
+  cfb::CfbLayout l = b.layout();
+  const uint32_t top = l.dir[0].child;
+  l.dir[top].left = 0xFFFFFFFDu;  // -3: a descent to a shorter name meets it
+  OpenDocument d(l.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  EXPECT_EQ(d.h()->iError, 0);
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "a", 0), -1);
+  EXPECT_EQ(d.h()->iError, MOXOLE_BAD_LINK);
+  EXPECT_EQ(bOLEopenStream(d.h(), "a"), 0);
+  // The other side of the tree is still reachable.
+  EXPECT_EQ(bOLEopenStream(d.h(), "eeeee"), 1);
+}
+
+TEST(StreamLookup, CyclicSiblingTreesEndAsNotFound) {
+  cfb::CfbBuilder b;
+  int sub = b.addStorage(0, "Sub");
+  const int elsewhere = b.addStream(sub, "Elsewhere", pattern(30, 5));
+  b.addStream(sub, "Inner", pattern(30, 6));
+  for (const char* name : {"a", "bb", "ccc"}) b.addStream(0, name, pattern(30, 7));
+  cfb::CfbLayout l = b.layout();
+  const uint32_t top = l.dir[0].child;
+  l.dir[top].right = top;  // every descent to a longer name comes back here
+  const uint32_t inner = l.dir[sub].child;
+  l.dir[inner].left = inner;
+  l.dir[inner].right = inner;
+  OpenDocument d(l.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  const int count = d.h()->iDirCount;
+
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "LongerThanAll", 0), count);
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Elsewhere", 0), elsewhere);
+  EXPECT_EQ(moxFindChildExact(d.h(), 0, moxNameOf("LongerThanAll")), -1);
+  EXPECT_EQ(moxFindChildExact(d.h(), sub, moxNameOf("Missing")), -1);
+  Path path({"Sub"});
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), path.slots, 1, "Missing"), 0);
+  EXPECT_EQ(moxFindPresentationStream(d.h(), sub), -1);
+}
+
+TEST(StreamLookup, EmbeddedStreamNamesTheStorageExactly) {
+  cfb::CfbBuilder b;
+  int other = b.addStorage(0, "Other");
+  b.addStream(other, "Data", pattern(100, 8));
+  int obj = b.addStorage(0, "Obj");
+  const Bytes data = pattern(100, 9);
+  b.addStream(obj, "Data", data);
+  OpenDocument d(b.build());
+  ASSERT_NE(d.h(), nullptr);
+
+  ASSERT_EQ(bOLEopenEmbeddedStream(d.h(), "data", "Obj"), 1);
+  EXPECT_EQ(contentOf(d), data);
+  EXPECT_EQ(bOLEopenEmbeddedStream(d.h(), "Data", "obj"), 0);
+  // No storage: the root is the storage, and the scan finds Other's stream.
+  ASSERT_EQ(bOLEopenEmbeddedStream(d.h(), "Data", nullptr), 1);
+  EXPECT_EQ(contentOf(d), pattern(100, 8));
+}
+
+TEST(StreamLookup, StoragePathWalk) {
+  cfb::CfbBuilder b;
+  int a = b.addStorage(0, "A");
+  int inner = b.addStorage(a, "B");
+  const Bytes deep = pattern(700, 10), top = pattern(70, 11);
+  b.addStream(inner, "S", deep);
+  b.addStream(0, "S", top);
+  b.addStream(a, "T", pattern(10, 12));
+  OpenDocument d(b.build());
+  ASSERT_NE(d.h(), nullptr);
+  _MoxOleFile* h = d.h();
+
+  Path ab({"A", "B"});
+  EXPECT_EQ(moxWalkStoragePath(h, ab.slots, 2), inner);
+  EXPECT_EQ(moxWalkStoragePath(h, ab.slots, 1), a);
+  ASSERT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "S"), 1);
+  EXPECT_EQ(contentOf(d), deep);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 1, "S"), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "s"), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 1, "B"), 0);  // a storage
+
+  // "Root Entry" first, no path or no depth: the root, other slots unread.
+  Path rooted({"Root Entry", "nothing", "here"});
+  const std::pair<const char (*)[36], int> roots[] = {
+      {rooted.slots, 3}, {nullptr, 5}, {ab.slots, 0}};
+  for (auto [path, depth] : roots) {
+    ASSERT_EQ(bOLEopenEmbeddedStreamEx(h, path, depth, "S"), 1);
+    EXPECT_EQ(contentOf(d), top);
+  }
+  Path lower({"a"}), throughStream({"A", "T"});
+  EXPECT_EQ(moxWalkStoragePath(h, lower.slots, 1), -1);
+  EXPECT_EQ(moxWalkStoragePath(h, throughStream.slots, 2), -1);
+  // A slot with no terminator in its 36 bytes matches nothing.
+  Path full({""});
+  memset(full.slots[0], 'A', 36);
+  EXPECT_EQ(moxWalkStoragePath(h, full.slots, 1), -1);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, nullptr), 0);
+}
+
+// A storage whose children are linked as a right spine, first to last.
+cfb::CfbLayout presentationLayout(const std::vector<std::string>& spine, int* storage) {
+  cfb::CfbBuilder b;
+  *storage = b.addStorage(0, "_1234");
+  std::vector<int> entries;
+  for (size_t i = 0; i < spine.size(); ++i) {
+    entries.push_back(b.addStream(*storage, spine[i], pattern(90, 20 + i)));
+  }
+  cfb::CfbLayout l = b.layout();
+  l.dir[*storage].child = entries[0];
+  for (size_t i = 0; i < entries.size(); ++i) {
+    l.dir[entries[i]].left = cfb::kNone;
+    l.dir[entries[i]].right = i + 1 < entries.size() ? entries[i + 1] : cfb::kNone;
+  }
+  return l;
+}
+
+TEST(StreamLookup, PresentationStreamWalk) {
+  const std::string pres = "\x02OlePres000";
+  int storage = 0;
+  struct Case {
+    std::vector<std::string> spine;
+    int chosen;  // index in the spine, -1: the walk picks the root
+  };
+  const Case cases[] = {
+      {{"A", pres, "Z"}, 1},          // found, and it has a right sibling
+      {{"A", pres}, 0},               // the last entry's name is never compared
+      {{"A"}, -1},                    // no right sibling at all: the root
+      {{"A", "Q", "Z", "W"}, 2},      // none found: the entry before the last
+      {{pres, "Q"}, 0},               // the first child itself
+  };
+  for (const Case& c : cases) {
+    OpenDocument d(presentationLayout(c.spine, &storage).serialize());
+    ASSERT_NE(d.h(), nullptr);
+    const int64_t first = d.h()->pDir[storage].lChild;
+    EXPECT_EQ(moxFindPresentationStream(d.h(), storage), c.chosen < 0 ? 0 : first + c.chosen);
+    // Something is current beforehand.
+    ASSERT_EQ(bOLEopenStream(d.h(), c.spine[0].c_str()), 1);
+    if (c.chosen < 0) {
+      // The root is no stream: the build fails and the old stream is gone.
+      EXPECT_EQ(bOLEopenEmbeddedStream(d.h(), nullptr, "_1234"), 0);
+      EXPECT_EQ(d.h()->plChain, nullptr);
+    } else {
+      ASSERT_EQ(bOLEopenEmbeddedStream(d.h(), nullptr, "_1234"), 1);
+      EXPECT_EQ(contentOf(d), pattern(90, 20 + c.chosen));
+    }
+    EXPECT_TRUE(d.closeCleanly());
+  }
+}
+
+TEST(StreamLookup, RootIsFoundByTypeOrByName) {
+  cfb::CfbBuilder b;
+  b.addStream(0, "Big", pattern(5000, 30));
+  b.addStream(0, "Small", pattern(50, 31));
+  cfb::CfbLayout l = b.layout();
+  l.dir[0].type = 1;  // a storage named "Root Entry": never read as the root
+  {
+    OpenDocument d(l.serialize());
+    ASSERT_NE(d.h(), nullptr);
+    EXPECT_EQ(d.h()->lRootStart, -1);
+    EXPECT_EQ(bOLEopenStream(d.h(), "Big"), 1);
+    EXPECT_EQ(bOLEopenStream(d.h(), "Small"), 0);  // no mini stream to read it from
+  }
+  l.dir[0].name = cfb::units("Root Entrx");
+  OpenDocument d(l.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  EXPECT_EQ(bOLEopenStream(d.h(), "Big"), 0);
+  EXPECT_EQ(bOLEopenStreamIgnoreStorage(d.h(), "Big"), 1);
+}
+
+TEST(StreamLookup, FailedLookupsKeepTheCurrentStream) {
+  cfb::CfbBuilder b;
+  int sub = b.addStorage(0, "Sub");
+  b.addStream(sub, "Inner", pattern(10, 40));
+  const Bytes data = pattern(3000, 41);
+  b.addStream(0, "Data", data);
+  OpenDocument d(b.build());
+  ASSERT_NE(d.h(), nullptr);
+  _MoxOleFile* h = d.h();
+  ASSERT_EQ(bOLEopenStream(h, "Data"), 1);
+  Bytes head(1000);
+  ASSERT_EQ(iOLEread(h, head.data(), 1000), 1000u);
+  const int64_t* list = h->plChain;
+
+  Path sub1({"Sub"}), missing({"Missing"});
+  EXPECT_EQ(bOLEopenStream(h, "Missing"), 0);
+  EXPECT_EQ(bOLEopenStream(h, nullptr), 0);
+  EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, "data"), 0);
+  EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, nullptr), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStream(h, "Inner", "Missing"), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStream(h, nullptr, nullptr), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, missing.slots, 1, "Inner"), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, sub1.slots, 1, "inner"), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, sub1.slots, 1, nullptr), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Sub"), 0);  // a storage
+  EXPECT_EQ(iGetStreamChain(h, "Missing", nullptr, 0), -1);
+
+  EXPECT_EQ(h->plChain, list);
+  EXPECT_EQ(lOLEtell(h), 1000);
+  Bytes rest = readToEnd(h);
+  head.insert(head.end(), rest.begin(), rest.end());
+  EXPECT_EQ(head, data);
+}
+
+// --- Sector lists ------------------------------------------------------------
+
+// The current sector list up to and including its terminator.
+std::vector<int64_t> currentList(const _MoxOleFile* h) {
+  std::vector<int64_t> list;
+  for (int64_t i = 0;; ++i) {
+    list.push_back(moxChainEntry(h, i));
+    if (list.back() == -2) return list;
+  }
+}
+
+TEST(StreamChain, EmptyStreamHasOnlyTheTerminatorAndTouchesNoFile) {
+  // Nothing else in the document is small, so there is no mini stream at
+  // all: its first sector is -2, and no file position exists to seek to.
+  cfb::CfbBuilder b;
+  b.addStream(0, "Empty", {});
+  b.addStream(0, "Big", pattern(4096, 1));
+  OpenDocument d(b.build());
+  ASSERT_NE(d.h(), nullptr);
+  _MoxOleFile* h = d.h();
+  EXPECT_EQ(h->lRootStart, -2);
+  ASSERT_EQ(bOLEopenStream(h, "Empty"), 1);
+  EXPECT_EQ(currentList(h), std::vector<int64_t>{-2});
+  EXPECT_EQ(lOLEtell(h), 0);
+  char buffer[16];
+  EXPECT_EQ(iOLEread(h, buffer, sizeof buffer), 0u);
+  EXPECT_EQ(lOLEseek(h, 100, 0), 0);
+  EXPECT_EQ(lOLEseek(h, 0, 2), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Empty"), 1);  // 0 sectors needed
+}
+
+// A document with one regular stream of ten sectors and free sectors to
+// lengthen it with.
+struct TenSectorStream {
+  cfb::CfbLayout layout;
+  int entry = 0;
+  Bytes data = pattern(5000, 4);
+  TenSectorStream() {
+    cfb::CfbBuilder b;
+    b.setPaddingSectors(4);
+    entry = b.addStream(0, "S", data);
+    layout = b.layout();
+  }
+  uint32_t last() const { return streamkit::chainOf(layout, entry).back(); }
+};
+
+// A free link ends a chain, and a chain may run longer than its size
+// needs, under the lenient rules only (bOLEopenStream, entry numbers); a
+// chain too short, one that comes back to its start or one that leaves
+// the FAT fails under both.  A failed exact build releases the old list.
+TEST(StreamChain, DamagedChainsUnderTheLenientAndTheExactRules) {
+  const struct {
+    const char* what;
+    void (*damage)(TenSectorStream&);
+    bool lenient;
+  } cases[] = {
+      {"free link", [](TenSectorStream& s) { s.layout.fat[s.last()] = cfb::kFree; }, true},
+      {"longer chain", [](TenSectorStream& s) {
+         const uint32_t extra = streamkit::firstPaddingSector(s.layout);
+         s.layout.fat[s.last()] = extra;
+         s.layout.fat[extra] = cfb::kEnd;
+       }, true},
+      {"shorter chain", [](TenSectorStream& s) { s.layout.dir[s.entry].sizeLow = 10 * 512 + 1; }, false},
+      {"back to the start", [](TenSectorStream& s) { s.layout.fat[s.last()] = s.layout.dir[s.entry].start; }, false},
+      {"past the FAT", [](TenSectorStream& s) { s.layout.fat[s.layout.dir[s.entry].start] = 100000; }, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    TenSectorStream s;
+    c.damage(s);
+    OpenDocument d(s.layout.serialize());
+    ASSERT_NE(d.h(), nullptr);
+    ASSERT_LT(moxFatSectorCapacity(d.h()), 100000);
+    EXPECT_EQ(bOLEopenStream(d.h(), "S"), c.lenient ? 1 : 0);
+    if (c.lenient) {
+      EXPECT_EQ(readToEnd(d.h()), s.data);
+    }
+    EXPECT_EQ(iReadStreamChain(s.entry, d.h()), c.lenient ? 0 : -1);
+    EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "S"), 0);
+    EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);
+  }
+}
+
+TEST(StreamChain, HostRefusingTheSeekToZeroClosesTheNewStream) {
+  TenSectorStream s;
+  OpenDocument d(s.layout.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  d.io().failSeekAt(1);
+  EXPECT_EQ(bOLEopenStream(d.h(), "S"), 0);
+  EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);  // the position was set before the host said no
+  ASSERT_EQ(bOLEopenStream(d.h(), "S"), 1);
+  EXPECT_EQ(readToEnd(d.h()), s.data);
+}
+
+// Links `count` table slots from `base` into a chain that steps back one
+// slot at a time from the top and, at the bottom, jumps forward into its
+// own middle: more backward targets than the loop guard keeps, then a
+// cycle none of whose targets it kept.  Returns the chain's start.
+uint32_t zigZagCycle(std::vector<uint32_t>* table, uint32_t base, uint32_t count) {
+  if (table->size() < base + count) table->resize(base + count, cfb::kFree);
+  for (uint32_t i = 1; i < count; ++i) (*table)[base + i] = base + i - 1;
+  (*table)[base] = base + count / 2;
+  return base + count - 1;
+}
+
+TEST(StreamChain, CycleThatEscapesTheLoopGuardStillEnds) {
+  cfb::CfbBuilder b;
+  b.setPaddingSectors(300);
+  const int regular = b.addStream(0, "Regular", pattern(5000, 5));
+  int minis[5];
+  for (int i = 0; i < 5; ++i) minis[i] = b.addStream(0, "M" + std::to_string(i), pattern(4000, i));
+  cfb::CfbLayout l = b.layout();
+  ASSERT_GE(l.miniFat.size(), 300u);
+  l.dir[regular].start = zigZagCycle(&l.fat, streamkit::firstPaddingSector(l), 300);
+  l.dir[minis[0]].start = zigZagCycle(&l.miniFat, 0, 300);
+  OpenDocument d(l.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  EXPECT_EQ(bOLEopenStream(d.h(), "Regular"), 0);
+  EXPECT_EQ(bOLEopenStream(d.h(), "M0"), 0);
+  EXPECT_EQ(bOLEopenStream(d.h(), "M4"), 0);  // its sectors are inside the cycle now
+}
+
+TEST(StreamChain, MiniChainFollowsTheFatWhenThereIsNoMiniFat) {
+  cfb::CfbBuilder b;
+  const Bytes first = pattern(60, 6), second = pattern(100, 7);
+  b.addStream(0, "A", first);   // mini sector 0
+  b.addStream(0, "B", second);  // mini sectors 1 and 2
+  cfb::CfbLayout l = b.layout();
+  // FAT sector 0, mini FAT sector 1, directory sector 2: drop the mini FAT
+  // and let the FAT links of sectors 0, 1 and 2 stand in for the chains.
+  ASSERT_EQ(l.fatSectors, std::vector<uint32_t>{0});
+  ASSERT_EQ(l.miniFatSectors, std::vector<uint32_t>{1});
+  ASSERT_EQ(l.dirSectors, std::vector<uint32_t>{2});
+  l.header.miniFatSectors = 0;
+  l.fat[1] = 2;
+  OpenDocument d(l.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  ASSERT_EQ(d.h()->plMiniFat, nullptr);
+  ASSERT_EQ(bOLEopenStream(d.h(), "A"), 1);  // FAT[0] is -3: the chain ends
+  EXPECT_EQ(currentList(d.h()), (std::vector<int64_t>{0, -2}));
+  EXPECT_EQ(readToEnd(d.h()), first);
+  ASSERT_EQ(bOLEopenStream(d.h(), "B"), 1);
+  EXPECT_EQ(currentList(d.h()), (std::vector<int64_t>{1, 2, -2}));
+  EXPECT_EQ(readToEnd(d.h()), second);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "A"), 0);
+}
+
+TEST(StreamChain, MiniLinksMustNameMiniFatEntries) {
+  cfb::CfbBuilder b;
+  const int a = b.addStream(0, "A", pattern(200, 8));
+  b.addStream(0, "Fine", pattern(200, 9));
+  cfb::CfbLayout good = b.layout();
+  const uint32_t start = good.dir[a].start;
+  for (uint32_t badLink : {4096u, cfb::kFree, 0xFFFFFFFCu}) {
+    cfb::CfbLayout l = good;
+    l.miniFat[start + 1] = badLink;
+    OpenDocument d(l.serialize());
+    ASSERT_NE(d.h(), nullptr);
+    EXPECT_EQ(bOLEopenStream(d.h(), "A"), 0) << badLink;
+    EXPECT_EQ(bOLEopenStream(d.h(), "Fine"), 1);
+  }
+}
+
+TEST(StreamChain, ListsSplitAfter16383Entries) {
+  // Lists of 16382, 16383, 16384 and 16385 entries: one array, then a
+  // second one of 0, 1 and 2 entries.
+  const uint32_t sectors[] = {16381, 16382, 16383, 16384};
+  cfb::CfbBuilder b;
+  int entries[4];
+  for (int i = 0; i < 4; ++i) {
+    entries[i] = b.addStream(0, "S" + std::to_string(sectors[i]), pattern(sectors[i] * 512, i));
+  }
+  cfb::CfbLayout l = b.layout();
+  OpenDocument d(l.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  _MoxOleFile* h = d.h();
+  for (int i = 0; i < 4; ++i) {
+    SCOPED_TRACE(sectors[i]);
+    ASSERT_EQ(iReadStreamChain(entries[i], h), 0);
+    std::vector<int64_t> list = currentList(h);
+    std::vector<uint32_t> chain = streamkit::chainOf(l, entries[i]);
+    ASSERT_EQ(list.size(), chain.size() + 1);
+    EXPECT_TRUE(std::equal(chain.begin(), chain.end(), list.begin()));
+  }
+  // The last sector is listed in the second array: read across the split.
+  ASSERT_EQ(bOLEopenStream(h, "S16384"), 1);
+  const Bytes data = pattern(16384 * 512, 3);
+  const int64_t split = 16382 * 512 + 500;
+  ASSERT_EQ(lOLEseek(h, split, 0), split);
+  EXPECT_EQ(readToEnd(h), Bytes(data.begin() + split, data.end()));
+  ASSERT_EQ(lOLEseek(h, 0, 0), 0);
+  EXPECT_EQ(readToEnd(h, 65536), data);
+
+  // An allocator that refuses the empty second array fails the open.
+  d.memory().faults().failAt(2);
+  EXPECT_EQ(bOLEopenStream(h, "S16382"), 0);
+  EXPECT_EQ(lOLEseek(h, 0, 0), -1);
+  EXPECT_TRUE(d.closeCleanly());
+}
+
+TEST(StreamChain, BuildByEntryNumberChecksTheEntry) {
+  cfb::CfbBuilder b;
+  const int storage = b.addStorage(0, "Storage");
+  const int stream = b.addStream(storage, "S", pattern(700, 10));
+  OpenDocument d(b.build());
+  ASSERT_NE(d.h(), nullptr);
+  _MoxOleFile* h = d.h();
+  ASSERT_EQ(iReadStreamChain(stream, h), 0);
+  EXPECT_EQ(lOLEtell(h), -1);  // building does not position the stream
+  // An entry that is there but no stream: the old list goes all the same.
+  for (int bad : {0, storage}) {
+    ASSERT_EQ(iReadStreamChain(stream, h), 0);
+    EXPECT_EQ(iReadStreamChain(bad, h), -1) << bad;
+    EXPECT_EQ(lOLEseek(h, 0, 0), -1) << bad;
+  }
+  // A number outside the directory names nothing and changes nothing.
+  for (int bad : {-1, h->iDirCount, h->iDirCount + 7}) {
+    ASSERT_EQ(iReadStreamChain(stream, h), 0);
+    EXPECT_EQ(iReadStreamChain(bad, h), -1) << bad;
+    EXPECT_EQ(lOLEseek(h, 0, 0), 0) << bad;
+  }
+  ASSERT_EQ(iReadStreamChain(stream, h), 0);
+  ASSERT_EQ(lOLEseek(h, 0, 0), 0);
+  EXPECT_EQ(readToEnd(h), pattern(700, 10));
+}
+
+TEST(StreamChain, CloseReleasesTheListAndKeepsThePosition) {
+  cfb::CfbBuilder b;
+  b.addStream(0, "S", pattern(900, 11));
+  OpenDocument d(b.build());
+  ASSERT_NE(d.h(), nullptr);
+  EXPECT_EQ(bOLEcloseStream(d.h(), "S"), 0);
+  // A first open lets the handle remember where its mini stream lies; that
+  // stays until the handle closes.
+  ASSERT_EQ(bOLEopenStream(d.h(), "S"), 1);
+  ASSERT_EQ(bOLEcloseStream(d.h(), "S"), 1);
+  const int64_t blocks = d.memory().liveBlocks();
+  ASSERT_EQ(bOLEopenStream(d.h(), "S"), 1);
+  EXPECT_EQ(lOLEseek(d.h(), 333, 0), 333);
+  EXPECT_EQ(bOLEcloseStream(d.h(), "whatever"), 1);
+  EXPECT_EQ(d.memory().liveBlocks(), blocks);
+  EXPECT_EQ(bOLEcloseStream(d.h(), nullptr), 0);
+  EXPECT_EQ(lOLEtell(d.h()), 333);
+  // Nothing to read or seek in any more.
+  char buffer[8];
+  EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);
+  EXPECT_EQ(iOLEread(d.h(), buffer, sizeof buffer), 0u);
+}
+
+// --- Seeking and reading -----------------------------------------------------
+
+// Streams at sectors chosen by the test, so that file positions are known:
+//   "R"  1000 bytes in regular sectors p+7, p+3 (p: first padding sector)
+//   "E"  1024 bytes in regular sectors p+12, p+11
+//   "Pa", "Pb", "M", "M2": mini streams at mini sectors 0-4, 5-9, 10-11,
+//        12-13; the mini stream itself lies in regular sectors p+5, p+9.
+// The cutoff is lowered to 512 so that small regular streams exist.
+struct KnownPlaces {
+  cfb::CfbLayout layout;
+  uint32_t p = 0;
+  Bytes r = pattern(1000, 1), e = pattern(1024, 2), m = pattern(100, 3), m2 = pattern(128, 4);
+  KnownPlaces() {
+    cfb::CfbBuilder b;
+    b.setMiniCutoff(512);
+    b.setPaddingSectors(16);
+    int rEntry = b.addStream(0, "R", r);
+    int eEntry = b.addStream(0, "E", e);
+    b.addStream(0, "Pa", pattern(320, 5));
+    b.addStream(0, "Pb", pattern(320, 6));
+    b.addStream(0, "M", m);
+    b.addStream(0, "M2", m2);
+    layout = b.layout();
+    p = streamkit::firstPaddingSector(layout);
+    streamkit::relocateChain(&layout, rEntry, {p + 7, p + 3});
+    streamkit::relocateChain(&layout, eEntry, {p + 12, p + 11});
+    streamkit::relocateChain(&layout, 0, {p + 5, p + 9});
+  }
+};
+
+TEST(StreamSeek, OriginsAndClamping) {
+  KnownPlaces k;
+  OpenDocument d(k.layout.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  _MoxOleFile* h = d.h();
+  ASSERT_EQ(bOLEopenStream(h, "R"), 1);
+  EXPECT_EQ(lOLEseek(h, -5, 0), 0);
+  EXPECT_EQ(lOLEseek(h, 1010, 0), 1000);
+  EXPECT_EQ(lOLEseek(h, 0, 2), 1000);
+  EXPECT_EQ(lOLEseek(h, -1, 2), 999);
+  EXPECT_EQ(lOLEseek(h, 5, 0), 5);
+  EXPECT_EQ(lOLEseek(h, 10, 1), 15);
+  EXPECT_EQ(lOLEseek(h, 0, 3), -1);
+  EXPECT_EQ(lOLEseek(h, 0, -1), -1);
+  EXPECT_EQ(lOLEtell(h), 15);
+  EXPECT_EQ(lOLEseek(h, INT64_MAX, 1), 1000);
+  EXPECT_EQ(lOLEseek(h, INT64_MIN, 1), 0);
+  EXPECT_EQ(lOLEseek(h, INT64_MAX, 2), 1000);
+  EXPECT_EQ(lOLEseek(h, INT64_MIN, 0), 0);
+}
+
+// Positions on both sides of every sector and mini sector boundary, in
+// streams whose sectors are out of order: the bytes read from there are
+// the stream's own.
+TEST(StreamSeek, ReadsFromAnyPositionGiveTheStreamsBytes) {
+  KnownPlaces k;
+  OpenDocument d(k.layout.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  const Bytes pb = pattern(320, 6);
+  struct Case { const char* name; const Bytes& data; int64_t offset; } cases[] = {
+      {"R", k.r, 0},    {"R", k.r, 511},  {"R", k.r, 512}, {"R", k.r, 600}, {"R", k.r, 999},
+      {"E", k.e, 511},  {"E", k.e, 512},  {"E", k.e, 1023}, {"M", k.m, 63}, {"M", k.m, 70},
+      {"Pb", pb, 191},  {"Pb", pb, 192},  {"M2", k.m2, 127}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.name << " at " << c.offset);
+    ASSERT_EQ(bOLEopenStream(d.h(), c.name), 1);
+    ASSERT_EQ(lOLEseek(d.h(), c.offset, 0), c.offset);
+    EXPECT_EQ(readToEnd(d.h(), 100), Bytes(c.data.begin() + c.offset, c.data.end()));
+    ASSERT_EQ(lOLEseek(d.h(), 0, 2), static_cast<int64_t>(c.data.size()));
+    EXPECT_EQ(readToEnd(d.h()), Bytes());
+  }
+}
+
+TEST(StreamSeek, MiniStreamChainTooShortForTheSectorFails) {
+  KnownPlaces k;
+  k.layout.fat[k.p + 5] = cfb::kEnd;  // the mini stream loses its second sector
+  OpenDocument d(k.layout.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  EXPECT_EQ(bOLEopenStream(d.h(), "Pb"), 1);
+  EXPECT_EQ(lOLEseek(d.h(), 3 * 64, 0), -1);
+  EXPECT_EQ(lOLEtell(d.h()), 3 * 64);  // the position moved all the same
+  EXPECT_EQ(bOLEopenStream(d.h(), "M"), 0);  // its seek to 0 fails: closed again
+  EXPECT_EQ(d.h()->plChain, nullptr);
+}
+
+TEST(StreamRead, ReadsStopAtTheEndAndKeepThePosition) {
+  KnownPlaces k;
+  OpenDocument d(k.layout.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  _MoxOleFile* h = d.h();
+  ASSERT_EQ(bOLEopenStream(h, "R"), 1);
+  Bytes buffer(2000);
+  EXPECT_EQ(iOLEread(h, buffer.data(), 0), 0u);
+  ASSERT_EQ(lOLEseek(h, 300, 0), 300);
+  ASSERT_EQ(iOLEread(h, buffer.data(), 400), 400u);
+  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 400),
+            Bytes(k.r.begin() + 300, k.r.begin() + 700));
+  EXPECT_EQ(lOLEtell(h), 700);
+  EXPECT_EQ(iOLEread(h, buffer.data(), 2000), 300u);
+  EXPECT_EQ(iOLEread(h, buffer.data(), 100), 0u);
+  EXPECT_EQ(lOLEtell(h), 1000);
+}
+
+TEST(StreamRead, HostFailuresEndTheReadAfterWholePieces) {
+  KnownPlaces k;
+  OpenDocument d(k.layout.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  _MoxOleFile* h = d.h();
+  Bytes buffer(1000);
+  ASSERT_EQ(bOLEopenStream(h, "R"), 1);
+  d.io().shortReadAt(2, 100);  // the second piece comes back short
+  EXPECT_EQ(iOLEread(h, buffer.data(), 1000), 512u);
+  EXPECT_EQ(lOLEtell(h), 512);
+  EXPECT_EQ(readToEnd(h), Bytes(k.r.begin() + 512, k.r.end()));
+
+  ASSERT_EQ(bOLEopenStream(h, "M"), 1);
+  d.io().failSeekAt(2);  // the host refuses the second mini sector's seek
+  EXPECT_EQ(iOLEread(h, buffer.data(), 1000), 64u);
+  EXPECT_EQ(lOLEtell(h), 64);
+  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 64), Bytes(k.m.begin(), k.m.begin() + 64));
+}
+
+TEST(StreamRead, UnpositionedOrClosedStreamsReadNothing) {
+  KnownPlaces k;
+  OpenDocument d(k.layout.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  _MoxOleFile* h = d.h();
+  char buffer[10];
+  EXPECT_EQ(lOLEseek(h, 0, 0), -1);
+  EXPECT_EQ(iOLEread(h, buffer, 10), 0u);
+  // Built by entry number but never sought: there is no position yet.
+  ASSERT_EQ(iGetStreamChain(h, "R", nullptr, 0), 0);
+  EXPECT_EQ(lOLEtell(h), -1);
+  EXPECT_EQ(iOLEread(h, buffer, 10), 0u);
+  EXPECT_EQ(lOLEseek(h, 3, 0), 3);
+  EXPECT_EQ(iOLEread(h, buffer, 10), 10u);
+  EXPECT_EQ(Bytes(buffer, buffer + 10), Bytes(k.r.begin() + 3, k.r.begin() + 13));
+}
+
+// Every stream of a document read whole and in odd-sized steps.
+void expectStreamsRead(OpenDocument& d, const std::vector<std::pair<std::string, Bytes>>& streams) {
+  for (const auto& [name, data] : streams) {
+    SCOPED_TRACE(name);
+    ASSERT_EQ(bOLEopenStream(d.h(), name.c_str()), 1);
+    EXPECT_EQ(readToEnd(d.h(), 777), data);
+    ASSERT_EQ(lOLEseek(d.h(), -static_cast<int64_t>(data.size()) / 3, 2),
+              static_cast<int64_t>(data.size() - data.size() / 3));
+    EXPECT_EQ(readToEnd(d.h(), 100000), Bytes(data.end() - data.size() / 3, data.end()));
+  }
+}
+
+TEST(StreamRead, BigEndianAndLargeSectorDocuments) {
+  const std::vector<std::pair<std::string, Bytes>> streams = {
+      {"Mini1", pattern(3000, 6)}, {"Mini2", pattern(4095, 7)},
+      {"Regular", pattern(20000, 8)}, {"Exact", pattern(8192, 9)}, {"Cutoff", pattern(4096, 12)}};
+  for (unsigned shift : {9u, 12u}) {
+    for (bool big : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "shift " << shift << (big ? " big-endian" : ""));
+      cfb::CfbBuilder b(shift);
+      b.setBigEndian(big);
+      for (const auto& [name, data] : streams) b.addStream(0, name, data);
+      OpenDocument d(b.build());
+      ASSERT_NE(d.h(), nullptr);
+      EXPECT_EQ(d.h()->iByteOrder, big ? 0u : 1u);
+      expectStreamsRead(d, streams);
+    }
+  }
+}
+
+// Zero padding sectors push the streams and the mini stream past 2 GiB;
+// the file exists only as the runs the layout writes.
+void readStreamsPastTwoGigabytes(unsigned shift) {
+  SCOPED_TRACE(shift);
+  const int64_t sectorSize = int64_t{1} << shift;
+  const int64_t twoGiB = int64_t{1} << 31;
+  cfb::CfbBuilder b(shift);
+  b.setPaddingSectors(static_cast<uint32_t>(twoGiB / sectorSize) + 3);
+  const std::vector<std::pair<std::string, Bytes>> streams = {
+      {"Far", pattern(50000, 10)}, {"FarMini", pattern(3000, 11)}};
+  for (const auto& [name, data] : streams) b.addStream(0, name, data);
+  cfb::CfbLayout l = b.layout();
+  SparseIo io(l.serializeSparse(), (int64_t{l.sectorCount()} + 1) * sectorSize);
+  moxhost::CountingMemory memory;
+  _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+  ASSERT_NE(h, nullptr);
+  for (const auto& [name, data] : streams) {
+    SCOPED_TRACE(name);
+    ASSERT_EQ(bOLEopenStream(h, name.c_str()), 1);
+    EXPECT_GT(io.position(), twoGiB);
+    EXPECT_EQ(readToEnd(h, 10000), data);
+    EXPECT_EQ(bOLEcloseStream(h, nullptr), 1);
+  }
+  EXPECT_EQ(iOLEclose(h), 1);
+  EXPECT_EQ(memory.liveBlocks(), 0);
+}
+
+TEST(StreamRead, StreamsBeyondTwoGigabytes) {
+  readStreamsPastTwoGigabytes(12);
+  readStreamsPastTwoGigabytes(9);  // a FAT of some 32000 sectors, DIFAT included
+}
+
+// --- The stream as an I/O object ---------------------------------------------
+
+TEST(StreamObject, FieldsAndFixedResults) {
+  cfb::CfbBuilder b;
+  const Bytes data = pattern(6000, 1), other = pattern(300, 2);
+  b.addStream(0, "Data", data);
+  b.addStream(0, "Other", other);
+  OpenDocument d(b.build());
+  ASSERT_NE(d.h(), nullptr);
+  _MoxOleFile* h = d.h();
+  ASSERT_EQ(bOLEopenStream(h, "Data"), 1);
+  _ZqTPIOobj* io = hSwitchToOLE(h);
+  ASSERT_NE(io, nullptr);
+  EXPECT_EQ(io->uiKind, 3u);
+  EXPECT_EQ(io->uiKind2, 5u);
+  EXPECT_EQ(io->ulWord, 0u);
+  EXPECT_EQ(io->pPrivate, h);
+  EXPECT_EQ(io->pParent, d.io().io());
+  EXPECT_EQ(io->pReserved1, nullptr);
+  EXPECT_EQ(io->pReserved2, nullptr);
+  EXPECT_EQ(io->pReserved3, nullptr);
+  for (void* reserved : io->apReserved) EXPECT_EQ(reserved, nullptr);
+
+  EXPECT_EQ(io->open(io), 1);
+  EXPECT_EQ(io->error(io), 0);
+  EXPECT_EQ(io->write(io, "xyz", 3), 1);
+  EXPECT_EQ(io->close(io), 1);
+  EXPECT_EQ(io->seek(io, 0, 3), 0);
+  EXPECT_EQ(io->seek(io, 100000, 0), 1);
+  EXPECT_EQ(io->tell(io), 6000);
+  EXPECT_EQ(io->seek(io, -1000, 1), 1);
+  EXPECT_EQ(io->tell(io), lOLEtell(h));
+  Bytes buffer(2000);
+  EXPECT_EQ(io->read(io, buffer.data(), 2000), 1000);
+  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 1000), Bytes(data.end() - 1000, data.end()));
+  EXPECT_EQ(io->read(io, buffer.data(), -1), 0);
+  // Writing changed nothing, and whatever stream is current is the one read.
+  ASSERT_EQ(bOLEopenStream(h, "Data"), 1);
+  EXPECT_EQ(readToEnd(h), data);
+  ASSERT_EQ(bOLEopenStream(h, "Other"), 1);
+  EXPECT_EQ(io->read(io, buffer.data(), 2000), 300);
+  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 300), other);
+  EXPECT_EQ(bOLEcloseStream(h, nullptr), 1);
+  EXPECT_EQ(io->seek(io, 0, 0), 0);  // no stream: the seek fails
+  EXPECT_EQ(io->read(io, buffer.data(), 10), 0);
+}
+
+TEST(StreamObject, SwitchingBackFreesOnceAndReturnsTheHostObject) {
+  cfb::CfbBuilder b;
+  b.addStream(0, "Data", pattern(10, 3));
+  OpenDocument d(b.build());
+  ASSERT_NE(d.h(), nullptr);
+  _MoxOleFile* h = d.h();
+  const int64_t before = d.memory().liveBlocks();
+  EXPECT_EQ(hSwitchFromOLE(h), d.io().io());  // nothing made yet
+  d.memory().faults().failAt(1);
+  EXPECT_EQ(hSwitchToOLE(h), nullptr);
+  ASSERT_NE(hSwitchToOLE(h), nullptr);
+  EXPECT_EQ(d.memory().liveBlocks(), before + 1);
+  EXPECT_EQ(hSwitchFromOLE(h), d.io().io());
+  EXPECT_EQ(d.memory().liveBlocks(), before);
+  EXPECT_EQ(hSwitchFromOLE(h), d.io().io());
+  EXPECT_EQ(d.memory().liveBlocks(), before);
+}
+
+// An outer document with a compound file stored in stream "Inner".
+struct Nested {
+  Bytes innerSmall = pattern(200, 4), innerBig = pattern(9000, 5), after = pattern(700, 6);
+  Bytes inner;
+  Bytes outer;
+  explicit Nested(bool big) {
+    cfb::CfbBuilder in;
+    int storage = in.addStorage(0, "Deep");
+    in.addStream(storage, "Small", innerSmall);
+    if (big) in.addStream(0, "Big", innerBig);
+    inner = in.build();
+    cfb::CfbBuilder out;
+    out.addStream(0, "Inner", inner);
+    out.addStream(0, "After", after);
+    outer = out.build();
+  }
+};
+
+TEST(StreamObject, CompoundFileInsideAStreamOpensAsADocument) {
+  // Without its big stream the inner file is small enough to be a mini
+  // stream of the outer one.
+  for (bool big : {false, true}) {
+    Nested n(big);
+    OpenDocument d(n.outer);
+    ASSERT_NE(d.h(), nullptr);
+    _MoxOleFile* h = d.h();
+    ASSERT_EQ(bOLEopenStream(h, "Inner"), 1);
+    EXPECT_EQ(h->iInMini, big ? 0 : 1);
+    _ZqTPIOobj* io = hSwitchToOLE(h);
+    ASSERT_NE(io, nullptr);
+    moxhost::CountingMemory innerMemory;
+    _MoxOleFile* inner = hOLEopen(io, innerMemory.memory());
+    ASSERT_NE(inner, nullptr) << big;
+    EXPECT_EQ(inner->pHostIo, io);
+    ASSERT_EQ(bOLEopenStream(inner, "small"), 1);
+    EXPECT_EQ(readToEnd(inner), n.innerSmall);
+    if (big) {
+      ASSERT_EQ(bOLEopenStream(inner, "Big"), 1);
+      EXPECT_EQ(readToEnd(inner, 4000), n.innerBig);
+    }
+    EXPECT_EQ(bOLEcloseStream(inner, nullptr), 1);
+    EXPECT_EQ(iOLEclose(inner), 1);
+    EXPECT_EQ(innerMemory.liveBlocks(), 0);
+
+    // The outer stream is still open and readable where the inner left it.
+    ASSERT_NE(h->plChain, nullptr);
+    ASSERT_EQ(lOLEseek(h, 0, 0), 0);
+    EXPECT_EQ(readToEnd(h), n.inner);
+    EXPECT_EQ(hSwitchFromOLE(h), d.io().io());
+    ASSERT_EQ(bOLEopenStream(h, "After"), 1);
+    EXPECT_EQ(readToEnd(h), n.after);
+    EXPECT_TRUE(d.closeCleanly());
+  }
+}
+
+// --- The storage tree --------------------------------------------------------
+
+struct Tree {
+  moxhost::PoolServices services;
+  HostMemory* pool = nullptr;
+  _MoxOleTreeNode* root = nullptr;
+  int status = -1;
+  explicit Tree(_MoxOleFile* h) {
+    int ignored = 0;
+    pool = services.createPool(4096, 0, &ignored);
+    status = iOLEGetStreamTree(h, pool, &root);
+  }
+  ~Tree() {
+    EXPECT_EQ(services.poolFrees(), 0) << "tree memory is never freed piecemeal";
+    EXPECT_EQ(services.heap().allocations(), 0) << "tree memory comes from the pool only";
+    services.destroyPool(pool);
+  }
+};
+
+std::vector<std::string> childNames(const _MoxOleTreeNode* n) {
+  std::vector<std::string> names;
+  for (int i = 0; i < n->iChildCount; ++i) names.push_back(n->ppChildren[i]->szName);
+  return names;
+}
+
+// Entries A (1), B (2), C (3), B's stream Inner (4) and B's storage Empty
+// (5); B at the top of the root's tree, A on its left and C on its right.
+cfb::Bytes threeChildren() {
+  cfb::CfbBuilder b;
+  int a = b.addStream(0, "A", cfb::Bytes(5, 1));
+  int bb = b.addStorage(0, "B");
+  int c = b.addStream(0, "C", cfb::Bytes(7000, 1));
+  b.addStream(bb, "Inner", cfb::Bytes(3, 1));
+  b.addStorage(bb, "Empty");
+  cfb::CfbLayout l = b.layout();
+  l.dir[0].child = bb;
+  l.dir[bb].left = a;
+  l.dir[bb].right = c;
+  l.dir[a].left = l.dir[a].right = l.dir[c].left = l.dir[c].right = cfb::kNone;
+  return l.serialize();
+}
+
+TEST(StreamTree, RootOnlyDocumentIsOneNode) {
+  OpenDoc doc(cfb::CfbBuilder().build());
+  ASSERT_TRUE(doc.ok());
+  Tree t(doc.handle());
+  ASSERT_EQ(t.status, 0);
+  EXPECT_STREQ(t.root->szName, "Root Entry");
+  EXPECT_EQ(t.root->iType, 5);
+  EXPECT_EQ(t.root->iSize, 0);
+  EXPECT_EQ(t.root->iIndex, 0);
+  EXPECT_EQ(t.root->iChildCount, 0);
+  EXPECT_EQ(t.root->ppChildren, nullptr);
+  EXPECT_EQ(t.root->pParent, nullptr);
+}
+
+TEST(StreamTree, ChildrenFollowThePreOrderOfTheSiblingTree) {
+  OpenDoc doc(threeChildren());
+  ASSERT_TRUE(doc.ok());
+  Tree t(doc.handle());
+  ASSERT_EQ(t.status, 0);
+  EXPECT_EQ(childNames(t.root), (std::vector<std::string>{"B", "A", "C"}));
+  const _MoxOleTreeNode* storage = t.root->ppChildren[0];
+  EXPECT_EQ(storage->iType, 1);
+  EXPECT_EQ(storage->iIndex, 2);
+  EXPECT_EQ(storage->pParent, t.root);
+  ASSERT_EQ(storage->iChildCount, 2);
+  for (const _MoxOleTreeNode* child : {storage->ppChildren[0], storage->ppChildren[1]}) {
+    EXPECT_EQ(child->iIndex, std::string(child->szName) == "Inner" ? 4 : 5) << child->szName;
+    EXPECT_EQ(child->pParent, storage);
+  }
+  EXPECT_EQ(t.root->ppChildren[2]->iSize, 7000);
+}
+
+TEST(StreamTree, ThreeHundredChildrenOutgrowTheFirstArray) {
+  cfb::CfbBuilder b;
+  for (int i = 0; i < 300; ++i) b.addStream(0, "S" + std::to_string(i), cfb::Bytes(1, 1));
+  OpenDoc doc(b.build());
+  ASSERT_TRUE(doc.ok());
+  Tree t(doc.handle());
+  ASSERT_EQ(t.status, 0);
+  ASSERT_EQ(t.root->iChildCount, 300);
+  std::set<int> seen;
+  for (int i = 0; i < 300; ++i) seen.insert(t.root->ppChildren[i]->iIndex);
+  EXPECT_EQ(seen.size(), 300u);
+}
+
+// A run of right siblings longer than the step limit.
+cfb::CfbLayout longChain(int length) {
+  cfb::CfbBuilder b;
+  for (int i = 0; i < length; ++i) b.addStream(0, "S" + std::to_string(i), {});
+  cfb::CfbLayout l = b.layout();
+  l.dir[0].child = 1;
+  for (int i = 1; i <= length; ++i) {
+    l.dir[i].left = cfb::kNone;
+    l.dir[i].right = i < length ? static_cast<uint32_t>(i + 1) : cfb::kNone;
+  }
+  return l;
+}
+
+TEST(StreamTree, WalkCutsLinksPastThirtyFiveHundredStepsAndCyclesEndThere) {
+  {
+    OpenDoc doc(longChain(3600).serialize());
+    ASSERT_TRUE(doc.ok());
+    Tree t(doc.handle());
+    ASSERT_EQ(t.status, 0);
+    // The top entry is step 1, so the 3501st entry is the last one reached.
+    ASSERT_EQ(t.root->iChildCount, 3501);
+    EXPECT_EQ(doc->pDir[3501].lRight, -1);
+    EXPECT_EQ(doc->pDir[3500].lRight, 3501);
+    EXPECT_EQ(doc->pDir[3502].lRight, 3503);
+  }
+  cfb::CfbLayout l = longChain(10);
+  l.dir[10].right = 1;  // back to the top
+  OpenDoc doc(l.serialize());
+  ASSERT_TRUE(doc.ok());
+  Tree t(doc.handle());
+  ASSERT_EQ(t.status, 0);
+  EXPECT_EQ(t.root->iChildCount, 3501);
+  EXPECT_EQ(doc->pDir[t.root->ppChildren[3500]->iIndex].lRight, -1);
+}
+
+TEST(StreamTree, EntriesSharedBetweenPathsStopTheWalk) {
+  // Every entry's left and right link lead to the same next entry: the
+  // number of paths doubles at each level.
+  cfb::CfbLayout l = longChain(60);
+  for (int i = 1; i < 60; ++i) l.dir[i].left = l.dir[i].right;
+  OpenDoc doc(l.serialize());
+  ASSERT_TRUE(doc.ok());
+  Tree t(doc.handle());
+  EXPECT_EQ(t.status, 4);
+  EXPECT_LT(t.services.poolAllocateCalls(), 20000);
+}
+
+TEST(StreamTree, FailuresReportTheirCodeAndLeaveCountsTrue) {
+  OpenDoc doc(longChain(5).serialize());
+  ASSERT_TRUE(doc.ok());
+  moxhost::PoolServices services;
+  int ignored = 0;
+  HostMemory* pool = services.createPool(4096, 0, &ignored);
+  _MoxOleTreeNode* root = nullptr;
+  moxtest::sweep([&](int64_t n) {
+    services.faults().failAt(n);
+    root = nullptr;
+    EXPECT_EQ(iOLEGetStreamTree(doc.handle(), pool, &root), n == 0 ? 0 : 2);
+    if (n != 1) {
+      EXPECT_NE(root, nullptr);
+      EXPECT_LE(root->iChildCount, 5);
+      for (int i = 0; root != nullptr && i < root->iChildCount; ++i) EXPECT_NE(root->ppChildren[i], nullptr);
+    }
+    return services.faults().attempts();
+  });
+  doc->pDir[3].lRight = -3;
+  EXPECT_EQ(iOLEGetStreamTree(doc.handle(), pool, &root), 4);
+  EXPECT_EQ(root->iChildCount, 3);
+  services.destroyPool(pool);
+}
+
+// --- Object lists and types --------------------------------------------------
+
+struct List {
+  int count = 0;
+  _MoxOleObjectEntry* records = nullptr;
+  HostMemory* memory;
+  List(OpenDoc& doc, const char (*path)[36], int depth) : memory(doc.memory().memory()) {
+    count = moxoleGetObjectList(doc.handle(), path, depth, &records);
+  }
+  ~List() {
+    if (records != nullptr) memory->free(memory, records);
+  }
+  std::vector<std::string> names() const {
+    std::vector<std::string> out;
+    for (int i = 0; i < count; ++i) out.push_back(records[i].szName);
+    return out;
+  }
+};
+
+TEST(ObjectList, ListsDirectChildrenInNameOrder) {
+  OpenDoc doc(threeChildren());
+  ASSERT_TRUE(doc.ok());
+  {
+    List root(doc, nullptr, 0);
+    ASSERT_EQ(root.count, 3);
+    EXPECT_EQ(root.names(), (std::vector<std::string>{"A", "B", "C"}));
+    EXPECT_EQ(root.records[1].uiType, 1u);
+    EXPECT_EQ(root.records[2].uiType, 2u);
+    EXPECT_EQ(root.records[2].uiSize, 7000u);
+  }
+  EXPECT_EQ(List(doc, Path({"Root Entry", "ignored"}).slots, 2).count, 3);
+  EXPECT_EQ(List(doc, Path({"B"}).slots, 1).names(), (std::vector<std::string>{"Empty", "Inner"}));
+  // Streams, empty storages and missing paths give nothing.
+  for (auto path : {std::vector<const char*>{"A"}, {"B", "Empty"}, {"Nope"}, {"b"}}) {
+    Path slots({});
+    for (size_t i = 0; i < path.size(); ++i) strncpy(slots.slots[i], path[i], 35);
+    _MoxOleObjectEntry* out = reinterpret_cast<_MoxOleObjectEntry*>(0x1);
+    EXPECT_EQ(moxoleGetObjectList(doc.handle(), slots.slots, static_cast<int>(path.size()), &out), 0)
+        << path.back();
+    EXPECT_EQ(out, reinterpret_cast<_MoxOleObjectEntry*>(0x1)) << "out is left alone";
+  }
+}
+
+TEST(ObjectList, NamesAreCutToThirtyFiveBytes) {
+  cfb::CfbBuilder b;
+  b.addStream(0, std::string(31, 'n'), cfb::Bytes(1, 1));
+  cfb::CfbLayout l = b.layout();
+  l.dir[1].name = std::u16string(32, u'x');  // no terminator in the field
+  l.dir[1].nameLength = 64;
+  OpenDoc doc(l.serialize());
+  ASSERT_TRUE(doc.ok());
+  List list(doc, nullptr, 0);
+  ASSERT_EQ(list.count, 1);
+  EXPECT_EQ(list.records[0].szName[35], 0);
+  EXPECT_LE(strlen(list.records[0].szName), 35u);
+  EXPECT_EQ(std::string(list.records[0].szName, 32), std::string(32, 'x'));
+}
+
+TEST(ObjectList, BadLinksCyclesAndFailedAllocationsGiveMinusOne) {
+  cfb::CfbBuilder b;
+  for (int i = 0; i < 6; ++i) b.addStream(0, "S" + std::to_string(i), {});
+  cfb::CfbLayout l = b.layout();
+  cfb::CfbLayout bad = l;
+  bad.dir[bad.dir[0].child].left = static_cast<uint32_t>(-3);
+  OpenDoc badDoc(bad.serialize());
+  ASSERT_TRUE(badDoc.ok());
+  EXPECT_EQ(List(badDoc, nullptr, 0).count, -1);
+  cfb::CfbLayout cyclic = l;
+  uint32_t top = cyclic.dir[0].child;
+  cyclic.dir[cyclic.dir[top].right].right = top;
+  OpenDoc cyclicDoc(cyclic.serialize());
+  ASSERT_TRUE(cyclicDoc.ok());
+  EXPECT_EQ(List(cyclicDoc, nullptr, 0).count, -1);
+
+  OpenDoc doc(l.serialize());
+  ASSERT_TRUE(doc.ok());
+  moxtest::sweep([&doc](int64_t n) {
+    doc.memory().faults().failAt(n);
+    EXPECT_EQ(List(doc, nullptr, 0).count, n == 0 ? 6 : -1);
+    return doc.memory().faults().attempts();
+  });
+}
+
+// Listed on a thread with a 256 KiB stack: a walk that recursed once per
+// sibling would need far more for 20 000 of them.
+TEST(ObjectList, LongLeftLeaningChainDoesNotExhaustTheStack) {
+  const int n = 20000;
+  cfb::CfbBuilder b;
+  for (int i = 0; i < n; ++i) b.addStream(0, "S" + std::to_string(i), {});
+  cfb::CfbLayout l = b.layout();
+  l.dir[0].child = n;
+  for (int i = 1; i <= n; ++i) {
+    l.dir[i].right = cfb::kNone;
+    l.dir[i].left = i > 1 ? static_cast<uint32_t>(i - 1) : cfb::kNone;
+  }
+  OpenDoc doc(l.serialize());
+  ASSERT_TRUE(doc.ok());
+  struct Job {
+    OpenDoc* doc = nullptr;
+    int count = 0;
+    std::string first, last;
+  } job;
+  job.doc = &doc;
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setstacksize(&attr, 256 * 1024);
+  pthread_t thread;
+  ASSERT_EQ(pthread_create(&thread, &attr, [](void* arg) -> void* {
+    Job* j = static_cast<Job*>(arg);
+    List list(*j->doc, nullptr, 0);
+    j->count = list.count;
+    if (list.count > 0) {
+      j->first = list.records[0].szName;
+      j->last = list.records[list.count - 1].szName;
+    }
+    return nullptr;
+  }, &job), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attr);
+  EXPECT_EQ(job.count, n);
+  EXPECT_EQ(job.first, "S0");
+  EXPECT_EQ(job.last, "S" + std::to_string(n - 1));
+}
+
+TEST(ObjectType, ExactNamesUnderAStoragePath) {
+  OpenDoc doc(threeChildren());
+  ASSERT_TRUE(doc.ok());
+  _MoxOleFile* h = doc.handle();
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "C"), 2);
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "B"), 1);
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, ""), 5);
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "c"), 0) << "names compare exactly";
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, nullptr), 0);
+  EXPECT_EQ(iOLEobjectType(h, Path({"B"}).slots, 1, "Inner"), 2);
+  EXPECT_EQ(iOLEobjectType(h, Path({"B"}).slots, 1, ""), 0) << "only the root answers an empty name";
+  EXPECT_EQ(iOLEobjectType(h, Path({"A"}).slots, 1, "Inner"), 0) << "A is a stream";
+}
+
+// A new document made by the writer's entry has a handle with no
+// directory at all (no entry 0, no table); asking it for the root's
+// children or type must find nothing rather than read a missing table.
+TEST(ObjectType, HandleWithoutDirectoryHasNoRoot) {
+  moxhost::CountingMemory memory;
+  _MoxOleFile handle = {};
+  handle.pMemory = memory.memory();
+  handle.pTableMemory = memory.memory();
+  _MoxOleObjectEntry* records = nullptr;
+  const Path root({"Root Entry"});
+  for (int depth : {0, 1}) {
+    const char (*path)[36] = depth == 0 ? nullptr : root.slots;
+    EXPECT_EQ(moxoleGetObjectList(&handle, path, depth, &records), 0);
+    EXPECT_EQ(records, nullptr);
+    EXPECT_EQ(iOLEobjectType(&handle, path, depth, ""), 0);
+    EXPECT_EQ(iOLEobjectType(&handle, path, depth, "x"), 0);
+  }
+  EXPECT_EQ(memory.allocations(), 0);
+}
+
+// --- Embedded objects ----------------------------------------------------------
+
+// A metafile stream: a header of `header` bytes whose first two bytes give
+// its length, then `body`.
+Bytes metafile(uint16_t storedLength, size_t header, const Bytes& body) {
+  Bytes b(header, 0xAB);
+  b[0] = static_cast<uint8_t>(storedLength);
+  b[1] = static_cast<uint8_t>(storedLength >> 8);
+  b.insert(b.end(), body.begin(), body.end());
+  return b;
+}
+
+// A word-processing document with objects _1 (a metafile larger than the
+// copy buffer, a picture) and _2 (a header length below 2, a picture too
+// short for its header).
+struct WordSample {
+  Bytes main = pattern(9000, 1);
+  Bytes body1 = pattern(25000, 2);
+  Bytes pic1 = pattern(100, 3);
+  Bytes pic2 = pattern(50, 4);
+  Bytes bytes;
+  WordSample() {
+    cfb::CfbBuilder b;
+    b.addStream(0, "WordDocument", main);
+    b.addStream(0, "1Table", pattern(300, 5));
+    int pool = b.addStorage(0, "ObjectPool");
+    int one = b.addStorage(pool, "_1");
+    b.addStream(one, "\x03META", metafile(8, 8, body1));
+    b.addStream(one, "\x03PIC", pic1);
+    int two = b.addStorage(pool, "_2");
+    b.addStream(two, "\x03META", metafile(1, 2, pattern(500, 6)));
+    b.addStream(two, "\x03PIC", pic2);
+    bytes = b.build();
+  }
+};
+
+// Opens "WordDocument" and moves to `position`, as a reading host would be.
+void readingMain(OpenDoc& doc, int64_t position) {
+  ASSERT_EQ(bOLEopenStream(doc.handle(), "WordDocument"), 1);
+  ASSERT_EQ(lOLEseek(doc.handle(), position, 0), position);
+}
+
+TEST(GetObject, MetafileGoesToAFileAfterItsHeaderAndTheMainStreamComesBack) {
+  WordSample sample;
+  OpenDoc doc(sample.bytes);
+  ASSERT_TRUE(doc.ok());
+  _MoxOleFile* h = doc.handle();
+  moxtest::ScratchDir dir;
+  const std::string out = dir.file("object");
+  readingMain(doc, 1234);
+  EXPECT_EQ(bOLEgetObject(h, 1, const_cast<char*>(out.c_str()), 3), 1);
+  Bytes written;
+  EXPECT_TRUE(moxhost::readFile(out, &written));
+  EXPECT_EQ(written, sample.body1);
+  EXPECT_EQ(doc->lStreamSize, 9000) << "WordDocument is current again";
+  EXPECT_EQ(lOLEtell(h), 1234);
+  unsigned char next[4];
+  ASSERT_EQ(iOLEread(h, next, 4), 4u);
+  EXPECT_EQ(Bytes(next, next + 4), Bytes(sample.main.begin() + 1234, sample.main.begin() + 1238));
+  // A header length below two copies nothing.
+  readingMain(doc, 0);
+  const std::string empty = dir.file("empty");
+  ASSERT_TRUE(moxtest::writeFile(empty, ""));
+  EXPECT_EQ(bOLEgetObject(h, 2, const_cast<char*>(empty.c_str()), 3), 1);
+  EXPECT_TRUE(moxhost::readFile(empty, &written));
+  EXPECT_TRUE(written.empty());
+  // A full disk: the copy is cut short and the call fails.
+  readingMain(doc, 77);
+  if (access("/dev/full", W_OK) == 0) {
+    EXPECT_EQ(bOLEgetObject(h, 1, const_cast<char*>("/dev/full"), 3), 0);
+    EXPECT_EQ(lOLEtell(h), 77);
+  }
+  // An output that cannot be opened: not one host call is made.
+  ASSERT_EQ(bOLEopenStream(h, "1Table"), 1);
+  ASSERT_EQ(lOLEseek(h, 5, 0), 5);
+  doc.io().record(true);
+  EXPECT_EQ(bOLEgetObject(h, 1, const_cast<char*>("/nonexistent/dir/out.wmf"), 3), 0);
+  EXPECT_TRUE(doc.io().calls().empty());
+  EXPECT_EQ(doc->lStreamSize, 300) << "1Table is still current";
+  EXPECT_EQ(lOLEtell(h), 5);
+}
+
+TEST(GetObject, PictureHeaderIsSeventySixBytesAndFailuresRestoreTheMainStream) {
+  WordSample sample;
+  OpenDoc doc(sample.bytes);
+  ASSERT_TRUE(doc.ok());
+  _MoxOleFile* h = doc.handle();
+  unsigned char target[100];
+  // Nothing open: nothing to come back to, but WordDocument is opened.
+  EXPECT_EQ(bOLEgetObject(h, 1, target, 0), 0);
+  EXPECT_EQ(doc->lStreamSize, 9000);
+  readingMain(doc, 10);
+  memset(target, 0xEE, sizeof target);
+  EXPECT_EQ(bOLEgetObject(h, 1, target, 0), 1);
+  EXPECT_EQ(Bytes(target, target + 76), Bytes(sample.pic1.begin(), sample.pic1.begin() + 76));
+  EXPECT_EQ(target[76], 0xEE);
+  EXPECT_EQ(lOLEtell(h), 10);
+  memset(target, 0xEE, sizeof target);
+  EXPECT_EQ(bOLEgetObject(h, 2, target, 0), 0) << "50 bytes are too few";
+  EXPECT_EQ(Bytes(target, target + 50), sample.pic2);
+  EXPECT_EQ(lOLEtell(h), 10);
+  EXPECT_EQ(bOLEgetObject(h, 9, target, 0), 0) << "no storage _9";
+  EXPECT_EQ(lOLEtell(h), 10);
+}
+
+TEST(OpenObject, MetafileOrPresentationStream) {
+  cfb::CfbBuilder b;
+  int obj = b.addStorage(0, "_123");
+  b.addStream(obj, "\x03META", pattern(700, 1));
+  int pres = b.addStorage(0, "_7");
+  int a = b.addStream(pres, "A", pattern(10, 1));
+  int op = b.addStream(pres, "\x02OlePres000", pattern(20, 1));
+  int z = b.addStream(pres, "ZZZZZZZZZZZZ", pattern(30, 1));
+  cfb::CfbLayout l = b.layout();
+  l.dir[pres].child = a;
+  l.dir[a].left = l.dir[op].left = l.dir[z].left = l.dir[z].right = cfb::kNone;
+  l.dir[a].right = op;
+  l.dir[op].right = z;
+  OpenDoc doc(l.serialize());
+  ASSERT_TRUE(doc.ok());
+  EXPECT_EQ(lOLEopenObject(doc.handle(), "_123", 3), 700);
+  EXPECT_EQ(lOLEtell(doc.handle()), 0);
+  EXPECT_EQ(lOLEopenObject(doc.handle(), "_7", 0), 20) << "\\x02OlePres000 has a right sibling";
+  l.dir[op].right = cfb::kNone;
+  OpenDoc last(l.serialize());
+  ASSERT_TRUE(last.ok());
+  EXPECT_EQ(lOLEopenObject(last.handle(), "_7", 0), 10) << "the entry before the last one";
+  EXPECT_EQ(lOLEopenObject(last.handle(), "_8", 3), 0);
+}
+
+}  // namespace

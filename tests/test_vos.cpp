@@ -1,0 +1,1061 @@
+// The OS layer: descriptors and the fopen mode table, element counts,
+// seeking past 4 GiB, the status and directory pass-throughs, temporary
+// names, directory paths, advisory locks as a second process sees them,
+// bounded allocation, dynamic loading and its log, exit, system and sleep.
+// Null and absurd arguments are in test_interface.
+#include <dirent.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "moxvos.h"
+#include "support/vos_scratch.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define MOX_TEST_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define MOX_TEST_ASAN 1
+#endif
+#endif
+
+#ifdef MOX_TEST_ASAN
+#include <sanitizer/asan_interface.h>
+// An allocation refused under a child's RLIMIT_AS must come back as null,
+// as it does without the sanitizer, instead of ending the process.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+#endif
+
+// Every mkstemp of this program (the layer is linked in statically) passes
+// through here, so that tests can see each template as it was handed over
+// and make attempts fail on purpose.
+namespace {
+std::vector<std::string> gTemplates;
+int gFailNext = 0;  // how many of the next attempts fail with EEXIST
+}  // namespace
+
+extern "C" int mkstemp(char* name) {
+  gTemplates.push_back(name);
+  if (gFailNext > 0) {
+    --gFailNext;
+    memcpy(name + strlen(name) - 6, "123456", 6);  // a used-up candidate
+    errno = EEXIST;
+    return -1;
+  }
+  using Real = int (*)(char*);
+  static Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "mkstemp"));
+  return real(name);
+}
+
+namespace {
+
+using moxtest::ScratchDir;
+using moxtest::UmaskGuard;
+
+int accessMode(int fd) { return fcntl(fd, F_GETFL) & O_ACCMODE; }
+bool appends(int fd) { return (fcntl(fd, F_GETFL) & O_APPEND) != 0; }
+
+mode_t permissions(const std::string& path) {
+  struct stat record;
+  return stat(path.c_str(), &record) != 0 ? 07777 : record.st_mode & 07777;
+}
+
+bool isDirectory(const std::string& path) {
+  struct stat record;
+  return stat(path.c_str(), &record) == 0 && S_ISDIR(record.st_mode);
+}
+
+// What a forked child reports back.
+struct ChildResults {
+  int64_t values[4] = {-100, -100, -100, -100};
+  int error = 0;
+};
+
+// --- Descriptors -------------------------------------------------------------
+
+TEST(VosDescriptors, CreatedFilesGet0644UnderTheUmask) {
+  ScratchDir dir;
+  const struct {
+    mode_t umask, expected;
+  } cases[] = {{0, 0644}, {022, 0644}, {027, 0640}, {077, 0600}, {0266, 0400}};
+  int n = 0;
+  for (const auto& c : cases) {
+    UmaskGuard mask(c.umask);
+    const std::string tag = std::to_string(n++);
+    const std::string paths[] = {dir.file("open" + tag), dir.file("open64_" + tag),
+                                 dir.file("fopen" + tag), dir.file("fopen64_" + tag)};
+    // The third argument is the context, never a mode.
+    const int64_t fds[] = {moxvos_open(paths[0].c_str(), O_CREAT | O_WRONLY, nullptr),
+                           moxvos_open64(paths[1].c_str(), O_CREAT | O_RDWR, nullptr),
+                           moxvos_fopen(paths[2].c_str(), "wb", nullptr),
+                           moxvos_fopen64(paths[3].c_str(), "a+", nullptr)};
+    for (int i = 0; i < 4; ++i) {
+      ASSERT_GE(fds[i], 256) << paths[i];
+      EXPECT_EQ(c.expected, permissions(paths[i])) << paths[i] << " umask " << c.umask;
+      EXPECT_EQ(0, i < 2 ? moxvos_close(static_cast<int>(fds[i])) : moxvos_fclose(static_cast<int>(fds[i])));
+      EXPECT_EQ(-1, fcntl(static_cast<int>(fds[i]), F_GETFD)) << "really closed";
+    }
+  }
+}
+
+TEST(VosDescriptors, EachOpenTakesTheLowestFreeHighDescriptor) {
+  ScratchDir dir;
+  ASSERT_TRUE(moxtest::writeFile(dir.file("f"), "x"));
+  std::set<int> seen;
+  int fds[3];
+  for (int& fd : fds) {
+    fd = moxvos_open(dir.file("f").c_str(), O_RDONLY, nullptr);
+    ASSERT_GE(fd, 256);
+    EXPECT_TRUE(seen.insert(fd).second);
+  }
+  // The low descriptors that open gave were closed again.
+  int probe = open("/dev/null", O_RDONLY);
+  EXPECT_LT(probe, 256);
+  close(probe);
+  moxvos_close(fds[1]);
+  int again = moxvos_open(dir.file("f").c_str(), O_RDONLY, nullptr);
+  EXPECT_EQ(fds[1], again);
+  for (int fd : {again, fds[0], fds[2]}) moxvos_close(fd);
+}
+
+TEST(VosDescriptors, HighDescriptorFromOpenIsKeptAndLowOneUsedWhenNoHighIsAllowed) {
+  ScratchDir dir;
+  const std::string file = dir.file("f");
+  ASSERT_TRUE(moxtest::writeFile(file, "x"));
+  // Every descriptor below 256 taken, so open itself returns 256.  Moving
+  // it would give 257 (256 is still taken while it is duplicated).
+  ChildResults r = moxtest::resultOfChild<ChildResults>([&] {
+    ChildResults out;
+    struct rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur < 512 && limit.rlim_max >= 512) {
+      limit.rlim_cur = 512;
+      setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    int filler = open("/dev/null", O_RDONLY);
+    for (int fd = 0; fd < 256; ++fd) {
+      if (fcntl(fd, F_GETFD) == -1) dup2(filler, fd);
+    }
+    if (fcntl(256, F_GETFD) != -1) close(256);
+    out.values[0] = moxvos_open(file.c_str(), O_RDONLY, nullptr);
+    return out;
+  });
+  EXPECT_EQ(256, r.values[0]);
+
+  r = moxtest::resultOfChild<ChildResults>([&] {
+    ChildResults out;
+    struct rlimit limit = {64, 64};  // the channel's descriptor stays below it
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return out;
+    int fd = moxvos_open(file.c_str(), O_RDONLY, nullptr);
+    out.values[0] = fd;
+    char byte = 0;
+    out.values[1] = read(fd, &byte, 1) == 1 && byte == 'x';
+    return out;
+  });
+  EXPECT_GE(r.values[0], 0);
+  EXPECT_LT(r.values[0], 64);
+  EXPECT_EQ(1, r.values[1]);  // the file is open and readable anyway
+}
+
+TEST(VosDescriptors, OpenOfMissingFileFails) {
+  ScratchDir dir;
+  const std::string missing = dir.file("missing");
+  errno = 0;
+  EXPECT_EQ(-1, moxvos_open(missing.c_str(), O_RDONLY, nullptr));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(-1, moxvos_open64(missing.c_str(), O_RDWR, nullptr));
+  // A failure of fopen is -1 in all 64 bits.
+  EXPECT_EQ(INT64_C(-1), moxvos_fopen(missing.c_str(), "rb", nullptr));
+  EXPECT_EQ(INT64_C(-1), moxvos_fopen64(missing.c_str(), "r+", nullptr));
+  EXPECT_FALSE(moxtest::exists(missing));
+}
+
+TEST(VosDescriptors, FopenModeTable) {
+  ScratchDir dir;
+  const struct {
+    const char* mode;
+    int access;
+    bool append, creates, truncates;
+  } cases[] = {
+      {"r", O_RDONLY, false, false, false},    {"rb", O_RDONLY, false, false, false},
+      {"rt", O_RDONLY, false, false, false},   {"r+b", O_RDWR, false, false, false},
+      {"rb+", O_RDWR, false, false, false},    {"w", O_WRONLY, false, true, true},
+      {"wb", O_WRONLY, false, true, true},     {"w+", O_RDWR, false, true, true},
+      {"wb+", O_RDWR, false, true, true},      {"a", O_WRONLY, true, true, false},
+      {"ab", O_WRONLY, true, true, false},     {"a+", O_RDWR, true, true, false},
+      {"a+b", O_RDWR, true, true, false},      {"x", O_RDONLY, false, false, false},
+      {"xb", O_RDONLY, false, false, false},
+      {"x+", O_RDONLY, false, false, false},  // '+' only upgrades r, w, a
+      {"+r", O_RDONLY, false, false, false},  // the first character decides
+      {"br", O_RDONLY, false, false, false},   {"", O_RDONLY, false, false, false},
+      {nullptr, O_RDONLY, false, false, false},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    const std::string label = c.mode == nullptr ? "(null)" : c.mode;
+    const std::string existing = dir.file("existing" + std::to_string(n));
+    const std::string missing = dir.file("missing" + std::to_string(n++));
+    ASSERT_TRUE(moxtest::writeFile(existing, "0123456789"));
+    int64_t fd = moxvos_fopen(existing.c_str(), c.mode, nullptr);
+    ASSERT_GE(fd, 256) << label;
+    EXPECT_EQ(c.access, accessMode(static_cast<int>(fd))) << label;
+    EXPECT_EQ(c.append, appends(static_cast<int>(fd))) << label;
+    EXPECT_EQ(c.truncates ? 0 : 10, moxvos_filesize(static_cast<int>(fd))) << label;
+    moxvos_fclose(static_cast<int>(fd));
+    fd = moxvos_fopen64(missing.c_str(), c.mode, nullptr);
+    EXPECT_EQ(c.creates, fd >= 0) << label;
+    EXPECT_EQ(c.creates, moxtest::exists(missing)) << label;
+    if (fd >= 0) moxvos_fclose(static_cast<int>(fd));
+  }
+}
+
+// --- Transfers and seeking -----------------------------------------------------
+
+TEST(VosTransfers, FwriteCountsWholeElements) {
+  ScratchDir dir;
+  const std::string path = dir.file("data");
+  char buffer[40];
+  memset(buffer, 'a', sizeof buffer);
+  int fd = static_cast<int>(moxvos_fopen(path.c_str(), "wb", nullptr));
+  ASSERT_GE(fd, 256);
+  EXPECT_EQ(10, moxvos_fwrite(fd, buffer, 4, 10));
+  EXPECT_EQ(1, moxvos_fwrite(fd, buffer, 40, 1));
+  EXPECT_EQ(0, moxvos_fwrite(fd, buffer, 41, 0));
+  EXPECT_EQ(80, moxvos_filesize(fd));
+  moxvos_fclose(fd);
+
+  // A failing write (read-only descriptor) is no elements.
+  fd = static_cast<int>(moxvos_fopen(path.c_str(), "rb", nullptr));
+  errno = 0;
+  EXPECT_EQ(0, moxvos_fwrite(fd, buffer, 4, 10));
+  EXPECT_EQ(EBADF, errno);
+  EXPECT_EQ(-1, moxvos_write(fd, buffer, 4));
+  moxvos_fclose(fd);
+  EXPECT_EQ(0, moxvos_fwrite(-1, buffer, 1, 1));
+
+  // The file may not grow past 39 bytes: a write of 40 writes 39, the next
+  // one fails with EFBIG (SIGXFSZ ignored).
+  ChildResults r = moxtest::resultOfChild<ChildResults>([&] {
+    ChildResults out;
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit limit = {39, 39};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return out;
+    int limited = static_cast<int>(moxvos_fopen(dir.file("limited").c_str(), "wb", nullptr));
+    out.values[0] = moxvos_fwrite(limited, buffer, 4, 10);
+    errno = 0;
+    out.values[1] = moxvos_fwrite(limited, buffer, 4, 10);
+    out.error = errno;
+    out.values[2] = moxvos_filesize(limited);
+    out.values[3] = moxvos_write(limited, buffer, 1);
+    return out;
+  });
+  EXPECT_EQ(9, r.values[0]);
+  EXPECT_EQ(0, r.values[1]);
+  EXPECT_EQ(EFBIG, r.error);
+  EXPECT_EQ(39, r.values[2]);
+  EXPECT_EQ(-1, r.values[3]);
+}
+
+TEST(VosTransfers, FreadCountsWholeElements) {
+  ScratchDir dir;
+  const std::string path = dir.file("39");
+  ASSERT_TRUE(moxtest::writeFile(path, std::string(39, 'c')));
+  int fd = static_cast<int>(moxvos_fopen(path.c_str(), "rb", nullptr));
+  ASSERT_GE(fd, 256);
+  char buffer[64];
+  EXPECT_EQ(9, moxvos_fread(fd, buffer, 4, 10));  // 39 bytes: 9 elements
+  EXPECT_EQ(39, moxvos_ftell(fd));                 // but all 39 were read
+  EXPECT_EQ(0, moxvos_fread(fd, buffer, 4, 10));   // end of file
+  ASSERT_EQ(0, moxvos_fseek(fd, 0, SEEK_SET));
+  EXPECT_EQ(39, moxvos_fread(fd, buffer, 1, 64));
+  ASSERT_EQ(0, moxvos_fseek(fd, 0, SEEK_SET));
+  EXPECT_EQ(5, moxvos_read(fd, buffer, 5));
+  moxvos_fclose(fd);
+  errno = 0;
+  EXPECT_EQ(0, moxvos_fread(fd, buffer, 1, 1));  // closed: failure
+  EXPECT_EQ(EBADF, errno);
+
+  // A pipe holding 39 bytes gives 9 elements of 4 from one read.
+  int channel[2];
+  ASSERT_EQ(0, pipe(channel));
+  ASSERT_EQ(39, write(channel[1], std::string(39, 'p').data(), 39));
+  EXPECT_EQ(9, moxvos_fread(channel[0], buffer, 4, 16));
+  close(channel[0]);
+  close(channel[1]);
+}
+
+TEST(VosSeeking, FseekAnswersZeroAndFtellTheOffset) {
+  ScratchDir dir;
+  const std::string path = dir.file("seek");
+  ASSERT_TRUE(moxtest::writeFile(path, std::string(100, 's')));
+  int fd = static_cast<int>(moxvos_fopen(path.c_str(), "r+b", nullptr));
+  ASSERT_GE(fd, 256);
+  EXPECT_EQ(0, moxvos_fseek(fd, 70, SEEK_SET));
+  EXPECT_EQ(70, moxvos_ftell(fd));
+  EXPECT_EQ(0, moxvos_fseek(fd, -20, SEEK_CUR));
+  EXPECT_EQ(50, moxvos_ftell(fd));
+  EXPECT_EQ(100, moxvos_lseek(fd, 0, SEEK_END));
+  EXPECT_EQ(0, moxvos_fseek64(fd, 10, SEEK_SET));
+  EXPECT_EQ(10, moxvos_ftell64(fd));
+  errno = 0;
+  EXPECT_EQ(-1, moxvos_fseek(fd, -1, SEEK_SET));
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ(-1, moxvos_fseek64(fd, -5, SEEK_SET));
+  EXPECT_EQ(-1, moxvos_lseek(fd, -5, SEEK_SET));
+  EXPECT_EQ(10, moxvos_ftell(fd));  // failed seeks move nothing
+  moxvos_fclose(fd);
+  EXPECT_EQ(-1, moxvos_ftell(fd));
+  EXPECT_EQ(-1, moxvos_ftell64(fd));
+}
+
+TEST(VosSeeking, SixtyFourBitFamilyCarriesOffsetsPastFourGiB) {
+  ScratchDir dir;
+  const int64_t kThreeGiB = INT64_C(3) << 30, kFiveGiB = INT64_C(5) << 30;
+  int fd = static_cast<int>(moxvos_fopen64(dir.file("sparse").c_str(), "w+b", nullptr));
+  ASSERT_GE(fd, 256);
+  ASSERT_EQ(0, moxvos_ftruncate(fd, kThreeGiB));  // sparse: no blocks used
+  EXPECT_EQ(kThreeGiB, moxvos_filesize(fd));
+  EXPECT_EQ(kThreeGiB, moxvos_filesize64(fd));
+  struct stat64 record;
+  ASSERT_EQ(0, moxvos_fstat64(fd, &record));
+  EXPECT_EQ(kThreeGiB, record.st_size);
+  EXPECT_EQ(kThreeGiB, moxvos_lseek64(fd, 0, SEEK_END));
+  EXPECT_EQ(kThreeGiB, moxvos_ftell64(fd));
+  EXPECT_EQ(0, moxvos_fseek64(fd, kThreeGiB - 4, SEEK_SET));
+  EXPECT_EQ(kThreeGiB - 4, moxvos_ftell64(fd));
+  EXPECT_EQ(1, moxvos_fwrite(fd, "tail", 4, 1));
+  EXPECT_EQ(kThreeGiB, moxvos_ftell64(fd));
+  EXPECT_EQ(kThreeGiB, moxvos_ftell(fd));
+  EXPECT_EQ(kFiveGiB + 1, moxvos_lseek64(fd, kFiveGiB + 1, SEEK_SET));
+  EXPECT_EQ(0, moxvos_fseek64(fd, -(kFiveGiB + 1 - (kThreeGiB - 4)), SEEK_CUR));
+  char back[4] = {0, 0, 0, 0};
+  EXPECT_EQ(4, moxvos_fread(fd, back, 1, 4));
+  EXPECT_EQ(0, memcmp(back, "tail", 4));
+  EXPECT_EQ(0, moxvos_fseek(fd, kThreeGiB - 4, SEEK_SET));
+  EXPECT_EQ(kThreeGiB - 4, moxvos_ftell(fd));
+  EXPECT_EQ(0, moxvos_fsync(fd));
+  moxvos_fclose(fd);
+}
+
+// --- Status, directories -------------------------------------------------------
+
+TEST(VosStatus, FilesizeOfEmptyAndClosedFiles) {
+  ScratchDir dir;
+  int fd = static_cast<int>(moxvos_fopen(dir.file("empty").c_str(), "w", nullptr));
+  ASSERT_GE(fd, 256);
+  EXPECT_EQ(0, moxvos_filesize(fd));
+  EXPECT_EQ(5, moxvos_write(fd, "hello", 5));
+  EXPECT_EQ(5, moxvos_filesize64(fd));
+  EXPECT_EQ(0, moxvos_close(fd));
+  EXPECT_EQ(-1, moxvos_filesize(fd));
+  EXPECT_EQ(-1, moxvos_filesize64(fd));
+  EXPECT_EQ(-1, moxvos_close(fd));
+  EXPECT_EQ(EBADF, errno);
+}
+
+TEST(VosStatus, PathFunctionsPassThrough) {
+  ScratchDir dir;
+  const std::string a = dir.file("a"), b = dir.file("b");
+  ASSERT_TRUE(moxtest::writeFile(a, "12345"));
+  struct stat record;
+  ASSERT_EQ(0, moxvos_stat(a.c_str(), &record, nullptr));
+  EXPECT_EQ(5, record.st_size);
+  EXPECT_EQ(-1, moxvos_stat(b.c_str(), &record, nullptr));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(0, moxvos_chmod(a.c_str(), 0600, nullptr));
+  EXPECT_EQ(0600u, permissions(a));
+  EXPECT_EQ(0, moxvos_access(a.c_str(), R_OK, nullptr));
+  EXPECT_EQ(-1, moxvos_access(b.c_str(), F_OK, nullptr));
+  struct timeval times[2] = {{1000000000, 0}, {1234567890, 0}};
+  ASSERT_EQ(0, moxvos_utimes(a.c_str(), times));
+  ASSERT_EQ(0, moxvos_stat(a.c_str(), &record, nullptr));
+  EXPECT_EQ(1234567890, record.st_mtime);
+  EXPECT_EQ(0, moxvos_rename(a.c_str(), b.c_str(), nullptr));
+  EXPECT_FALSE(moxtest::exists(a));
+  int fd = static_cast<int>(moxvos_fopen(b.c_str(), "r", nullptr));
+  ASSERT_EQ(0, moxvos_fstat(fd, &record));
+  EXPECT_EQ(5, record.st_size);
+  moxvos_fclose(fd);
+  EXPECT_EQ(0, moxvos_unlink(b.c_str(), nullptr));
+  EXPECT_EQ(-1, moxvos_unlink(b.c_str(), nullptr));
+  struct statfs fs;
+  EXPECT_EQ(0, moxvos_statfs(dir.path().c_str(), &fs));
+  EXPECT_EQ(-1, moxvos_statfs(b.c_str(), &fs));
+  const int previous = moxvos_umask(027, nullptr);
+  EXPECT_EQ(027, moxvos_umask(previous, nullptr));
+}
+
+TEST(VosStatus, WorkingDirectoryAndDirectories) {
+  ScratchDir dir;
+  char before[4096], inside[4096], real[4096], tiny[2];
+  ASSERT_NE(nullptr, moxvos_getcwd(before, sizeof before, nullptr));
+  ASSERT_EQ(0, moxvos_chdir(dir.path().c_str(), nullptr));
+  EXPECT_EQ(inside, moxvos_getcwd(inside, sizeof inside, nullptr));
+  ASSERT_NE(nullptr, realpath(dir.path().c_str(), real));
+  EXPECT_STREQ(real, inside);
+  EXPECT_EQ(nullptr, moxvos_getcwd(tiny, sizeof tiny, nullptr));
+  EXPECT_EQ(ERANGE, errno);
+  ASSERT_EQ(0, moxvos_chdir(before, nullptr));
+  EXPECT_EQ(-1, moxvos_chdir(dir.file("none").c_str(), nullptr));
+  ASSERT_EQ(0, mkdir(dir.file("sub").c_str(), 0755));
+  EXPECT_EQ(0, moxvos_rmdir(dir.file("sub").c_str(), nullptr));
+  EXPECT_EQ(-1, moxvos_rmdir(dir.file("sub").c_str(), nullptr));
+  EXPECT_EQ(ENOENT, errno);
+}
+
+TEST(VosStatus, ReaddirAndReaddirRWalkOneSequence) {
+  ScratchDir dir;
+  for (const char* name : {"one", "two", "three"}) ASSERT_TRUE(moxtest::writeFile(dir.file(name), name));
+  EXPECT_EQ(nullptr, moxvos_opendir(dir.file("none").c_str(), nullptr));
+  DIR* handle = moxvos_opendir(dir.path().c_str(), nullptr);
+  ASSERT_NE(nullptr, handle);
+  struct dirent entry, untouched;
+  memset(&entry, 0xab, sizeof entry);
+  memcpy(&untouched, &entry, sizeof entry);
+  std::set<std::string> names;
+  for (bool useR = false;; useR = !useR) {
+    struct dirent* next = useR ? moxvos_readdir_r(handle, &entry, nullptr) : moxvos_readdir(handle, nullptr);
+    if (next == nullptr) break;
+    EXPECT_NE(&entry, next);
+    EXPECT_TRUE(names.insert(next->d_name).second) << next->d_name;
+  }
+  EXPECT_EQ(nullptr, moxvos_readdir_r(handle, &entry, nullptr));
+  EXPECT_EQ(0, memcmp(&entry, &untouched, sizeof entry));
+  EXPECT_EQ((std::set<std::string>{".", "..", "one", "two", "three"}), names);
+  EXPECT_EQ(0, moxvos_closedir(handle, nullptr));
+}
+
+// --- Temporary names -------------------------------------------------------------
+
+class VosTempnam : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    gTemplates.clear();
+    gFailNext = 0;
+  }
+};
+
+TEST_F(VosTempnam, CreatesAnEmptyPrivateFileInTheDirectory) {
+  ScratchDir dir;
+  char* name = moxvos_tempnam(dir.path().c_str(), "pre", nullptr);
+  ASSERT_NE(nullptr, name);
+  const std::string text = name, head = dir.path() + "/pre";
+  ASSERT_EQ(head.size() + 6, text.size());
+  EXPECT_EQ(head, text.substr(0, head.size()));
+  EXPECT_EQ(std::string::npos, text.find("XXXXXX"));
+  EXPECT_EQ(std::vector<std::string>{head + "XXXXXX"}, gTemplates);
+  struct stat record;
+  ASSERT_EQ(0, stat(name, &record));
+  EXPECT_TRUE(S_ISREG(record.st_mode));
+  EXPECT_EQ(0, record.st_size);
+  EXPECT_EQ(0600u, record.st_mode & 07777);
+  char* other = moxvos_tempnam(dir.path().c_str(), "pre", nullptr);
+  ASSERT_NE(nullptr, other);
+  EXPECT_STRNE(name, other);
+  moxvos_free(other);
+  moxvos_free(name);
+}
+
+TEST_F(VosTempnam, NullDirectoryIsTmpAndNullPrefixIsEmpty) {
+  char* name = moxvos_tempnam(nullptr, nullptr, nullptr);
+  ASSERT_NE(nullptr, name);
+  EXPECT_EQ(11u, strlen(name));
+  EXPECT_EQ(0, strncmp(name, "/tmp/", 5));
+  EXPECT_EQ(std::vector<std::string>{"/tmp/XXXXXX"}, gTemplates);
+  struct stat record;
+  EXPECT_EQ(0, stat(name, &record));
+  EXPECT_EQ(0, record.st_size);
+  EXPECT_EQ(0, unlink(name));  // the caller removes the file
+  moxvos_free(name);
+  ScratchDir dir;
+  name = moxvos_tempnam(dir.path().c_str(), nullptr, nullptr);
+  ASSERT_NE(nullptr, name);
+  EXPECT_EQ(dir.path().size() + 7, strlen(name));
+  moxvos_free(name);
+}
+
+TEST_F(VosTempnam, ASecondAttemptStartsFromAFreshTemplateAndIsTheLast) {
+  ScratchDir dir;
+  const std::string missing = dir.file("no/such/dir");
+  errno = 0;
+  EXPECT_EQ(nullptr, moxvos_tempnam(missing.c_str(), "t", nullptr));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(std::vector<std::string>(2, missing + "/tXXXXXX"), gTemplates);
+  EXPECT_FALSE(moxtest::exists(dir.file("no")));
+
+  gTemplates.clear();
+  gFailNext = 1;
+  char* name = moxvos_tempnam(dir.path().c_str(), "r", nullptr);
+  ASSERT_NE(nullptr, name);
+  EXPECT_EQ(std::vector<std::string>(2, dir.path() + "/rXXXXXX"), gTemplates);
+  EXPECT_TRUE(moxtest::exists(name));
+  moxvos_free(name);
+  gTemplates.clear();
+  gFailNext = 3;  // both attempts fail: nothing more is tried
+  EXPECT_EQ(nullptr, moxvos_tempnam(dir.path().c_str(), "r", nullptr));
+  EXPECT_EQ(2u, gTemplates.size());
+}
+
+// --- Directory paths ---------------------------------------------------------------
+
+TEST(VosMkdir, CreatesEveryMissingDirectoryUnderTheUmask) {
+  ScratchDir dir;
+  moxtest::CwdGuard cwd(dir.path());
+  UmaskGuard mask(027);
+  EXPECT_EQ(0, moxvos_mkdir("a/b/c", 0715, nullptr));
+  for (const char* path : {"a", "a/b", "a/b/c"}) {
+    ASSERT_TRUE(isDirectory(path)) << path;
+    EXPECT_EQ(0710u, permissions(path)) << path;
+  }
+  // Everything there already: nothing to do is -1.
+  EXPECT_EQ(-1, moxvos_mkdir("a/b/c", 0750, nullptr));
+  EXPECT_EQ(-1, moxvos_mkdir("a", 0750, nullptr));
+  // A trailing slash: a exists, a/x is made, the final "a/x/" exists.
+  EXPECT_EQ(0, moxvos_mkdir("a/x/", 0755, nullptr));
+  EXPECT_TRUE(isDirectory("a/x"));
+  EXPECT_EQ(0, moxvos_mkdir("a//y", 0755, nullptr));  // repeated slashes are harmless
+  EXPECT_TRUE(isDirectory("a/y"));
+  // Absolute paths start below the root.
+  EXPECT_EQ(0, moxvos_mkdir(dir.file("p/q").c_str(), 0755, nullptr));
+  EXPECT_TRUE(isDirectory(dir.file("p/q")));
+  EXPECT_EQ(-1, moxvos_mkdir("/", 0755, nullptr));
+  EXPECT_EQ(-1, moxvos_mkdir(dir.path().c_str(), 0755, nullptr));
+  // A plain file counts as present; the directories below it fail.
+  ASSERT_TRUE(moxtest::writeFile("plain", "file"));
+  errno = 0;
+  EXPECT_EQ(-1, moxvos_mkdir("plain/sub/deeper", 0755, nullptr));
+  EXPECT_EQ(ENOTDIR, errno);
+}
+
+TEST(VosMkdir, DoubleSlashPathsSkipTheHostPart) {
+  // "//host" with no further '/' from the fourth character on.
+  for (const char* path : {"//", "//h", "//host", "//a", "///"}) {
+    EXPECT_EQ(-1, moxvos_mkdir(path, 0755, nullptr)) << path;
+  }
+  // "//first/rest": "//first" is never created, the rest is.  Linux reads a
+  // leading double slash as the root, so this lands in the scratch dir.
+  ScratchDir dir;
+  EXPECT_EQ(0, moxvos_mkdir(("/" + dir.path() + "/s/t").c_str(), 0755, nullptr));
+  EXPECT_TRUE(isDirectory(dir.file("s/t")));
+}
+
+// Inside a child whose root is a scratch directory, so that paths at the
+// root can be created (or shown not to be) without touching the machine.
+TEST(VosMkdir, RootAndHostPartsAreNeverCreated) {
+  ScratchDir dir;
+  const int code = moxtest::runInChild([&] {
+    if (chroot(dir.path().c_str()) != 0) {
+      if (unshare(CLONE_NEWUSER) != 0 || chroot(dir.path().c_str()) != 0) return 77;
+    }
+    if (chdir("/") != 0) return 78;
+    if (moxvos_mkdir("/", 0755, nullptr) != -1) return 10;
+    if (moxvos_mkdir("/top/sub", 0755, nullptr) != 0 || !isDirectory("/top/sub")) return 11;
+    // The host part "//host" is skipped even though it is missing, so the
+    // first mkdir ("//host/a") fails and so does everything after it.
+    if (moxvos_mkdir("//host/a/b", 0755, nullptr) != -1 || moxtest::exists("/host")) return 13;
+    // Only a '/' from the fourth character on ends the host part: "///x"
+    // has none, so nothing is created.
+    if (moxvos_mkdir("///x", 0755, nullptr) != -1 || moxtest::exists("/x")) return 15;
+    // "//top/" is the host part here, and it exists: "new" is made in it.
+    if (moxvos_mkdir("//top/new", 0755, nullptr) != 0 || !isDirectory("/top/new")) return 17;
+    return 0;
+  });
+  if (code == 77) GTEST_SKIP() << "cannot change the root directory here";
+  EXPECT_EQ(0, code);
+}
+
+TEST(VosMkdir, VeryLongPathsFailCleanly) {
+  ScratchDir dir;
+  moxtest::CwdGuard cwd(dir.path());
+  // 50 components of 200 bytes: only the first 4096 bytes are looked at.
+  // The 20 whole components among them are made; the prefix that is the
+  // whole 4096 bytes is too long for the platform, so the result is -1.
+  const std::string component(200, 'd');
+  std::string path, twenty;
+  for (int i = 0; i < 50; ++i) {
+    path += (i ? "/" : "") + component;
+    if (i == 19) twenty = path;
+  }
+  errno = 0;
+  EXPECT_EQ(-1, moxvos_mkdir(path.c_str(), 0755, nullptr));
+  EXPECT_EQ(ENAMETOOLONG, errno);
+  ASSERT_TRUE(isDirectory(twenty));
+  DIR* deepest = opendir(twenty.c_str());
+  ASSERT_NE(nullptr, deepest);
+  int entries = 0;
+  while (readdir(deepest) != nullptr) ++entries;
+  closedir(deepest);
+  EXPECT_EQ(2, entries);  // only "." and ".."
+}
+
+// --- Locks -----------------------------------------------------------------------
+
+// The first lock another process would run into on [start, start + length)
+// (length 0: to the end, however far), as F_GETLK reports it in a child;
+// l_type is F_UNLCK when nothing is in the way.
+struct flock conflictSeenByOtherProcess(const std::string& path, off_t start, off_t length) {
+  struct flock failed;
+  memset(&failed, 0, sizeof failed);
+  failed.l_type = -1;
+  return moxtest::resultOfChild<struct flock>([&] {
+    struct flock query = failed;
+    query.l_type = F_WRLCK;
+    query.l_whence = SEEK_SET;
+    query.l_start = start;
+    query.l_len = length;
+    int fd = open(path.c_str(), O_RDWR);
+    if (fd < 0 || fcntl(fd, F_GETLK, &query) != 0) return failed;
+    return query;
+  }, failed);
+}
+
+// A second process that takes a write lock on the whole present file with
+// the layer itself and holds it until released.
+class LockHolder {
+ public:
+  explicit LockHolder(const std::string& path) {
+    int ready[2], release[2];
+    if (pipe(ready) != 0 || pipe(release) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      close(ready[0]);
+      close(release[1]);
+      _MoxvosFlock lock;
+      char answer = moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr) == 0 &&
+                            moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr) == 0
+                        ? 'y'
+                        : 'n';
+      if (write(ready[1], &answer, 1) != 1) _exit(3);
+      char go;
+      if (read(release[0], &go, 1) < 0) _exit(4);  // parent's word or EOF
+      moxvos_flock_free(&lock, nullptr);
+      _exit(answer == 'y' ? 0 : 5);
+    }
+    close(ready[1]);
+    close(release[0]);
+    char answer = 'n';
+    locked_ = read(ready[0], &answer, 1) == 1 && answer == 'y';
+    close(ready[0]);
+    release_ = release[1];
+  }
+  ~LockHolder() { release(); }
+  bool locked() const { return locked_; }
+  int release() {
+    if (pid_ <= 0) return -1;
+    close(release_);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = 0;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int release_ = -1;
+  bool locked_ = false;
+};
+
+TEST(VosLocks, LengthZeroLocksThePresentSizeAndSeeksToTheEnd) {
+  ScratchDir dir;
+  const std::string path = dir.file("hundred");
+  ASSERT_TRUE(moxtest::writeFile(path, std::string(100, 'h')));
+  _MoxvosFlock lock;
+  ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr));
+  EXPECT_GE(lock.iFd, 256);
+  ASSERT_NE(nullptr, lock.pszPath);
+  EXPECT_STREQ(path.c_str(), lock.pszPath);
+  EXPECT_NE(path.c_str(), lock.pszPath);
+  EXPECT_EQ(static_cast<void*>(&lock), static_cast<void*>(&lock.flLock));
+
+  ASSERT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr));
+  EXPECT_EQ(100, moxvos_ftell(lock.iFd));
+  EXPECT_EQ(F_WRLCK, lock.flLock.l_type);
+  EXPECT_EQ(SEEK_SET, lock.flLock.l_whence);
+  EXPECT_EQ(0, lock.flLock.l_start);
+  EXPECT_EQ(100, lock.flLock.l_len);
+  // Another process sees bytes 0..99 locked, byte 100 onwards free.
+  struct flock seen = conflictSeenByOtherProcess(path, 0, 0);
+  EXPECT_EQ(F_WRLCK, seen.l_type);
+  EXPECT_EQ(0, seen.l_start);
+  EXPECT_EQ(100, seen.l_len);
+  EXPECT_EQ(getpid(), seen.l_pid);
+  EXPECT_EQ(F_UNLCK, conflictSeenByOtherProcess(path, 100, 0).l_type);
+  ASSERT_EQ(0, moxvos_flock_unlock(&lock, SEEK_SET, 0, 0, nullptr));
+  EXPECT_EQ(F_UNLCK, lock.flLock.l_type);
+  EXPECT_EQ(F_UNLCK, conflictSeenByOtherProcess(path, 0, 0).l_type);
+
+  // An explicit range, relative to the current offset.
+  ASSERT_EQ(0, moxvos_fseek(lock.iFd, 10, SEEK_SET));
+  ASSERT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_CUR, 5, 20, nullptr));
+  seen = conflictSeenByOtherProcess(path, 0, 0);
+  EXPECT_EQ(F_WRLCK, seen.l_type);
+  EXPECT_EQ(15, seen.l_start);
+  EXPECT_EQ(20, seen.l_len);
+  EXPECT_EQ(10, moxvos_ftell(lock.iFd));  // a nonzero length moves nothing
+  EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
+  EXPECT_EQ(-1, lock.iFd);
+  EXPECT_EQ(nullptr, lock.pszPath);
+  EXPECT_EQ(F_UNLCK, conflictSeenByOtherProcess(path, 0, 0).l_type);
+}
+
+TEST(VosLocks, NewEmptyLockFileGets0644AndLengthZeroLocksToTheEnd) {
+  ScratchDir dir;
+  UmaskGuard mask(022);
+  const std::string path = dir.file("new.lock");
+  _MoxvosFlock lock;
+  ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR | O_CREAT, path.c_str(), nullptr));
+  EXPECT_EQ(0644u, permissions(path));
+  ASSERT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr));
+  EXPECT_EQ(0, lock.flLock.l_len);
+  // Length 0 reached fcntl as 0: everything from 0 on, even far away.
+  struct flock seen = conflictSeenByOtherProcess(path, 1 << 30, 1);
+  EXPECT_EQ(F_WRLCK, seen.l_type);
+  EXPECT_EQ(0, seen.l_len);
+  EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
+  EXPECT_TRUE(moxtest::exists(path));  // freeing never removes the file
+}
+
+TEST(VosLocks, LockHeldByAnotherProcessIsBusy) {
+  ScratchDir dir;
+  const std::string path = dir.file("shared");
+  ASSERT_TRUE(moxtest::writeFile(path, std::string(100, 's')));
+  _MoxvosFlock lock;
+  ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr));
+  {
+    LockHolder holder(path);
+    ASSERT_TRUE(holder.locked());
+    for (off_t start : {0, 50}) {
+      errno = 0;
+      EXPECT_EQ(-1, moxvos_flock_trywrlock(&lock, SEEK_SET, start, start ? 1 : 0, nullptr));
+      EXPECT_EQ(EBUSY, errno);
+    }
+    // Beyond the holder's range (it locked the 100 bytes there were).
+    EXPECT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 100, 10, nullptr));
+    EXPECT_EQ(0, holder.release());
+  }
+  EXPECT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr));
+  // Now this process holds it, and the other one is kept out in turn.
+  LockHolder second(path);
+  EXPECT_FALSE(second.locked());
+  EXPECT_EQ(5, second.release());
+  EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
+}
+
+TEST(VosLocks, ObjectWithoutAFileOrWithOneThatCannotBeOpened) {
+  _MoxvosFlock lock;
+  memset(&lock, 0x5a, sizeof lock);
+  EXPECT_EQ(0, moxvos_flock_init(&lock, O_RDWR, nullptr, nullptr));
+  EXPECT_EQ(-1, lock.iFd);
+  EXPECT_EQ(nullptr, lock.pszPath);
+  // A request fails in fcntl with a bad descriptor, not as busy.
+  errno = 0;
+  EXPECT_EQ(-1, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 10, nullptr));
+  EXPECT_EQ(EBADF, errno);
+  EXPECT_EQ(-1, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr));
+  EXPECT_EQ(EBADF, errno);
+  EXPECT_EQ(-1, moxvos_flock_unlock(&lock, SEEK_SET, 0, 10, nullptr));
+  EXPECT_EQ(EBADF, errno);
+  EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
+  EXPECT_EQ(-1, lock.iFd);
+  EXPECT_EQ(nullptr, lock.pszPath);
+
+  // A file that cannot be opened: the name is kept until freed (the
+  // sanitizer build's leak check sees the copy released).
+  ScratchDir dir;
+  const std::string path = dir.file("missing/lock");
+  errno = 0;
+  EXPECT_EQ(-1, moxvos_flock_init(&lock, O_RDWR | O_CREAT, path.c_str(), nullptr));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(-1, lock.iFd);
+  ASSERT_NE(nullptr, lock.pszPath);
+  EXPECT_STREQ(path.c_str(), lock.pszPath);
+  EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
+  EXPECT_EQ(nullptr, lock.pszPath);
+}
+
+// --- Memory ------------------------------------------------------------------------
+// No test lets the allocator hand out 2 GiB: sizes above the limit are
+// shown to skip it (errno stays untouched, where any failing allocator
+// would set ENOMEM), and sizes at the limit to reach it in a child whose
+// address space is too small for them (null with ENOMEM).
+
+constexpr uint64_t kLimit = 2147483647ULL;
+
+// True when block has been given back to the allocator.  With
+// AddressSanitizer a freed block is poisoned (it sits in quarantine);
+// without it, a block above the mmap threshold is unmapped on release and
+// leaves glibc's count of mapped bytes.
+struct ReleaseProbe {
+  static constexpr size_t kSize = 8u << 20;
+  void* block = nullptr;
+  size_t mappedBefore = 0;
+  ReleaseProbe() {
+#ifndef MOX_TEST_ASAN
+    // Pin the threshold: glibc raises it after each release of a mapped
+    // block, which would put the next probe block on the heap.
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+#endif
+    block = malloc(kSize);
+    memset(block, 1, kSize);
+    mappedBefore = mallinfo2().hblkhd;
+  }
+  bool released() const {
+#ifdef MOX_TEST_ASAN
+    return __asan_address_is_poisoned(block) != 0;
+#else
+    return mallinfo2().hblkhd + kSize <= mappedBefore;
+#endif
+  }
+};
+
+TEST(VosMemory, SizesPastTheLimitNeverReachTheAllocator) {
+  errno = 0;
+  for (uint64_t size : {uint64_t{0}, kLimit + 1, UINT64_MAX}) EXPECT_EQ(nullptr, moxvos_malloc(size)) << size;
+  const std::pair<uint64_t, uint64_t> products[] = {
+      {65536, 65536}, {65536, 32768},  // 2^32, exactly 2^31
+      {0, 8}, {8, 0}, {kLimit + 1, 1}, {1, kLimit + 1},
+      {UINT64_MAX, UINT64_MAX}, {1ULL << 33, 1ULL << 31}};  // would wrap, wraps to 0
+  for (auto [count, size] : products) EXPECT_EQ(nullptr, moxvos_calloc(count, size)) << count << " x " << size;
+  EXPECT_EQ(0, errno);
+
+  for (int size : {1, 1 << 20}) {
+    void* block = moxvos_malloc(size);
+    ASSERT_NE(nullptr, block);
+    memset(block, 0, size);
+    moxvos_free(block);
+  }
+  unsigned char* zeros = static_cast<unsigned char*>(moxvos_calloc(100, 7));
+  ASSERT_NE(nullptr, zeros);
+  for (int i = 0; i < 700; ++i) ASSERT_EQ(0, zeros[i]);
+  moxvos_free(zeros);
+  void* page = moxvos_valloc(64);
+  ASSERT_NE(nullptr, page);
+  moxvos_free(page);
+  moxvos_free(nullptr);  // does nothing
+}
+
+TEST(VosMemory, SizesAtTheLimitReachTheAllocator) {
+  // 256 MiB of head room: a small block still works, 2^31 - 1 cannot.
+  int code = moxtest::runInChild([] {
+    long pages = 0;
+    FILE* statm = fopen("/proc/self/statm", "r");
+    if (statm == nullptr || fscanf(statm, "%ld", &pages) != 1) return 90;
+    fclose(statm);
+    const rlim_t room = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (256u << 20);
+    struct rlimit limit = {room, room};
+    if (setrlimit(RLIMIT_AS, &limit) != 0) return 91;
+    void* small = moxvos_malloc(4096);
+    if (small == nullptr) return 10;
+    auto refused = [](void* p) { return p == nullptr && errno == ENOMEM; };
+    errno = 0;
+    if (!refused(moxvos_malloc(kLimit))) return 11;
+    errno = 0;
+    if (!refused(moxvos_calloc(1, kLimit))) return 12;
+    errno = 0;
+    if (!refused(moxvos_calloc(65535, 32768))) return 13;
+    errno = 0;
+    if (!refused(moxvos_realloc(nullptr, kLimit))) return 14;
+    errno = 0;
+    if (!refused(moxvos_realloc(small, kLimit))) return 15;
+    errno = 0;  // a failing realloc keeps the block
+    if (!refused(moxvos_Saferealloc(small, kLimit))) return 16;
+    errno = 0;  // valloc has no limit of its own: 2^31 reaches the allocator
+    if (!refused(moxvos_valloc(kLimit + 1))) return 17;
+    memset(small, 0, 4096);  // still valid
+    moxvos_free(small);
+    return 0;
+  });
+  EXPECT_EQ(0, code);
+}
+
+TEST(VosMemory, ReallocAboveTheLimitKeepsTheBlockAndSafereallocReleasesIt) {
+  char* block = static_cast<char*>(moxvos_realloc(nullptr, 16));
+  ASSERT_NE(nullptr, block);
+  memcpy(block, "fifteen chars!!", 16);
+  errno = 0;
+  EXPECT_EQ(nullptr, moxvos_realloc(block, kLimit + 1));
+  EXPECT_EQ(0, errno);
+  EXPECT_STREQ("fifteen chars!!", block);  // still valid and unchanged
+  block = static_cast<char*>(moxvos_realloc(block, 4096));
+  ASSERT_NE(nullptr, block);
+  EXPECT_STREQ("fifteen chars!!", block);
+  moxvos_free(block);
+
+  ReleaseProbe probe;
+  ASSERT_FALSE(probe.released());
+  errno = 0;
+  EXPECT_EQ(nullptr, moxvos_Saferealloc(probe.block, kLimit + 1));
+  EXPECT_EQ(0, errno);
+  EXPECT_TRUE(probe.released());
+  EXPECT_EQ(nullptr, moxvos_Saferealloc(nullptr, kLimit + 1));
+}
+
+TEST(VosMemory, SafereallocToZeroReleasesOnce) {
+  // A second release would be a double free, which the sanitizer build
+  // reports and aborts on.
+  ReleaseProbe probe;
+  EXPECT_EQ(nullptr, moxvos_Saferealloc(probe.block, 0));
+  EXPECT_TRUE(probe.released());
+  char* grown = static_cast<char*>(moxvos_Saferealloc(nullptr, 8));
+  ASSERT_NE(nullptr, grown);
+  memcpy(grown, "abcdefg", 8);
+  grown = static_cast<char*>(moxvos_Saferealloc(grown, 1 << 16));
+  ASSERT_NE(nullptr, grown);
+  EXPECT_STREQ("abcdefg", grown);
+  moxvos_free(grown);
+}
+
+// --- Dynamic loading and its log ------------------------------------------------------
+
+const char kMissing[] = "libmoxvos-test-no-such-library.so";
+
+// A scratch working directory, with MOX_DLL_LOG restored afterwards.
+class VosLoader : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const char* value = getenv("MOX_DLL_LOG");
+    hadValue_ = value != nullptr;
+    if (hadValue_) saved_ = value;
+    cwd_ = std::make_unique<moxtest::CwdGuard>(dir_.path());
+  }
+  void TearDown() override {
+    cwd_.reset();
+    if (hadValue_) {
+      setenv("MOX_DLL_LOG", saved_.c_str(), 1);
+    } else {
+      unsetenv("MOX_DLL_LOG");
+    }
+  }
+  std::string log() const { return moxtest::readFile(dir_.file("dll_debug.log")); }
+
+  ScratchDir dir_;
+
+ private:
+  std::unique_ptr<moxtest::CwdGuard> cwd_;
+  bool hadValue_ = false;
+  std::string saved_;
+};
+
+TEST_F(VosLoader, WithoutTheVariableNothingIsLoggedAndSymbolsWork) {
+  unsetenv("MOX_DLL_LOG");
+  void* handle = moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(nullptr, handle) << moxvos_dlerror();
+  EXPECT_EQ(nullptr, moxvos_dlopen(kMissing, RTLD_NOW));
+  moxvos_dll_log("anything %s \n", "at all");
+  EXPECT_FALSE(moxtest::exists(dir_.file("dll_debug.log")));
+  using Version = const char* (*)();
+  auto version = reinterpret_cast<Version>(moxvos_dlsym(handle, "moxoleVersion"));
+  ASSERT_NE(nullptr, version);
+  EXPECT_STRNE("", version());
+  EXPECT_EQ(nullptr, moxvos_dlsym(handle, "moxvos_no_such_symbol"));
+  EXPECT_NE(nullptr, moxvos_dlerror());
+  // More closes than this process ever made opens: a real dlclose would
+  // have unloaded the library long before the last one.
+  for (int i = 0; i < 64; ++i) EXPECT_EQ(0, moxvos_dlclose(handle));
+  EXPECT_NE(nullptr, dlopen(MOX_LIBRARY_PATH, RTLD_NOW | RTLD_NOLOAD));
+  EXPECT_NE(nullptr, moxvos_dlsym(handle, "moxvos_dlopen"));
+}
+
+TEST_F(VosLoader, WithTheVariableLoadsAreAppended) {
+  setenv("MOX_DLL_LOG", "1", 1);
+  void* handle = moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW);
+  ASSERT_NE(nullptr, handle) << moxvos_dlerror();
+  const std::string first = std::string("moxvos_dlopen dll ") + MOX_LIBRARY_PATH + " \n";
+  EXPECT_EQ(first, log());  // a successful load: one line
+  EXPECT_EQ(nullptr, moxvos_dlopen(kMissing, RTLD_LAZY));
+  const std::string failed = std::string("moxvos_dlopen dll ") + kMissing +
+                             " \nERROR: moxvos_dlopen dll " + kMissing + " \n";
+  EXPECT_EQ(first + failed, log());  // a failed one: two more, in order
+  // The platform's reason is not logged; it waits in dlerror.
+  const char* reason = moxvos_dlerror();
+  ASSERT_NE(nullptr, reason);
+  EXPECT_NE(nullptr, strstr(reason, kMissing));
+  EXPECT_EQ(nullptr, moxvos_dlerror());  // and is consumed by reading it
+  EXPECT_EQ(0, moxvos_dlclose(handle));
+}
+
+TEST_F(VosLoader, AnEmptyValueCountsAsSetAndAnUnwritableLogIsIgnored) {
+  setenv("MOX_DLL_LOG", "", 1);
+  moxvos_dll_log("first %s \n", "line");
+  moxvos_dll_log("second %s \n", "line");
+  moxvos_dll_log("no argument used\n", nullptr);
+  EXPECT_EQ("first line \nsecond line \nno argument used\n", log());
+  ASSERT_EQ(0, unlink(dir_.file("dll_debug.log").c_str()));
+  ASSERT_EQ(0, mkdir(dir_.file("dll_debug.log").c_str(), 0755));
+  moxvos_dll_log("lost %s \n", "line");
+  EXPECT_EQ(nullptr, moxvos_dlopen(kMissing, RTLD_NOW));
+  EXPECT_NE(nullptr, moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW));
+  moxvos_dll_log(nullptr, "ignored");
+}
+
+// --- Exit, system, sleep ---------------------------------------------------------------
+
+int gExitChannel = -1;
+
+double seconds() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec + now.tv_nsec / 1e9;
+}
+
+TEST(VosProcess, ExitRunsHandlersAndSystemReturnsTheWaitStatus) {
+  int channel[2];
+  ASSERT_EQ(0, pipe(channel));
+  int code = moxtest::runInChild([&]() -> int {
+    gExitChannel = channel[1];
+    atexit([] {  // exit(), not _exit(): handlers run
+      if (write(gExitChannel, "e", 1) != 1) _exit(99);
+    });
+    moxvos_exit(7);
+  });
+  close(channel[1]);
+  EXPECT_EQ(7, code);
+  char byte = 0;
+  EXPECT_EQ(1, read(channel[0], &byte, 1));
+  EXPECT_EQ('e', byte);
+  close(channel[0]);
+
+  int status = moxvos_system("exit 3");
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(3, WEXITSTATUS(status));
+  EXPECT_EQ(0, moxvos_system("true"));
+  EXPECT_NE(0, moxvos_system(nullptr));  // a shell is available
+}
+
+TEST(VosProcess, UsleepAnswersZeroEvenWhenInterrupted) {
+  double start = seconds();
+  EXPECT_EQ(0, moxvos_usleep(20000));
+  EXPECT_GE(seconds() - start, 0.019);
+  EXPECT_EQ(0, moxvos_usleep(0));
+  struct sigaction action, previous;
+  memset(&action, 0, sizeof action);
+  action.sa_handler = [](int) {};  // no SA_RESTART: the sleep is cut short
+  ASSERT_EQ(0, sigaction(SIGALRM, &action, &previous));
+  struct itimerval timer = {{0, 0}, {0, 50000}};
+  ASSERT_EQ(0, setitimer(ITIMER_REAL, &timer, nullptr));
+  start = seconds();
+  EXPECT_EQ(0, moxvos_usleep(5000000));
+  EXPECT_LT(seconds() - start, 4.0);
+  sigaction(SIGALRM, &previous, nullptr);
+}
+
+}  // namespace

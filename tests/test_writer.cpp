@@ -1,0 +1,855 @@
+// The writer as a host uses it: results of every call, creation order and
+// refusals, documents opened for reading by path; the files it makes, byte
+// for byte against the test-side layout (fill values, names at the field's
+// limit, directory colours, the FAT and DIFAT boundaries); documents of
+// many shapes read back by the strict test-side reader and by the
+// library's own; and its files read by independent readers used as black
+// boxes.  Failures of the host's output and of memory are swept in
+// test_fault_sweeps.
+#include <gtest/gtest.h>
+
+#include <stdint.h>
+#include <string.h>
+
+#include <algorithm>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/moxhost.h"
+#include "support/cfb_builder.h"
+#include "support/cfb_reader.h"
+#include "support/leak_report.h"
+#include "support/program_run.h"
+#include "support/sha256.h"
+#include "support/stream_kit.h"
+#include "support/vos_scratch.h"
+#include "support/write_kit.h"
+#include "writer/moxoledoc.h"
+#include "writer/writer.h"
+
+namespace {
+
+using cfb::Bytes;
+using writekit::NewFile;
+using writekit::Part;
+using writekit::Shape;
+using writekit::u16;
+using writekit::u32;
+
+// === Calls ===================================================================
+
+std::map<std::string, cfb::Item> readBack(const Bytes& file) {
+  cfb::ParsedFile parsed;
+  std::string error;
+  EXPECT_TRUE(cfb::parse(file, &parsed, &error)) << error;
+  EXPECT_EQ(cfb::treeProblems(parsed), "");
+  return cfb::contents(parsed);
+}
+
+// --- hOLEopenEx in create mode -------------------------------------------
+
+TEST(WriterOpen, NewDocumentWritesNothingBeforeItsClose) {
+  moxhost::PoolServices host;
+  moxhost::MemoryIo io;
+  _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 1);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(io.openCalls(), 1);
+  EXPECT_EQ(io.writeCalls(), 0) << "nothing is written before the close";
+  // A clone needs a host object the handle does not have.
+  EXPECT_EQ(hOLEopenClone(h), nullptr);
+  EXPECT_EQ(iOLEclose(h), 1);
+  EXPECT_EQ(io.closeCalls(), 1);
+  EXPECT_EQ(io.bytes().size(), 1536u);
+  EXPECT_EQ(moxtest::leakReport(host), "");
+}
+
+TEST(WriterOpen, FlagsThreeCreatesExactlyAsFlagsOne) {
+  Bytes made[2];
+  int flags[2] = {1, 3};
+  for (int i = 0; i < 2; ++i) {
+    moxhost::PoolServices host;
+    moxhost::MemoryIo io;
+    _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), flags[i]);
+    ASSERT_NE(h, nullptr);
+    ASSERT_EQ(iOLEopenStreamEx(h, "S", 2, 1), 0);
+    unsigned char data[] = "payload";
+    ASSERT_EQ(iOLEwrite(h, data, 7), 0);
+    iOLEclose(h);
+    made[i] = io.bytes();
+  }
+  EXPECT_EQ(made[0], made[1]);
+}
+
+// An object that cannot serve as output (its open fails, or it has no
+// open, write or close function) gives no document: it is closed once if
+// it can be, never written, and nothing stays allocated.
+TEST(WriterOpen, HostObjectThatCannotServeIsRefusedAndClosedOnce) {
+  const struct {
+    const char* what;
+    void (*spoil)(moxhost::MemoryIo&);
+    int opens, closes;
+  } cases[] = {
+      {"open fails", [](moxhost::MemoryIo& io) { io.failOpen(true); }, 1, 1},
+      {"no write", [](moxhost::MemoryIo& io) { io.setWritable(false); }, 1, 1},
+      {"no open", [](moxhost::MemoryIo& io) { io.io()->open = nullptr; }, 0, 1},
+      {"no close", [](moxhost::MemoryIo& io) { io.io()->close = nullptr; }, 1, 0},
+  };
+  for (const auto& c : cases) {
+    moxhost::PoolServices host;
+    moxhost::MemoryIo io;
+    c.spoil(io);
+    EXPECT_EQ(hOLEopenEx(io.io(), host.services(), 1), nullptr) << c.what;
+    EXPECT_EQ(io.openCalls(), c.opens) << c.what;
+    EXPECT_EQ(io.closeCalls(), c.closes) << c.what;
+    EXPECT_EQ(io.writeCalls(), 0) << c.what;
+    EXPECT_EQ(moxtest::leakReport(host), "") << c.what;
+  }
+}
+
+// --- Creating and writing --------------------------------------------------
+
+TEST(WriterCalls, ArgumentsAreCheckedBeforeAnythingElse) {
+  // Null handles and paths are in test_interface.
+  NewFile file;
+  _MoxOleFile* h = file.h();
+  EXPECT_EQ(iOLEopenStreamEx(h, "A", 2, 2), 34);
+  EXPECT_EQ(iOLEopenStreamEx(h, "A", 0, 1), 34);
+  EXPECT_EQ(iOLEopenStreamEx(h, "A", 5, 1), 34);
+  unsigned char byte = 1;
+  EXPECT_EQ(iOLEwrite(h, &byte, 1), 34) << "no current stream yet";
+  EXPECT_EQ(iCloseWriterStream(nullptr), 34);
+  EXPECT_EQ(file.close().size(), 1536u) << "refused calls create nothing";
+}
+
+TEST(WriterCalls, ParentsMustExistBeforeTheirChildren) {
+  NewFile file;
+  EXPECT_EQ(file.stream("Dir\\Data"), 6);
+  EXPECT_EQ(file.storage("Dir"), 0);
+  EXPECT_EQ(file.stream("Dir\\Data", {1, 2, 3}), 0);
+  EXPECT_EQ(file.stream("\\Dir\\Other", {4}), 0) << "one leading backslash is allowed";
+  EXPECT_EQ(file.stream("Missing\\Deeper\\X"), 6);
+  auto items = readBack(file.close());
+  ASSERT_EQ(items.size(), 3u);
+  EXPECT_EQ(items["Dir"].type, 1);
+  EXPECT_EQ(items["Dir\\Data"].data, (Bytes{1, 2, 3}));
+  EXPECT_EQ(items["Dir\\Other"].data, (Bytes{4}));
+}
+
+TEST(WriterCalls, CurrentStreamEndsWithStorageCloseAndTheNextOpen) {
+  NewFile file;
+  unsigned char byte = 7;
+  ASSERT_EQ(file.storage("S"), 0);
+  EXPECT_EQ(iOLEwrite(file.h(), &byte, 1), 6) << "a storage holds no bytes";
+  ASSERT_EQ(file.stream("T", {1}), 0);
+  EXPECT_EQ(iCloseWriterStream(file.h()), 0);
+  EXPECT_EQ(iOLEwrite(file.h(), &byte, 1), 34);
+  EXPECT_EQ(iCloseWriterStream(file.h()), 34);
+  // The host's stream close reaches the writer when no reader stream is open.
+  ASSERT_EQ(file.stream("U", {2}), 0);
+  EXPECT_EQ(bOLEcloseStream(file.h(), nullptr), 1);
+  EXPECT_EQ(bOLEcloseStream(file.h(), nullptr), 0);
+  EXPECT_EQ(iOLEwrite(file.h(), &byte, 1), 34);
+  auto items = readBack(file.close());
+  EXPECT_EQ(items["T"].data, (Bytes{1}));
+  EXPECT_EQ(items["U"].data, (Bytes{2}));
+}
+
+TEST(WriterCalls, RecreatingAStreamFailsButKeepsEveryByteWritten) {
+  NewFile file;
+  ASSERT_EQ(file.stream("A", {'a', 'a'}), 0);
+  ASSERT_EQ(file.stream("B", {'b'}), 0);
+  EXPECT_EQ(file.stream("A"), 6);
+  EXPECT_EQ(file.stream("a"), 6) << "names differ only in case";
+  unsigned char byte = 'x';
+  EXPECT_EQ(iOLEwrite(file.h(), &byte, 1), 34) << "the failed call ended B";
+  auto items = readBack(file.close());
+  ASSERT_EQ(items.size(), 2u);
+  EXPECT_EQ(items["A"].data, (Bytes{'a', 'a'}));
+  EXPECT_EQ(items["B"].data, (Bytes{'b'}));
+}
+
+// Refused creations take no entry number: the directory holds the others
+// in creation order.  A parent may be a stream, an empty name is a name,
+// and names are kept to 36 characters, so a 37-character name that differs
+// from a kept 40-character one only in case is taken.
+TEST(WriterCalls, RefusedCreationsTakeNoEntryNumber) {
+  NewFile file;
+  EXPECT_EQ(file.stream("X\\S"), 6);
+  EXPECT_EQ(file.stream("Root Entry\\A"), 6);
+  EXPECT_EQ(iOLEopenStreamEx(file.h(), "A", 3, 1), 34);
+  ASSERT_EQ(file.stream("A"), 0);
+  EXPECT_EQ(file.storage("a"), 6);
+  ASSERT_EQ(file.stream("B"), 0);
+  ASSERT_EQ(file.stream("A\\"), 0);
+  ASSERT_EQ(file.storage(std::string(40, 'L')), 0);
+  EXPECT_EQ(file.storage(std::string(37, 'l')), 6);
+  cfb::ParsedFile parsed;
+  std::string error;
+  ASSERT_TRUE(cfb::parse(file.close(), &parsed, &error)) << error;
+  ASSERT_GE(parsed.dir.size(), 5u);
+  const std::string names[] = {"A", "B", "", std::string(31, 'L')};
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(parsed.dir[i + 1].name, cfb::units(names[i])) << i;
+  EXPECT_EQ(parsed.dir[3].type, 2);
+  EXPECT_EQ(parsed.dir[4].type, 1);
+  if (parsed.dir.size() > 5) {
+    EXPECT_EQ(parsed.dir[5].type, 0) << "nothing after the four entries";
+  }
+}
+
+// A write of 1500 bytes into a stream holding 100 needs three blocks, two
+// allocations each.  Failing each in turn, the stream keeps exactly the
+// bytes its blocks hold (412 fill the first block, 512 more for each block
+// gained), a later write goes on from there, and the last mini sector is
+// padded with zeros.
+TEST(WriterCalls, AFailedBlockAllocationKeepsWhatWasStored) {
+  const Bytes head = streamkit::pattern(100, 5), body = streamkit::pattern(1500, 6),
+              tail = streamkit::pattern(30, 7);
+  for (int attempt = 1; attempt <= 7; ++attempt) {
+    SCOPED_TRACE(attempt);
+    NewFile file;
+    ASSERT_EQ(file.stream("S", head), 0);
+    file.host().faults().failAt(attempt);
+    const int status = iOLEwrite(file.h(), const_cast<unsigned char*>(body.data()), 1500);
+    file.host().faults().disarm();
+    EXPECT_EQ(status, attempt == 7 ? 0 : 2);
+    ASSERT_EQ(iOLEwrite(file.h(), const_cast<unsigned char*>(tail.data()), 30), 0);
+    Bytes want = head;
+    want.insert(want.end(), body.begin(), body.begin() + (attempt == 7 ? 1500 : 412 + 512 * ((attempt - 1) / 2)));
+    want.insert(want.end(), tail.begin(), tail.end());
+    cfb::ParsedFile parsed;
+    std::string error;
+    ASSERT_TRUE(cfb::parse(file.close(), &parsed, &error)) << error;
+    EXPECT_EQ(parsed.streams[1], want);
+    for (size_t i = want.size(); i < parsed.miniStream.size(); ++i) ASSERT_EQ(parsed.miniStream[i], 0) << i;
+  }
+}
+
+TEST(WriterCalls, EmptyAndNegativeWrites) {
+  NewFile file;
+  ASSERT_EQ(file.stream("A"), 0);
+  unsigned char byte = 1;
+  EXPECT_EQ(iOLEwrite(file.h(), &byte, 0), 0);
+  EXPECT_EQ(iOLEwrite(file.h(), nullptr, 5), 34) << "no bytes to take the length from";
+  EXPECT_EQ(iOLEwrite(file.h(), &byte, -1), 34);
+  EXPECT_EQ(iOLEwrite(file.h(), &byte, 1), 0) << "the stream is still current";
+  auto items = readBack(file.close());
+  EXPECT_EQ(items["A"].data, (Bytes{1}));
+}
+
+TEST(WriterCalls, PiecesOfAnySizeMakeTheSameFileAsOneWrite) {
+  Bytes data = streamkit::pattern(70000, 5);
+  Bytes small = streamkit::pattern(3000, 6);
+  writekit::Shape shape = {{"Big", 2, data}, {"Small", 2, small}};
+  Bytes whole = writekit::write(shape);
+  for (size_t piece : {size_t{1}, size_t{63}, size_t{512}, size_t{513}, size_t{65536}}) {
+    EXPECT_EQ(writekit::write(shape, piece), whole) << piece;
+  }
+}
+
+TEST(WriterCalls, OpeningForReadingInCreateModeFindsNoStream) {
+  NewFile file;
+  ASSERT_EQ(file.stream("A", {1, 2}), 0);
+  EXPECT_EQ(iOLEopenStreamEx(file.h(), "A", 0, 0), -1) << "entries have no index yet";
+  EXPECT_EQ(iOLEopenStreamEx(file.h(), "Nope", 0, 0), 6);
+  unsigned char byte = 1;
+  EXPECT_EQ(iOLEwrite(file.h(), &byte, 1), 34) << "any open ends the writer stream";
+}
+
+TEST(WriterCalls, ReaderHandleHasNoWriterDocument) {
+  Bytes made = NewFile().close();
+  moxhost::CountingMemory memory;
+  moxhost::MemoryIo io(made);
+  _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(iOLEopenStreamEx(h, "A", 2, 1), 6);
+  EXPECT_EQ(iOLEopenStreamEx(h, "A", 2, 0), 6);
+  unsigned char byte = 1;
+  EXPECT_EQ(iOLEwrite(h, &byte, 1), 34);
+  iOLEclose(h);
+  EXPECT_EQ(memory.liveBlocks(), 0);
+}
+
+// --- Open mode ---------------------------------------------------------------
+
+writekit::Shape sourceShape() {
+  return {{"Dir", 1, {}},
+          {"Dir\\Data", 2, streamkit::pattern(5000, 1)},
+          {"Dir\\Small", 2, streamkit::pattern(300, 2)},
+          {"Top", 2, streamkit::pattern(10, 3)},
+          {"Empty", 2, {}}};
+}
+
+TEST(WriterOpenForReading, OpensStreamsByPathAndWritesNothing) {
+  const writekit::Shape shape = sourceShape();
+  const Bytes source = writekit::write(shape);
+  moxhost::PoolServices host;
+  moxhost::MemoryIo io(source);
+  _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 0);
+  ASSERT_NE(h, nullptr);
+
+  EXPECT_EQ(iOLEopenStreamEx(h, "Dir\\Data", 0, 0), 0);
+  EXPECT_EQ(lOLEtell(h), 0);
+  EXPECT_EQ(streamkit::readToEnd(h, 777), shape[1].data);
+  EXPECT_EQ(iOLEopenStreamEx(h, "\\dir\\small", 7, 0), 0) << "case and type do not matter";
+  EXPECT_EQ(streamkit::readToEnd(h, 777), shape[2].data);
+  EXPECT_EQ(iOLEopenStreamEx(h, "Top", 0, 0), 0);
+  EXPECT_EQ(streamkit::readToEnd(h, 777), shape[3].data);
+  EXPECT_EQ(iOLEopenStreamEx(h, "Empty", 0, 0), 0);
+  EXPECT_EQ(streamkit::readToEnd(h, 777), Bytes());
+  EXPECT_EQ(iOLEopenStreamEx(h, "Dir", 0, 0), -1) << "a storage is no stream";
+  EXPECT_EQ(iOLEopenStreamEx(h, "Dir\\Missing", 0, 0), 6);
+  EXPECT_EQ(iOLEopenStreamEx(h, "Root Entry\\Top", 0, 0), 6);
+
+  EXPECT_EQ(iOLEopenStreamEx(h, "New", 2, 1), 6);
+  EXPECT_EQ(iOLEopenStreamEx(h, "Dir\\New", 1, 1), 6);
+  unsigned char byte = 1;
+  EXPECT_EQ(iOLEwrite(h, &byte, 1), 34);
+
+  EXPECT_EQ(iOLEopenStreamEx(h, "Top", 0, 0), 0);
+  EXPECT_EQ(bOLEcloseStream(h, nullptr), 1);
+  EXPECT_EQ(bOLEcloseStream(h, nullptr), 0);
+  EXPECT_EQ(iOLEclose(h), 1);
+  EXPECT_EQ(io.writeCalls(), 0);
+  EXPECT_EQ(io.bytes(), source);
+  EXPECT_EQ(io.openCalls(), 1);
+  EXPECT_EQ(io.closeCalls(), 1);
+  EXPECT_EQ(moxtest::leakReport(host), "");
+}
+
+// Two storages whose names differ only in case (this writer never makes
+// them): one is kept, the other is dropped with what it holds.
+TEST(WriterOpenForReading, OfTwoNamesDifferingInCaseOneIsDroppedWithItsChildren) {
+  cfb::CfbBuilder b;
+  b.addStream(b.addStorage(0, "Dir"), "Data", streamkit::pattern(300, 1));
+  b.addStream(b.addStorage(0, "DIR"), "Lost", streamkit::pattern(20, 2));
+  b.addStream(0, "Top", streamkit::pattern(10, 3));
+  moxhost::PoolServices host;
+  moxhost::MemoryIo io(b.build());
+  _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 0);
+  ASSERT_NE(h, nullptr);
+  const int data = iOLEopenStreamEx(h, "dir\\DATA", 0, 0);
+  if (data == 0) {
+    EXPECT_EQ(streamkit::readToEnd(h), streamkit::pattern(300, 1));
+  }
+  const int lost = iOLEopenStreamEx(h, "DIR\\lost", 0, 0);
+  if (lost == 0) {
+    EXPECT_EQ(streamkit::readToEnd(h), streamkit::pattern(20, 2));
+  }
+  EXPECT_TRUE((data == 0 && lost == 6) || (data == 6 && lost == 0)) << data << " " << lost;
+  EXPECT_EQ(iOLEopenStreamEx(h, "Top", 0, 0), 0);
+  EXPECT_EQ(streamkit::readToEnd(h), streamkit::pattern(10, 3));
+  bOLEcloseStream(h, nullptr);
+  EXPECT_EQ(iOLEclose(h), 1);
+  EXPECT_EQ(moxtest::leakReport(host), "");
+}
+
+TEST(WriterOpenForReading, DocumentThatDoesNotOpenGivesNullAndClosesOnce) {
+  moxhost::PoolServices host;
+  moxhost::MemoryIo io(Bytes(1536, 0x11));
+  EXPECT_EQ(hOLEopenEx(io.io(), host.services(), 0), nullptr);
+  EXPECT_EQ(io.openCalls(), 1);
+  EXPECT_EQ(io.closeCalls(), 1);
+  EXPECT_EQ(moxtest::leakReport(host), "");
+}
+
+// === Files byte for byte =====================================================
+
+// Where two files first differ, or "" when they are equal.
+std::string difference(const Bytes& got, const Bytes& want) {
+  if (got.size() != want.size()) {
+    return "size " + std::to_string(got.size()) + ", expected " + std::to_string(want.size());
+  }
+  for (size_t i = 0; i < got.size(); ++i) {
+    if (got[i] != want[i]) {
+      size_t from = i & ~size_t{15};
+      return "offset " + std::to_string(i) + ": got " + cfb::hex(got, from, 32) +
+             "\nexpected " + cfb::hex(want, from, 32);
+    }
+  }
+  return "";
+}
+
+// A layout with this writer's constant header values and one FAT sector
+// at sector 0.
+cfb::CfbLayout layoutOfWriter() {
+  cfb::CfbLayout l;
+  l.header.minor = 0x21;
+  l.header.fatSectors = 1;
+  l.fatSectors = {0};
+  return l;
+}
+
+cfb::DirEntry entry(const std::string& name, uint8_t type, uint8_t colour, uint32_t start,
+                    uint32_t size) {
+  cfb::DirEntry e;
+  e.name = cfb::units(name);
+  e.type = type;
+  e.colour = colour;
+  e.start = start;
+  e.sizeLow = size;
+  return e;
+}
+
+// --- The documented files ----------------------------------------------------
+
+TEST(WriterOutput, RootOnlyDocumentIsExactly1536Bytes) {
+  NewFile file;
+  ASSERT_NE(file.h(), nullptr);
+  const Bytes& got = file.close();
+
+  cfb::CfbLayout want = layoutOfWriter();
+  want.header.dirStart = 1;
+  want.fat = {cfb::kFatSect, cfb::kEnd};
+  want.dir = {entry("Root Entry", 5, 1, cfb::kEnd, 0)};
+  want.dirSectors = {1};
+  EXPECT_EQ(difference(got, want.serialize()), "");
+}
+
+TEST(WriterOutput, OneHundredByteStreamIsExactly2560Bytes) {
+  Bytes data = streamkit::pattern(100, 1);
+  NewFile file;
+  ASSERT_EQ(file.stream("A", data), 0);
+  const Bytes& got = file.close();
+
+  cfb::CfbLayout want = layoutOfWriter();
+  want.fat = {cfb::kFatSect, cfb::kEnd, cfb::kEnd, cfb::kEnd};
+  want.header.miniFatStart = 1;
+  want.header.miniFatSectors = 1;
+  want.miniFatSectors = {1};
+  want.miniFat = {1, cfb::kEnd};
+  want.header.dirStart = 2;
+  want.dirSectors = {2};
+  want.dir = {entry("Root Entry", 5, 1, 3, 128), entry("A", 2, 1, 0, 100)};
+  want.dir[0].child = 1;
+  want.sector(3).assign(data.begin(), data.end());
+  EXPECT_EQ(difference(got, want.serialize()), "");
+}
+
+// The cutoff: 4096 bytes are a regular stream of eight sectors, 4095 bytes
+// a mini stream of 64 mini sectors whose last one is padded with one zero.
+TEST(WriterOutput, StreamsAtAndBelowTheCutoff) {
+  for (size_t size : {size_t{4096}, size_t{4095}}) {
+    SCOPED_TRACE(size);
+    Bytes data = streamkit::pattern(size, 7);
+    NewFile file;
+    ASSERT_EQ(file.stream("S", data), 0);
+    const Bytes& got = file.close();
+
+    cfb::CfbLayout want = layoutOfWriter();
+    const bool regular = size == 4096;
+    const uint32_t dirSector = regular ? 1 : 2;
+    want.header.dirStart = dirSector;
+    want.dirSectors = {dirSector};
+    want.fat = {cfb::kFatSect};
+    if (!regular) {
+      want.fat.push_back(cfb::kEnd);  // the mini FAT
+      want.header.miniFatStart = 1;
+      want.header.miniFatSectors = 1;
+      want.miniFatSectors = {1};
+      for (uint32_t i = 0; i < 64; ++i) want.miniFat.push_back(i < 63 ? i + 1 : cfb::kEnd);
+    }
+    want.fat.push_back(cfb::kEnd);  // the directory
+    const uint32_t first = dirSector + 1;
+    for (uint32_t i = 0; i < 8; ++i) want.fat.push_back(i < 7 ? first + i + 1 : cfb::kEnd);
+    want.dir = {entry("Root Entry", 5, 1, regular ? cfb::kEnd : first, regular ? 0 : 4096),
+                entry("S", 2, 1, regular ? first : 0, static_cast<uint32_t>(size))};
+    want.dir[0].child = 1;
+    for (uint32_t i = 0; i < 8; ++i) {
+      Bytes& s = want.sector(first + i);
+      size_t n = std::min<size_t>(512, size - 512 * i);
+      std::copy(data.begin() + 512 * i, data.begin() + 512 * i + n, s.begin());
+    }
+    EXPECT_EQ(difference(got, want.serialize()), "");
+  }
+}
+
+TEST(WriterOutput, NamesAreCutToThirtyOneCharactersOnDisk) {
+  const std::string name31 = "abcdefghijklmnopqrstuvwxyz01234";
+  const std::string name36 = name31 + "56789";
+  for (const std::string& name : {name31, name36}) {
+    NewFile file;
+    ASSERT_EQ(file.stream(name), 0);
+    const Bytes& got = file.close();
+    const size_t e = 1024 + 128;  // entry 1
+    for (size_t i = 0; i < 31; ++i) {
+      ASSERT_EQ(u16(got, e + 2 * i), static_cast<unsigned char>(name31[i])) << i;
+    }
+    EXPECT_EQ(u16(got, e + 62), 0);
+    EXPECT_EQ(u16(got, e + 0x40), 64);
+  }
+}
+
+// Five entries and the root need two directory sectors; the last two
+// slots are all zeros, links included.  Inserted in ascending order, the
+// names end up as b at the top, a to its left, d to its right with c and e
+// below it; each entry carries the colour its node had right after its own
+// insertion (only "a" was black then), not the final colours.
+TEST(WriterOutput, FiveEntriesTakeTwoDirectorySectorsWithInsertionColours) {
+  NewFile file;
+  for (const char* name : {"a", "b", "c", "d", "e"}) ASSERT_EQ(file.stream(name), 0);
+  const Bytes& got = file.close();
+
+  cfb::CfbLayout want = layoutOfWriter();
+  want.header.dirStart = 1;
+  want.dirSectors = {1, 2};
+  want.fat = {cfb::kFatSect, 2, cfb::kEnd};
+  want.dir = {entry("Root Entry", 5, 1, cfb::kEnd, 0), entry("a", 2, 1, cfb::kEnd, 0),
+              entry("b", 2, 0, cfb::kEnd, 0),          entry("c", 2, 0, cfb::kEnd, 0),
+              entry("d", 2, 0, cfb::kEnd, 0),          entry("e", 2, 0, cfb::kEnd, 0)};
+  want.dir[0].child = 2;
+  want.dir[2].left = 1;
+  want.dir[2].right = 4;
+  want.dir[4].left = 3;
+  want.dir[4].right = 5;
+  EXPECT_EQ(difference(got, want.serialize()), "");
+}
+
+// --- Fill values ---------------------------------------------------------------
+
+// The host's pools hand out scribbled memory, so any byte the writer
+// forgets to set shows up here as 0xA5 instead of the fill.
+TEST(WriterOutput, EveryFillValueOfAMixedDocument) {
+  Bytes small = streamkit::pattern(70, 3);  // 2 mini sectors, 58 bytes of tail
+  Bytes big = streamkit::pattern(4100, 4);  // 9 sectors, 508 bytes of tail
+  NewFile file;
+  ASSERT_EQ(file.storage("S"), 0);
+  ASSERT_EQ(file.stream("S\\small", small), 0);
+  ASSERT_EQ(file.stream("big", big), 0);
+  ASSERT_EQ(file.stream("e"), 0);
+  const Bytes& got = file.close();
+
+  cfb::ParsedFile parsed;
+  std::string error;
+  ASSERT_TRUE(cfb::parse(got, &parsed, &error)) << error;
+  // 0 FAT, 1 mini FAT, 2-3 directory, 4-12 big, 13 mini stream.
+  ASSERT_EQ(got.size(), 15u * 512);
+  for (size_t i = 14; i < 128; ++i) ASSERT_EQ(parsed.fat[i], cfb::kFree) << i;
+  for (size_t i = 2; i < 128; ++i) ASSERT_EQ(parsed.miniFat[i], cfb::kFree) << i;
+  // Five entries in two directory sectors: three slots of 128 zero bytes,
+  // links included.
+  for (size_t i = 512 * 4 + 128; i < 512 * 5; ++i) ASSERT_EQ(got[i], 0) << i;
+  // Tail of big's last sector, tail of small's last mini sector and the
+  // rest of the mini stream's sector.
+  for (size_t i = 512 * 5 + 4100; i < 512 * 14; ++i) ASSERT_EQ(got[i], 0) << i;
+  for (size_t i = 512 * 14 + 70; i < got.size(); ++i) ASSERT_EQ(got[i], 0) << i;
+  // The root: the mini stream's first sector and the size of the mini
+  // sectors in use; the storage: start -2, size 0.
+  EXPECT_EQ(parsed.dir[0].start, 13u);
+  EXPECT_EQ(parsed.dir[0].size, 128u);
+  EXPECT_EQ(parsed.dir[1].start, cfb::kEnd);
+  EXPECT_EQ(parsed.dir[1].size, 0u);
+  EXPECT_EQ(parsed.streams[2], small);
+  EXPECT_EQ(parsed.streams[3], big);
+}
+
+// The regions in file order (FAT, mini FAT, directory, regular streams,
+// the mini stream) and the streams in creation order within them.
+TEST(WriterOutput, RegionsFollowInFileOrderAndStreamsInCreationOrder) {
+  NewFile file;
+  ASSERT_EQ(file.stream("s1", Bytes(65, 1)), 0);       // 2 mini sectors
+  ASSERT_EQ(file.stream("b1", Bytes(5000, 2)), 0);     // 10 sectors
+  ASSERT_EQ(file.stream("empty"), 0);
+  ASSERT_EQ(file.storage("D"), 0);
+  ASSERT_EQ(file.stream("D\\s2", Bytes(64, 3)), 0);    // 1 mini sector
+  ASSERT_EQ(file.stream("D\\b2", Bytes(4097, 4)), 0);  // 9 sectors
+  cfb::ParsedFile p;
+  std::string error;
+  ASSERT_TRUE(cfb::parse(file.close(), &p, &error)) << error;
+  // 0 FAT, 1 mini FAT, 2-3 directory, 4-13 b1, 14-22 b2, 23 mini stream.
+  EXPECT_EQ(p.sectorCount, 24u);
+  EXPECT_EQ(p.fatSectors, std::vector<uint32_t>{0});
+  EXPECT_EQ(p.header.miniFatStart, 1u);
+  EXPECT_EQ(p.header.dirStart, 2u);
+  EXPECT_EQ(p.fat[2], 3u);
+  const uint32_t starts[] = {0, 4, cfb::kEnd, cfb::kEnd, 2, 14};  // mini sectors for s1, s2
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(p.dir[i + 1].start, starts[i]) << i;
+  for (uint32_t s = 4; s < 23; ++s) EXPECT_EQ(p.fat[s], s == 13 || s == 22 ? cfb::kEnd : s + 1) << s;
+  EXPECT_EQ(p.dir[0].start, 23u);
+}
+
+TEST(WriterOutput, StreamCreatedButNeverWrittenHasSizeZeroAndNoSectors) {
+  NewFile file;
+  ASSERT_EQ(file.stream("quiet"), 0);
+  const Bytes& got = file.close();
+  EXPECT_EQ(got.size(), 1536u);
+  EXPECT_EQ(u32(got, 1024 + 128 + 0x74), cfb::kEnd);
+  EXPECT_EQ(u32(got, 1024 + 128 + 0x78), 0u);
+  EXPECT_EQ(got[1024 + 128 + 0x42], 2);
+}
+
+// --- FAT and DIFAT boundaries ----------------------------------------------
+
+// One stream of (T - 1) sectors and the directory sector: T sectors
+// besides the FAT's and the DIFAT's own.
+struct Boundary {
+  int64_t t;
+  uint32_t fat, difat;
+};
+
+class WriterDifatBoundary : public ::testing::TestWithParam<Boundary> {};
+
+TEST_P(WriterDifatBoundary, HeaderDifatSectorsAndFatMarksFollowTheClosedForm) {
+  const Boundary b = GetParam();
+  Bytes data = streamkit::pattern(static_cast<size_t>(b.t - 1) * 512, 11);
+  NewFile file;
+  ASSERT_EQ(file.stream("big", data, 65536), 0);
+  const Bytes& got = file.close();
+
+  const uint32_t d = b.difat, f = b.fat;
+  ASSERT_EQ(got.size(), (1 + d + f + b.t) * 512u);
+  EXPECT_EQ(u32(got, 0x2C), f);
+  EXPECT_EQ(u32(got, 0x30), d + f);  // directory right after the FAT
+  EXPECT_EQ(u32(got, 0x44), d > 0 ? 0u : cfb::kEnd);
+  EXPECT_EQ(u32(got, 0x48), d);
+  for (uint32_t i = 0; i < 109; ++i) {
+    ASSERT_EQ(u32(got, 0x4C + 4 * i), i < f ? d + i : cfb::kFree) << i;
+  }
+  // DIFAT sector j at sector j: 127 FAT sector numbers, then the link to
+  // sector j + 1; past the last number everything is -2, link slot too.
+  uint32_t next = d + 109;
+  for (uint32_t j = 0; j < d; ++j) {
+    const size_t at = 512 * (1 + j);
+    for (uint32_t k = 0; k < 127; ++k) {
+      uint32_t want = next < d + f ? next++ : cfb::kEnd;
+      ASSERT_EQ(u32(got, at + 4 * k), want) << "DIFAT " << j << " slot " << k;
+    }
+    ASSERT_EQ(u32(got, at + 508), j + 1 < d ? j + 1 : cfb::kEnd) << "link of " << j;
+  }
+  EXPECT_EQ(next, d + f);
+  const size_t fatAt = 512 * (1 + d);
+  for (uint32_t i = 0; i < d; ++i) ASSERT_EQ(u32(got, fatAt + 4 * i), cfb::kDifSect);
+  for (uint32_t i = d; i < d + f; ++i) ASSERT_EQ(u32(got, fatAt + 4 * i), cfb::kFatSect);
+
+  cfb::ParsedFile parsed;
+  std::string error;
+  ASSERT_TRUE(cfb::parse(got, &parsed, &error)) << error;
+  EXPECT_TRUE(parsed.streams[1] == data);
+}
+
+INSTANTIATE_TEST_SUITE_P(Boundaries, WriterDifatBoundary,
+                         ::testing::Values(Boundary{13843, 109, 0}, Boundary{13844, 110, 1},
+                                           Boundary{29971, 236, 1}, Boundary{29972, 237, 2}),
+                         [](const ::testing::TestParamInfo<Boundary>& info) {
+                           return "T" + std::to_string(info.param.t);
+                         });
+
+// === Round trips =============================================================
+
+void roundTrip(const Shape& shape, size_t piece = 0) {
+  const Bytes file = writekit::write(shape, piece);
+  const auto want = writekit::expected(shape);
+  cfb::ParsedFile parsed;
+  std::string error;
+  ASSERT_TRUE(cfb::parse(file, &parsed, &error)) << error;
+  ASSERT_EQ(cfb::treeProblems(parsed), "");
+  EXPECT_TRUE(cfb::contents(parsed) == want) << "the file holds another tree";
+  EXPECT_EQ(parsed.dir.size() % 4, 0u);
+  // Entries are numbered in creation order over the whole document.
+  ASSERT_GT(parsed.dir.size(), shape.size());
+  for (size_t i = 0; i < shape.size(); ++i) {
+    const std::string& path = shape[i].path;
+    EXPECT_EQ(parsed.dir[i + 1].name, cfb::units(path.substr(path.rfind('\\') + 1))) << path;
+  }
+  writekit::checkWithLibrary(file, want);
+}
+
+TEST(WriterRoundTrip, EmptyDocumentAndStreamSizesAroundEveryBoundary) {
+  roundTrip({});
+  Shape shape;
+  uint32_t seed = 1;
+  for (size_t size : {0, 1, 63, 64, 65, 511, 512, 513, 4095, 4096, 4097, 65536, 65537}) {
+    shape.push_back({"s" + std::to_string(size), 2, streamkit::pattern(size, seed++)});
+  }
+  roundTrip(shape);
+  roundTrip(shape, 100);
+}
+
+TEST(WriterRoundTrip, ThousandsOfSmallStreamsInTenStorages) {
+  Shape shape;
+  for (int s = 0; s < 10; ++s) shape.push_back({"Store" + std::to_string(s), 1, {}});
+  for (int i = 0; i < 3000; ++i) {
+    size_t size = static_cast<size_t>((i * 7919) % 700);
+    shape.push_back({"Store" + std::to_string(i % 10) + "\\item" + std::to_string(i), 2,
+                     streamkit::pattern(size, static_cast<uint32_t>(i))});
+  }
+  roundTrip(shape);
+}
+
+TEST(WriterRoundTrip, DeepStoragePath) {
+  Shape shape;
+  std::string path;
+  for (int depth = 0; depth < 60; ++depth) {
+    path += (depth ? "\\L" : "L") + std::to_string(depth);
+    shape.push_back({path, 1, {}});
+    if (depth % 10 == 9) {
+      shape.push_back({path + "\\data", 2, streamkit::pattern(100 * depth, depth)});
+    }
+  }
+  shape.push_back({path + "\\bottom", 2, streamkit::pattern(5000, 99)});
+  roundTrip(shape);
+}
+
+// Names of every length and letter case, with underscores (which sort
+// before letters once letters are folded to lower case) and bytes past
+// ASCII (which sort after 0x7F, and are not folded).  The tree check reads
+// the file's order with the test-side rule.
+TEST(WriterRoundTrip, ThreeHundredSiblingsInOneStorage) {
+  Shape shape = {{"Many", 1, {}}};
+  std::set<std::string> taken;
+  std::mt19937 random(3);
+  const std::string alphabet = "abcXYZ_019\x7f\x80\xc9\xe9";
+  while (shape.size() < 301) {
+    std::string name;
+    size_t length = 1 + random() % 12;
+    for (size_t i = 0; i < length; ++i) name += alphabet[random() % alphabet.size()];
+    std::string folded = name;
+    for (char& c : folded) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    if (!taken.insert(folded).second) continue;
+    shape.push_back({"Many\\" + name, 2, streamkit::pattern(random() % 300, random())});
+  }
+  roundTrip(shape);
+}
+
+// Random trees: storages and streams anywhere, sizes drawn around the
+// interesting boundaries, names unique per storage.
+TEST(WriterRoundTrip, RandomShapes) {
+  for (uint32_t seed = 1; seed <= 25; ++seed) {
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    std::vector<std::string> storages = {""};
+    std::set<std::string> taken;
+    Shape shape;
+    const size_t sizes[] = {0, 1, 64, 100, 4095, 4096, 4097, 9000, 70000};
+    const int count = 1 + static_cast<int>(random() % 120);
+    for (int i = 0; i < count; ++i) {
+      const std::string& parent = storages[random() % storages.size()];
+      std::string name = std::string(1, "aBc_"[random() % 4]) + std::to_string(random() % 50);
+      std::string path = parent.empty() ? name : parent + "\\" + name;
+      std::string key = path;
+      for (char& c : key) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+      if (!taken.insert(key).second) continue;
+      if (random() % 4 == 0) {
+        shape.push_back({path, 1, {}});
+        storages.push_back(path);
+      } else {
+        size_t size = sizes[random() % 9] + random() % 3;
+        shape.push_back({path, 2, streamkit::pattern(size, random())});
+      }
+    }
+    roundTrip(shape, 1 + random() % 2000);
+  }
+}
+
+// 81920 sectors: sector numbers past 16 bits, a FAT of 641 sectors and a
+// chain of five DIFAT sectors.
+TEST(WriterRoundTrip, FortyMegabyteStream) {
+  Shape shape = {{"Huge", 2, streamkit::pattern(40u << 20, 42)}, {"Tail", 2, {1, 2, 3}}};
+  roundTrip(shape, 65536);
+}
+
+// === Independent readers =====================================================
+
+struct Run {
+  int status;  // the script's exit status; 2: the tool is missing
+  std::string output;
+};
+
+Run listing(const std::string& python, const std::string& tool, const std::string& file,
+            const std::string& scratch) {
+  moxtest::ProgramResult result = moxtest::runProgram(
+      {python, MOX_SOURCE_DIR "/tests/oracles/listing.py", tool, file, scratch});
+  return {result.status, result.out};
+}
+
+enum class Kinds { kAll, kNotForEmptyItems, kNone };
+
+// The listing a reader must produce, in the script's format.  Where the
+// tool cannot tell a storage from a stream, the kind column is "-": for
+// every item with olecf, for empty streams and childless storages with gsf.
+std::string expectedListing(const Shape& shape, Kinds kinds) {
+  std::set<std::string> parents;
+  for (const writekit::Part& p : shape) {
+    size_t cut = p.path.rfind('\\');
+    if (cut != std::string::npos) parents.insert(p.path.substr(0, cut));
+  }
+  std::vector<std::string> lines;
+  for (const writekit::Part& p : shape) {
+    std::string path = p.path;
+    std::replace(path.begin(), path.end(), '\\', '/');
+    std::string kind = p.type == 1 ? "d" : "f";
+    const bool empty = p.type == 1 ? parents.count(p.path) == 0 : p.data.empty();
+    if (kinds == Kinds::kNone || (kinds == Kinds::kNotForEmptyItems && empty)) kind = "-";
+    lines.push_back(kind + " " + std::to_string(p.data.size()) + " " +
+                    sha256Hex(p.data.data(), p.data.size()) + " " + path);
+  }
+  std::sort(lines.begin(), lines.end());
+  std::string out;
+  for (const std::string& l : lines) out += l + "\n";
+  return out;
+}
+
+void checkWithOracles(const Shape& shape) {
+  const std::string python = moxtest::olefilePython();
+  if (python.empty()) GTEST_SKIP() << "no Python with olefile";
+  const Bytes file = writekit::write(shape);
+  moxtest::ScratchDir scratch;
+  const std::string path = scratch.file("written.cfb");
+  ASSERT_TRUE(moxtest::spit(path, std::string(file.begin(), file.end())));
+  int skipped = 0;
+  const struct {
+    const char* tool;
+    Kinds kinds;
+  } readers[] = {{"olefile", Kinds::kAll}, {"gsf", Kinds::kNotForEmptyItems}, {"olecf", Kinds::kNone}};
+  for (const auto& reader : readers) {
+    SCOPED_TRACE(reader.tool);
+    Run run = listing(python, reader.tool, path, scratch.path());
+    if (run.status == 2) {
+      ++skipped;
+      continue;
+    }
+    ASSERT_EQ(run.status, 0) << "the reader refused the file";
+    EXPECT_EQ(run.output, expectedListing(shape, reader.kinds));
+  }
+  if (skipped > 0) GTEST_SKIP() << skipped << " of the readers are not installed";
+}
+
+TEST(WriterOracles, MixedDocumentWithStoragesAndEveryKindOfStream) {
+  Shape shape = {{"Doc", 1, {}},
+                 {"Doc\\Body", 2, streamkit::pattern(9000, 1)},
+                 {"Doc\\Notes", 2, streamkit::pattern(100, 2)},
+                 {"Doc\\Inner", 1, {}},
+                 {"Doc\\Inner\\Deep", 2, streamkit::pattern(4096, 3)},
+                 {"Doc\\Inner\\Mini", 2, streamkit::pattern(4095, 4)},
+                 {"Doc\\EmptyStorage", 1, {}},
+                 {"Thumbnail", 2, streamkit::pattern(64, 5)},
+                 {"Zero", 2, {}},
+                 {"Name_with_thirty_one_characters", 2, streamkit::pattern(1, 6)}};
+  checkWithOracles(shape);
+}
+
+// gsf extracts each stream with a process of its own, so a hundred will do.
+TEST(WriterOracles, HundredSiblingsInOneStorage) {
+  Shape shape = {{"Many", 1, {}}};
+  for (int i = 0; i < 100; ++i) {
+    shape.push_back({"Many\\n" + std::to_string(i * 37 % 1000), 2,
+                     streamkit::pattern(static_cast<size_t>(i * 13 % 600), i)});
+  }
+  checkWithOracles(shape);
+}
+
+// One directory sector and 13843 stream sectors make T = 13844: one DIFAT
+// sector and 110 FAT sectors.  A second stream and a few mini streams make
+// it a little larger still.
+TEST(WriterOracles, FileLargeEnoughForDifatSectors) {
+  Shape shape = {{"Large", 2, streamkit::pattern(13843u * 512 + 100000, 7)},
+                 {"Second", 2, streamkit::pattern(300000, 8)},
+                 {"a", 2, streamkit::pattern(10, 9)},
+                 {"b", 2, streamkit::pattern(3000, 10)}};
+  const Bytes file = writekit::write(shape);
+  ASSERT_GT(writekit::u32(file, 0x48), 0u) << "the file should need DIFAT sectors";
+  checkWithOracles(shape);
+}
+
+}  // namespace

@@ -1,0 +1,535 @@
+// The writer's parts below the host calls: the document (path splitting,
+// memory per entry), the FAT and
+// DIFAT sizes in closed form, the buffered output (byte order, buffering and flushing
+// as the host sees them, the ways opening can fail) and the red-black tree
+// the sibling trees are built with.  What hosts see of the same is in
+// test_writer.
+#include <gtest/gtest.h>
+
+#include <stdio.h>
+#include <string.h>
+
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/moxhost.h"
+#include "support/leak_report.h"
+#include "tree/redblack.h"
+#include "writer/moxoledoc.h"
+#include "writer/oleio.h"
+#include "writer/sector_math.h"
+
+namespace {
+
+// === The document ============================================================
+
+class DocumentTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    doc.reset();
+    EXPECT_EQ(moxtest::leakReport(host), "");
+  }
+
+  // A document that init has built with the given flags.
+  void makeDocument(int flags = 1) {
+    doc = std::make_unique<CMoxOleDocument>(host.services());
+    ASSERT_EQ(doc->init(file.io(), flags), 0);
+  }
+
+  CMoxOleEntry* add(const char* path, int type) {
+    CMoxOleEntry* entry = nullptr;
+    int status = doc->addEntry(path, type, entry);
+    EXPECT_EQ(status, 0) << path;
+    return entry;
+  }
+
+  moxhost::PoolServices host;
+  moxhost::MemoryIo file;
+  std::unique_ptr<CMoxOleDocument> doc;
+};
+
+// --- Paths ---------------------------------------------------------------
+
+TEST_F(DocumentTest, ParseKeySplitsAtTheLastBackslashAndCuts) {
+  makeDocument();
+  char parent[kPathBufferSize];
+  char name[kNameBufferSize];
+  struct Case {
+    const char* path;
+    const char* parent;
+    const char* name;
+  } cases[] = {
+      {"\\A\\B", "\\A", "B"}, {"A\\B", "A", "B"}, {"B", "", "B"},
+      {"\\B", "", "B"},       {"A\\", "A", ""},   {"", "", ""},
+  };
+  for (const Case& c : cases) {
+    doc->parseKey(c.path, parent, name);
+    EXPECT_STREQ(parent, c.parent) << c.path;
+    EXPECT_STREQ(name, c.name) << c.path;
+  }
+
+  strcpy(parent, "junk");
+  strcpy(name, "junk");
+  doc->parseKey(nullptr, parent, name);
+  EXPECT_STREQ(parent, "");
+  EXPECT_STREQ(name, "");
+
+  std::string forty(40, 'x');
+  for (int i = 0; i < 40; ++i) forty[i] = static_cast<char>('a' + i % 26);
+  doc->parseKey(("S\\" + forty).c_str(), parent, name);
+  EXPECT_EQ(std::string(name), forty.substr(0, 36));
+
+  // The path is cut to 1023 characters before it is split: a backslash
+  // beyond that point is never seen.
+  std::string longPath = std::string(1030, 'p') + "\\tail";
+  doc->parseKey(longPath.c_str(), parent, name);
+  EXPECT_STREQ(parent, "");
+  EXPECT_EQ(std::string(name), std::string(36, 'p'));
+  std::string longParent = std::string(1000, 'q') + "\\n";
+  doc->parseKey(longParent.c_str(), parent, name);
+  EXPECT_EQ(std::string(parent), std::string(1000, 'q'));
+  EXPECT_STREQ(name, "n");
+}
+
+// --- Memory ---------------------------------------------------------------
+
+// 100 000 entries: 100 storages of 999 streams each.  What an entry costs
+// is its object on the process heap plus its share of pool memory (its own
+// pool holds its name, its node sits in its parent's pool).
+TEST_F(DocumentTest, ManyEntriesCostLittleMemoryEach) {
+  makeDocument();
+  const int kStorages = 100, kStreamsEach = 999;
+  const int64_t kEntries = kStorages + int64_t{kStorages} * kStreamsEach;
+  char path[64];
+  for (int s = 0; s < kStorages; ++s) {
+    snprintf(path, sizeof path, "Storage%03d", s);
+    ASSERT_NE(add(path, 1), nullptr);
+    for (int e = 0; e < kStreamsEach; ++e) {
+      snprintf(path, sizeof path, "Storage%03d\\Stream%04d", s, e);
+      CMoxOleEntry* entry = nullptr;
+      ASSERT_EQ(doc->addEntry(path, 2, entry), 0);
+    }
+  }
+  ASSERT_EQ(doc->vEntries.size(), kEntries);
+  EXPECT_EQ(doc->lNextOrdinal, kEntries + 1);
+  EXPECT_EQ(doc->findEntry("storage042\\STREAM0998")->iType, 2);
+
+  const int64_t outputBuffer = kOleIoBufferSize;
+  double poolPerEntry = double(host.poolBytes() - outputBuffer) / kEntries;
+  double heapPerEntry = double(host.heap().liveBytes()) / kEntries;
+  double objectPerEntry = sizeof(CMoxOleEntry);
+  printf("[ memory   ] %lld entries: %.1f pool bytes + %.0f object bytes + %.1f services-heap "
+         "bytes per entry (pools live: %lld)\n",
+         static_cast<long long>(kEntries), poolPerEntry, objectPerEntry, heapPerEntry,
+         static_cast<long long>(host.livePools()));
+  EXPECT_LT(poolPerEntry + objectPerEntry + heapPerEntry, 1024.0);
+  EXPECT_EQ(host.livePools(), kEntries + 2);  // every entry, the root, the output
+  EXPECT_EQ(host.poolFrees(), 0);
+}
+
+// === Planning a file =========================================================
+
+// --- Closed forms ----------------------------------------------------------
+
+// The three properties the file depends on, over every T up to well past
+// a few DIFAT sectors, and at a few large sizes: the FAT covers every
+// sector including its own and the DIFAT's; the DIFAT holds every FAT
+// sector the header cannot; and no DIFAT sector is wasted (the last one
+// holds at least one number, so every earlier link is really written).
+TEST(SectorMath, FatCoversTheFileAndDifatFitsForEveryT) {
+  auto check = [](int64_t t) {
+    MoxFatSizes s = moxSolveFatSizes(t, 128);
+    int64_t f = s.fatSectors, d = s.difatSectors;
+    ASSERT_GE(f * 128, t + d + f) << "T = " << t;
+    ASSERT_GE(127 * d, f - 109) << "T = " << t;
+    if (d > 0) {
+      ASSERT_GT(f - 109, 127 * (d - 1)) << "T = " << t;
+    }
+    // Not more FAT sectors than needed.
+    ASSERT_LT((f - 1) * 128, t + d + f) << "T = " << t;
+  };
+  for (int64_t t = 1; t <= 200000; ++t) check(t);
+  for (int64_t t : {int64_t{2097152} + 20, int64_t{1} << 26, (int64_t{1} << 31) - 5}) check(t);
+}
+
+// === The buffered output =====================================================
+
+using moxhost::IoCall;
+
+constexpr int kBuffer = kOleIoBufferSize;
+
+// One host call as the tests compare them: kind, position and count.
+struct Call {
+  IoCall::Kind kind;
+  int64_t position;
+  int64_t count;
+  bool operator==(const Call& o) const {
+    return kind == o.kind && position == o.position && count == o.count;
+  }
+};
+
+std::ostream& operator<<(std::ostream& out, const Call& c) {
+  static const char* kNames[] = {"open", "read", "write", "seek", "tell", "close"};
+  return out << kNames[c.kind] << "(" << c.position << ", " << c.count << ")";
+}
+
+class OleIoTest : public ::testing::Test {
+ protected:
+  void SetUp() override { file.record(true); }
+  void TearDown() override {
+    out.reset();
+    EXPECT_EQ(moxtest::leakReport(host), "");
+  }
+
+  // Opens a fresh output on file and forgets the open call.
+  void openOutput() {
+    out = std::make_unique<CMoxOleIo>(host.services());
+    ASSERT_EQ(out->open(file.io()), 0);
+    file.clearCalls();
+  }
+
+  // The host calls since the last clear, without tells.
+  std::vector<Call> hostCalls() const {
+    std::vector<Call> calls;
+    for (const IoCall& c : file.calls()) {
+      if (c.kind != IoCall::kTell) calls.push_back({c.kind, c.position, c.count});
+    }
+    return calls;
+  }
+
+  // Bytes 0, 1, 2, ... wrapping at 251 so that a shifted copy shows.
+  static std::vector<unsigned char> pattern(size_t n) {
+    std::vector<unsigned char> bytes(n);
+    for (size_t i = 0; i < n; ++i) bytes[i] = static_cast<unsigned char>(i % 251);
+    return bytes;
+  }
+
+  moxhost::PoolServices host;
+  moxhost::MemoryIo file;
+  std::unique_ptr<CMoxOleIo> out;
+};
+
+TEST_F(OleIoTest, IntegersAreLittleEndianAndTruncated) {
+  openOutput();
+  EXPECT_EQ(out->write4ByteInt(-2), 0);
+  EXPECT_EQ(out->write4ByteInt((1L << 32) + 0x12345), 0);
+  out.reset();
+  std::vector<uint8_t> expected = {0xFE, 0xFF, 0xFF, 0xFF, 0x45, 0x23, 0x01, 0x00};
+  EXPECT_EQ(file.bytes(), expected);
+  EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, 8}, {IoCall::kClose, 8, 0}}));
+}
+
+// A record that does not fit sends the buffered bytes first and starts the
+// next buffer; it is kept even when that hand-over fails.
+TEST_F(OleIoTest, ARecordGoesWholeIntoTheBuffer) {
+  openOutput();
+  auto data = pattern(kBuffer - 100);
+  auto record = pattern(128);
+  ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 100), 0);
+  ASSERT_EQ(out->writeRecord(record.data(), 128), 0);
+  EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, kBuffer - 100}}));
+  EXPECT_EQ(out->iBufferUsed, 128);
+  ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 200), 0);
+  file.failWriteAt(1);  // the hand-over this record needs
+  EXPECT_EQ(out->writeRecord(record.data(), 128), 16);
+  EXPECT_EQ(out->iBufferUsed, 128);
+  EXPECT_EQ(out->writeRecord(record.data(), kBuffer + 1), 16);
+  EXPECT_EQ(out->iBufferUsed, 128);
+  out.reset();
+  ASSERT_EQ(file.bytes().size(), static_cast<size_t>(kBuffer - 100 + 128));
+  EXPECT_TRUE(std::equal(record.begin(), record.end(), file.bytes().end() - 128));
+}
+
+TEST_F(OleIoTest, OpenMakesOneBufferFromItsOwnPool) {
+  out = std::make_unique<CMoxOleIo>(host.services());
+  EXPECT_EQ(host.poolsCreated(), 0);  // the constructor takes nothing
+  ASSERT_EQ(out->open(file.io()), 0);
+  EXPECT_EQ(file.openCalls(), 1);
+  EXPECT_EQ(host.livePools(), 1);
+  EXPECT_EQ(host.poolAllocateCalls(), 1);
+  EXPECT_EQ(out->getPos(), 0);
+  ASSERT_EQ(out->write4ByteInt(7), 0);
+  EXPECT_EQ(out->getPos(), 4);
+  EXPECT_EQ(file.writeCalls(), 0);
+  out.reset();
+  EXPECT_EQ(file.writeCalls(), 1);
+  EXPECT_EQ(file.closeCalls(), 1);
+  EXPECT_EQ(host.livePools(), 0);
+}
+
+TEST_F(OleIoTest, AnIntegerIsNeverSplitAcrossHostWrites) {
+  openOutput();
+  auto data = pattern(kBuffer - 2);
+  ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 2), 0);
+  EXPECT_EQ(file.writeCalls(), 0);
+  ASSERT_EQ(out->write4ByteInt(0x0A0B0C0D), 0);
+  EXPECT_EQ(out->iBufferUsed, 4);
+  EXPECT_EQ(out->getPos(), kBuffer + 2);
+  out.reset();
+  EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, kBuffer - 2},
+                                            {IoCall::kWrite, kBuffer - 2, 4},
+                                            {IoCall::kClose, kBuffer + 2, 0}}));
+  ASSERT_EQ(file.bytes().size(), static_cast<size_t>(kBuffer + 2));
+  EXPECT_EQ(file.bytes()[kBuffer - 3], data.back());
+  EXPECT_EQ(file.bytes()[kBuffer - 2], 0x0D);
+  EXPECT_EQ(file.bytes()[kBuffer + 1], 0x0A);
+}
+
+TEST_F(OleIoTest, AnIntegerThatExactlyFitsStaysBufferedUntilMoreComes) {
+  openOutput();
+  auto data = pattern(kBuffer - 4);
+  ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 4), 0);
+  ASSERT_EQ(out->write4ByteInt(1), 0);
+  EXPECT_EQ(out->iBufferUsed, kBuffer);
+  EXPECT_EQ(file.writeCalls(), 0);
+  ASSERT_EQ(out->write4ByteInt(2), 0);
+  EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, kBuffer}}));
+  EXPECT_EQ(out->iBufferUsed, 4);
+}
+
+TEST_F(OleIoTest, LongRunsReachTheHostInBufferSizedPieces) {
+  openOutput();
+  auto data = pattern(3 * kBuffer);
+  ASSERT_EQ(out->writeBytes(data.data(), kBuffer + 10), 0);
+  EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, kBuffer}}));
+  EXPECT_EQ(out->iBufferUsed, 10);
+
+  // A partly filled buffer is completed first, then whole pieces follow.
+  file.clearCalls();
+  ASSERT_EQ(out->writeBytes(data.data() + kBuffer + 10, 2 * kBuffer - 10), 0);
+  EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, kBuffer, kBuffer},
+                                            {IoCall::kWrite, 2 * kBuffer, kBuffer}}));
+  EXPECT_EQ(out->iBufferUsed, 0);
+  out.reset();
+  EXPECT_EQ(file.bytes(), std::vector<uint8_t>(data.begin(), data.end()));
+}
+
+TEST_F(OleIoTest, EmptyAndBadWrites) {
+  openOutput();
+  unsigned char byte = 1;
+  EXPECT_EQ(out->writeBytes(&byte, 0), 0);
+  EXPECT_EQ(out->writeBytes(nullptr, 1), 16);
+  EXPECT_EQ(out->writeBytes(&byte, -1), 16);
+  EXPECT_EQ(out->iBufferUsed, 0);
+  EXPECT_EQ(file.writeCalls(), 0);
+
+  // A zero-byte write on a full buffer hands the buffer over.
+  auto data = pattern(kBuffer);
+  ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 4), 0);
+  ASSERT_EQ(out->write4ByteInt(0), 0);
+  EXPECT_EQ(out->writeBytes(&byte, -1), 16);
+  EXPECT_EQ(out->iBufferUsed, kBuffer);
+  EXPECT_EQ(out->writeBytes(&byte, 0), 0);
+  EXPECT_EQ(out->iBufferUsed, 0);
+  // flush hands over even an empty buffer; the destructor does not.
+  EXPECT_EQ(out->flush(), 0);
+  out.reset();
+  EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, kBuffer},
+                                            {IoCall::kWrite, kBuffer, 0},
+                                            {IoCall::kClose, kBuffer, 0}}));
+}
+
+TEST_F(OleIoTest, AFailedHostWriteInARunLosesThatPieceOnly) {
+  openOutput();
+  file.failWriteAt(2);
+  auto data = pattern(3 * kBuffer + 5);
+  EXPECT_EQ(out->writeBytes(data.data(), 3 * kBuffer + 5), 16);
+  EXPECT_EQ(out->iBufferUsed, 0);
+  EXPECT_EQ(file.writeCalls(), 2);  // the third piece was never copied
+  EXPECT_EQ(file.position(), kBuffer);
+
+  // No lasting error: the next bytes go out after the first piece.
+  ASSERT_EQ(out->writeBytes(data.data() + 3 * kBuffer, 5), 0);
+  EXPECT_EQ(out->getPos(), kBuffer + 5);
+  out.reset();
+  ASSERT_EQ(file.bytes().size(), static_cast<size_t>(kBuffer + 5));
+  EXPECT_TRUE(std::equal(data.begin(), data.begin() + kBuffer, file.bytes().begin()));
+  EXPECT_TRUE(std::equal(data.end() - 5, data.end(), file.bytes().end() - 5));
+}
+
+TEST_F(OleIoTest, AFailedFlushForAnIntegerDropsTheBufferAndTheValue) {
+  openOutput();
+  file.failWriteAt(1);
+  auto data = pattern(kBuffer - 2);
+  ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 2), 0);
+  EXPECT_EQ(out->write4ByteInt(0x11223344), 16);
+  EXPECT_EQ(out->iBufferUsed, 0);
+  EXPECT_EQ(out->write4ByteInt(0x5566), 0);
+  out.reset();
+  EXPECT_EQ(file.bytes(), (std::vector<uint8_t>{0x66, 0x55, 0, 0}));
+}
+
+TEST_F(OleIoTest, OpenRefusesMissingAndSecondObjects) {
+  out = std::make_unique<CMoxOleIo>(host.services());
+  EXPECT_EQ(out->open(nullptr), 14);
+  EXPECT_EQ(out->pIoObj, nullptr);
+  ASSERT_EQ(out->open(file.io()), 0);
+  moxhost::MemoryIo other;
+  EXPECT_EQ(out->open(other.io()), 14);
+  EXPECT_EQ(out->pIoObj, file.io());
+  EXPECT_EQ(host.poolsCreated(), 1);
+  out.reset();
+  EXPECT_EQ(file.closeCalls(), 1);
+  EXPECT_EQ(other.openCalls() + other.closeCalls(), 0);
+}
+
+TEST_F(OleIoTest, MemoryFailuresInOpenKeepTheObjectForTheDestructor) {
+  for (int attempt = 1; attempt <= 2; ++attempt) {  // the pool, then the buffer
+    moxhost::MemoryIo target;
+    out = std::make_unique<CMoxOleIo>(host.services());
+    host.faults().failAt(attempt);
+    EXPECT_EQ(out->open(target.io()), 2) << "attempt " << attempt;
+    EXPECT_EQ(out->pBuffer, nullptr);
+    EXPECT_EQ(out->write4ByteInt(1), 16);
+    EXPECT_EQ(host.livePools(), attempt == 1 ? 0 : 1);
+    out.reset();
+    EXPECT_EQ(target.closeCalls(), 1);
+    EXPECT_EQ(target.writeCalls(), 0);
+    EXPECT_EQ(host.livePools(), 0);
+  }
+  host.faults().disarm();
+}
+
+TEST_F(OleIoTest, DetachedOutputHasNothingToWriteTo) {
+  out = std::make_unique<CMoxOleIo>(host.services());
+  unsigned char byte = 0;
+  EXPECT_EQ(out->flush(), 16);
+  EXPECT_EQ(out->writeBytes(&byte, 1), 16);
+  EXPECT_EQ(out->getPos(), -1);
+}
+
+// === The red-black tree ======================================================
+
+using Node = _MoxOleRedBlackNode;
+
+// Items point to ints, ordered by value; disposal is noted.
+class IntTree final : public CMoxOleRedBlack {
+ public:
+  explicit IntTree(tag_TPVAPIServices* services) : CMoxOleRedBlack(services) {}
+
+  static int keyOf(void* item) { return item == nullptr ? -1 : *static_cast<int*>(item); }
+
+  bool compLT(void* a, void* b) override { return keyOf(a) < keyOf(b); }
+  bool compEQ(void* a, void* b) override { return keyOf(a) == keyOf(b); }
+  void deleteData(void* data) override { deleted.push_back(keyOf(data)); }
+  void setOrdinal(void*, long, long, long) override {}
+
+  std::vector<int> deleted;
+};
+
+// Checks a subtree; returns its black height, or -1 after noting a fault.
+int checkSubtree(IntTree& tree, Node* node, long low, long high, int* nodes,
+                 std::string* fault) {
+  if (node == &tree.nilNode) return 1;
+  ++*nodes;
+  int key = IntTree::keyOf(node->pData);
+  std::string at = " at " + std::to_string(key);
+  if (key <= low || key >= high) *fault = "order broken" + at;
+  for (Node* child : {node->pLeft, node->pRight}) {
+    if (child == &tree.nilNode) continue;
+    if (child->pParent != node) *fault = "parent link broken" + at;
+    if (node->byColour == kNodeRed && child->byColour == kNodeRed) *fault = "red-red" + at;
+  }
+  int left = checkSubtree(tree, node->pLeft, low, key, nodes, fault);
+  int right = checkSubtree(tree, node->pRight, key, high, nodes, fault);
+  if (left != right) *fault = "black heights differ" + at;
+  return fault->empty() ? left + (node->byColour == kNodeBlack ? 1 : 0) : -1;
+}
+
+// Every rule a valid tree obeys; empty when all hold.
+std::string validate(IntTree& tree) {
+  Node* nil = &tree.nilNode;
+  if (nil->pLeft != nil || nil->pRight != nil || nil->byColour != kNodeBlack ||
+      nil->pData != nullptr || nil->lOrdinal != -1) {
+    return "sentinel changed";
+  }
+  if (tree.pRoot != nil && (tree.pRoot->byColour != kNodeBlack || tree.pRoot->pParent != nil)) {
+    return "root not black or has a parent";
+  }
+  std::string fault;
+  int nodes = 0;
+  checkSubtree(tree, tree.pRoot, -1, 1L << 40, &nodes, &fault);
+  if (!fault.empty()) return fault;
+  if (nodes != tree.iCount) return "iCount differs from the nodes linked";
+  int walked = 0, previous = -1;
+  for (Node* n = tree.FirstNode(); n != nil; n = tree.NextNode(n), ++walked) {
+    if (IntTree::keyOf(n->pData) <= previous) return "in-order walk out of order";
+    previous = IntTree::keyOf(n->pData);
+  }
+  return walked == tree.iCount ? "" : "in-order walk missed nodes";
+}
+
+class RedBlackTest : public ::testing::Test {
+ protected:
+  RedBlackTest() : keys(600) {
+    for (int i = 0; i < 600; ++i) keys[i] = i;
+  }
+  void TearDown() override { EXPECT_EQ(moxtest::leakReport(host), ""); }
+
+  int insert(IntTree& tree, int key) {
+    Node* node = nullptr;
+    return tree.InsertNode(&keys[key], node);
+  }
+  // A tree holding keys inserted in the given order, numbered from first
+  // when first is not negative.
+  std::unique_ptr<IntTree> makeTree(std::vector<int> order, int64_t first = -1) {
+    auto tree = std::make_unique<IntTree>(host.services());
+    counter = first;
+    if (first >= 0) tree->plOrdinalCounter = &counter;
+    for (int key : order) EXPECT_EQ(insert(*tree, key), 0);
+    return tree;
+  }
+
+  moxhost::PoolServices host;
+  std::vector<int> keys;  // items at stable addresses
+  int64_t counter = 0;
+};
+
+TEST_F(RedBlackTest, EmptyTreeHasSentinelPoolAndNothingInIt) {
+  {
+    IntTree tree(host.services());
+    EXPECT_EQ(host.livePools(), 1);
+    EXPECT_EQ(host.lastInitialSize(), 4096);
+    EXPECT_EQ(host.lastFlags(), 0);
+    EXPECT_EQ(validate(tree), "");
+    EXPECT_EQ(tree.FindNode(&keys[3]), &tree.nilNode);
+    void* items[2] = {&keys[7], &keys[8]};
+    long index = 1;
+    EXPECT_EQ(tree.Flatten(items, 2, index), 0);
+    EXPECT_EQ(index, 1);
+    EXPECT_EQ(items[1], &keys[8]);
+    tree.DeleteAllNodes();
+    EXPECT_TRUE(tree.deleted.empty());
+    EXPECT_EQ(validate(tree), "");
+  }
+  EXPECT_EQ(host.livePools(), 0);
+}
+
+// Random runs against a std::set, checking every invariant after every
+// insertion.
+TEST_F(RedBlackTest, RandomInsertionRunsKeepEveryInvariant) {
+  std::mt19937 random(20240611);
+  const int kKeyRanges[] = {8, 64, 600};
+  for (int run = 0; run < 1500; ++run) {
+    auto tree = makeTree({}, 1);
+    std::set<int> model;
+    int range = kKeyRanges[run % 3];
+    int operations = 20 + static_cast<int>(random() % 180);
+    for (int op = 0; op < operations; ++op) {
+      int key = static_cast<int>(random() % range);
+      int64_t before = counter;
+      bool fresh = model.insert(key).second;
+      ASSERT_EQ(insert(*tree, key), fresh ? 0 : 6);
+      ASSERT_EQ(counter, before + (fresh ? 1 : 0));
+      ASSERT_EQ(validate(*tree), "") << "run " << run << " op " << op;
+      ASSERT_EQ(tree->iCount, static_cast<int>(model.size()));
+    }
+    for (int key : model) ASSERT_EQ(tree->FindNode(&keys[key])->pData, &keys[key]);
+  }
+  EXPECT_EQ(host.poolFrees(), 0);
+}
+
+}  // namespace

@@ -8,7 +8,7 @@
 // pool is still live after an input, or when the library did not close
 // the I/O object it opened.
 //
-// The work is bounded by the input, within the bound tests/test_bounded_work.cpp
+// The work is bounded by the input, within the bound BoundedWork in tests/test_loading.cpp
 // holds crafted files to (a constant times the input's size plus a small
 // constant): host calls (reads, seeks, allocations) of the plain open, and
 // peak host memory of the open and the whole walk.  The walk's calls are

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "support/corpus_files.h"
+#include "support/manifest.h"
 #include "support/moxole_cli.h"
 #include "support/vos_scratch.h"
 
@@ -20,14 +21,6 @@ using moxtest::ProgramResult;
 
 const char kMirror[] = MOX_SOURCE_DIR "/tests/support/olefile_mirror.py";
 
-std::vector<std::string> splitTabs(const std::string& line) {
-  std::vector<std::string> fields;
-  std::stringstream in(line);
-  std::string field;
-  while (std::getline(in, field, '\t')) fields.push_back(field);
-  return fields;
-}
-
 // Manifest records of the well-formed files that olefile opened without
 // noting any defect, by path.
 std::map<std::string, std::vector<std::string>> cleanHeaders() {
@@ -36,7 +29,7 @@ std::map<std::string, std::vector<std::string>> cleanHeaders() {
   std::set<std::string> opened, flawed;
   std::string line;
   while (std::getline(manifest, line)) {
-    std::vector<std::string> f = splitTabs(line);
+    std::vector<std::string> f = manifest::split(line, '\t');
     if (f.size() < 2 || f[1].rfind("damaged/", 0) == 0) continue;
     if (f[0] == "file" && f.size() > 4 && f[4] == "yes") opened.insert(f[1]);
     if (f[0] == "issue" || f[0] == "again") flawed.insert(f[1]);
@@ -138,7 +131,7 @@ TEST_F(MoxoleCorpus, CommandsReadWhatOlefileAndTheManifestRead) {
     std::stringstream mirrored(listing);
     bool wideNames = false;
     for (std::string line; std::getline(mirrored, line);) {
-      std::vector<std::string> f = splitTabs(line);
+      std::vector<std::string> f = manifest::split(line, '\t');
       paths.insert(f.at(1));
       if (f[0] == "F") streams[f[1]] = std::stoull(f[2]);
       // Names past 8 bits come out as UTF-8; empty ones as \x00.

@@ -273,7 +273,7 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"pack", at("full"), at("missing/out.doc")}, 4,
        "moxole: " + at("missing/out.doc") + ": no such file or directory\n"},
   };
-  for (const char* command : {"info", "ls", "tree", "objects"}) {
+  for (const char* command : {"info", "ls", "tree", "objects", "check", "props"}) {
     cases.push_back({{command, at("missing.doc")}, 3, "moxole: " + at("missing.doc") + ": no such file or directory\n"});
     cases.push_back({{command, at("notes.txt")}, 2, "moxole: " + at("notes.txt") + ": not a compound file\n"});
     cases.push_back({{command, at("empty")}, 2, "moxole: " + at("empty") + ": not a compound file\n"});

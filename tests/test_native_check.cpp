@@ -1,15 +1,13 @@
-// check(): the structural scan, over the shared corpus and over small
-// files each breaking one rule; strict opens, which fail on its errors;
-// and `moxole check`, which prints it.
+// check(): the structural scan over small files each breaking one rule
+// (tests/test_native_corpus.cpp runs it over the shared corpus); strict
+// opens, which fail on its errors; and `moxole check`, which prints it.
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <optional>
-#include <set>
 
 #include "moxolefio/moxolefio.hpp"
 #include "support/cfb_builder.h"
-#include "support/manifest.h"
 #include "support/moxole_cli.h"
 #include "support/vos_scratch.h"
 
@@ -59,60 +57,6 @@ void expectStrictOpenMatches(const std::function<mox::CompoundFile(mox::OpenOpti
     EXPECT_EQ(*error, mox::Errc::damaged);
   }
 }
-
-// --- The corpus ---------------------------------------------------------------
-
-const std::vector<manifest::File>& corpusFiles() {
-  static const std::vector<manifest::File> files = manifest::load(MOX_CORPUS_DIR);
-  return files;
-}
-
-// Warnings that files written by other programs carry, each an oddity
-// every reader tolerates: Office, Outlook and the installer tools balance
-// sibling trees loosely (rb-*); PHPExcel runs the mini stream's chain on
-// into the next stream's sectors (ministream-long); a Zeiss image has
-// 4096-byte sectors under version 3 (header-sector-size); and two test
-// files of another reader mark spare sectors as FAT sectors (table-mark).
-const std::set<std::string> kCleanFileWarnings = {"rb-black-height", "rb-red-red", "ministream-long",
-                                                  "header-sector-size", "table-mark"};
-
-class NativeCheckCorpus : public ::testing::TestWithParam<std::size_t> {};
-
-TEST_P(NativeCheckCorpus, CleanFilesHaveNoErrorsDamagedOnesHaveDefects) {
-  const manifest::File& file = corpusFiles()[GetParam()];
-  SCOPED_TRACE(file.path);
-  const std::string full = std::string(MOX_CORPUS_DIR) + "/" + file.path;
-  auto open = [&](mox::OpenOptions options) { return mox::CompoundFile::open(full, options); };
-  Defects defects;
-  std::set<std::string> paths;
-  try {
-    const mox::CompoundFile doc = open(mox::OpenOptions{});
-    defects = doc.check();
-    for (const mox::Entry& e : doc.walk()) paths.insert(e.path);
-  } catch (const mox::Error& e) {
-    EXPECT_TRUE(file.damaged()) << e.what();
-    EXPECT_TRUE(strictOpenError(open).has_value());
-    return;
-  }
-  if (file.damaged()) {
-    // Every damaged file of the corpus that opens at all breaks a rule
-    // the scan looks at; none is damaged only inside a stream's bytes.
-    EXPECT_FALSE(defects.empty());
-  } else {
-    EXPECT_FALSE(hasError(defects)) << listing(defects);
-    for (const mox::Defect& d : defects) EXPECT_EQ(kCleanFileWarnings.count(d.code), 1u) << listing(defects);
-  }
-  expectStrictOpenMatches(open, defects);
-  // Defects name entries by the paths a walk of the tree gives them, even
-  // in files that link an entry twice.
-  for (const mox::Defect& d : defects) {
-    if (!d.path.empty()) {
-      EXPECT_EQ(paths.count(d.path), 1u) << d.code << " " << d.path;
-    }
-  }
-}
-
-MOX_TEST_EACH_FILE(Corpus, NativeCheckCorpus, corpusFiles);
 
 // --- Files broken one rule at a time -------------------------------------------
 
@@ -341,14 +285,7 @@ TEST(MoxoleCheck, PrintsADefectALineAndExitsByTheWorstSeverity) {
             std::string::npos)
       << broken.out;
   EXPECT_EQ(broken.err, "");
-
-  const std::string text = write("text.cfb", cfb::Bytes(600, 'x'));
-  moxtest::ProgramResult notCfb = moxole({"check", text});
-  EXPECT_EQ(notCfb.status, 2);
-  EXPECT_EQ(notCfb.err, "moxole: " + text + ": not a compound file\n");
-  EXPECT_EQ(notCfb.out, "");
-
-  EXPECT_EQ(moxole({"check", scratch.file("missing.cfb")}).status, 3);
+  // Files that are not documents: tests/test_moxole.cpp's failure table.
 }
 
 }  // namespace

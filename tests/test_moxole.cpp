@@ -1,0 +1,436 @@
+// moxole as processes, on a document made by the test builder from the
+// shared sample tree: what the reading commands print and write is the
+// tree that went in; pack and extract round-trip it; put, rm, mv and mkdir
+// edit a document; and every way the program fails gives its exit status
+// and one line on standard error.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "moxolefio/moxolefio.hpp"
+#include "support/moxole_cli.h"
+#include "support/sample_tree.h"
+#include "support/vos_scratch.h"
+
+namespace {
+
+using moxtest::ProgramResult;
+using moxtest::slurp;
+using moxtest::snapshotTree;
+using moxtest::spit;
+
+class Moxole : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    MOXOLE_SKIP_WITHOUT(MOXOLE_READER_FUNCTIONS);
+    cfb::Bytes bytes = moxtest::buildSampleDocument(tree_);
+    ASSERT_TRUE(spit(doc_, std::string(bytes.begin(), bytes.end())));
+  }
+
+  std::string at(const std::string& name) const { return scratch_.file(name); }
+  const std::string& bytesOf(const std::string& name) const {
+    for (const moxtest::SampleEntry& e : tree_) {
+      if (e.name == name) return e.bytes;
+    }
+    static const std::string none = "(no such sample entry)";
+    return none;
+  }
+
+  std::vector<moxtest::SampleEntry> tree_ = moxtest::sampleTree();
+  moxtest::ScratchDir scratch_;
+  std::string doc_ = scratch_.file("sample.doc");
+};
+
+// --- Reading ---------------------------------------------------------------
+
+TEST_F(Moxole, ExtractAndPackRoundTripTheTreeExactly) {
+  const std::map<std::string, std::string> source = moxtest::sampleSnapshot(tree_);
+  ProgramResult r = moxole({"extract", doc_, at("out1")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "") << "no progress line when stderr is not a terminal";
+  EXPECT_TRUE(snapshotTree(at("out1")) == source);
+  // Nothing escaped the target: its parent holds only what we put there.
+  for (const auto& [path, bytes] : snapshotTree(scratch_.path())) {
+    EXPECT_TRUE(path == "sample.doc" || path.rfind("out1", 0) == 0) << path;
+  }
+
+  MOXOLE_SKIP_WITHOUT(MOXOLE_WRITER_FUNCTIONS);
+  r = moxole({"pack", at("out1"), at("one.doc")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  ASSERT_EQ(moxole({"extract", at("one.doc"), at("out2")}).status, 0);
+  EXPECT_TRUE(snapshotTree(at("out2")) == source) << "extract(pack(tree)) differs from the tree";
+  ASSERT_EQ(moxole({"pack", at("out2"), at("two.doc")}).status, 0);
+  // Packing sorts names, so equal trees make equal files.
+  EXPECT_TRUE(slurp(at("one.doc")) == slurp(at("two.doc")));
+
+  const std::string python = moxtest::olefilePython();
+  if (python.empty()) GTEST_SKIP() << "python3-olefile is not installed";
+  ProgramResult mirror = moxtest::runProgram(
+      {python, MOX_SOURCE_DIR "/tests/support/olefile_mirror.py", at("one.doc"), at("mirror")});
+  ASSERT_EQ(mirror.status, 0) << mirror.err;
+  EXPECT_TRUE(snapshotTree(at("mirror")) == source) << "olefile reads another tree in what pack wrote";
+}
+
+TEST_F(Moxole, ProgressIsDrawnOnATerminalAndWipedAtTheEnd) {
+  // script(1) gives the program a terminal and copies what it draws.
+  std::string command = std::string(MOXOLE_PROGRAM) + " extract " + doc_ + " " + at("out");
+  moxtest::ProgramOptions options;
+  options.unsetEnv.push_back("MOXOLE_LIBRARY");
+  ProgramResult r = moxtest::runProgram({"script", "-qec", command, "/dev/null"}, options);
+  if (r.status == 127 || r.err.find("script") != std::string::npos) {
+    GTEST_SKIP() << "script(1) cannot run here: " << r.err;
+  }
+  ASSERT_EQ(r.status, 0) << r.out;
+  EXPECT_NE(r.out.find("\rmoxole: extract: "), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(" entries, "), std::string::npos) << r.out;
+  // The last thing drawn wipes the line.
+  EXPECT_EQ(r.out.substr(r.out.size() - 4), "\r\033[K") << r.out;
+  EXPECT_TRUE(snapshotTree(at("out")) == moxtest::sampleSnapshot(tree_));
+}
+
+TEST_F(Moxole, CatFindsMiniAndRegularStreamsByEscapedPaths) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"WordDocument", "WordDocument"},
+      {"/Big", "Big"},
+      {"Mini4095", "Mini4095"},
+      {"Regular4096", "Regular4096"},
+      {"\\x05SummaryInformation", "\x05SummaryInformation"},
+      {"ObjectPool//_1/\\x03META", "\x03META"},
+      {"A/B/C/deep", "deep"},
+      {"A/a\\x2fb", "a/b"},
+      {"A/\\x2e", "."},
+      {"\\x2e.", ".."},
+      {"A/caf\\xe9", "caf\xe9"},
+      {"A/caf\\xE9", "caf\xe9"},
+      {"\\x01CompObj", "\x01" "CompObj"},
+      // A name that differs only in letter case, when it is the only one.
+      {"worddocument", "WordDocument"},
+  };
+  for (const auto& [path, name] : cases) {
+    ProgramResult r = moxole({"cat", doc_, path});
+    EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+    EXPECT_TRUE(r.out == bytesOf(name)) << path;
+  }
+}
+
+TEST_F(Moxole, ListingsShowTypesSizesAndEscapedNames) {
+  ProgramResult ls = moxole({"ls", "-l", doc_});
+  ASSERT_EQ(ls.status, 0) << ls.err;
+  EXPECT_EQ(ls.out,
+            "stream              0  \\x01CompObj\n"
+            "stream            300  \\x05SummaryInformation\n"
+            "stream              7  \\x2e.\n"
+            "storage             -  A\n"
+            "stream        5000000  Big\n"
+            "stream           4095  Mini4095\n"
+            "storage             -  ObjectPool\n"
+            "stream           4096  Regular4096\n"
+            "stream           6000  WordDocument\n");
+  // Sorted by the names' bytes: '.' (0x2e) before 'B' before 'a'.
+  EXPECT_EQ(moxole({"ls", "-R", doc_, "A"}).out, "\\x2e\nB\nB/C\nB/C/deep\na\\x2fb\ncaf\xc3\xa9\n");
+  EXPECT_EQ(moxole({"ls", "-l", doc_, "ObjectPool/_1/\\x03META"}).out, "stream            700  \\x03META\n");
+
+  ProgramResult tree = moxole({"tree", doc_});
+  ASSERT_EQ(tree.status, 0) << tree.err;
+  EXPECT_EQ(tree.out.rfind("Root Entry/\n|-- \\x01CompObj  (0 bytes)\n", 0), 0u) << tree.out;
+  EXPECT_NE(tree.out.find("|-- A/\n|   |-- \\x2e  (3 bytes)\n|   |-- B/\n"
+                          "|   |   `-- C/\n|   |       `-- deep  (10 bytes)\n"),
+            std::string::npos)
+      << tree.out;
+  EXPECT_NE(tree.out.find("|   |-- Empty/\n|   `-- _1/\n"), std::string::npos) << tree.out;
+  EXPECT_EQ(tree.out.size() - tree.out.rfind("`-- WordDocument  (6000 bytes)\n"), 31u)
+      << "WordDocument is not the last line";
+
+  size_t storages = 0, streams = 0, bytes = 0;
+  for (const moxtest::SampleEntry& e : tree_) {
+    (e.storage ? storages : streams) += 1;
+    bytes += e.bytes.size();
+  }
+  ProgramResult info = moxole({"info", doc_});
+  ASSERT_EQ(info.status, 0) << info.err;
+  const std::pair<const char*, size_t> lines[] = {
+      {"storages", storages}, {"streams", streams}, {"stream bytes", bytes}, {"sector size", 512},
+      {"mini sector size", 64}, {"mini stream cutoff", 4096}, {"DIFAT sectors", 0}};
+  for (const auto& [key, value] : lines) {
+    const std::string text = std::string(key) + ":";
+    EXPECT_NE(info.out.find(text + std::string(21 - text.size(), ' ') + std::to_string(value) + "\n"),
+              std::string::npos)
+        << key << "\n" << info.out;
+  }
+
+  ProgramResult objects = moxole({"objects", doc_});
+  ASSERT_EQ(objects.status, 0) << objects.err;
+  EXPECT_EQ(objects.out, "1          ObjectPool/_1  \\x02OlePres000 0, \\x03META 700\n");
+  MOXOLE_SKIP_WITHOUT("bOLEgetObject", "bOLEopenStream");
+  ProgramResult r = moxole({"object", doc_, "1", at("one.wmf")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  // The metafile is what follows the 8-byte header the stream starts with.
+  EXPECT_TRUE(slurp(at("one.wmf")) == bytesOf("\x03META").substr(8));
+}
+
+// --- Editing ---------------------------------------------------------------
+
+std::string text(const mox::CompoundFile& f, const std::string& path) {
+  const std::vector<std::uint8_t> b = f.open_stream(path).read_all();
+  return std::string(b.begin(), b.end());
+}
+
+TEST(MoxoleEdit, CommandsBuildAndChangeADocument) {
+  moxtest::ScratchDir dir;
+  const std::string doc = dir.file("doc.cfb"), src = dir.file("src.bin");
+  ASSERT_TRUE(spit(src, moxtest::patternBytes(100000, 7)));
+  EXPECT_EQ(moxole({"put", doc, "Dir/Big", src}).status, 0);
+  EXPECT_EQ(moxtest::runProgram({"sh", "-c", "printf 'from stdin' | \"$0\" put \"$1\" 'Dir/\\x05Small'",
+                                 MOXOLE_PROGRAM, doc}).status, 0);
+  EXPECT_EQ(moxole({"mkdir", doc, "Other/Deep"}).status, 0);
+  EXPECT_EQ(moxole({"mv", doc, "Dir/Big", "Other"}).status, 0);                   // into a storage
+  EXPECT_EQ(moxole({"mv", doc, "Dir/\\x05Small", "Other/Deep/tiny"}).status, 0);  // renamed and moved
+  EXPECT_EQ(moxole({"put", doc, "Other/Big", "-"}).status, 0);                    // replaced, from empty stdin
+  EXPECT_EQ(moxole({"rm", doc, "Dir"}).status, 0);
+  const mox::CompoundFile f = mox::CompoundFile::open(doc);
+  EXPECT_FALSE(f.exists("Dir"));
+  EXPECT_EQ(text(f, "Other/Deep/tiny"), "from stdin");
+  EXPECT_EQ(f.entry("Other/Big")->size, 0u);
+  EXPECT_TRUE(f.check().empty());
+  EXPECT_EQ(snapshotTree(dir.path()).size(), 2u) << "temporary files left behind";
+}
+
+TEST(MoxoleEdit, FailuresReportAndLeaveTheFileAlone) {
+  moxtest::ScratchDir dir;
+  const std::string doc = dir.file("doc.cfb"), plain = dir.file("plain.txt");
+  ASSERT_EQ(moxole({"mkdir", doc, "S"}).status, 0);
+  ASSERT_TRUE(spit(plain, "not a compound file"));
+  const std::string before = slurp(doc);
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    const char* says;
+  } cases[] = {
+      {{"rm", doc, "missing"}, 3, "missing"},
+      {{"mkdir", doc, "S"}, 1, "exists"},
+      {{"mv", doc, "S", "nowhere/x"}, 3, "nowhere"},
+      {{"put", doc, "S"}, 1, "exists"},
+      {{"put", doc, "x", dir.file("no-such-source")}, 3, "no-such-source"},
+      {{"put", doc, "bad!name", plain}, 1, "bad!name"},
+      {{"rm", plain, "x"}, 2, "not a compound file"},
+      {{"rm", dir.file("absent.cfb"), "x"}, 3, "absent.cfb"},
+      {{"rm", doc}, 1, "missing operand"},
+      {{"rm", doc, "/"}, 1, "root"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[0] + " " + c.args.back());
+    const ProgramResult r = moxole(c.args);
+    EXPECT_EQ(r.status, c.status) << r.err;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.rfind("moxole: ", 0), 0u) << r.err;
+    EXPECT_EQ(slurp(doc), before);
+  }
+}
+
+// --- Failures --------------------------------------------------------------
+
+TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
+  const std::string doc = doc_, dir = scratch_.path();
+  ASSERT_TRUE(spit(at("notes.txt"), "Dear diary, today I wrote a test.\n"));
+  ASSERT_TRUE(spit(at("empty"), ""));
+  ASSERT_TRUE(spit(at("plain"), "x"));
+  ASSERT_EQ(mkdir(at("full").c_str(), 0777), 0);
+  ASSERT_TRUE(spit(at("full/WordDocument"), "mine"));
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string err;
+  };
+  std::vector<Case> cases = {
+      // Mistakes on the command line.
+      {{"frobnicate", "x"}, 1, "moxole: unknown command 'frobnicate'\nTry 'moxole --help'.\n"},
+      {{"cat", "only-a-file"}, 1, "moxole: cat: missing operand\nusage: moxole cat FILE PATH\n"},
+      {{"tree", "a", "b"}, 1, "moxole: tree: too many operands\nusage: moxole tree FILE\n"},
+      {{"ls", "-lx", "a"}, 1, "moxole: ls: unknown option '-lx'\nusage: moxole ls [-l] [-R] FILE [PATH]\n"},
+      {{"object", "a.doc", "12x", "out"}, 1, "moxole: object: N must be a decimal object number\n"},
+      // Inputs that are not documents.
+      {{"cat", at("missing.doc"), "WordDocument"}, 3, "moxole: " + at("missing.doc") + ": no such file or directory\n"},
+      {{"extract", at("notes.txt"), at("out")}, 2, "moxole: " + at("notes.txt") + ": not a compound file\n"},
+      {{"pack", at("missing"), at("out.doc")}, 3, "moxole: " + at("missing") + ": no such file or directory\n"},
+      {{"pack", at("notes.txt"), at("out.doc")}, 4, "moxole: " + at("notes.txt") + ": not a directory\n"},
+      // Entries and objects the document lacks.
+      {{"cat", doc, "Nothing"}, 3, "moxole: " + doc + ": no entry Nothing\n"},
+      {{"cat", doc, "A/Big"}, 3, "moxole: " + doc + ": no entry A/Big\n"},
+      {{"cat", doc, "Big/deep"}, 3, "moxole: " + doc + ": no entry Big/deep\n"},
+      {{"cat", doc, "A"}, 3, "moxole: " + doc + ": A is a storage\n"},
+      {{"ls", doc, "Nope"}, 3, "moxole: " + doc + ": no entry Nope\n"},
+      {{"object", doc, "2", at("two.wmf")}, 3, "moxole: " + doc + ": no object 2\n"},
+      {{"object", "-p", doc, "1", at("pic")}, 3, "moxole: " + doc + ": object 1 has no \\x03PIC stream\n"},
+      // Outputs that cannot be written.
+      {{"extract", doc, at("full")}, 4, "moxole: " + at("full") + ": directory is not empty\n"},
+      {{"extract", doc, at("plain/out")}, 4, "moxole: " + at("plain/out") + ": not a directory\n"},
+      {{"extract", doc, at("plain")}, 4, "moxole: " + at("plain") + ": exists and is not a directory\n"},
+      {{"extract", doc, at("a/b/c")}, 4, "moxole: " + at("a/b/c") + ": no such file or directory\n"},
+      {{"pack", at("full"), at("plain/out.doc")}, 4, "moxole: " + at("plain/out.doc") + ": not a directory\n"},
+      {{"pack", at("full"), at("missing/out.doc")}, 4,
+       "moxole: " + at("missing/out.doc") + ": no such file or directory\n"},
+  };
+  for (const char* command : {"info", "ls", "tree", "objects", "check", "props"}) {
+    cases.push_back({{command, at("missing.doc")}, 3, "moxole: " + at("missing.doc") + ": no such file or directory\n"});
+    cases.push_back({{command, at("notes.txt")}, 2, "moxole: " + at("notes.txt") + ": not a compound file\n"});
+    cases.push_back({{command, at("empty")}, 2, "moxole: " + at("empty") + ": not a compound file\n"});
+    cases.push_back({{command, dir}, 2, "moxole: " + dir + ": is a directory\n"});
+  }
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args[0] + " " + c.args.back());
+    const ProgramResult r = moxole(c.args);
+    EXPECT_EQ(r.status, c.status) << r.err;
+    EXPECT_EQ(r.err, c.err);
+    EXPECT_EQ(r.out, "");
+  }
+  EXPECT_EQ(slurp(at("full/WordDocument")), "mine");
+  for (const auto& [path, bytes] : snapshotTree(dir)) {
+    EXPECT_TRUE(path.rfind("out", 0) != 0 && path != "pic" && path != "two.wmf") << path << " was left";
+  }
+
+  moxtest::ProgramOptions full;
+  full.stdoutPath = "/dev/full";
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"cat", doc, "Big"}, {"ls", "-l", doc}}) {
+    ProgramResult r = moxole(args, full);
+    EXPECT_EQ(r.status, 4);
+    EXPECT_EQ(r.err, "moxole: standard output: no space left on device\n");
+  }
+}
+
+TEST(MoxoleFailures, TruncatedDocumentsAreReportedAsDamaged) {
+  MOXOLE_SKIP_WITHOUT(MOXOLE_READER_FUNCTIONS);
+  moxtest::ScratchDir scratch;
+  auto write = [&](const std::string& name, const cfb::CfbLayout& layout) {
+    const cfb::Bytes bytes = layout.serialize();
+    EXPECT_TRUE(spit(scratch.file(name), std::string(bytes.begin(), bytes.end())));
+    return scratch.file(name);
+  };
+  // A mini stream and two regular streams, laid out by the builder in this
+  // order, the mini stream last of all.
+  cfb::CfbBuilder b;
+  b.addStream(b.addStorage(0, "Storage"), "Inner", cfb::Bytes(100, 'i'));
+  const int early = b.addStream(0, "Early", cfb::Bytes(5000, 'E'));
+  const int large = b.addStream(0, "Large", cfb::Bytes(40 * 512, 'L'));
+  const cfb::CfbLayout layout = b.layout();
+
+  // Cut inside the directory: the document cannot be loaded at all.
+  cfb::CfbLayout cut = layout;
+  cut.truncateTo = static_cast<int64_t>(cut.dirSectors[0] + 1) * 512 + 100;
+  const std::string noDirectory = write("no-directory.doc", cut);
+  // Every reading command names the damage (whichever engine it reads with).
+  const std::string prefix = "moxole: " + noDirectory + ": damaged compound file: ";
+  for (const char* command : {"info", "ls", "tree", "objects"}) {
+    ProgramResult r = moxole({command, noDirectory});
+    EXPECT_EQ(r.status, 2) << command;
+    EXPECT_EQ(r.err.rfind(prefix, 0), 0u) << command << ": " << r.err;
+    EXPECT_GT(r.err.size(), prefix.size() + 8) << command << ": no reason given";
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_EQ(r.out, "");
+  }
+
+  // Cut inside the large stream's last sectors, after every table: the
+  // document opens, the stream comes out short.
+  uint32_t tablesEnd = 0;
+  for (const auto* table : {&layout.dirSectors, &layout.fatSectors, &layout.miniFatSectors}) {
+    for (uint32_t s : *table) tablesEnd = std::max(tablesEnd, s + 1);
+  }
+  uint32_t last = layout.dir[large].start;
+  while (layout.fat[last] != cfb::kEnd) last = layout.fat[last];
+  ASSERT_GT(last, tablesEnd + 1) << "the builder put a table after the stream";
+  ASSERT_LT(layout.dir[early].start, layout.dir[large].start);
+  cut = layout;
+  cut.truncateTo = static_cast<int64_t>(last + 1) * 512 + 10;  // 10 bytes in
+  const std::string shortDoc = write("short.doc", cut);
+  ASSERT_EQ(moxole({"cat", shortDoc, "Early"}).out, std::string(5000, 'E'));
+  const std::string err = "moxole: " + shortDoc + ": stream Large is cut short (19968 of 20480 bytes)\n";
+  ProgramResult r = moxole({"cat", shortDoc, "Large"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err, err);
+  EXPECT_EQ(r.out.size(), 19968u) << "the bytes before the cut still come out";
+  r = moxole({"extract", shortDoc, scratch.file("out")});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err, err);
+}
+
+TEST(MoxoleFailures, PackRefusesWhatTheFormatCannotHoldAndKeepsTheOldFile) {
+  MOXOLE_SKIP_WITHOUT(MOXOLE_READER_FUNCTIONS, MOXOLE_WRITER_FUNCTIONS);
+  moxtest::ScratchDir scratch;
+  const std::string out = scratch.file("refused.doc");
+  const std::pair<std::vector<const char*>, const char*> cases[] = {
+      {{"ThisNameIsThirtyTwoCharactersLon"}, "longer than 31 characters"},
+      {{"a\\b"}, "holds a '\\'"},
+      {{"\\x00"}, "empty entry name"},
+      {{"Data", "DATA"}, "only in letter case"},
+  };
+  for (const auto& [files, reason] : cases) {
+    moxtest::ScratchDir dir;
+    for (const char* name : files) ASSERT_TRUE(spit(dir.file(name), "x"));
+    ProgramResult r = moxole({"pack", dir.path(), out});
+    EXPECT_EQ(r.status, 4) << files[0];
+    // One line naming the offending file and the reason.
+    const std::string named = files.size() == 1 ? dir.file(files[0]) + ": " : dir.path() + "/";
+    EXPECT_EQ(r.err.rfind("moxole: " + named, 0), 0u) << r.err;
+    EXPECT_NE(r.err.find(reason), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;
+    EXPECT_NE(access(out.c_str(), F_OK), 0) << "a file was left";
+  }
+
+  // An existing file is replaced only on success.
+  ASSERT_TRUE(spit(out, "previous content"));
+  ASSERT_EQ(mkdir(scratch.file("src").c_str(), 0777), 0);
+  ASSERT_TRUE(spit(scratch.file("src/Stream"), "bytes"));
+  const std::string tooLong = scratch.file("src/ThisNameIsThirtyTwoCharactersLon");
+  ASSERT_TRUE(spit(tooLong, ""));
+  EXPECT_EQ(moxole({"pack", scratch.file("src"), out}).status, 4);
+  EXPECT_EQ(slurp(out), "previous content");
+  ASSERT_EQ(unlink(tooLong.c_str()), 0);
+  EXPECT_EQ(moxole({"pack", scratch.file("src"), out}).status, 0);
+  EXPECT_EQ(moxole({"cat", out, "Stream"}).out, "bytes");
+  // No temporary file is left beside it.
+  for (const auto& [path, bytes] : snapshotTree(scratch.path())) {
+    EXPECT_EQ(path.find(".moxole-"), std::string::npos) << path;
+  }
+}
+
+TEST(MoxoleUsage, HelpIsShownForTheProgramAndEveryCommand) {
+  ProgramResult r = moxole({});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("usage: moxole COMMAND"), std::string::npos);
+  r = moxole({"--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.err, "");
+  for (const char* command : {"info", "ls", "tree", "cat", "extract", "pack", "objects", "object"}) {
+    EXPECT_NE(r.out.find(std::string("  moxole ") + command + " "), std::string::npos) << command;
+    ProgramResult help = moxole({command, "--help"});
+    EXPECT_EQ(help.status, 0) << command;
+    EXPECT_EQ(help.out.rfind(std::string("usage: moxole ") + command + " ", 0), 0u) << help.out;
+    EXPECT_GT(help.out.size(), 60u) << "no description for " << command;
+  }
+  // Help needs no library: it works even when none can be loaded.
+  moxtest::ProgramOptions noLibrary;
+  noLibrary.setEnv["MOXOLE_LIBRARY"] = "/nonexistent/libmoxolefio.so";
+  EXPECT_EQ(moxtest::runProgram({MOXOLE_PROGRAM, "cat", "-h"}, noLibrary).status, 0);
+}
+
+TEST(MoxoleUsage, AnUnloadableLibraryIsNamedAndExitsWithFour) {
+  moxtest::ScratchDir dir;
+  ASSERT_TRUE(spit(dir.file("text.so"), "not a shared object\n"));
+  for (const std::string& library : {std::string("/nonexistent/libmoxolefio.so"), dir.file("text.so")}) {
+    moxtest::ProgramOptions options;
+    options.setEnv["MOXOLE_LIBRARY"] = library;
+    ProgramResult r = moxtest::runProgram({MOXOLE_PROGRAM, "info", MOX_SOURCE_DIR "/samples/sample.doc"}, options);
+    EXPECT_EQ(r.status, 4);
+    EXPECT_EQ(r.err.rfind("moxole: " + library + ": ", 0), 0u) << r.err;
+    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;
+  }
+  // The variable wins over the library beside the program.
+  moxtest::ProgramOptions options;
+  options.setEnv["MOXOLE_LIBRARY"] = MOX_LIBRARY_PATH;
+  MOXOLE_SKIP_WITHOUT("iOLEGetStreamTree");
+  EXPECT_EQ(moxtest::runProgram({MOXOLE_PROGRAM, "tree", MOX_SOURCE_DIR "/samples/sample.doc"}, options).status, 0);
+}
+
+}  // namespace

@@ -435,12 +435,19 @@ void CompoundFile::set_modified(std::string_view path, std::uint64_t filetime) {
 
 namespace {
 
-// The old file with its edited sectors and entries overwritten where the
-// edits allow it (see patch.h), else the whole file laid out anew.
-// `knownClean` says whether check() found nothing in the image.
-std::unique_ptr<detail::FileWriter> writerFor(const Impl& impl, bool knownClean) {
-  if (knownClean && !impl.layout_changed) {
-    if (auto patched = detail::PatchedCopy::plan(impl.tree, impl.image)) return patched;
+// The old file with its edited sectors and entries overwritten (see
+// patch.h), when the edits allow it and the old file is not known to fail
+// the check; else null.
+std::unique_ptr<detail::FileWriter> patchFor(const Impl& impl) {
+  if (!impl.image || impl.layout_changed || impl.image_clean == 0) return nullptr;
+  return detail::PatchedCopy::plan(impl.tree, impl.image);
+}
+
+// What save_as and bytes() write: a patched copy only of a file known to
+// pass the check (they do not run it), else the whole file laid out anew.
+std::unique_ptr<detail::FileWriter> writerFor(const Impl& impl) {
+  if (impl.image_clean == 1) {
+    if (auto patched = patchFor(impl)) return patched;
   }
   return std::make_unique<detail::Serializer>(impl.tree, impl.image, impl.version);
 }
@@ -450,21 +457,13 @@ std::unique_ptr<detail::FileWriter> writerFor(const Impl& impl, bool knownClean)
 void CompoundFile::commit() {
   Impl& impl = *impl_;
   requireWritable(impl);
-  std::unique_ptr<detail::FileWriter> writer;
+  std::unique_ptr<detail::FileWriter> writer = patchFor(impl);
   std::future<bool> clean;
-  if (impl.image && !impl.layout_changed) {
-    if (impl.image_clean < 0) {
-      // Whether the copy may stand is known only once the old file is
-      // checked; the check runs beside the copy and its flush, which are
-      // the kernel's work, and a file that fails it is laid out anew.
-      writer = detail::PatchedCopy::plan(impl.tree, impl.image);
-      if (writer) {
-        clean = std::async(std::launch::async,
-                           [image = impl.image] { return detail::checkImage(*image).empty(); });
-      }
-    } else if (impl.image_clean == 1) {
-      writer = detail::PatchedCopy::plan(impl.tree, impl.image);
-    }
+  if (writer && impl.image_clean < 0) {
+    // Whether the copy may stand is known only once the old file is
+    // checked; the check runs beside the copy and its flush, which are
+    // the kernel's work, and a file that fails it is laid out anew.
+    clean = std::async(std::launch::async, [image = impl.image] { return detail::checkImage(*image).empty(); });
   }
   auto confirmed = [&] {
     if (!clean.valid()) return true;
@@ -506,12 +505,12 @@ void CompoundFile::revert() {
 }
 
 void CompoundFile::save_as(const std::filesystem::path& path) const {
-  std::unique_ptr<detail::FileWriter> writer = writerFor(*impl_, impl_->image_clean == 1);
+  std::unique_ptr<detail::FileWriter> writer = writerFor(*impl_);
   detail::writeAtomically(path, *writer);
 }
 
 std::vector<std::uint8_t> CompoundFile::bytes() const {
-  std::unique_ptr<detail::FileWriter> writer = writerFor(*impl_, impl_->image_clean == 1);
+  std::unique_ptr<detail::FileWriter> writer = writerFor(*impl_);
   std::vector<std::uint8_t> out;
   out.reserve(static_cast<std::size_t>(writer->fileSize()));
   detail::MemorySink sink(out);

@@ -10,9 +10,9 @@
 #                                             over the corpora kept so far
 #
 # A run starts from the corpus kept in the project (fuzz/corpus/TARGET,
-# inputs the fuzzer made and `merge` kept) and from seeds made afresh each
-# time: builder-made edge cases and programs (make_fuzz_seeds), property
-# sets of every value type (make_props_seeds), and for the two targets that
+# inputs the fuzzer made and `merge` kept), from the hand-designed seeds
+# kept in fuzz/seeds/TARGET (edge cases, programs, property sets of every
+# value type), and for the two targets that
 # read whole files the real files of the shared corpus (MOX_CORPUS_DIR, by
 # default ../shared/corpus beside the project), which are read from there
 # and never copied into the project.  What the fuzzer learns is written to
@@ -59,14 +59,14 @@ configure_and_build() {  # build-dir extra-cmake-args...
       -DMOX_BUILD_FUZZ=ON -DMOX_BUILD_TESTS=OFF "$@" >/dev/null
   fi
   cmake --build "$dir" -j"$(nproc)" --target fuzz_read fuzz_write fuzz_vos fuzz_props \
-    fuzz_native fuzz_edit make_fuzz_seeds make_props_seeds
+    fuzz_native fuzz_edit
 }
 
 make_seeds() {  # build-dir
   local dir=$1
   rm -rf "$dir/seeds"
-  "$dir/fuzz/make_fuzz_seeds" "$dir/seeds"
-  "$dir/fuzz/make_props_seeds" "$dir/seeds"
+  cp -r "$root/fuzz/seeds" "$dir/seeds"
+  rm -f "$dir/seeds/README.md"
   # The native interface reads the same files as the ABI's reader; edit
   # programs start from nothing but the kept corpus.
   mkdir -p "$dir/seeds/native" "$dir/seeds/edit"

@@ -148,14 +148,14 @@ void Serializer::linkSiblings(const std::vector<std::uint32_t>& sorted, std::siz
 }
 
 void Serializer::lay() {
-  // Directory order: the root, then depth first, children in order.
-  std::vector<std::uint32_t> stack{0};
-  while (!stack.empty()) {
-    const std::uint32_t node = stack.back();
-    stack.pop_back();
-    order_.push_back(node);
-    const auto& kids = tree_.children(node);
-    for (auto it = kids.rbegin(); it != kids.rend(); ++it) stack.push_back(*it);
+  // Directory order: breadth first, so that the children of a storage
+  // are neighbours.  A reader that looks up one path then touches a few
+  // directory pages instead of one page per sibling, and a storage's
+  // streams lie together in the file too.
+  order_.push_back(0);
+  for (std::size_t d = 0; d < order_.size(); ++d) {
+    const auto& kids = tree_.children(order_[d]);
+    order_.insert(order_.end(), kids.begin(), kids.end());
   }
   // Nodes are made as the walk reads them: the index is sized after it.
   index_.assign(tree_.size(), kNoNode);

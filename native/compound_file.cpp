@@ -24,10 +24,18 @@ std::uint32_t CompoundFile::Impl::require(std::string_view p) const {
 }
 
 Entry CompoundFile::Impl::entryOf(std::uint32_t i, std::string p) const {
-  const detail::Node& n = tree.node(i);
+  std::uint32_t depth = 0;
+  for (std::uint32_t at = tree.node(i).parent; at != detail::kNoNode; at = tree.node(at).parent) ++depth;
   Entry e;
-  e.name = n.utf8;
   e.path = std::move(p);
+  fillEntry(i, e.path, depth, e);
+  return e;
+}
+
+void CompoundFile::Impl::fillEntry(std::uint32_t i, const std::string& p, std::uint32_t depth, Entry& e) const {
+  const detail::Node& n = tree.node(i);
+  e.name = n.utf8;
+  if (&p != &e.path) e.path = p;
   e.type = n.type;
   e.size = n.data ? n.data->size() : n.size;
   e.clsid = n.clsid;
@@ -35,8 +43,7 @@ Entry CompoundFile::Impl::entryOf(std::uint32_t i, std::string p) const {
   e.created = n.created;
   e.modified = n.modified;
   e.id = n.id;
-  for (std::uint32_t at = n.parent; at != detail::kNoNode; at = tree.node(at).parent) ++e.depth;
-  return e;
+  e.depth = depth;
 }
 
 Stream CompoundFile::Impl::openStream(std::uint32_t i, const std::string& p) const {
@@ -114,15 +121,19 @@ std::vector<Entry> CompoundFile::children(std::string_view path) const {
 std::vector<Entry> CompoundFile::walk() const {
   std::vector<Entry> list;
   list.reserve(impl_->image ? impl_->image->entryCount() : impl_->tree.size());
-  impl_->tree.walk([&](std::uint32_t node, const std::string& path, std::uint32_t) {
-    list.push_back(impl_->entryOf(node, path));
+  Entry e;
+  impl_->tree.walk([&](std::uint32_t node, const std::string& path, std::uint32_t depth) {
+    impl_->fillEntry(node, path, depth, e);
+    list.push_back(e);
   });
   return list;
 }
 
 void CompoundFile::walk(const std::function<void(const Entry&)>& visit) const {
-  impl_->tree.walk([&](std::uint32_t node, const std::string& path, std::uint32_t) {
-    visit(impl_->entryOf(node, path));
+  Entry e;
+  impl_->tree.walk([&](std::uint32_t node, const std::string& path, std::uint32_t depth) {
+    impl_->fillEntry(node, path, depth, e);
+    visit(e);
   });
 }
 

@@ -42,6 +42,9 @@ struct __attribute__((visibility("hidden"))) CompoundFile::Impl {
   // The node a path names; throws Error(not_found).
   std::uint32_t require(std::string_view path) const;
   Entry entryOf(std::uint32_t node, std::string path) const;
+  // The same into an Entry that a walk reuses, so that its strings keep
+  // their storage from one entry to the next.
+  void fillEntry(std::uint32_t node, const std::string& path, std::uint32_t depth, Entry& e) const;
   Stream openStream(std::uint32_t node, const std::string& path) const;
   // The stream of a writable file, turned into an edited stream (a view of
   // the stored one until written) on first use.

@@ -39,11 +39,21 @@ bool siblingLess(const Node& a, const Node& b) {
 
 }  // namespace
 
-std::string childPath(const std::string& parentPath, bool parentIsRoot, const std::string& name) {
+void appendChildPath(std::string& path, bool parentIsRoot, const std::string& name) {
   // Below the root a path is just the name, but an empty first name would
   // make it "" (the root) or lose its leading empty element: it keeps a '/'.
-  if (parentIsRoot) return name.empty() ? "/" : name;
-  return parentPath + "/" + name;
+  if (parentIsRoot) {
+    path.assign(name.empty() ? "/" : name);
+    return;
+  }
+  path += '/';
+  path += name;
+}
+
+std::string childPath(const std::string& parentPath, bool parentIsRoot, const std::string& name) {
+  std::string path = parentIsRoot ? std::string() : parentPath;
+  appendChildPath(path, parentIsRoot, name);
+  return path;
 }
 
 std::vector<std::string_view> splitPath(std::string_view path) {

@@ -107,28 +107,38 @@ class Tree {
 // Splits "a/b/c" into its elements after dropping one leading '/'; ""
 // alone names the root, "/" the child with an empty name.
 std::vector<std::string_view> splitPath(std::string_view path);
-// The path of a child named `name` under a node with path `parentPath`.
+// The path of a child named `name` under a node with path `parentPath`;
+// appendChildPath turns the parent's path into the child's in place.
 std::string childPath(const std::string& parentPath, bool parentIsRoot, const std::string& name);
+void appendChildPath(std::string& path, bool parentIsRoot, const std::string& name);
 
 template <typename Visit>
 void Tree::walk(Visit&& visit) const {
   // An explicit stack: a damaged file can nest entries thousands deep.
+  // One path buffer serves the whole walk: every node met between a
+  // parent and its next child lies below that parent, so the buffer
+  // still starts with the parent's path, which is cut back to.
   struct Frame {
     std::uint32_t node;
     std::uint32_t depth;
-    std::string path;
+    std::uint32_t parent;         // kNoNode for the root
+    std::size_t parentPathSize;
   };
   std::lock_guard<std::recursive_mutex> hold(*lock_);
   std::vector<Frame> stack;
-  stack.push_back(Frame{0, 0, std::string()});
+  std::string path;
+  stack.push_back(Frame{0, 0, kNoNode, 0});
   while (!stack.empty()) {
-    Frame f = std::move(stack.back());
+    const Frame f = stack.back();
     stack.pop_back();
-    visit(f.node, f.path, f.depth);
+    if (f.parent != kNoNode) {
+      path.resize(f.parentPathSize);
+      appendChildPath(path, f.parent == 0, nodes_[f.node].utf8);
+    }
+    visit(f.node, path, f.depth);
     const std::vector<std::uint32_t>& kids = children(f.node);
     for (auto it = kids.rbegin(); it != kids.rend(); ++it) {
-      const Node& c = nodes_[*it];
-      stack.push_back(Frame{*it, f.depth + 1, childPath(f.path, f.node == 0, c.utf8)});
+      stack.push_back(Frame{*it, f.depth + 1, f.node, path.size()});
     }
   }
 }

@@ -163,13 +163,26 @@ class Index {
 
  private:
   const std::string& lowerOf(std::uint32_t i);
+  // The child of `parent` that name `item` (at `position` in its list)
+  // finds, remembered for the next list; kNone when none.
+  std::uint32_t resolveName(std::uint32_t parent, py::handle item, std::size_t position);
   std::uint32_t findChild(std::uint32_t parent, const std::string& lowered);
   void insertChild(std::uint32_t parent, std::uint32_t child);
   void forgetChild(std::uint32_t parent, std::uint32_t child);
   template <class Visit>
   void depthFirst(Visit visit);
+  void forgetMemo() {
+    memo_items_.clear();
+    memo_nodes_.clear();
+  }
 
   std::vector<Node> nodes_;
+  // The last path list resolved, name by name: a list from listdir()
+  // shares its leading names with the one before as the very same
+  // objects, and those resolve as they did.  Held as references, so that
+  // an address cannot come back as another name; dropped on every edit.
+  std::vector<py::object> memo_items_;
+  std::vector<std::uint32_t> memo_nodes_;
 };
 
 // Python's str.lower() of a UTF-8 name, without Python for ASCII.

@@ -76,6 +76,7 @@ bool lowerName(const char* text, std::size_t length, std::string& out) {
 
 void Index::build(const mox::CompoundFile& file) {
   nodes_.clear();
+  forgetMemo();
   // The walk is pre-order: a node's parent is the last node met one level
   // up.
   std::vector<std::uint32_t> line;  // the nodes from the root down to the last one met
@@ -162,24 +163,38 @@ std::uint32_t Index::resolve(py::handle path) {
     throw py::type_error("a stream or storage name is a str or a sequence of str, not bytes");
   }
   py::iterator it = py::iter(path);
-  for (; it != py::iterator::sentinel(); ++it) {
+  std::size_t same = 0;  // leading names that are the memo's own objects
+  for (std::size_t k = 0; it != py::iterator::sentinel(); ++it, ++k) {
     py::handle item = *it;
     if (!PyUnicode_Check(item.ptr())) {
       throw py::type_error("a name in a path list must be a str, not " +
                            std::string(Py_TYPE(item.ptr())->tp_name));
     }
-    Py_ssize_t length = 0;
-    const char* text = PyUnicode_AsUTF8AndSize(item.ptr(), &length);
-    if (text == nullptr) {
-      PyErr_Clear();
-      return kNone;
-    }
-    if (at == kNone) continue;  // the rest is still checked for types
-    if (!lowerName(text, static_cast<std::size_t>(length), lowered)) {
-      at = kNone;
+    if (same == k && k < memo_items_.size() && memo_items_[k].ptr() == item.ptr()) {
+      at = memo_nodes_[k];
+      ++same;
       continue;
     }
-    at = findChild(at, lowered);
+    if (at != kNone) at = resolveName(at, item, k);
+  }
+  return at;
+}
+
+std::uint32_t Index::resolveName(std::uint32_t parent, py::handle item, std::size_t position) {
+  memo_items_.resize(position);
+  memo_nodes_.resize(position);
+  std::string lowered;
+  Py_ssize_t length = 0;
+  const char* text = PyUnicode_AsUTF8AndSize(item.ptr(), &length);
+  if (text == nullptr) {
+    PyErr_Clear();
+    return kNone;
+  }
+  if (!lowerName(text, static_cast<std::size_t>(length), lowered)) return kNone;
+  const std::uint32_t at = findChild(parent, lowered);
+  if (at != kNone) {
+    memo_items_.push_back(py::reinterpret_borrow<py::object>(item));
+    memo_nodes_.push_back(at);
   }
   return at;
 }
@@ -312,6 +327,7 @@ py::list Index::walk() {
 }
 
 void Index::insertChild(std::uint32_t parent, std::uint32_t child) {
+  forgetMemo();
   std::vector<std::uint32_t>& kids = nodes_[parent].children;
   auto at = std::upper_bound(kids.begin(), kids.end(), child,
                              [&](std::uint32_t a, std::uint32_t b) { return nodes_[a].name < nodes_[b].name; });
@@ -324,6 +340,7 @@ void Index::insertChild(std::uint32_t parent, std::uint32_t child) {
 }
 
 void Index::forgetChild(std::uint32_t parent, std::uint32_t child) {
+  forgetMemo();
   std::vector<std::uint32_t>& kids = nodes_[parent].children;
   kids.erase(std::remove(kids.begin(), kids.end(), child), kids.end());
   nodes_[parent].by_lower.reset();

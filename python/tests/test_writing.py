@@ -127,7 +127,10 @@ def test_edits_reach_the_file_only_through_commit(tmp_path):
     assert ole.modified and _names(path) == start  # nothing on disk yet
     ole.revert()
     assert not ole.exists('Dir/New') and not ole.modified
+    old = ole.listdir()[0]
+    assert old == ['Dir', 'Old'] and ole.get_size(old) == 10
     ole.rename('dir/old', 'Renamed')
+    assert not ole.exists(old)  # the very list objects do not find it under its old name
     ole.remove('KEEP')
     assert ole.listdir(True, True) == [['Dir'], ['Dir', 'Renamed']]
     del ole  # dropped without close or commit: nothing changes

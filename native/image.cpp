@@ -29,6 +29,30 @@ std::shared_ptr<const Image> Image::load(std::unique_ptr<ByteSource> source) {
   return image;
 }
 
+std::shared_ptr<const Image> Image::loadCopyOf(const Image& like, std::unique_ptr<ByteSource> source) {
+  std::shared_ptr<Image> image(new Image(std::move(source)));
+  image->loadHeader();
+  if (image->placesTablesAs(like)) {
+    image->tables_ = like.tables_;
+  } else {
+    image->loadFat();
+    image->loadMiniFat();
+  }
+  image->loadDirectory();
+  image->loadMiniStream();
+  return image;
+}
+
+bool Image::placesTablesAs(const Image& like) const {
+  const moxfmt::HeaderRecord& a = header_;
+  const moxfmt::HeaderRecord& b = like.header_;
+  return like.load_defects_.empty() && load_defects_.empty() && sectors_in_file_ == like.sectors_in_file_ &&
+         a.order == b.order && a.sector_shift == b.sector_shift && a.mini_sector_shift == b.mini_sector_shift &&
+         a.fat_sector_count == b.fat_sector_count && a.difat_count == b.difat_count &&
+         (a.difat_count == 0 || a.difat_start == b.difat_start) && a.mini_fat_start == b.mini_fat_start &&
+         a.mini_fat_count == b.mini_fat_count && memcmp(a.fat_slots, b.fat_slots, sizeof a.fat_slots) == 0;
+}
+
 int Image::version() const {
   if (header_.major_version == 3 || header_.major_version == 4) return header_.major_version;
   return header_.sector_shift >= 12 ? 4 : 3;
@@ -124,6 +148,7 @@ void Image::appendTable(const std::vector<std::uint32_t>& sectors, std::vector<s
 }
 
 void Image::loadFat() {
+  Tables& t = *tables_;
   std::uint64_t wanted = header_.fat_sector_count;
   // A FAT needs no more sectors than the file has: more could only repeat
   // sectors, and would cost memory the file does not account for.
@@ -133,40 +158,40 @@ void Image::loadFat() {
                    std::to_string(sectors_in_file_) + " sectors");
     wanted = sectors_in_file_;
   }
-  for (std::size_t i = 0; i < moxfmt::kHeaderFatSlots && fat_sectors_.size() < wanted; ++i) {
-    fat_sectors_.push_back(header_.fat_slots[i]);
+  for (std::size_t i = 0; i < moxfmt::kHeaderFatSlots && t.fat_sectors.size() < wanted; ++i) {
+    t.fat_sectors.push_back(header_.fat_slots[i]);
   }
   std::uint32_t next = header_.difat_start;
   std::unordered_set<std::uint32_t> seen;
   const std::uint32_t perSector = moxfmt::linksPerSector(sector_size_);
   std::vector<std::uint32_t> links;
-  while (fat_sectors_.size() < wanted && isRegular(next)) {
+  while (t.fat_sectors.size() < wanted && isRegular(next)) {
     if (next >= sectors_in_file_ || !seen.insert(next).second) {
       noteDefect(Severity::error, next >= sectors_in_file_ ? "difat-range" : "difat-cycle", next,
                  "DIFAT " + sectorText(next) +
                      (next >= sectors_in_file_ ? " lies past the end of the file" : " is visited twice"));
       break;
     }
-    difat_sectors_.push_back(next);
+    t.difat_sectors.push_back(next);
     links.clear();
     appendSectorLinks(next, links);
-    for (std::uint32_t k = 0; k + 1 < perSector && fat_sectors_.size() < wanted; ++k) {
-      fat_sectors_.push_back(links[k]);
+    for (std::uint32_t k = 0; k + 1 < perSector && t.fat_sectors.size() < wanted; ++k) {
+      t.fat_sectors.push_back(links[k]);
     }
     next = links[perSector - 1];
   }
-  if (fat_sectors_.size() < wanted) {
+  if (t.fat_sectors.size() < wanted) {
     noteDefect(Severity::error, "fat-count", -1,
                "the header counts " + std::to_string(header_.fat_sector_count) +
-                   " FAT sectors, the DIFAT lists " + std::to_string(fat_sectors_.size()));
+                   " FAT sectors, the DIFAT lists " + std::to_string(t.fat_sectors.size()));
   }
-  if (difat_sectors_.size() != header_.difat_count) {
+  if (t.difat_sectors.size() != header_.difat_count) {
     noteDefect(Severity::warning, "difat-count", -1,
                "the header counts " + std::to_string(header_.difat_count) +
-                   " DIFAT sectors, the chain has " + std::to_string(difat_sectors_.size()));
+                   " DIFAT sectors, the chain has " + std::to_string(t.difat_sectors.size()));
   }
-  fat_.reserve(fat_sectors_.size() * perSector);
-  appendTable(fat_sectors_, fat_, "fat-sector-range", "FAT");
+  t.fat.reserve(t.fat_sectors.size() * perSector);
+  appendTable(t.fat_sectors, t.fat, "fat-sector-range", "FAT");
 }
 
 namespace {
@@ -184,7 +209,7 @@ bool runsOverlap(std::vector<Run> runs) {
 }  // namespace
 
 Chain Image::chain(std::uint32_t start, bool mini, std::uint64_t wanted) const {
-  const std::vector<std::uint32_t>& table = mini ? mini_fat_ : fat_;
+  const std::vector<std::uint32_t>& table = mini ? tables_->mini_fat : tables_->fat;
   const std::uint64_t limit = mini ? table.size() : std::min<std::uint64_t>(table.size(), sectors_in_file_);
   // A walk to the end (the tables, once per open) marks what it visits and
   // stops at the first sector it meets again; a walk for a stream's
@@ -245,13 +270,14 @@ void Image::loadMiniFat() {
   }
   // The walk bounded the chain by the file's sectors: sized once, the
   // table is not copied again and again as it grows.
-  mini_fat_.reserve(c.sectors * moxfmt::linksPerSector(sector_size_));
-  mini_fat_sectors_.reserve(c.sectors);
+  Tables& t = *tables_;
+  t.mini_fat.reserve(c.sectors * moxfmt::linksPerSector(sector_size_));
+  t.mini_fat_sectors.reserve(c.sectors);
   for (const Run& run : c.runs) {
-    for (std::uint64_t k = 0; k < run.count; ++k) mini_fat_sectors_.push_back(static_cast<std::uint32_t>(run.first + k));
+    for (std::uint64_t k = 0; k < run.count; ++k) t.mini_fat_sectors.push_back(static_cast<std::uint32_t>(run.first + k));
   }
   // The chain's walk already said what is wrong with it.
-  appendTable(mini_fat_sectors_, mini_fat_, nullptr, nullptr);
+  appendTable(t.mini_fat_sectors, t.mini_fat, nullptr, nullptr);
 }
 
 void Image::loadDirectory() {

@@ -58,6 +58,11 @@ class Image {
   // Throws Error(not_a_compound_file) for anything without the signature
   // and a usable header, Error(damaged) when no directory can be read.
   static std::shared_ptr<const Image> load(std::unique_ptr<ByteSource> source);
+  // The image of a copy of `like` in which only stream sectors, directory
+  // entries and header fields that do not place the tables changed (what
+  // a patched commit writes): the FAT and mini FAT are shared with `like`
+  // instead of read again, when `like` loaded them without a defect.
+  static std::shared_ptr<const Image> loadCopyOf(const Image& like, std::unique_ptr<ByteSource> source);
 
   const ByteSource& source() const { return *source_; }
   const std::string& name() const { return source_->name(); }
@@ -70,11 +75,11 @@ class Image {
 
   // The tables as loaded, in host byte order.  Entries of FAT sectors that
   // could not be read are free.
-  const std::vector<std::uint32_t>& fat() const { return fat_; }
-  const std::vector<std::uint32_t>& miniFat() const { return mini_fat_; }
-  const std::vector<std::uint32_t>& fatSectors() const { return fat_sectors_; }
-  const std::vector<std::uint32_t>& difatSectors() const { return difat_sectors_; }
-  const std::vector<std::uint32_t>& miniFatSectors() const { return mini_fat_sectors_; }
+  const std::vector<std::uint32_t>& fat() const { return tables_->fat; }
+  const std::vector<std::uint32_t>& miniFat() const { return tables_->mini_fat; }
+  const std::vector<std::uint32_t>& fatSectors() const { return tables_->fat_sectors; }
+  const std::vector<std::uint32_t>& difatSectors() const { return tables_->difat_sectors; }
+  const std::vector<std::uint32_t>& miniFatSectors() const { return tables_->mini_fat_sectors; }
   const std::vector<std::uint32_t>& directorySectors() const { return directory_sectors_; }
   EntryTable entries() const { return EntryTable(*this); }
   std::uint32_t entryCount() const { return entry_count_; }
@@ -105,6 +110,7 @@ class Image {
  private:
   explicit Image(std::unique_ptr<ByteSource> source) : source_(std::move(source)) {}
   void loadHeader();
+  bool placesTablesAs(const Image& like) const;
   void loadFat();
   void loadMiniFat();
   void loadDirectory();
@@ -128,11 +134,15 @@ class Image {
   std::uint32_t sector_size_ = 512;
   std::uint32_t mini_sector_size_ = 64;
   std::uint64_t sectors_in_file_ = 0;
-  std::vector<std::uint32_t> fat_;
-  std::vector<std::uint32_t> mini_fat_;
-  std::vector<std::uint32_t> fat_sectors_;
-  std::vector<std::uint32_t> difat_sectors_;
-  std::vector<std::uint32_t> mini_fat_sectors_;
+  struct Tables {
+    std::vector<std::uint32_t> fat;
+    std::vector<std::uint32_t> mini_fat;
+    std::vector<std::uint32_t> fat_sectors;
+    std::vector<std::uint32_t> difat_sectors;
+    std::vector<std::uint32_t> mini_fat_sectors;
+  };
+  // Written while this image loads, then shared and never changed.
+  std::shared_ptr<Tables> tables_ = std::make_shared<Tables>();
   std::vector<std::uint32_t> directory_sectors_;
   // Where each directory sector's bytes are: in the mapping or memory, or
   // in directory_copy_ for files read with pread.

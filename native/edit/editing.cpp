@@ -470,6 +470,12 @@ void CompoundFile::commit() {
     impl.image_clean = clean.get() ? 1 : 0;
     return impl.image_clean == 1;
   };
+  // A patched copy keeps the old file's tables where they were: the new
+  // image shares them rather than reading them again.
+  auto reload = [&](std::unique_ptr<detail::ByteSource> source, bool patched) {
+    return patched ? detail::Image::loadCopyOf(*impl.image, std::move(source))
+                   : detail::Image::load(std::move(source));
+  };
   auto place = [&](detail::FileWriter& w, bool patched) {
     if (impl.path.empty()) {
       std::vector<unsigned char> bytes;
@@ -477,13 +483,13 @@ void CompoundFile::commit() {
       detail::MemorySink sink(bytes);
       w.write(sink);
       if (patched && !confirmed()) return false;
-      adoptCommitted(impl, detail::Image::load(detail::ownBytes(std::move(bytes), "<memory>")));
+      adoptCommitted(impl, reload(detail::ownBytes(std::move(bytes), "<memory>"), patched));
       return true;
     }
     return detail::writeAtomically(
         impl.path, w,
         [&](const std::filesystem::path& placed) {
-          adoptCommitted(impl, detail::Image::load(detail::openFileSource(placed, true, true)));
+          adoptCommitted(impl, reload(detail::openFileSource(placed, true, true), patched));
         },
         patched ? std::function<bool()>(confirmed) : nullptr);
   };

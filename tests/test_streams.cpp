@@ -618,25 +618,53 @@ struct KnownPlaces {
   }
 };
 
-TEST(StreamSeek, OriginsAndClamping) {
+// Seeking clamps into the stream, reads stop at its end, a host failure
+// ends a read after the whole pieces before it, and a stream built but
+// never sought has no position to read from.
+TEST(StreamSeek, SeekingAndReadingOneStream) {
   KnownPlaces k;
   OpenDocument d(k.layout.serialize());
   ASSERT_NE(d.h(), nullptr);
   _MoxOleFile* h = d.h();
+  Bytes buffer(2000);
+  EXPECT_EQ(lOLEseek(h, 0, 0), -1);
+  EXPECT_EQ(iOLEread(h, buffer.data(), 10), 0u);
+  ASSERT_EQ(iGetStreamChain(h, "R", nullptr, 0), 0);
+  EXPECT_EQ(lOLEtell(h), -1);
+  EXPECT_EQ(iOLEread(h, buffer.data(), 10), 0u);
+  EXPECT_EQ(lOLEseek(h, 3, 0), 3);
+  EXPECT_EQ(iOLEread(h, buffer.data(), 10), 10u);
+  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 10), Bytes(k.r.begin() + 3, k.r.begin() + 13));
+
   ASSERT_EQ(bOLEopenStream(h, "R"), 1);
-  EXPECT_EQ(lOLEseek(h, -5, 0), 0);
-  EXPECT_EQ(lOLEseek(h, 1010, 0), 1000);
-  EXPECT_EQ(lOLEseek(h, 0, 2), 1000);
-  EXPECT_EQ(lOLEseek(h, -1, 2), 999);
-  EXPECT_EQ(lOLEseek(h, 5, 0), 5);
-  EXPECT_EQ(lOLEseek(h, 10, 1), 15);
-  EXPECT_EQ(lOLEseek(h, 0, 3), -1);
-  EXPECT_EQ(lOLEseek(h, 0, -1), -1);
-  EXPECT_EQ(lOLEtell(h), 15);
-  EXPECT_EQ(lOLEseek(h, INT64_MAX, 1), 1000);
-  EXPECT_EQ(lOLEseek(h, INT64_MIN, 1), 0);
-  EXPECT_EQ(lOLEseek(h, INT64_MAX, 2), 1000);
-  EXPECT_EQ(lOLEseek(h, INT64_MIN, 0), 0);
+  const struct { int64_t offset; int whence; int64_t expected; } seeks[] = {
+      {-5, 0, 0}, {1010, 0, 1000}, {0, 2, 1000}, {-1, 2, 999}, {5, 0, 5}, {10, 1, 15},
+      {0, 3, -1}, {0, -1, -1}, {INT64_MAX, 1, 1000}, {INT64_MIN, 1, 0}, {INT64_MAX, 2, 1000},
+      {INT64_MIN, 0, 0}, {300, 0, 300}};
+  for (const auto& c : seeks) {
+    EXPECT_EQ(lOLEseek(h, c.offset, c.whence), c.expected) << c.offset << " from " << c.whence;
+    if (c.expected < 0) {
+      EXPECT_EQ(lOLEtell(h), 15);
+    }
+  }
+  EXPECT_EQ(iOLEread(h, buffer.data(), 0), 0u);
+  ASSERT_EQ(iOLEread(h, buffer.data(), 400), 400u);
+  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 400), Bytes(k.r.begin() + 300, k.r.begin() + 700));
+  EXPECT_EQ(lOLEtell(h), 700);
+  EXPECT_EQ(iOLEread(h, buffer.data(), 2000), 300u);
+  EXPECT_EQ(iOLEread(h, buffer.data(), 100), 0u);
+  EXPECT_EQ(lOLEtell(h), 1000);
+
+  ASSERT_EQ(lOLEseek(h, 0, 0), 0);
+  d.io().shortReadAt(2, 100);  // the second piece comes back short
+  EXPECT_EQ(iOLEread(h, buffer.data(), 1000), 512u);
+  EXPECT_EQ(lOLEtell(h), 512);
+  EXPECT_EQ(readToEnd(h), Bytes(k.r.begin() + 512, k.r.end()));
+  ASSERT_EQ(bOLEopenStream(h, "M"), 1);
+  d.io().failSeekAt(2);  // the host refuses the second mini sector's seek
+  EXPECT_EQ(iOLEread(h, buffer.data(), 1000), 64u);
+  EXPECT_EQ(lOLEtell(h), 64);
+  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 64), Bytes(k.m.begin(), k.m.begin() + 64));
 }
 
 // Positions on both sides of every sector and mini sector boundary, in
@@ -671,60 +699,6 @@ TEST(StreamSeek, MiniStreamChainTooShortForTheSectorFails) {
   EXPECT_EQ(lOLEtell(d.h()), 3 * 64);  // the position moved all the same
   EXPECT_EQ(bOLEopenStream(d.h(), "M"), 0);  // its seek to 0 fails: closed again
   EXPECT_EQ(d.h()->plChain, nullptr);
-}
-
-TEST(StreamRead, ReadsStopAtTheEndAndKeepThePosition) {
-  KnownPlaces k;
-  OpenDocument d(k.layout.serialize());
-  ASSERT_NE(d.h(), nullptr);
-  _MoxOleFile* h = d.h();
-  ASSERT_EQ(bOLEopenStream(h, "R"), 1);
-  Bytes buffer(2000);
-  EXPECT_EQ(iOLEread(h, buffer.data(), 0), 0u);
-  ASSERT_EQ(lOLEseek(h, 300, 0), 300);
-  ASSERT_EQ(iOLEread(h, buffer.data(), 400), 400u);
-  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 400),
-            Bytes(k.r.begin() + 300, k.r.begin() + 700));
-  EXPECT_EQ(lOLEtell(h), 700);
-  EXPECT_EQ(iOLEread(h, buffer.data(), 2000), 300u);
-  EXPECT_EQ(iOLEread(h, buffer.data(), 100), 0u);
-  EXPECT_EQ(lOLEtell(h), 1000);
-}
-
-TEST(StreamRead, HostFailuresEndTheReadAfterWholePieces) {
-  KnownPlaces k;
-  OpenDocument d(k.layout.serialize());
-  ASSERT_NE(d.h(), nullptr);
-  _MoxOleFile* h = d.h();
-  Bytes buffer(1000);
-  ASSERT_EQ(bOLEopenStream(h, "R"), 1);
-  d.io().shortReadAt(2, 100);  // the second piece comes back short
-  EXPECT_EQ(iOLEread(h, buffer.data(), 1000), 512u);
-  EXPECT_EQ(lOLEtell(h), 512);
-  EXPECT_EQ(readToEnd(h), Bytes(k.r.begin() + 512, k.r.end()));
-
-  ASSERT_EQ(bOLEopenStream(h, "M"), 1);
-  d.io().failSeekAt(2);  // the host refuses the second mini sector's seek
-  EXPECT_EQ(iOLEread(h, buffer.data(), 1000), 64u);
-  EXPECT_EQ(lOLEtell(h), 64);
-  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 64), Bytes(k.m.begin(), k.m.begin() + 64));
-}
-
-TEST(StreamRead, UnpositionedOrClosedStreamsReadNothing) {
-  KnownPlaces k;
-  OpenDocument d(k.layout.serialize());
-  ASSERT_NE(d.h(), nullptr);
-  _MoxOleFile* h = d.h();
-  char buffer[10];
-  EXPECT_EQ(lOLEseek(h, 0, 0), -1);
-  EXPECT_EQ(iOLEread(h, buffer, 10), 0u);
-  // Built by entry number but never sought: there is no position yet.
-  ASSERT_EQ(iGetStreamChain(h, "R", nullptr, 0), 0);
-  EXPECT_EQ(lOLEtell(h), -1);
-  EXPECT_EQ(iOLEread(h, buffer, 10), 0u);
-  EXPECT_EQ(lOLEseek(h, 3, 0), 3);
-  EXPECT_EQ(iOLEread(h, buffer, 10), 10u);
-  EXPECT_EQ(Bytes(buffer, buffer + 10), Bytes(k.r.begin() + 3, k.r.begin() + 13));
 }
 
 // Every stream of a document read whole and in odd-sized steps.
@@ -951,39 +925,38 @@ cfb::Bytes threeChildren() {
   return l.serialize();
 }
 
-TEST(StreamTree, RootOnlyDocumentIsOneNode) {
-  OpenDoc doc(cfb::CfbBuilder().build());
-  ASSERT_TRUE(doc.ok());
-  Tree t(doc.handle());
-  ASSERT_EQ(t.status, 0);
-  EXPECT_STREQ(t.root->szName, "Root Entry");
-  EXPECT_EQ(t.root->iType, 5);
-  EXPECT_EQ(t.root->iSize, 0);
-  EXPECT_EQ(t.root->iIndex, 0);
-  EXPECT_EQ(t.root->iChildCount, 0);
-  EXPECT_EQ(t.root->ppChildren, nullptr);
-  EXPECT_EQ(t.root->pParent, nullptr);
-}
-
-TEST(StreamTree, ChildrenFollowThePreOrderOfTheSiblingTree) {
-  OpenDoc doc(threeChildren());
-  ASSERT_TRUE(doc.ok());
-  Tree t(doc.handle());
-  ASSERT_EQ(t.status, 0);
-  EXPECT_EQ(childNames(t.root), (std::vector<std::string>{"B", "A", "C"}));
-  const _MoxOleTreeNode* storage = t.root->ppChildren[0];
-  EXPECT_EQ(storage->iType, 1);
-  EXPECT_EQ(storage->iIndex, 2);
-  EXPECT_EQ(storage->pParent, t.root);
-  ASSERT_EQ(storage->iChildCount, 2);
-  for (const _MoxOleTreeNode* child : {storage->ppChildren[0], storage->ppChildren[1]}) {
-    EXPECT_EQ(child->iIndex, std::string(child->szName) == "Inner" ? 4 : 5) << child->szName;
-    EXPECT_EQ(child->pParent, storage);
+TEST(StreamTree, NodesFollowThePreOrderOfTheSiblingTree) {
+  {
+    OpenDoc doc(cfb::CfbBuilder().build());
+    ASSERT_TRUE(doc.ok());
+    Tree t(doc.handle());
+    ASSERT_EQ(t.status, 0);
+    EXPECT_STREQ(t.root->szName, "Root Entry");
+    EXPECT_EQ(t.root->iType, 5);
+    EXPECT_EQ(t.root->iSize, 0);
+    EXPECT_EQ(t.root->iIndex, 0);
+    EXPECT_EQ(t.root->iChildCount, 0);
+    EXPECT_EQ(t.root->ppChildren, nullptr);
+    EXPECT_EQ(t.root->pParent, nullptr);
   }
-  EXPECT_EQ(t.root->ppChildren[2]->iSize, 7000);
-}
-
-TEST(StreamTree, ThreeHundredChildrenOutgrowTheFirstArray) {
+  {
+    OpenDoc doc(threeChildren());
+    ASSERT_TRUE(doc.ok());
+    Tree t(doc.handle());
+    ASSERT_EQ(t.status, 0);
+    EXPECT_EQ(childNames(t.root), (std::vector<std::string>{"B", "A", "C"}));
+    const _MoxOleTreeNode* storage = t.root->ppChildren[0];
+    EXPECT_EQ(storage->iType, 1);
+    EXPECT_EQ(storage->iIndex, 2);
+    EXPECT_EQ(storage->pParent, t.root);
+    ASSERT_EQ(storage->iChildCount, 2);
+    for (const _MoxOleTreeNode* child : {storage->ppChildren[0], storage->ppChildren[1]}) {
+      EXPECT_EQ(child->iIndex, std::string(child->szName) == "Inner" ? 4 : 5) << child->szName;
+      EXPECT_EQ(child->pParent, storage);
+    }
+    EXPECT_EQ(t.root->ppChildren[2]->iSize, 7000);
+  }
+  // Three hundred children outgrow the first array.
   cfb::CfbBuilder b;
   for (int i = 0; i < 300; ++i) b.addStream(0, "S" + std::to_string(i), cfb::Bytes(1, 1));
   OpenDoc doc(b.build());

@@ -666,7 +666,12 @@ TEST(WriterRoundTrip, EmptyDocumentAndStreamSizesAroundEveryBoundary) {
   roundTrip(shape, 100);
 }
 
-TEST(WriterRoundTrip, ThousandsOfSmallStreamsInTenStorages) {
+// Thousands of small streams in ten storages, a storage path sixty deep,
+// and three hundred siblings in one storage with names of every length and
+// letter case, with underscores (which sort before letters once letters are
+// folded to lower case) and bytes past ASCII (which sort after 0x7F, and are
+// not folded).  The tree check reads the file's order with the test-side rule.
+TEST(WriterRoundTrip, ManyStreamsDeepPathsAndManySiblings) {
   Shape shape;
   for (int s = 0; s < 10; ++s) shape.push_back({"Store" + std::to_string(s), 1, {}});
   for (int i = 0; i < 3000; ++i) {
@@ -674,11 +679,6 @@ TEST(WriterRoundTrip, ThousandsOfSmallStreamsInTenStorages) {
     shape.push_back({"Store" + std::to_string(i % 10) + "\\item" + std::to_string(i), 2,
                      streamkit::pattern(size, static_cast<uint32_t>(i))});
   }
-  roundTrip(shape);
-}
-
-TEST(WriterRoundTrip, DeepStoragePath) {
-  Shape shape;
   std::string path;
   for (int depth = 0; depth < 60; ++depth) {
     path += (depth ? "\\L" : "L") + std::to_string(depth);
@@ -688,19 +688,11 @@ TEST(WriterRoundTrip, DeepStoragePath) {
     }
   }
   shape.push_back({path + "\\bottom", 2, streamkit::pattern(5000, 99)});
-  roundTrip(shape);
-}
-
-// Names of every length and letter case, with underscores (which sort
-// before letters once letters are folded to lower case) and bytes past
-// ASCII (which sort after 0x7F, and are not folded).  The tree check reads
-// the file's order with the test-side rule.
-TEST(WriterRoundTrip, ThreeHundredSiblingsInOneStorage) {
-  Shape shape = {{"Many", 1, {}}};
+  shape.push_back({"Many", 1, {}});
   std::set<std::string> taken;
   std::mt19937 random(3);
   const std::string alphabet = "abcXYZ_019\x7f\x80\xc9\xe9";
-  while (shape.size() < 301) {
+  for (int siblings = 0; siblings < 300;) {
     std::string name;
     size_t length = 1 + random() % 12;
     for (size_t i = 0; i < length; ++i) name += alphabet[random() % alphabet.size()];
@@ -708,6 +700,7 @@ TEST(WriterRoundTrip, ThreeHundredSiblingsInOneStorage) {
     for (char& c : folded) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
     if (!taken.insert(folded).second) continue;
     shape.push_back({"Many\\" + name, 2, streamkit::pattern(random() % 300, random())});
+    ++siblings;
   }
   roundTrip(shape);
 }
@@ -815,41 +808,36 @@ void checkWithOracles(const Shape& shape) {
   if (skipped > 0) GTEST_SKIP() << skipped << " of the readers are not installed";
 }
 
-TEST(WriterOracles, MixedDocumentWithStoragesAndEveryKindOfStream) {
-  Shape shape = {{"Doc", 1, {}},
-                 {"Doc\\Body", 2, streamkit::pattern(9000, 1)},
-                 {"Doc\\Notes", 2, streamkit::pattern(100, 2)},
-                 {"Doc\\Inner", 1, {}},
-                 {"Doc\\Inner\\Deep", 2, streamkit::pattern(4096, 3)},
-                 {"Doc\\Inner\\Mini", 2, streamkit::pattern(4095, 4)},
-                 {"Doc\\EmptyStorage", 1, {}},
-                 {"Thumbnail", 2, streamkit::pattern(64, 5)},
-                 {"Zero", 2, {}},
-                 {"Name_with_thirty_one_characters", 2, streamkit::pattern(1, 6)}};
-  checkWithOracles(shape);
-}
-
-// gsf extracts each stream with a process of its own, so a hundred will do.
-TEST(WriterOracles, HundredSiblingsInOneStorage) {
-  Shape shape = {{"Many", 1, {}}};
+// A mixed document with storages and every kind of stream; a hundred
+// siblings in one storage (gsf extracts each stream with a process of its
+// own, so a hundred will do); and a file large enough for DIFAT sectors:
+// one directory sector and 13843 stream sectors make T = 13844, one DIFAT
+// sector and 110 FAT sectors, and a second stream and a few mini streams
+// make it a little larger still.
+TEST(WriterOracles, ReadersListWhatWasWritten) {
+  Shape many = {{"Many", 1, {}}};
   for (int i = 0; i < 100; ++i) {
-    shape.push_back({"Many\\n" + std::to_string(i * 37 % 1000), 2,
-                     streamkit::pattern(static_cast<size_t>(i * 13 % 600), i)});
+    many.push_back({"Many\\n" + std::to_string(i * 37 % 1000), 2,
+                    streamkit::pattern(static_cast<size_t>(i * 13 % 600), i)});
   }
-  checkWithOracles(shape);
-}
-
-// One directory sector and 13843 stream sectors make T = 13844: one DIFAT
-// sector and 110 FAT sectors.  A second stream and a few mini streams make
-// it a little larger still.
-TEST(WriterOracles, FileLargeEnoughForDifatSectors) {
-  Shape shape = {{"Large", 2, streamkit::pattern(13843u * 512 + 100000, 7)},
-                 {"Second", 2, streamkit::pattern(300000, 8)},
-                 {"a", 2, streamkit::pattern(10, 9)},
-                 {"b", 2, streamkit::pattern(3000, 10)}};
-  const Bytes file = writekit::write(shape);
-  ASSERT_GT(writekit::u32(file, 0x48), 0u) << "the file should need DIFAT sectors";
-  checkWithOracles(shape);
+  const Shape large = {{"Large", 2, streamkit::pattern(13843u * 512 + 100000, 7)},
+                       {"Second", 2, streamkit::pattern(300000, 8)},
+                       {"a", 2, streamkit::pattern(10, 9)},
+                       {"b", 2, streamkit::pattern(3000, 10)}};
+  ASSERT_GT(writekit::u32(writekit::write(large), 0x48), 0u) << "the file should need DIFAT sectors";
+  const Shape shapes[] = {
+      {{"Doc", 1, {}},
+       {"Doc\\Body", 2, streamkit::pattern(9000, 1)},
+       {"Doc\\Notes", 2, streamkit::pattern(100, 2)},
+       {"Doc\\Inner", 1, {}},
+       {"Doc\\Inner\\Deep", 2, streamkit::pattern(4096, 3)},
+       {"Doc\\Inner\\Mini", 2, streamkit::pattern(4095, 4)},
+       {"Doc\\EmptyStorage", 1, {}},
+       {"Thumbnail", 2, streamkit::pattern(64, 5)},
+       {"Zero", 2, {}},
+       {"Name_with_thirty_one_characters", 2, streamkit::pattern(1, 6)}},
+      many, large};
+  for (const Shape& shape : shapes) checkWithOracles(shape);
 }
 
 }  // namespace

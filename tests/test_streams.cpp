@@ -47,20 +47,124 @@ Bytes contentOf(OpenDocument& d) {
   return readToEnd(d.h());
 }
 
-TEST(StreamLookup, NameRulesDifferBetweenTheOpens) {
-  cfb::CfbBuilder b;
-  const Bytes word = pattern(5000, 1);
-  b.addStream(0, "WordDocument", word);
-  OpenDocument d(b.build());
-  ASSERT_NE(d.h(), nullptr);
+// One document for the lookups that need no hand-made sibling tree:
+//   WordDocument, Top, S, Current     streams under the root
+//   Sub {Deep, Inner}, Empty {}       a stream only found by the scan
+//   Other {Data}, Obj {Data}          the same name in two storages
+//   A {B {S}, T}                      a storage path, S again deeper
+struct Lookups {
+  Bytes word = pattern(5000, 1), deep = pattern(300, 2), other = pattern(100, 8),
+        obj = pattern(100, 9), deepS = pattern(700, 10), topS = pattern(70, 11),
+        current = pattern(3000, 41);
+  int sub, empty, deepEntry, a, b;
+  Bytes bytes;
+  Lookups() {
+    cfb::CfbBuilder d;
+    d.addStream(0, "WordDocument", word);
+    sub = d.addStorage(0, "Sub");
+    empty = d.addStorage(0, "Empty");
+    deepEntry = d.addStream(sub, "Deep", deep);
+    d.addStream(sub, "Inner", pattern(10, 40));
+    d.addStream(0, "Top", pattern(20, 3));
+    d.addStream(d.addStorage(0, "Other"), "Data", other);
+    d.addStream(d.addStorage(0, "Obj"), "Data", obj);
+    a = d.addStorage(0, "A");
+    b = d.addStorage(a, "B");
+    d.addStream(b, "S", deepS);
+    d.addStream(0, "S", topS);
+    d.addStream(a, "T", pattern(10, 12));
+    d.addStream(0, "Current", current);
+    bytes = d.build();
+  }
+};
 
-  ASSERT_EQ(bOLEopenStream(d.h(), "worddocument"), 1);
-  EXPECT_EQ(contentOf(d), word);
-  EXPECT_EQ(bOLEopenStreamIgnoreStorage(d.h(), "worddocument"), 0);
-  EXPECT_EQ(bOLEopenStreamIgnoreStorage(d.h(), "WordDocument"), 1);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "worddocument"), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "WordDocument"), 1);
-  EXPECT_EQ(contentOf(d), word);
+TEST(StreamLookup, NamesScansAndStoragePaths) {
+  Lookups l;
+  OpenDocument d(l.bytes);
+  ASSERT_NE(d.h(), nullptr);
+  _MoxOleFile* h = d.h();
+  const int count = h->iDirCount;
+  // The name rules differ between the opens.
+  ASSERT_EQ(bOLEopenStream(h, "worddocument"), 1);
+  EXPECT_EQ(contentOf(d), l.word);
+  EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, "worddocument"), 0);
+  EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, "WordDocument"), 1);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "worddocument"), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "WordDocument"), 1);
+  EXPECT_EQ(contentOf(d), l.word);
+
+  // A stream missing from the root's tree is found by scanning everything.
+  EXPECT_EQ(iFindIStreamGivenIStorage(h, "deep", 0), l.deepEntry);
+  ASSERT_EQ(bOLEopenStream(h, "Deep"), 1);
+  EXPECT_EQ(contentOf(d), l.deep);
+  EXPECT_EQ(iFindIStreamGivenIStorage(h, "Nowhere", 0), count);
+  EXPECT_EQ(bOLEopenStream(h, "Nowhere"), 0);
+  // Only a descent that ends at a missing link scans: a storage without
+  // children or an invalid storage number is an error.
+  for (int storage : {l.empty, -1, -5, count}) {
+    EXPECT_EQ(iFindIStreamGivenIStorage(h, "Deep", storage), -1) << storage;
+  }
+  // The stream is not under the root, so the exact search does not scan.
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Deep"), 0);
+  // A storage of the wanted name is passed over by the stream search.
+  EXPECT_EQ(iFindIStreamGivenIStorage(h, "Sub", 0), count);
+
+  // The embedded stream's storage is named exactly; without one the root
+  // is the storage, and the scan finds Other's stream first.
+  ASSERT_EQ(bOLEopenEmbeddedStream(h, "data", "Obj"), 1);
+  EXPECT_EQ(contentOf(d), l.obj);
+  EXPECT_EQ(bOLEopenEmbeddedStream(h, "Data", "obj"), 0);
+  ASSERT_EQ(bOLEopenEmbeddedStream(h, "Data", nullptr), 1);
+  EXPECT_EQ(contentOf(d), l.other);
+
+  // Storage paths.
+  Path ab({"A", "B"});
+  EXPECT_EQ(moxWalkStoragePath(h, ab.slots, 2), l.b);
+  EXPECT_EQ(moxWalkStoragePath(h, ab.slots, 1), l.a);
+  ASSERT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "S"), 1);
+  EXPECT_EQ(contentOf(d), l.deepS);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 1, "S"), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "s"), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 1, "B"), 0);  // a storage
+  // "Root Entry" first, no path or no depth: the root, other slots unread.
+  Path rooted({"Root Entry", "nothing", "here"});
+  const std::pair<const char (*)[36], int> roots[] = {
+      {rooted.slots, 3}, {nullptr, 5}, {ab.slots, 0}};
+  for (auto [path, depth] : roots) {
+    ASSERT_EQ(bOLEopenEmbeddedStreamEx(h, path, depth, "S"), 1);
+    EXPECT_EQ(contentOf(d), l.topS);
+  }
+  Path lower({"a"}), throughStream({"A", "T"});
+  EXPECT_EQ(moxWalkStoragePath(h, lower.slots, 1), -1);
+  EXPECT_EQ(moxWalkStoragePath(h, throughStream.slots, 2), -1);
+  // A slot with no terminator in its 36 bytes matches nothing.
+  Path full({""});
+  memset(full.slots[0], 'A', 36);
+  EXPECT_EQ(moxWalkStoragePath(h, full.slots, 1), -1);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, nullptr), 0);
+
+  // Failed lookups keep the current stream, its list and its position.
+  ASSERT_EQ(bOLEopenStream(h, "Current"), 1);
+  Bytes head(1000);
+  ASSERT_EQ(iOLEread(h, head.data(), 1000), 1000u);
+  const int64_t* list = h->plChain;
+  Path sub1({"Sub"}), missing({"Missing"});
+  EXPECT_EQ(bOLEopenStream(h, "Missing"), 0);
+  EXPECT_EQ(bOLEopenStream(h, nullptr), 0);
+  EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, "current"), 0);
+  EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, nullptr), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStream(h, "Inner", "Missing"), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStream(h, nullptr, nullptr), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, missing.slots, 1, "Inner"), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, sub1.slots, 1, "inner"), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, sub1.slots, 1, nullptr), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Sub"), 0);  // a storage
+  EXPECT_EQ(iGetStreamChain(h, "Missing", nullptr, 0), -1);
+  EXPECT_EQ(h->plChain, list);
+  EXPECT_EQ(lOLEtell(h), 1000);
+  Bytes rest = readToEnd(h);
+  head.insert(head.end(), rest.begin(), rest.end());
+  EXPECT_EQ(head, l.current);
   EXPECT_TRUE(d.closeCleanly());
 }
 
@@ -108,35 +212,6 @@ TEST(StreamLookup, ExactSearchOrdersEqualLengthsCaseSensitively) {
   }
 }
 
-TEST(StreamLookup, StreamMissingFromTheTreeIsFoundByScanningEverything) {
-  cfb::CfbBuilder b;
-  int sub = b.addStorage(0, "Sub");
-  int empty = b.addStorage(0, "Empty");
-  const Bytes deep = pattern(300, 2);
-  int deepEntry = b.addStream(sub, "Deep", deep);
-  b.addStream(0, "Top", pattern(20, 3));
-  OpenDocument d(b.build());
-  ASSERT_NE(d.h(), nullptr);
-  const int count = d.h()->iDirCount;
-
-  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "deep", 0), deepEntry);
-  ASSERT_EQ(bOLEopenStream(d.h(), "Deep"), 1);
-  EXPECT_EQ(contentOf(d), deep);
-  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Nowhere", 0), count);
-  EXPECT_EQ(bOLEopenStream(d.h(), "Nowhere"), 0);
-  // Only a descent that ends at a missing link scans: a storage without
-  // children or an invalid storage number is an error.
-  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Deep", empty), -1);
-  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Deep", -1), -1);
-  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Deep", -5), -1);
-  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Deep", count), -1);
-  // The stream is not under the root, so the exact search does not scan.
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "Deep"), 0);
-  // A storage of the wanted name is passed over by the stream search.
-  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Sub", 0), count);
-  (void)sub;
-}
-
 TEST(StreamLookup, SiblingLinkBelowMinusOneIsABadLink) {
   cfb::CfbBuilder b;
   for (const char* name : {"a", "bb", "ccc", "dddd", "eeeee"}) b.addStream(0, name, pattern(50, 4));
@@ -176,63 +251,6 @@ TEST(StreamLookup, CyclicSiblingTreesEndAsNotFound) {
   Path path({"Sub"});
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), path.slots, 1, "Missing"), 0);
   EXPECT_EQ(moxFindPresentationStream(d.h(), sub), -1);
-}
-
-TEST(StreamLookup, EmbeddedStreamNamesTheStorageExactly) {
-  cfb::CfbBuilder b;
-  int other = b.addStorage(0, "Other");
-  b.addStream(other, "Data", pattern(100, 8));
-  int obj = b.addStorage(0, "Obj");
-  const Bytes data = pattern(100, 9);
-  b.addStream(obj, "Data", data);
-  OpenDocument d(b.build());
-  ASSERT_NE(d.h(), nullptr);
-
-  ASSERT_EQ(bOLEopenEmbeddedStream(d.h(), "data", "Obj"), 1);
-  EXPECT_EQ(contentOf(d), data);
-  EXPECT_EQ(bOLEopenEmbeddedStream(d.h(), "Data", "obj"), 0);
-  // No storage: the root is the storage, and the scan finds Other's stream.
-  ASSERT_EQ(bOLEopenEmbeddedStream(d.h(), "Data", nullptr), 1);
-  EXPECT_EQ(contentOf(d), pattern(100, 8));
-}
-
-TEST(StreamLookup, StoragePathWalk) {
-  cfb::CfbBuilder b;
-  int a = b.addStorage(0, "A");
-  int inner = b.addStorage(a, "B");
-  const Bytes deep = pattern(700, 10), top = pattern(70, 11);
-  b.addStream(inner, "S", deep);
-  b.addStream(0, "S", top);
-  b.addStream(a, "T", pattern(10, 12));
-  OpenDocument d(b.build());
-  ASSERT_NE(d.h(), nullptr);
-  _MoxOleFile* h = d.h();
-
-  Path ab({"A", "B"});
-  EXPECT_EQ(moxWalkStoragePath(h, ab.slots, 2), inner);
-  EXPECT_EQ(moxWalkStoragePath(h, ab.slots, 1), a);
-  ASSERT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "S"), 1);
-  EXPECT_EQ(contentOf(d), deep);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 1, "S"), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "s"), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 1, "B"), 0);  // a storage
-
-  // "Root Entry" first, no path or no depth: the root, other slots unread.
-  Path rooted({"Root Entry", "nothing", "here"});
-  const std::pair<const char (*)[36], int> roots[] = {
-      {rooted.slots, 3}, {nullptr, 5}, {ab.slots, 0}};
-  for (auto [path, depth] : roots) {
-    ASSERT_EQ(bOLEopenEmbeddedStreamEx(h, path, depth, "S"), 1);
-    EXPECT_EQ(contentOf(d), top);
-  }
-  Path lower({"a"}), throughStream({"A", "T"});
-  EXPECT_EQ(moxWalkStoragePath(h, lower.slots, 1), -1);
-  EXPECT_EQ(moxWalkStoragePath(h, throughStream.slots, 2), -1);
-  // A slot with no terminator in its 36 bytes matches nothing.
-  Path full({""});
-  memset(full.slots[0], 'A', 36);
-  EXPECT_EQ(moxWalkStoragePath(h, full.slots, 1), -1);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, nullptr), 0);
 }
 
 // A storage whose children are linked as a right spine, first to last.
@@ -303,40 +321,6 @@ TEST(StreamLookup, RootIsFoundByTypeOrByName) {
   ASSERT_NE(d.h(), nullptr);
   EXPECT_EQ(bOLEopenStream(d.h(), "Big"), 0);
   EXPECT_EQ(bOLEopenStreamIgnoreStorage(d.h(), "Big"), 1);
-}
-
-TEST(StreamLookup, FailedLookupsKeepTheCurrentStream) {
-  cfb::CfbBuilder b;
-  int sub = b.addStorage(0, "Sub");
-  b.addStream(sub, "Inner", pattern(10, 40));
-  const Bytes data = pattern(3000, 41);
-  b.addStream(0, "Data", data);
-  OpenDocument d(b.build());
-  ASSERT_NE(d.h(), nullptr);
-  _MoxOleFile* h = d.h();
-  ASSERT_EQ(bOLEopenStream(h, "Data"), 1);
-  Bytes head(1000);
-  ASSERT_EQ(iOLEread(h, head.data(), 1000), 1000u);
-  const int64_t* list = h->plChain;
-
-  Path sub1({"Sub"}), missing({"Missing"});
-  EXPECT_EQ(bOLEopenStream(h, "Missing"), 0);
-  EXPECT_EQ(bOLEopenStream(h, nullptr), 0);
-  EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, "data"), 0);
-  EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, nullptr), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStream(h, "Inner", "Missing"), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStream(h, nullptr, nullptr), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, missing.slots, 1, "Inner"), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, sub1.slots, 1, "inner"), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, sub1.slots, 1, nullptr), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Sub"), 0);  // a storage
-  EXPECT_EQ(iGetStreamChain(h, "Missing", nullptr, 0), -1);
-
-  EXPECT_EQ(h->plChain, list);
-  EXPECT_EQ(lOLEtell(h), 1000);
-  Bytes rest = readToEnd(h);
-  head.insert(head.end(), rest.begin(), rest.end());
-  EXPECT_EQ(head, data);
 }
 
 // --- Sector lists ------------------------------------------------------------

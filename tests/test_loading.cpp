@@ -609,10 +609,6 @@ TEST(BoundedWork, CircularChainsAndSelfLinksCostInProportionToTheFile) {
     cfb::CfbLayout l = walkedDocument();
     c.craft(l);
     const Cost cost = measure(l.serialize());
-    printf("[ bounded  ] %-48s %6lld bytes, %-6s peak memory %8lld (%5.1fx), host calls %6lld\n",
-           c.name, static_cast<long long>(cost.bytes), cost.opened ? "opens" : "fails",
-           static_cast<long long>(cost.peakMemory), double(cost.peakMemory) / cost.bytes,
-           static_cast<long long>(cost.hostCalls));
     EXPECT_EQ(cost.opened, c.opens) << c.name;
     EXPECT_LE(cost.peakMemory, kMemoryPerByte * cost.bytes + kMemoryConstant) << c.name;
     EXPECT_LE(cost.hostCalls, kCallsPerByte * cost.bytes + kCallsConstant) << c.name;
@@ -652,10 +648,6 @@ TEST(BoundedWork, HeaderFieldsAtTheirLargestCostInProportionToTheFile) {
     for (int n = 0; n < 2; ++n) {
       const cfb::CfbLayout& file = n == 0 ? l : all;
       const Cost cost = measure(file.serialize());
-      printf("[ bounded  ] %-26s %-6s %6lld bytes, %-6s peak memory %8lld, host calls %6lld\n",
-             field.first, n == 0 ? "alone" : "so far", static_cast<long long>(cost.bytes),
-             cost.opened ? "opens" : "fails", static_cast<long long>(cost.peakMemory),
-             static_cast<long long>(cost.hostCalls));
       EXPECT_LE(cost.peakMemory, kMemoryPerByte * cost.bytes + kMemoryConstant) << field.first;
       EXPECT_LE(cost.hostCalls, kCallsPerByte * cost.bytes + kCallsConstant) << field.first;
     }

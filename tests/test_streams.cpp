@@ -404,9 +404,7 @@ TEST(StreamChain, DamagedChainsUnderTheLenientAndTheExactRules) {
     EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "S"), 0);
     EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);
   }
-}
-
-TEST(StreamChain, HostRefusingTheSeekToZeroClosesTheNewStream) {
+  // A host refusing the seek to zero closes the new stream.
   TenSectorStream s;
   OpenDocument d(s.layout.serialize());
   ASSERT_NE(d.h(), nullptr);

@@ -417,6 +417,16 @@ struct GuardedOpen {
   _MoxOleFile* h = nullptr;
 };
 
+// One real FAT sector in the header's slots, `count` claimed, and one
+// DIFAT sector at `difat`.
+void claimFat(cfb::CfbLayout& l, uint32_t count, uint32_t difat) {
+  l.deriveDifat = false;
+  for (int i = 0; i < 109; ++i) l.header.difat[i] = i == 0 ? l.fatSectors[0] : cfb::kFree;
+  l.header.fatSectors = count;
+  l.header.difatStart = difat;
+  l.header.difatSectors = 1;
+}
+
 // Each file fails, asking for no block larger than `largest` and reading
 // the file no more than `reads` times.
 TEST(ClaimedSizes, CountsFarPastTheFileTakeMemoryOnlyForWhatIsRead) {
@@ -430,21 +440,9 @@ TEST(ClaimedSizes, CountsFarPastTheFileTakeMemoryOnlyForWhatIsRead) {
   } cases[] = {
       // The fuzzer's file: a FAT count whose table alone is 1.7 GB, the
       // header's 109 slots all readable, a DIFAT sector past the end.
-      {"FAT count", 9, [](cfb::CfbLayout& l) {
-         l.deriveDifat = false;
-         for (int i = 0; i < 109; ++i) l.header.difat[i] = i == 0 ? l.fatSectors[0] : cfb::kFree;
-         l.header.fatSectors = 218959117;
-         l.header.difatStart = 100000;
-         l.header.difatSectors = 1;
-       }, 4096, 1 << 20},
+      {"FAT count", 9, [](cfb::CfbLayout& l) { claimFat(l, 218959117, 100000); }, 4096, 1 << 20},
       // 16 GB of pointers, past 31 bits: refused before any FAT sector is read.
-      {"FAT count past 31 bits", 9, [](cfb::CfbLayout& l) {
-         l.deriveDifat = false;
-         for (int i = 0; i < 109; ++i) l.header.difat[i] = i == 0 ? l.fatSectors[0] : cfb::kFree;
-         l.header.fatSectors = 0x7FFFFFFF;
-         l.header.difatStart = 0;
-         l.header.difatSectors = 1;
-       }, INT_MAX, 1},
+      {"FAT count past 31 bits", 9, [](cfb::CfbLayout& l) { claimFat(l, 0x7FFFFFFF, 0); }, INT_MAX, 1},
       // 1.5 GB of mini FAT claimed; the chain ends after its one sector.
       {"mini FAT count", 9, [](cfb::CfbLayout& l) { l.header.miniFatSectors = 1000000; }, 4096, 1 << 20},
       // Header, FAT sector, the mini FAT sector once.

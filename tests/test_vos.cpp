@@ -196,10 +196,11 @@ TEST(VosDescriptors, FopenModeTable) {
     int access;
     bool append, creates, truncates;
   } cases[] = {
-      // Each mode's flags are compared with the table in fuzz/vos_target.cpp
-      // (fopen); here what the mode does to an existing and a missing file.
+      // Every branch of the mode table once; its spellings ("rb+", "rt",
+      // "a+b") are the vos fuzz target's (fopen).
       {"rb", O_RDONLY, false, false, false},  {"r+b", O_RDWR, false, false, false},
-      {"w", O_WRONLY, false, true, true},     {"a+b", O_RDWR, true, true, false},
+      {"w", O_WRONLY, false, true, true},     {"wb+", O_RDWR, false, true, true},
+      {"a", O_WRONLY, true, true, false},     {"a+b", O_RDWR, true, true, false},
       {"x+", O_RDONLY, false, false, false},  // '+' only upgrades r, w, a
       {"+r", O_RDONLY, false, false, false},  // the first character decides
       {"", O_RDONLY, false, false, false},    {nullptr, O_RDONLY, false, false, false},

@@ -786,6 +786,13 @@ TEST(VosMemory, SizesPastTheLimitNeverReachTheAllocator) {
       {UINT64_MAX, UINT64_MAX}, {1ULL << 33, 1ULL << 31}};  // would wrap, wraps to 0
   for (auto [count, size] : products) EXPECT_EQ(nullptr, moxvos_calloc(count, size)) << count << " x " << size;
   EXPECT_EQ(0, errno);
+  unsigned char* zeros = static_cast<unsigned char*>(moxvos_calloc(100, 7));
+  ASSERT_NE(nullptr, zeros);
+  EXPECT_EQ(std::string(700, '\0'), std::string(zeros, zeros + 700));
+  moxvos_free(zeros);
+  void* one = moxvos_malloc(1);
+  EXPECT_NE(nullptr, one);
+  moxvos_free(one);
   void* page = moxvos_valloc(64);
   ASSERT_NE(nullptr, page);
   moxvos_free(page);

@@ -756,8 +756,13 @@ TEST(StreamObject, FieldsAndFixedResults) {
   ASSERT_NE(d.h(), nullptr);
   _MoxOleFile* h = d.h();
   ASSERT_EQ(bOLEopenStream(h, "Data"), 1);
+  const int64_t before = d.memory().liveBlocks();
+  EXPECT_EQ(hSwitchFromOLE(h), d.io().io());  // nothing made yet
+  d.memory().faults().failAt(1);
+  EXPECT_EQ(hSwitchToOLE(h), nullptr);
   _ZqTPIOobj* io = hSwitchToOLE(h);
   ASSERT_NE(io, nullptr);
+  EXPECT_EQ(d.memory().liveBlocks(), before + 1);
   EXPECT_EQ(io->uiKind, 3u);
   EXPECT_EQ(io->uiKind2, 5u);
   EXPECT_EQ(io->ulWord, 0u);
@@ -790,24 +795,12 @@ TEST(StreamObject, FieldsAndFixedResults) {
   EXPECT_EQ(bOLEcloseStream(h, nullptr), 1);
   EXPECT_EQ(io->seek(io, 0, 0), 0);  // no stream: the seek fails
   EXPECT_EQ(io->read(io, buffer.data(), 10), 0);
-}
-
-TEST(StreamObject, SwitchingBackFreesOnceAndReturnsTheHostObject) {
-  cfb::CfbBuilder b;
-  b.addStream(0, "Data", pattern(10, 3));
-  OpenDocument d(b.build());
-  ASSERT_NE(d.h(), nullptr);
-  _MoxOleFile* h = d.h();
-  const int64_t before = d.memory().liveBlocks();
-  EXPECT_EQ(hSwitchFromOLE(h), d.io().io());  // nothing made yet
-  d.memory().faults().failAt(1);
-  EXPECT_EQ(hSwitchToOLE(h), nullptr);
-  ASSERT_NE(hSwitchToOLE(h), nullptr);
-  EXPECT_EQ(d.memory().liveBlocks(), before + 1);
+  // Switching back frees the object once and returns the host's.
+  const int64_t withObject = d.memory().liveBlocks();
   EXPECT_EQ(hSwitchFromOLE(h), d.io().io());
-  EXPECT_EQ(d.memory().liveBlocks(), before);
+  EXPECT_EQ(d.memory().liveBlocks(), withObject - 1);
   EXPECT_EQ(hSwitchFromOLE(h), d.io().io());
-  EXPECT_EQ(d.memory().liveBlocks(), before);
+  EXPECT_EQ(d.memory().liveBlocks(), withObject - 1);
 }
 
 // An outer document with a compound file stored in stream "Inner".
@@ -1041,7 +1034,7 @@ struct List {
   }
 };
 
-TEST(ObjectList, ListsDirectChildrenInNameOrder) {
+TEST(ObjectList, ListsDirectChildrenInNameOrderAndTypesOfExactNames) {
   OpenDoc doc(threeChildren());
   ASSERT_TRUE(doc.ok());
   {
@@ -1063,6 +1056,16 @@ TEST(ObjectList, ListsDirectChildrenInNameOrder) {
         << path.back();
     EXPECT_EQ(out, reinterpret_cast<_MoxOleObjectEntry*>(0x1)) << "out is left alone";
   }
+  // Types are of exact names under a storage path.
+  _MoxOleFile* h = doc.handle();
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "C"), 2);
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "B"), 1);
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, ""), 5);
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "c"), 0) << "names compare exactly";
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, nullptr), 0);
+  EXPECT_EQ(iOLEobjectType(h, Path({"B"}).slots, 1, "Inner"), 2);
+  EXPECT_EQ(iOLEobjectType(h, Path({"B"}).slots, 1, ""), 0) << "only the root answers an empty name";
+  EXPECT_EQ(iOLEobjectType(h, Path({"A"}).slots, 1, "Inner"), 0) << "A is a stream";
 }
 
 TEST(ObjectList, NamesAreCutToThirtyFiveBytes) {
@@ -1146,20 +1149,6 @@ TEST(ObjectList, LongLeftLeaningChainDoesNotExhaustTheStack) {
   EXPECT_EQ(job.last, "S" + std::to_string(n - 1));
 }
 
-TEST(ObjectType, ExactNamesUnderAStoragePath) {
-  OpenDoc doc(threeChildren());
-  ASSERT_TRUE(doc.ok());
-  _MoxOleFile* h = doc.handle();
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "C"), 2);
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "B"), 1);
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, ""), 5);
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "c"), 0) << "names compare exactly";
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, nullptr), 0);
-  EXPECT_EQ(iOLEobjectType(h, Path({"B"}).slots, 1, "Inner"), 2);
-  EXPECT_EQ(iOLEobjectType(h, Path({"B"}).slots, 1, ""), 0) << "only the root answers an empty name";
-  EXPECT_EQ(iOLEobjectType(h, Path({"A"}).slots, 1, "Inner"), 0) << "A is a stream";
-}
-
 // A new document made by the writer's entry has a handle with no
 // directory at all (no entry 0, no table); asking it for the root's
 // children or type must find nothing rather than read a missing table.
@@ -1222,7 +1211,9 @@ void readingMain(OpenDoc& doc, int64_t position) {
   ASSERT_EQ(lOLEseek(doc.handle(), position, 0), position);
 }
 
-TEST(GetObject, MetafileGoesToAFileAfterItsHeaderAndTheMainStreamComesBack) {
+// A metafile goes to a file after its header, a picture header to a
+// buffer, and the main stream comes back as it was, failures included.
+TEST(GetObject, MetafilesAndPicturesLeaveTheMainStreamAsItWas) {
   WordSample sample;
   OpenDoc doc(sample.bytes);
   ASSERT_TRUE(doc.ok());
@@ -1260,15 +1251,11 @@ TEST(GetObject, MetafileGoesToAFileAfterItsHeaderAndTheMainStreamComesBack) {
   EXPECT_TRUE(doc.io().calls().empty());
   EXPECT_EQ(doc->lStreamSize, 300) << "1Table is still current";
   EXPECT_EQ(lOLEtell(h), 5);
-}
 
-TEST(GetObject, PictureHeaderIsSeventySixBytesAndFailuresRestoreTheMainStream) {
-  WordSample sample;
-  OpenDoc doc(sample.bytes);
-  ASSERT_TRUE(doc.ok());
-  _MoxOleFile* h = doc.handle();
+  // A picture's header is 76 bytes; with nothing open there is nothing to
+  // come back to, but WordDocument is opened.
+  bOLEcloseStream(h, nullptr);
   unsigned char target[100];
-  // Nothing open: nothing to come back to, but WordDocument is opened.
   EXPECT_EQ(bOLEgetObject(h, 1, target, 0), 0);
   EXPECT_EQ(doc->lStreamSize, 9000);
   readingMain(doc, 10);

@@ -249,24 +249,20 @@ TEST(WriterCalls, PiecesOfAnySizeMakeTheSameFileAsOneWrite) {
   }
 }
 
-TEST(WriterCalls, OpeningForReadingInCreateModeFindsNoStream) {
+TEST(WriterCalls, NewDocumentsAndReaderHandlesOpenNothingForReading) {
   NewFile file;
   ASSERT_EQ(file.stream("A", {1, 2}), 0);
   EXPECT_EQ(iOLEopenStreamEx(file.h(), "A", 0, 0), -1) << "entries have no index yet";
   EXPECT_EQ(iOLEopenStreamEx(file.h(), "Nope", 0, 0), 6);
   unsigned char byte = 1;
   EXPECT_EQ(iOLEwrite(file.h(), &byte, 1), 34) << "any open ends the writer stream";
-}
-
-TEST(WriterCalls, ReaderHandleHasNoWriterDocument) {
-  Bytes made = NewFile().close();
+  // A reader's handle has no writer document.
   moxhost::CountingMemory memory;
-  moxhost::MemoryIo io(made);
+  moxhost::MemoryIo io(file.close());
   _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
   ASSERT_NE(h, nullptr);
   EXPECT_EQ(iOLEopenStreamEx(h, "A", 2, 1), 6);
   EXPECT_EQ(iOLEopenStreamEx(h, "A", 2, 0), 6);
-  unsigned char byte = 1;
   EXPECT_EQ(iOLEwrite(h, &byte, 1), 34);
   iOLEclose(h);
   EXPECT_EQ(memory.liveBlocks(), 0);

@@ -60,45 +60,30 @@ class DocumentTest : public HostTest<CMoxOleDocument> {
 
 // --- Paths ---------------------------------------------------------------
 
+// Names are cut to 36 characters, and the path to 1023 before it is
+// split: a backslash beyond that point is never seen.
 TEST_F(DocumentTest, ParseKeySplitsAtTheLastBackslashAndCuts) {
   makeDocument();
-  char parent[kPathBufferSize];
-  char name[kNameBufferSize];
-  struct Case {
-    const char* path;
-    const char* parent;
-    const char* name;
-  } cases[] = {
-      {"\\A\\B", "\\A", "B"}, {"A\\B", "A", "B"}, {"B", "", "B"},
-      {"\\B", "", "B"},       {"A\\", "A", ""},   {"", "", ""},
-  };
-  for (const Case& c : cases) {
-    doc->parseKey(c.path, parent, name);
-    EXPECT_STREQ(parent, c.parent) << c.path;
-    EXPECT_STREQ(name, c.name) << c.path;
-  }
-
-  strcpy(parent, "junk");
-  strcpy(name, "junk");
+  char parent[kPathBufferSize] = "junk";
+  char name[kNameBufferSize] = "junk";
   doc->parseKey(nullptr, parent, name);
   EXPECT_STREQ(parent, "");
   EXPECT_STREQ(name, "");
-
   std::string forty(40, 'x');
   for (int i = 0; i < 40; ++i) forty[i] = static_cast<char>('a' + i % 26);
-  doc->parseKey(("S\\" + forty).c_str(), parent, name);
-  EXPECT_EQ(std::string(name), forty.substr(0, 36));
-
-  // The path is cut to 1023 characters before it is split: a backslash
-  // beyond that point is never seen.
-  std::string longPath = std::string(1030, 'p') + "\\tail";
-  doc->parseKey(longPath.c_str(), parent, name);
-  EXPECT_STREQ(parent, "");
-  EXPECT_EQ(std::string(name), std::string(36, 'p'));
-  std::string longParent = std::string(1000, 'q') + "\\n";
-  doc->parseKey(longParent.c_str(), parent, name);
-  EXPECT_EQ(std::string(parent), std::string(1000, 'q'));
-  EXPECT_STREQ(name, "n");
+  const struct {
+    std::string path, parent, name;
+  } cases[] = {
+      {"\\A\\B", "\\A", "B"}, {"A\\B", "A", "B"}, {"B", "", "B"}, {"\\B", "", "B"},
+      {"A\\", "A", ""}, {"", "", ""}, {"S\\" + forty, "S", forty.substr(0, 36)},
+      {std::string(1030, 'p') + "\\tail", "", std::string(36, 'p')},
+      {std::string(1000, 'q') + "\\n", std::string(1000, 'q'), "n"},
+  };
+  for (const auto& c : cases) {
+    doc->parseKey(c.path.c_str(), parent, name);
+    EXPECT_EQ(parent, c.parent) << c.path;
+    EXPECT_EQ(name, c.name) << c.path;
+  }
 }
 
 // --- Memory ---------------------------------------------------------------

@@ -547,50 +547,36 @@ struct flock conflictSeenByOtherProcess(const std::string& path, off_t start, of
   }, failed);
 }
 
-// A second process that takes a write lock on the whole present file with
-// the layer itself and holds it until released.
-class LockHolder {
- public:
+// A second process holding a write lock on bytes 0 to 99 of path until
+// its end of the channel closes.
+struct LockHolder {
+  pid_t pid = -1;
+  int release = -1;
+  bool locked = false;
   explicit LockHolder(const std::string& path) {
-    int ready[2], release[2];
-    if (pipe(ready) != 0 || pipe(release) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      close(ready[0]);
-      close(release[1]);
-      _MoxvosFlock lock;
-      char answer = moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr) == 0 &&
-                            moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr) == 0
-                        ? 'y'
-                        : 'n';
-      if (write(ready[1], &answer, 1) != 1) _exit(3);
+    int ready[2], channel[2];
+    if (pipe(ready) != 0 || pipe(channel) != 0) return;
+    if ((pid = fork()) == 0) {
+      close(channel[1]);
+      struct flock range = {};
+      range.l_type = F_WRLCK;
+      range.l_len = 100;
+      const int fd = open(path.c_str(), O_RDWR);
+      const char answer = fd >= 0 && fcntl(fd, F_SETLK, &range) == 0 ? 'y' : 'n';
       char go;
-      if (read(release[0], &go, 1) < 0) _exit(4);  // parent's word or EOF
-      moxvos_flock_free(&lock, nullptr);
-      _exit(answer == 'y' ? 0 : 5);
+      _exit(write(ready[1], &answer, 1) == 1 && read(channel[0], &go, 1) >= 0 ? 0 : 3);
     }
     close(ready[1]);
-    close(release[0]);
+    close(channel[0]);
     char answer = 'n';
-    locked_ = read(ready[0], &answer, 1) == 1 && answer == 'y';
+    locked = read(ready[0], &answer, 1) == 1 && answer == 'y';
     close(ready[0]);
-    release_ = release[1];
+    release = channel[1];
   }
-  ~LockHolder() { release(); }
-  bool locked() const { return locked_; }
-  int release() {
-    if (pid_ <= 0) return -1;
-    close(release_);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = 0;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  ~LockHolder() {
+    close(release);
+    if (pid > 0) waitpid(pid, nullptr, 0);
   }
-
- private:
-  pid_t pid_ = -1;
-  int release_ = -1;
-  bool locked_ = false;
 };
 
 TEST(VosLocks, LengthZeroLocksThePresentSizeAndSeeksToTheEnd) {
@@ -661,21 +647,18 @@ TEST(VosLocks, LockHeldByAnotherProcessIsBusy) {
   ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr));
   {
     LockHolder holder(path);
-    ASSERT_TRUE(holder.locked());
+    ASSERT_TRUE(holder.locked);
     for (off_t start : {0, 50}) {
       errno = 0;
       EXPECT_EQ(-1, moxvos_flock_trywrlock(&lock, SEEK_SET, start, start ? 1 : 0, nullptr));
       EXPECT_EQ(EBUSY, errno);
     }
-    // Beyond the holder's range (it locked the 100 bytes there were).
+    // Beyond the holder's range.
     EXPECT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 100, 10, nullptr));
-    EXPECT_EQ(0, holder.release());
   }
   EXPECT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr));
-  // Now this process holds it, and the other one is kept out in turn.
-  LockHolder second(path);
-  EXPECT_FALSE(second.locked());
-  EXPECT_EQ(5, second.release());
+  // Now this process holds it, and another one is kept out in turn.
+  EXPECT_FALSE(LockHolder(path).locked);
   EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
 }
 

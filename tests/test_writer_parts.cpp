@@ -26,12 +26,23 @@ namespace {
 
 // === The document ============================================================
 
-class DocumentTest : public ::testing::Test {
+// A host and an output in memory; whatever the test made must be gone at
+// its end.
+template <typename Made>
+class HostTest : public ::testing::Test {
  protected:
   void TearDown() override {
-    doc.reset();
+    made.reset();
     EXPECT_EQ(moxtest::leakReport(host), "");
   }
+  moxhost::PoolServices host;
+  moxhost::MemoryIo file;
+  std::unique_ptr<Made> made;
+};
+
+class DocumentTest : public HostTest<CMoxOleDocument> {
+ protected:
+  std::unique_ptr<CMoxOleDocument>& doc = made;
 
   // A document that init has built with the given flags.
   void makeDocument(int flags = 1) {
@@ -45,53 +56,34 @@ class DocumentTest : public ::testing::Test {
     EXPECT_EQ(status, 0) << path;
     return entry;
   }
-
-  moxhost::PoolServices host;
-  moxhost::MemoryIo file;
-  std::unique_ptr<CMoxOleDocument> doc;
 };
 
 // --- Paths ---------------------------------------------------------------
 
+// Names are cut to 36 characters, and the path to 1023 before it is
+// split: a backslash beyond that point is never seen.
 TEST_F(DocumentTest, ParseKeySplitsAtTheLastBackslashAndCuts) {
   makeDocument();
-  char parent[kPathBufferSize];
-  char name[kNameBufferSize];
-  struct Case {
-    const char* path;
-    const char* parent;
-    const char* name;
-  } cases[] = {
-      {"\\A\\B", "\\A", "B"}, {"A\\B", "A", "B"}, {"B", "", "B"},
-      {"\\B", "", "B"},       {"A\\", "A", ""},   {"", "", ""},
-  };
-  for (const Case& c : cases) {
-    doc->parseKey(c.path, parent, name);
-    EXPECT_STREQ(parent, c.parent) << c.path;
-    EXPECT_STREQ(name, c.name) << c.path;
-  }
-
-  strcpy(parent, "junk");
-  strcpy(name, "junk");
+  char parent[kPathBufferSize] = "junk";
+  char name[kNameBufferSize] = "junk";
   doc->parseKey(nullptr, parent, name);
   EXPECT_STREQ(parent, "");
   EXPECT_STREQ(name, "");
-
   std::string forty(40, 'x');
   for (int i = 0; i < 40; ++i) forty[i] = static_cast<char>('a' + i % 26);
-  doc->parseKey(("S\\" + forty).c_str(), parent, name);
-  EXPECT_EQ(std::string(name), forty.substr(0, 36));
-
-  // The path is cut to 1023 characters before it is split: a backslash
-  // beyond that point is never seen.
-  std::string longPath = std::string(1030, 'p') + "\\tail";
-  doc->parseKey(longPath.c_str(), parent, name);
-  EXPECT_STREQ(parent, "");
-  EXPECT_EQ(std::string(name), std::string(36, 'p'));
-  std::string longParent = std::string(1000, 'q') + "\\n";
-  doc->parseKey(longParent.c_str(), parent, name);
-  EXPECT_EQ(std::string(parent), std::string(1000, 'q'));
-  EXPECT_STREQ(name, "n");
+  const struct {
+    std::string path, parent, name;
+  } cases[] = {
+      {"\\A\\B", "\\A", "B"}, {"A\\B", "A", "B"}, {"B", "", "B"}, {"\\B", "", "B"},
+      {"A\\", "A", ""}, {"", "", ""}, {"S\\" + forty, "S", forty.substr(0, 36)},
+      {std::string(1030, 'p') + "\\tail", "", std::string(36, 'p')},
+      {std::string(1000, 'q') + "\\n", std::string(1000, 'q'), "n"},
+  };
+  for (const auto& c : cases) {
+    doc->parseKey(c.path.c_str(), parent, name);
+    EXPECT_EQ(parent, c.parent) << c.path;
+    EXPECT_EQ(name, c.name) << c.path;
+  }
 }
 
 // --- Memory ---------------------------------------------------------------
@@ -117,15 +109,8 @@ TEST_F(DocumentTest, ManyEntriesCostLittleMemoryEach) {
   EXPECT_EQ(doc->lNextOrdinal, kEntries + 1);
   EXPECT_EQ(doc->findEntry("storage042\\STREAM0998")->iType, 2);
 
-  const int64_t outputBuffer = kOleIoBufferSize;
-  double poolPerEntry = double(host.poolBytes() - outputBuffer) / kEntries;
-  double heapPerEntry = double(host.heap().liveBytes()) / kEntries;
-  double objectPerEntry = sizeof(CMoxOleEntry);
-  printf("[ memory   ] %lld entries: %.1f pool bytes + %.0f object bytes + %.1f services-heap "
-         "bytes per entry (pools live: %lld)\n",
-         static_cast<long long>(kEntries), poolPerEntry, objectPerEntry, heapPerEntry,
-         static_cast<long long>(host.livePools()));
-  EXPECT_LT(poolPerEntry + objectPerEntry + heapPerEntry, 1024.0);
+  const double perEntry = double(host.poolBytes() - kOleIoBufferSize + host.heap().liveBytes()) / kEntries;
+  EXPECT_LT(perEntry + sizeof(CMoxOleEntry), 1024.0);
   EXPECT_EQ(host.livePools(), kEntries + 2);  // every entry, the root, the output
   EXPECT_EQ(host.poolFrees(), 0);
 }
@@ -176,13 +161,9 @@ std::ostream& operator<<(std::ostream& out, const Call& c) {
   return out << kNames[c.kind] << "(" << c.position << ", " << c.count << ")";
 }
 
-class OleIoTest : public ::testing::Test {
+class OleIoTest : public HostTest<CMoxOleIo> {
  protected:
   void SetUp() override { file.record(true); }
-  void TearDown() override {
-    out.reset();
-    EXPECT_EQ(moxtest::leakReport(host), "");
-  }
 
   // Opens a fresh output on file and forgets the open call.
   void openOutput() {
@@ -207,9 +188,7 @@ class OleIoTest : public ::testing::Test {
     return bytes;
   }
 
-  moxhost::PoolServices host;
-  moxhost::MemoryIo file;
-  std::unique_ptr<CMoxOleIo> out;
+  std::unique_ptr<CMoxOleIo>& out = made;
 };
 
 TEST_F(OleIoTest, IntegersAreLittleEndianAndTruncated) {

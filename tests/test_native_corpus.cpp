@@ -13,15 +13,13 @@
 
 #include "format/names.h"
 #include "moxolefio/moxolefio.hpp"
-#include "support/manifest.h"
+#include "support/native_kit.h"
 #include "support/sha256.h"
 
 namespace {
 
-const std::vector<manifest::File>& corpusFiles() {
-  static const std::vector<manifest::File> files = manifest::load(MOX_CORPUS_DIR);
-  return files;
-}
+// The error code of `work`, 0 when it throws none.
+int failureOf(const std::function<void()>& work) { return static_cast<int>(moxtest::errorOf(work)); }
 
 std::string typeName(mox::EntryType type) {
   switch (type) {
@@ -45,17 +43,6 @@ std::vector<std::u16string> namesOf(const std::string& path) {
     rest = rest.substr(slash + 1);
   }
   return names;
-}
-
-// The error code of `work`, 0 when it throws none.
-template <class F>
-int failureOf(F&& work) {
-  try {
-    work();
-    return 0;
-  } catch (const mox::Error& e) {
-    return static_cast<int>(e.code());
-  }
 }
 
 // A stream's bytes whole, or in pieces of 1, 7, 4093 ... bytes.
@@ -99,7 +86,7 @@ const std::set<std::string> kCleanFileWarnings = {"rb-black-height", "rb-red-red
 class NativeCorpus : public ::testing::TestWithParam<std::size_t> {};
 
 TEST_P(NativeCorpus, ReadsWhatTheIndependentReaderReadMappedOrNot) {
-  const manifest::File& file = corpusFiles()[GetParam()];
+  const manifest::File& file = moxtest::corpusFiles()[GetParam()];
   SCOPED_TRACE(file.path);
   const std::string full = std::string(MOX_CORPUS_DIR) + "/" + file.path;
   mox::OpenOptions unmapped;
@@ -175,6 +162,6 @@ TEST_P(NativeCorpus, ReadsWhatTheIndependentReaderReadMappedOrNot) {
   }
 }
 
-MOX_TEST_EACH_FILE(Corpus, NativeCorpus, corpusFiles);
+MOX_TEST_EACH_FILE(Corpus, NativeCorpus, moxtest::corpusFiles);
 
 }  // namespace

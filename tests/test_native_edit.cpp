@@ -14,37 +14,20 @@
 #include "moxolefio/moxolefio.hpp"
 #include "support/cfb_audit.h"
 #include "support/cfb_builder.h"
+#include "support/native_kit.h"
 #include "support/program_run.h"
-#include "support/vos_scratch.h"
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-
-Bytes pattern(std::size_t size, unsigned seed) {
-  Bytes b(size);
-  std::uint32_t x = seed * 2654435761u + 1;
-  for (auto& v : b) {
-    x = x * 1664525u + 1013904223u;
-    v = static_cast<std::uint8_t>(x >> 24);
-  }
-  return b;
-}
+using moxtest::pattern;
+const auto codeOf = moxtest::errorOf;
 
 Bytes readAll(const mox::CompoundFile& f, const std::string& path) { return f.open_stream(path).read_all(); }
 
 void put(mox::CompoundFile& f, const std::string& path, const Bytes& bytes) {
   mox::Stream s = f.create_stream(path);
   s.write(bytes.data(), bytes.size());
-}
-
-mox::Errc codeOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const mox::Error& e) {
-    return e.code();
-  }
-  return mox::Errc{};
 }
 
 // --- The model ----------------------------------------------------------------

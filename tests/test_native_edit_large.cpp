@@ -11,9 +11,11 @@
 #include <cstring>
 
 #include "moxolefio/moxolefio.hpp"
-#include "support/vos_scratch.h"
+#include "support/native_kit.h"
 
 namespace {
+
+using moxtest::pattern;
 
 constexpr std::uint64_t kGiB = std::uint64_t{1} << 30;
 
@@ -21,16 +23,6 @@ std::uint64_t freeBytes(const std::string& dir) {
   struct statvfs info;
   if (statvfs(dir.c_str(), &info) != 0) return 0;
   return static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize;
-}
-
-std::vector<std::uint8_t> pattern(std::size_t size, unsigned seed) {
-  std::vector<std::uint8_t> b(size);
-  std::uint32_t x = seed * 2654435761u + 11;
-  for (auto& v : b) {
-    x = x * 1664525u + 1013904223u;
-    v = static_cast<std::uint8_t>(x >> 24 | 1);
-  }
-  return b;
 }
 
 // Marks at the start, across the 4 GiB line and at the end; zeros between,

@@ -2,7 +2,6 @@
 #include "support/vos_scratch.h"
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -11,21 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "moxolefio.h"
-
 extern char** environ;
 
 namespace moxtest {
 
 namespace {
-
-const char* const kSlotNames[MOXOLE_INTERFACE_SLOTS] = {
-    "hOLEopen", "hOLEopenClone", "bOLEopenStream",
-    "bOLEopenStreamIgnoreStorage", "bOLEopenEmbeddedStream", "lOLEseek",
-    "lOLEtell", "iOLEread", "iOLEclose", "iOLEcloseClone", "bOLEcloseStream",
-    "hSwitchToOLE", "hSwitchFromOLE", "bOLEgetObject", "lOLEopenObject",
-    "bOLEopenEmbeddedStreamEx", "iOLEobjectType", "moxoleGetObjectList",
-    "hOLEopenEx", "iOLEopenStreamEx", "iOLEwrite", "iOLEGetStreamTree"};
 
 std::vector<std::string> buildEnvironment(const ProgramOptions& options) {
   std::vector<std::string> env;
@@ -93,34 +82,6 @@ ProgramResult runProgram(const std::vector<std::string>& argv,
   result.err = slurp(errPath);
   unlink(errPath.c_str());
   return result;
-}
-
-std::string missingFunction(const std::string& libraryPath,
-                            const std::vector<std::string>& functions) {
-  void* handle = dlopen(libraryPath.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (handle == nullptr) return "GetOLEInterface";
-  auto getTable =
-      reinterpret_cast<void (*)(void**)>(dlsym(handle, "GetOLEInterface"));
-  void* table[MOXOLE_INTERFACE_SLOTS] = {};
-  if (getTable != nullptr) getTable(table);
-  std::string missing;
-  for (const std::string& name : functions) {
-    bool present = false;
-    bool inTable = false;
-    for (int slot = 0; slot < MOXOLE_INTERFACE_SLOTS; ++slot) {
-      if (name == kSlotNames[slot]) {
-        inTable = true;
-        present = table[slot] != nullptr;
-      }
-    }
-    if (!inTable) present = dlsym(handle, name.c_str()) != nullptr;
-    if (!present) {
-      missing = name;
-      break;
-    }
-  }
-  dlclose(handle);
-  return missing;
 }
 
 std::string olefilePython() {

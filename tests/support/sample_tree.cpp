@@ -1,7 +1,5 @@
 #include "support/sample_tree.h"
 
-#include <sys/stat.h>
-
 #include <random>
 
 #include "support/program_run.h"
@@ -65,17 +63,6 @@ std::map<std::string, std::string> sampleSnapshot(
         tree[i].storage ? "<dir>" : tree[i].bytes;
   }
   return snapshot;
-}
-
-bool writeSampleTree(const std::vector<SampleEntry>& tree,
-                     const std::string& dir) {
-  for (size_t i = 0; i < tree.size(); ++i) {
-    std::string path = dir + "/" + samplePath(tree, static_cast<int>(i));
-    bool ok = tree[i].storage ? mkdir(path.c_str(), 0777) == 0
-                              : spit(path, tree[i].bytes);
-    if (!ok) return false;
-  }
-  return true;
 }
 
 cfb::Bytes buildSampleDocument(const std::vector<SampleEntry>& tree) {

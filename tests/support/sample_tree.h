@@ -35,10 +35,6 @@ std::string samplePath(const std::vector<SampleEntry>& tree, int index);
 std::map<std::string, std::string> sampleSnapshot(
     const std::vector<SampleEntry>& tree);
 
-// Writes the tree under `dir` (which must exist); false on failure.
-bool writeSampleTree(const std::vector<SampleEntry>& tree,
-                     const std::string& dir);
-
 // The tree as a compound file made by the test builder.
 cfb::Bytes buildSampleDocument(const std::vector<SampleEntry>& tree);
 

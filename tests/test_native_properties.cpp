@@ -16,6 +16,8 @@
 #include <map>
 #include <optional>
 #include <sstream>
+#include <type_traits>
+#include <variant>
 
 #include "format/names.h"
 #include "host/scratch_dir.h"
@@ -71,49 +73,40 @@ std::ostream& operator<<(std::ostream& os, const OleValue& v) { return os << v.k
 // as unsigned, 8-bit strings as their bytes without nulls, FILETIMEs as
 // whole seconds, clipboard data as its bytes from the format tag on, and
 // gives None for every type it does not decode.
-struct OlefileVisitor {
-    OleValue operator()(bool b) const { return {"bool", b ? "1" : "0"}; }
-    OleValue operator()(std::uint8_t v) const { return {"int", std::to_string(v)}; }
-    OleValue operator()(std::int16_t v) const { return {"int", std::to_string(v)}; }
-    OleValue operator()(std::uint16_t v) const { return {"int", std::to_string(v)}; }
-    OleValue operator()(std::int32_t v) const {
-      return {"int", std::to_string(static_cast<std::uint32_t>(v))};
-    }
-    OleValue operator()(std::uint32_t v) const { return {"int", std::to_string(v)}; }
-    OleValue operator()(mox::StatusCode v) const { return {"int", std::to_string(v.value)}; }
-    OleValue operator()(mox::FileTime v) const {
-      return {"int", std::to_string(v.value / 10000000)};
-    }
-    OleValue operator()(const mox::CodePageString& s) const {
-      std::string kept;
-      for (char c : s.bytes) {
-        if (c != '\0') kept += c;
-      }
-      return {"bytes", hexOf(kept.data(), kept.size())};
-    }
-    OleValue operator()(const std::u16string& s) const {
-      const std::string text = utf8(s);
-      return {"str", hexOf(text.data(), text.size())};
-    }
-    OleValue operator()(const mox::Blob& b) const {
-      if (b.object) return {"none", ""};
-      return {"bytes", hexOf(b.data.data(), b.data.size())};
-    }
-    OleValue operator()(const mox::ClipboardData& d) const {
-      std::string bytes;
-      for (int i = 0; i < 4; ++i) bytes += static_cast<char>(static_cast<std::uint32_t>(d.format) >> (8 * i));
-      bytes.append(d.data.begin(), d.data.end());
-      return {"bytes", hexOf(bytes.data(), bytes.size())};
-    }
-    OleValue operator()(const mox::Guid& g) const {
-      const std::string text = g == mox::Guid{} ? "" : mox::guid_to_string(g);
-      return {"str", hexOf(text.data(), text.size())};
-    }
-    template <class T>
-    OleValue operator()(const T&) const { return {"none", ""}; }
-};
 OleValue olefileView(const mox::PropertyValue& value) {
-  return std::visit(OlefileVisitor{}, value.variant());
+  return std::visit([](const auto& v) -> OleValue {
+    using T = std::decay_t<decltype(v)>;
+    auto bytes = [](const std::string& b) { return OleValue{"bytes", hexOf(b.data(), b.size())}; };
+    auto str = [](const std::string& b) { return OleValue{"str", hexOf(b.data(), b.size())}; };
+    if constexpr (std::is_same_v<T, bool>) {
+      return {"bool", v ? "1" : "0"};
+    } else if constexpr (std::is_same_v<T, std::uint8_t> || std::is_same_v<T, std::int16_t> ||
+                         std::is_same_v<T, std::uint16_t> || std::is_same_v<T, std::uint32_t>) {
+      return {"int", std::to_string(v)};
+    } else if constexpr (std::is_same_v<T, std::int32_t>) {
+      return {"int", std::to_string(static_cast<std::uint32_t>(v))};
+    } else if constexpr (std::is_same_v<T, mox::StatusCode>) {
+      return {"int", std::to_string(v.value)};
+    } else if constexpr (std::is_same_v<T, mox::FileTime>) {
+      return {"int", std::to_string(v.value / 10000000)};
+    } else if constexpr (std::is_same_v<T, mox::CodePageString>) {
+      std::string kept = v.bytes;
+      kept.erase(std::remove(kept.begin(), kept.end(), '\0'), kept.end());
+      return bytes(kept);
+    } else if constexpr (std::is_same_v<T, std::u16string>) {
+      return str(utf8(v));
+    } else if constexpr (std::is_same_v<T, mox::Blob>) {
+      return v.object ? OleValue{"none", ""} : bytes(std::string(v.data.begin(), v.data.end()));
+    } else if constexpr (std::is_same_v<T, mox::ClipboardData>) {
+      std::string b;
+      for (int i = 0; i < 4; ++i) b += static_cast<char>(static_cast<std::uint32_t>(v.format) >> (8 * i));
+      return bytes(b + std::string(v.data.begin(), v.data.end()));
+    } else if constexpr (std::is_same_v<T, mox::Guid>) {
+      return str(v == mox::Guid{} ? "" : mox::guid_to_string(v));
+    } else {
+      return {"none", ""};
+    }
+  }, value.variant());
 }
 
 struct OleStream {
@@ -169,77 +162,67 @@ bool haveGsf() { return moxtest::runProgram({"sh", "-c", "command -v gsf"}).stat
 
 // gsf's printing of strings: C escapes, octal for bytes outside ASCII.
 std::string gsfQuote(const std::string& text) {
+  static const std::string escaped = "\b\f\n\r\t\v\\\"", letters = "bfnrtv\\\"";
   std::string out = "\"";
   for (unsigned char c : text) {
-    switch (c) {
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      case '\v': out += "\\v"; break;
-      case '\\': out += "\\\\"; break;
-      case '"': out += "\\\""; break;
-      default:
-        if (c < 0x20 || c >= 0x7F) {
-          char buffer[8];
-          std::snprintf(buffer, sizeof buffer, "\\%03o", c);
-          out += buffer;
-        } else {
-          out += static_cast<char>(c);
-        }
+    char buffer[8];
+    if (const std::size_t at = escaped.find(static_cast<char>(c)); at != std::string::npos) {
+      out += {'\\', letters[at]};
+    } else if (c < 0x20 || c >= 0x7F) {
+      std::snprintf(buffer, sizeof buffer, "\\%03o", c);
+      out += buffer;
+    } else {
+      out += static_cast<char>(c);
     }
   }
   return out + "\"";
 }
 
+template <class T> struct IsVector : std::false_type {};
+template <class T> struct IsVector<std::vector<T>> : std::true_type {};
+
 // How gsf prints a value: one string per item; nullopt for what it
 // prints without a value (clipboard data, dates, GUIDs) or differently:
 // FILETIMEs before 1970, which are durations or unset dates, come out as
-// arbitrary dates there, and vectors of booleans and of money are misread.
+// arbitrary dates there; it steps four bytes per boolean of a vector,
+// where they take two, and prints the first amount of money of a vector
+// only.
 struct GsfVisitor {
-    using R = std::optional<std::vector<std::string>>;
-    R one(std::string s) const { return std::vector<std::string>{std::move(s)}; }
-    R real(double v) const {
+  using R = std::optional<std::vector<std::string>>;
+  template <class T>
+  R operator()(const T& v) const {
+    auto one = [](std::string s) { return R(std::vector<std::string>{std::move(s)}); };
+    if constexpr (std::is_same_v<T, bool>) {
+      return one(v ? "TRUE" : "FALSE");
+    } else if constexpr (std::is_integral_v<T>) {
+      return one(std::to_string(v));
+    } else if constexpr (std::is_floating_point_v<T>) {
       char buffer[64];
-      std::snprintf(buffer, sizeof buffer, "%f", v);
+      std::snprintf(buffer, sizeof buffer, "%f", static_cast<double>(v));
       return one(buffer);
-    }
-    // gsf steps four bytes per boolean of a vector, where they take two,
-    // and prints the first amount of money of a vector only.
-    R operator()(const std::vector<bool>&) const { return std::nullopt; }
-    R operator()(const std::vector<mox::Currency>&) const { return std::nullopt; }
-    R operator()(bool b) const { return one(b ? "TRUE" : "FALSE"); }
-    R operator()(std::int16_t v) const { return one(std::to_string(v)); }
-    R operator()(std::uint16_t v) const { return one(std::to_string(v)); }
-    R operator()(std::int32_t v) const { return one(std::to_string(v)); }
-    R operator()(std::uint32_t v) const { return one(std::to_string(v)); }
-    R operator()(std::int8_t v) const { return one(std::to_string(v)); }
-    R operator()(std::uint8_t v) const { return one(std::to_string(v)); }
-    R operator()(std::int64_t v) const { return one(std::to_string(v)); }
-    R operator()(std::uint64_t v) const { return one(std::to_string(v)); }
-    R operator()(float v) const { return real(v); }
-    R operator()(double v) const { return real(v); }
-    R operator()(mox::Currency v) const { return one(std::to_string(v.value)); }
-    R operator()(const mox::CodePageString& s) const { return one(gsfQuote(s.text)); }
-    R operator()(const std::u16string& s) const { return one(gsfQuote(utf8(s))); }
-    R operator()(mox::FileTime t) const {
-      if (t.value < 116444736000000000ULL) return std::nullopt;
-      return one(isoOf(t.value, false) + "Z");
-    }
-    template <class T>
-    R operator()(const std::vector<T>& items) const {
+    } else if constexpr (std::is_same_v<T, mox::Currency>) {
+      return one(std::to_string(v.value));
+    } else if constexpr (std::is_same_v<T, mox::CodePageString>) {
+      return one(gsfQuote(v.text));
+    } else if constexpr (std::is_same_v<T, std::u16string>) {
+      return one(gsfQuote(utf8(v)));
+    } else if constexpr (std::is_same_v<T, mox::FileTime>) {
+      return v.value < 116444736000000000ULL ? R() : one(isoOf(v.value, false) + "Z");
+    } else if constexpr (std::is_same_v<T, mox::PropertyValue>) {
+      return std::visit(*this, v.variant());
+    } else if constexpr (IsVector<T>::value && !std::is_same_v<T, std::vector<bool>> &&
+                         !std::is_same_v<T, std::vector<mox::Currency>>) {
       std::vector<std::string> out;
-      for (const auto& item : items) {
-        R r = (*this)(static_cast<const T&>(item));
-        if (!r || r->size() != 1) return std::nullopt;
+      for (const auto& item : v) {
+        R r = (*this)(item);
+        if (!r || r->size() != 1) return R();
         out.push_back(r->front());
       }
       return out;
+    } else {
+      return R();
     }
-    R operator()(const mox::PropertyValue& v) const { return std::visit(*this, v.variant()); }
-    template <class T>
-    R operator()(const T&) const { return std::nullopt; }
+  }
 };
 std::optional<std::vector<std::string>> gsfView(const mox::PropertyValue& value) {
   return std::visit(GsfVisitor{}, value.variant());

@@ -30,18 +30,7 @@ std::vector<std::u16string> unitPath(const std::string& field) {
   for (const std::string& name : split(field, '/')) {
     std::u16string units;
     if (name != "-") {
-      char16_t unit = 0;
-      bool inUnit = false;
-      for (char c : name + ' ') {
-        if (c == ' ') {
-          if (inUnit) units += unit;
-          unit = 0;
-          inUnit = false;
-        } else {
-          unit = static_cast<char16_t>(unit * 16 + (c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10));
-          inUnit = true;
-        }
-      }
+      for (const std::string& unit : split(name, ' ')) units += static_cast<char16_t>(std::stoul(unit, nullptr, 16));
     }
     names.push_back(units);
   }

@@ -1,7 +1,6 @@
 #include "support/program_run.h"
 #include "support/vos_scratch.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -9,6 +8,8 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <filesystem>
 
 extern char** environ;
 
@@ -95,37 +96,14 @@ std::string slurp(const std::string& path) { return readFile(path); }
 
 bool spit(const std::string& path, const std::string& bytes) { return writeFile(path, bytes); }
 
-namespace {
-
-void snapshotInto(const std::string& root, const std::string& relative,
-                  std::map<std::string, std::string>* tree) {
-  std::string dir = relative.empty() ? root : root + "/" + relative;
-  DIR* handle = opendir(dir.c_str());
-  if (handle == nullptr) return;
-  std::vector<std::string> names;
-  while (dirent* entry = readdir(handle)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  closedir(handle);
-  for (const std::string& name : names) {
-    std::string rel = relative.empty() ? name : relative + "/" + name;
-    struct stat st;
-    if (lstat((root + "/" + rel).c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      (*tree)[rel] = "<dir>";
-      snapshotInto(root, rel, tree);
-    } else {
-      (*tree)[rel] = slurp(root + "/" + rel);
-    }
-  }
-}
-
-}  // namespace
-
 std::map<std::string, std::string> snapshotTree(const std::string& root) {
+  namespace fs = std::filesystem;
   std::map<std::string, std::string> tree;
-  snapshotInto(root, "", &tree);
+  std::error_code error;
+  for (fs::recursive_directory_iterator it(root, error), end; !error && it != end; it.increment(error)) {
+    const bool dir = it->symlink_status().type() == fs::file_type::directory;
+    tree[it->path().lexically_relative(root).string()] = dir ? "<dir>" : slurp(it->path().string());
+  }
   return tree;
 }
 

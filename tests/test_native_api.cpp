@@ -16,16 +16,11 @@ namespace {
 
 using cfb::Bytes;
 using moxtest::errorOf;
+using moxtest::namesOf;
 using moxtest::pattern;
 
 mox::CompoundFile openBytes(const Bytes& bytes, mox::OpenOptions options = {}) {
   return mox::CompoundFile::open_memory(bytes.data(), bytes.size(), options);
-}
-
-std::vector<std::string> namesOf(const std::vector<mox::Entry>& entries) {
-  std::vector<std::string> names;
-  for (const auto& e : entries) names.push_back(e.name);
-  return names;
 }
 
 // --- Paths and names -----------------------------------------------------

@@ -23,8 +23,7 @@
 #include "host/scratch_dir.h"
 #include "moxolefio/moxolefio.hpp"
 #include "moxolefio/properties.hpp"
-#include "support/cfb_builder.h"
-#include "support/manifest.h"
+#include "support/native_kit.h"
 #include "support/program_run.h"
 
 namespace {
@@ -343,29 +342,15 @@ void expectGsfAgrees(const Sets& sets, const std::map<std::string, std::vector<s
 
 // A new compound file holding `streams` (path -> bytes) and nothing else.
 std::vector<std::uint8_t> fileWith(const std::map<std::string, std::vector<std::uint8_t>>& streams) {
-  cfb::CfbBuilder b;
-  std::map<std::string, int> storages = {{"", 0}};
-  for (const auto& [path, bytes] : streams) {
-    int parent = 0;
-    std::size_t from = 0;
-    for (std::size_t slash; (slash = path.find('/', from)) != std::string::npos; from = slash + 1) {
-      const std::string prefix = path.substr(0, slash);
-      auto it = storages.find(prefix);
-      if (it == storages.end()) {
-        it = storages.emplace(prefix, b.addEntry(parent, moxfmt::utf8ToUtf16(path.substr(from, slash - from)), 1, {})).first;
-      }
-      parent = it->second;
-    }
-    b.addEntry(parent, moxfmt::utf8ToUtf16(path.substr(from)), 2, bytes);
-  }
-  return b.build();
+  mox::CompoundFile f = mox::CompoundFile::create_memory();
+  for (const auto& [path, bytes] : streams) f.create_stream(path).write(bytes.data(), bytes.size());
+  f.commit();
+  return f.bytes();
 }
 
-std::string save(const moxhost::ScratchDir& dir, const std::string& name,
-                 const std::vector<std::uint8_t>& bytes) {
-  const std::string path = dir.file(name);
-  EXPECT_TRUE(moxtest::spit(path, std::string(bytes.begin(), bytes.end())));
-  return path;
+std::string save(const moxhost::ScratchDir& dir, const std::string& name, const std::vector<std::uint8_t>& bytes) {
+  EXPECT_TRUE(moxtest::writeBytes(dir.file(name), bytes));
+  return dir.file(name);
 }
 
 // Checks what olefile and gsf read in the compound file at `path`
@@ -404,14 +389,13 @@ std::map<std::string, std::vector<std::string>> expectOraclesAgree(const std::st
 
 // --- The corpus ----------------------------------------------------------------
 
+// The files with a property stream.
 const std::vector<manifest::File>& corpusFiles() {
   static const std::vector<manifest::File> files = [] {
     std::vector<manifest::File> with;
-    for (manifest::File& f : manifest::load(MOX_CORPUS_DIR)) {
-      for (const auto& entry : f.entries) {
-        const auto& names = entry.second.names;
-        if (entry.second.type == "stream" && !names.empty() && !names.back().empty() &&
-            names.back()[0] == u'\x05') {
+    for (const manifest::File& f : moxtest::corpusFiles()) {
+      for (const auto& [id, e] : f.entries) {
+        if (e.type == "stream" && !e.names.empty() && e.names.back().rfind(u"\x05", 0) == 0) {
           with.push_back(f);
           break;
         }

@@ -38,6 +38,12 @@ inline mox::Errc errorOf(const std::function<void()>& action) {
   return mox::Errc{};
 }
 
+inline std::vector<std::string> namesOf(const std::vector<mox::Entry>& entries) {
+  std::vector<std::string> names;
+  for (const mox::Entry& e : entries) names.push_back(e.name);
+  return names;
+}
+
 inline std::vector<std::uint8_t> fileBytes(const std::string& path) {
   const std::string s = readFile(path);
   return std::vector<std::uint8_t>(s.begin(), s.end());

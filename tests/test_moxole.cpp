@@ -237,6 +237,8 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"pack", at("full"), at("plain/out.doc")}, 4, "moxole: " + at("plain/out.doc") + ": not a directory\n"},
       {{"pack", at("full"), at("missing/out.doc")}, 4,
        "moxole: " + at("missing/out.doc") + ": no such file or directory\n"},
+      {{"props", doc, "Nothing"}, 3, "moxole: " + doc + ": no entry Nothing\n"},
+      {{"props", doc, "A/B/C/deep"}, 2, "moxole: A/B/C/deep: too short for a property set (10 bytes)\n"},
       // Edits that cannot be made, which leave the document as it was.
       {{"rm", doc, "missing"}, 3, "moxole: " + doc + ": missing: no such entry\n"},
       {{"mkdir", doc, "A"}, 1, "moxole: " + doc + ": A exists\n"},

@@ -905,13 +905,7 @@ TEST(MoxoleProps, PrintsEveryPropertyOfTheSummaryStreamsOrOfAPath) {
               moxtest::runProgram({MOXOLE_PROGRAM, "props", doc}));
   expectLines(other, {"\x05" "C3teagxwOttdbfkuIaamtae3Ie"},
               moxtest::runProgram({MOXOLE_PROGRAM, "props", other, "\\x05C3teagxwOttdbfkuIaamtae3Ie"}));
-
-  const moxtest::ProgramResult missing = moxtest::runProgram({MOXOLE_PROGRAM, "props", doc, "Nothing"});
-  EXPECT_EQ(missing.status, 3);
-  const moxtest::ProgramResult notASet = moxtest::runProgram({MOXOLE_PROGRAM, "props", doc, "WordDocument"});
-  EXPECT_EQ(notASet.status, 2);
-  EXPECT_EQ(notASet.err.rfind("moxole: ", 0), 0u);
-  EXPECT_EQ(std::count(notASet.err.begin(), notASet.err.end(), '\n'), 1);
+  // Failures: tests/test_moxole.cpp's table.
 }
 
 }  // namespace

@@ -816,7 +816,7 @@ void expectPoiAgrees(const mox::PropertySet& set, const std::vector<std::vector<
 
 // Title, author and a user-defined property set in a real document: the
 // file committed in place holds the new values as olefile, gsf and POI
-// read them, and every other stream is as it was.
+// read them.
 TEST(PropertyEdits, TitleAuthorAndAUserPropertyOfACorpusDocument) {
   const std::string original = std::string(MOX_CORPUS_DIR) + "/poi/Bug50936_1.doc";
   if (moxtest::slurp(original).empty()) GTEST_SKIP() << "no corpus at " << MOX_CORPUS_DIR;
@@ -840,20 +840,9 @@ TEST(PropertyEdits, TitleAuthorAndAUserPropertyOfACorpusDocument) {
     f.commit();
   }
 
-  const mox::CompoundFile before = mox::CompoundFile::open(original);
+  // That a commit keeps every other entry: tests/test_native_edit_corpus.cpp.
   const mox::CompoundFile after = mox::CompoundFile::open(copy);
   for (const auto& [path, set] : sets) EXPECT_TRUE(mox::read_property_set(after, path) == set) << path;
-  std::vector<std::string> pathsBefore, pathsAfter;
-  for (const mox::Entry& e : after.walk()) pathsAfter.push_back(e.path);
-  for (const mox::Entry& e : before.walk()) {
-    pathsBefore.push_back(e.path);
-    if (e.is_stream() && !sets.count(e.path)) {
-      EXPECT_TRUE(after.open_stream(e.path).read_all() == before.open_stream(e.path).read_all()) << e.path;
-    }
-  }
-  std::sort(pathsBefore.begin(), pathsBefore.end());
-  std::sort(pathsAfter.begin(), pathsAfter.end());
-  EXPECT_EQ(pathsAfter, pathsBefore);
 
   const auto printed = expectOraclesAgree(copy, sets);
   EXPECT_EQ(printed.count("dc:title"), 1u);

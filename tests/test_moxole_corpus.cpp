@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
@@ -24,20 +23,9 @@ const char kMirror[] = MOX_SOURCE_DIR "/tests/support/olefile_mirror.py";
 // Manifest records of the well-formed files that olefile opened without
 // noting any defect, by path.
 std::map<std::string, std::vector<std::string>> cleanHeaders() {
-  std::ifstream manifest(corpus::directory() + "/MANIFEST.tsv");
   std::map<std::string, std::vector<std::string>> headers;
-  std::set<std::string> opened, flawed;
-  std::string line;
-  while (std::getline(manifest, line)) {
-    std::vector<std::string> f = manifest::split(line, '\t');
-    if (f.size() < 2 || f[1].rfind("damaged/", 0) == 0) continue;
-    if (f[0] == "file" && f.size() > 4 && f[4] == "yes") opened.insert(f[1]);
-    if (f[0] == "issue" || f[0] == "again") flawed.insert(f[1]);
-    if (f[0] == "header") headers[f[1]] = f;
-  }
-  for (auto it = headers.begin(); it != headers.end();) {
-    bool keep = opened.count(it->first) && !flawed.count(it->first);
-    it = keep ? std::next(it) : headers.erase(it);
+  for (const manifest::File& f : manifest::load(corpus::directory())) {
+    if (!f.damaged() && f.opens && !f.flawed && f.hasHeader) headers[f.path] = f.headerFields;
   }
   return headers;
 }

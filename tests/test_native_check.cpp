@@ -3,6 +3,7 @@
 // opens, which fail on its errors; and `moxole check`, which prints it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "moxolefio/moxolefio.hpp"
@@ -13,13 +14,7 @@
 namespace {
 
 using Defects = std::vector<mox::Defect>;
-
-bool hasError(const Defects& defects) {
-  for (const mox::Defect& d : defects) {
-    if (d.severity == mox::Severity::error) return true;
-  }
-  return false;
-}
+using moxtest::hasError;
 
 std::string listing(const Defects& defects) {
   std::string text;
@@ -28,13 +23,6 @@ std::string listing(const Defects& defects) {
             "' " + std::to_string(d.sector) + ": " + d.message + "\n";
   }
   return text;
-}
-
-const mox::Defect* find(const Defects& defects, const std::string& code) {
-  for (const mox::Defect& d : defects) {
-    if (d.code == code) return &d;
-  }
-  return nullptr;
 }
 
 // --- Files broken one rule at a time -------------------------------------------
@@ -170,8 +158,8 @@ TEST(NativeCheck, EachBrokenRuleIsReportedWithItsPathAndSector) {
     const std::int64_t sector = b.breakIt(l);
     const cfb::Bytes bytes = l.serialize();
     const Defects defects = check(bytes);
-    const mox::Defect* d = find(defects, b.code);
-    ASSERT_NE(d, nullptr) << listing(defects);
+    const auto d = std::find_if(defects.begin(), defects.end(), [&](const mox::Defect& x) { return x.code == b.code; });
+    ASSERT_NE(d, defects.end()) << listing(defects);
     EXPECT_EQ(d->severity, b.severity);
     EXPECT_EQ(d->path, b.path);
     EXPECT_EQ(d->sector, sector);

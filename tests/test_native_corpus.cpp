@@ -67,13 +67,6 @@ std::vector<std::uint8_t> readStream(const mox::CompoundFile& doc, const std::st
   return bytes;
 }
 
-bool hasError(const std::vector<mox::Defect>& defects) {
-  for (const mox::Defect& d : defects) {
-    if (d.severity == mox::Severity::error) return true;
-  }
-  return false;
-}
-
 // Warnings that files written by other programs carry, each an oddity
 // every reader tolerates: Office, Outlook and the installer tools balance
 // sibling trees loosely (rb-*); PHPExcel runs the mini stream's chain on
@@ -130,7 +123,7 @@ TEST_P(NativeCorpus, ReadsWhatTheIndependentReaderReadMappedOrNot) {
 
   const std::vector<mox::Defect> defects = doc->check();
   EXPECT_EQ(pread->check().size(), defects.size());
-  EXPECT_EQ(strictFailure, hasError(defects) ? static_cast<int>(mox::Errc::damaged) : 0);
+  EXPECT_EQ(strictFailure, moxtest::hasError(defects) ? static_cast<int>(mox::Errc::damaged) : 0);
   // Defects name entries by the paths a walk of the tree gives them, even
   // in files that link an entry twice.
   std::set<std::string> paths;

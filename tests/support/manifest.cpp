@@ -69,8 +69,11 @@ std::vector<File> load(const std::string& corpusDir) {
     file.path = f[1];
     if (f[0] == "file" && f.size() >= 5) {
       file.opens = f[4] == "yes";
+    } else if (f[0] == "issue" || f[0] == "again") {
+      file.flawed = true;
     } else if (f[0] == "header" && f.size() >= 11) {
       file.hasHeader = true;
+      file.headerFields = f;
       file.header = Header{std::stoll(f[2]), std::stoll(f[3]), std::stoll(f[7]),
                            std::stoll(f[8]), std::stoll(f[9]), std::stoll(f[10])};
     } else if (f[0] == "entry" && f.size() >= 9) {

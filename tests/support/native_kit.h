@@ -1,6 +1,6 @@
 // Small helpers the suites of the native interface share: deterministic
-// bytes, the error code an action throws, a file's bytes, and the files
-// of the corpus manifest.  Header-only, so that the kit itself need not
+// bytes, the error code an action throws, whether check() found an
+// error, a file's bytes, and the files of the corpus manifest.  Header-only, so that the kit itself need not
 // link the native interface.
 #ifndef MOXOLEFIO_TESTS_SUPPORT_NATIVE_KIT_H_
 #define MOXOLEFIO_TESTS_SUPPORT_NATIVE_KIT_H_
@@ -42,6 +42,14 @@ inline std::vector<std::string> namesOf(const std::vector<mox::Entry>& entries) 
   std::vector<std::string> names;
   for (const mox::Entry& e : entries) names.push_back(e.name);
   return names;
+}
+
+// Whether check() found an error, not just warnings.
+inline bool hasError(const std::vector<mox::Defect>& defects) {
+  for (const mox::Defect& d : defects) {
+    if (d.severity == mox::Severity::error) return true;
+  }
+  return false;
 }
 
 inline std::vector<std::uint8_t> fileBytes(const std::string& path) {

@@ -2,8 +2,6 @@
 
 #include <random>
 
-#include "support/program_run.h"
-
 namespace moxtest {
 
 std::string patternBytes(size_t size, unsigned seed) {
@@ -47,20 +45,13 @@ std::vector<SampleEntry> sampleTree() {
   return t;
 }
 
-std::string samplePath(const std::vector<SampleEntry>& tree, int index) {
-  std::string path = tree[index].fileName;
-  for (int p = tree[index].parent; p >= 0; p = tree[p].parent) {
-    path = tree[p].fileName + "/" + path;
-  }
-  return path;
-}
-
 std::map<std::string, std::string> sampleSnapshot(
     const std::vector<SampleEntry>& tree) {
   std::map<std::string, std::string> snapshot;
   for (size_t i = 0; i < tree.size(); ++i) {
-    snapshot[samplePath(tree, static_cast<int>(i))] =
-        tree[i].storage ? "<dir>" : tree[i].bytes;
+    std::string path = tree[i].fileName;
+    for (int p = tree[i].parent; p >= 0; p = tree[p].parent) path = tree[p].fileName + "/" + path;
+    snapshot[path] = tree[i].storage ? "<dir>" : tree[i].bytes;
   }
   return snapshot;
 }

@@ -28,9 +28,6 @@ struct SampleEntry {
 
 std::vector<SampleEntry> sampleTree();
 
-// '/'-joined file names from the root down to entry `index`.
-std::string samplePath(const std::vector<SampleEntry>& tree, int index);
-
 // The tree as snapshotTree() shows it on disk.
 std::map<std::string, std::string> sampleSnapshot(
     const std::vector<SampleEntry>& tree);

@@ -307,31 +307,23 @@ std::string treeProblemsBy(const ParsedFile& file,
     const ParsedEntry& s = dir[storage];
     if (s.type == 2 && s.child != kNone) note("stream " + std::to_string(storage) + " has a child");
     if ((s.type != 1 && s.type != 5) || s.child == kNone) continue;
-    // In-order walk with an explicit stack; a visited entry stops the walk.
-    std::vector<uint32_t> inOrder, stack;
-    uint32_t at = s.child;
-    bool broken = false;
-    while (!broken && (at != kNone || !stack.empty())) {
-      while (at != kNone) {
-        if (at >= dir.size() || at == 0 || dir[at].type == 0) {
-          note("link out of range under " + std::to_string(storage));
-          broken = true;
-          break;
-        }
-        if (seen[at]++ > 0) {
-          note("entry " + std::to_string(at) + " reached twice");
-          broken = true;
-          break;
-        }
-        stack.push_back(at);
-        at = dir[at].left;
+    // In order; a link out of range or an entry met again stops the walk.
+    std::vector<uint32_t> inOrder;
+    std::function<bool(uint32_t)> walk = [&](uint32_t at) {
+      if (at == kNone) return true;
+      if (at >= dir.size() || at == 0 || dir[at].type == 0) {
+        note("link out of range under " + std::to_string(storage));
+        return false;
       }
-      if (broken || stack.empty()) break;
-      at = stack.back();
-      stack.pop_back();
+      if (seen[at]++ > 0) {
+        note("entry " + std::to_string(at) + " reached twice");
+        return false;
+      }
+      if (!walk(dir[at].left)) return false;
       inOrder.push_back(at);
-      at = dir[at].right;
-    }
+      return walk(dir[at].right);
+    };
+    walk(s.child);
     for (size_t i = 1; i < inOrder.size(); ++i) {
       if (!less(dir[inOrder[i - 1]].name, dir[inOrder[i]].name)) {
         note("siblings out of order: " + narrow(dir[inOrder[i - 1]].name) + " / " +

@@ -15,22 +15,14 @@
 #include "moxolefio/moxolefio.hpp"
 #include "native/edit/file_ops.h"
 #include "support/cfb_audit.h"
+#include "support/native_kit.h"
 #include "support/program_run.h"
-#include "support/vos_scratch.h"
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-
-Bytes pattern(std::size_t size, unsigned seed) {
-  Bytes b(size);
-  std::uint32_t x = seed * 2654435761u + 7;
-  for (auto& v : b) {
-    x = x * 1664525u + 1013904223u;
-    v = static_cast<std::uint8_t>(x >> 24);
-  }
-  return b;
-}
+using moxtest::fileBytes;
+using moxtest::pattern;
 
 // Fails the `failAt`-th operation (counting from 1) with EIO.
 class FailingOps : public mox::detail::FileOps {
@@ -76,11 +68,6 @@ struct OpsGuard {
   explicit OpsGuard(mox::detail::FileOps* ops) { mox::detail::setFileOps(ops); }
   ~OpsGuard() { mox::detail::setFileOps(nullptr); }
 };
-
-Bytes fileBytes(const std::string& path) {
-  const std::string s = moxtest::readFile(path);
-  return Bytes(s.begin(), s.end());
-}
 
 // Edits that touch every part of a commit: a large stream written over
 // stored bytes, a new mini stream, a removal and a rename.  `inPlace`

@@ -24,7 +24,6 @@ using moxtest::spit;
 class Moxole : public ::testing::Test {
  protected:
   void SetUp() override {
-    MOXOLE_SKIP_WITHOUT(MOXOLE_READER_FUNCTIONS);
     cfb::Bytes bytes = moxtest::buildSampleDocument(tree_);
     ASSERT_TRUE(spit(doc_, std::string(bytes.begin(), bytes.end())));
   }
@@ -56,7 +55,6 @@ TEST_F(Moxole, ExtractAndPackRoundTripTheTreeExactly) {
     EXPECT_TRUE(path == "sample.doc" || path.rfind("out1", 0) == 0) << path;
   }
 
-  MOXOLE_SKIP_WITHOUT(MOXOLE_WRITER_FUNCTIONS);
   r = moxole({"pack", at("out1"), at("one.doc")});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.err, "");
@@ -164,7 +162,6 @@ TEST_F(Moxole, ListingsShowTypesSizesAndEscapedNames) {
   ProgramResult objects = moxole({"objects", doc_});
   ASSERT_EQ(objects.status, 0) << objects.err;
   EXPECT_EQ(objects.out, "1          ObjectPool/_1  \\x02OlePres000 0, \\x03META 700\n");
-  MOXOLE_SKIP_WITHOUT("bOLEgetObject", "bOLEopenStream");
   ProgramResult r = moxole({"object", doc_, "1", at("one.wmf")});
   ASSERT_EQ(r.status, 0) << r.err;
   // The metafile is what follows the 8-byte header the stream starts with.
@@ -196,38 +193,6 @@ TEST(MoxoleEdit, CommandsBuildAndChangeADocument) {
   EXPECT_EQ(f.entry("Other/Big")->size, 0u);
   EXPECT_TRUE(f.check().empty());
   EXPECT_EQ(snapshotTree(dir.path()).size(), 2u) << "temporary files left behind";
-}
-
-TEST(MoxoleEdit, FailuresReportAndLeaveTheFileAlone) {
-  moxtest::ScratchDir dir;
-  const std::string doc = dir.file("doc.cfb"), plain = dir.file("plain.txt");
-  ASSERT_EQ(moxole({"mkdir", doc, "S"}).status, 0);
-  ASSERT_TRUE(spit(plain, "not a compound file"));
-  const std::string before = slurp(doc);
-  const struct {
-    std::vector<std::string> args;
-    int status;
-    const char* says;
-  } cases[] = {
-      {{"rm", doc, "missing"}, 3, "missing"},
-      {{"mkdir", doc, "S"}, 1, "exists"},
-      {{"mv", doc, "S", "nowhere/x"}, 3, "nowhere"},
-      {{"put", doc, "S"}, 1, "exists"},
-      {{"put", doc, "x", dir.file("no-such-source")}, 3, "no-such-source"},
-      {{"put", doc, "bad!name", plain}, 1, "bad!name"},
-      {{"rm", plain, "x"}, 2, "not a compound file"},
-      {{"rm", dir.file("absent.cfb"), "x"}, 3, "absent.cfb"},
-      {{"rm", doc}, 1, "missing operand"},
-      {{"rm", doc, "/"}, 1, "root"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.args[0] + " " + c.args.back());
-    const ProgramResult r = moxole(c.args);
-    EXPECT_EQ(r.status, c.status) << r.err;
-    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
-    EXPECT_EQ(r.err.rfind("moxole: ", 0), 0u) << r.err;
-    EXPECT_EQ(slurp(doc), before);
-  }
 }
 
 // --- Failures --------------------------------------------------------------
@@ -272,7 +237,22 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"pack", at("full"), at("plain/out.doc")}, 4, "moxole: " + at("plain/out.doc") + ": not a directory\n"},
       {{"pack", at("full"), at("missing/out.doc")}, 4,
        "moxole: " + at("missing/out.doc") + ": no such file or directory\n"},
+      {{"props", doc, "Nothing"}, 3, "moxole: " + doc + ": no entry Nothing\n"},
+      {{"props", doc, "A/B/C/deep"}, 2, "moxole: A/B/C/deep: too short for a property set (10 bytes)\n"},
+      // Edits that cannot be made, which leave the document as it was.
+      {{"rm", doc, "missing"}, 3, "moxole: " + doc + ": missing: no such entry\n"},
+      {{"mkdir", doc, "A"}, 1, "moxole: " + doc + ": A exists\n"},
+      {{"mv", doc, "A", "nowhere/x"}, 3, "moxole: " + doc + ": no storage nowhere\n"},
+      {{"put", doc, "A"}, 1, "moxole: " + doc + ": A: exists\n"},
+      {{"put", doc, "x", at("no-such-source")}, 3, "moxole: " + at("no-such-source") + ": no such file or directory\n"},
+      {{"put", doc, "bad!name", at("notes.txt")}, 1,
+       "moxole: " + doc + ": bad!name: names cannot hold '/', '\\', ':' or '!'\n"},
+      {{"rm", at("notes.txt"), "x"}, 2, "moxole: " + at("notes.txt") + ": not a compound file\n"},
+      {{"rm", at("missing.doc"), "x"}, 3, "moxole: " + at("missing.doc") + ": cannot open: No such file or directory\n"},
+      {{"rm", doc}, 1, "moxole: rm: missing operand\nusage: moxole rm FILE PATH\n"},
+      {{"rm", doc, "/"}, 1, "moxole: " + doc + ": the root cannot be changed this way\n"},
   };
+  const std::string before = slurp(doc);
   for (const char* command : {"info", "ls", "tree", "objects", "check", "props"}) {
     cases.push_back({{command, at("missing.doc")}, 3, "moxole: " + at("missing.doc") + ": no such file or directory\n"});
     cases.push_back({{command, at("notes.txt")}, 2, "moxole: " + at("notes.txt") + ": not a compound file\n"});
@@ -285,6 +265,7 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
     EXPECT_EQ(r.status, c.status) << r.err;
     EXPECT_EQ(r.err, c.err);
     EXPECT_EQ(r.out, "");
+    EXPECT_TRUE(slurp(doc) == before);
   }
   EXPECT_EQ(slurp(at("full/WordDocument")), "mine");
   for (const auto& [path, bytes] : snapshotTree(dir)) {
@@ -301,7 +282,6 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
 }
 
 TEST(MoxoleFailures, TruncatedDocumentsAreReportedAsDamaged) {
-  MOXOLE_SKIP_WITHOUT(MOXOLE_READER_FUNCTIONS);
   moxtest::ScratchDir scratch;
   auto write = [&](const std::string& name, const cfb::CfbLayout& layout) {
     const cfb::Bytes bytes = layout.serialize();
@@ -356,7 +336,6 @@ TEST(MoxoleFailures, TruncatedDocumentsAreReportedAsDamaged) {
 }
 
 TEST(MoxoleFailures, PackRefusesWhatTheFormatCannotHoldAndKeepsTheOldFile) {
-  MOXOLE_SKIP_WITHOUT(MOXOLE_READER_FUNCTIONS, MOXOLE_WRITER_FUNCTIONS);
   moxtest::ScratchDir scratch;
   const std::string out = scratch.file("refused.doc");
   const std::pair<std::vector<const char*>, const char*> cases[] = {
@@ -429,7 +408,6 @@ TEST(MoxoleUsage, AnUnloadableLibraryIsNamedAndExitsWithFour) {
   // The variable wins over the library beside the program.
   moxtest::ProgramOptions options;
   options.setEnv["MOXOLE_LIBRARY"] = MOX_LIBRARY_PATH;
-  MOXOLE_SKIP_WITHOUT("iOLEGetStreamTree");
   EXPECT_EQ(moxtest::runProgram({MOXOLE_PROGRAM, "tree", MOX_SOURCE_DIR "/samples/sample.doc"}, options).status, 0);
 }
 

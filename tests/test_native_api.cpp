@@ -10,36 +10,17 @@
 
 #include "moxolefio/moxolefio.hpp"
 #include "support/cfb_builder.h"
+#include "support/native_kit.h"
 
 namespace {
 
 using cfb::Bytes;
-
-Bytes pattern(size_t size, uint32_t seed) {
-  Bytes b(size);
-  std::mt19937 rng(seed);
-  for (auto& x : b) x = static_cast<uint8_t>(rng());
-  return b;
-}
+using moxtest::errorOf;
+using moxtest::namesOf;
+using moxtest::pattern;
 
 mox::CompoundFile openBytes(const Bytes& bytes, mox::OpenOptions options = {}) {
   return mox::CompoundFile::open_memory(bytes.data(), bytes.size(), options);
-}
-
-mox::Errc errorOf(const std::function<void()>& work) {
-  try {
-    work();
-  } catch (const mox::Error& e) {
-    return e.code();
-  }
-  ADD_FAILURE() << "no mox::Error thrown";
-  return mox::Errc{};
-}
-
-std::vector<std::string> namesOf(const std::vector<mox::Entry>& entries) {
-  std::vector<std::string> names;
-  for (const auto& e : entries) names.push_back(e.name);
-  return names;
 }
 
 // --- Paths and names -----------------------------------------------------

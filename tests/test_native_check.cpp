@@ -3,24 +3,18 @@
 // opens, which fail on its errors; and `moxole check`, which prints it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
-#include <optional>
 
 #include "moxolefio/moxolefio.hpp"
 #include "support/cfb_builder.h"
 #include "support/moxole_cli.h"
-#include "support/vos_scratch.h"
+#include "support/native_kit.h"
 
 namespace {
 
 using Defects = std::vector<mox::Defect>;
-
-bool hasError(const Defects& defects) {
-  for (const mox::Defect& d : defects) {
-    if (d.severity == mox::Severity::error) return true;
-  }
-  return false;
-}
+using moxtest::hasError;
 
 std::string listing(const Defects& defects) {
   std::string text;
@@ -29,33 +23,6 @@ std::string listing(const Defects& defects) {
             "' " + std::to_string(d.sector) + ": " + d.message + "\n";
   }
   return text;
-}
-
-const mox::Defect* find(const Defects& defects, const std::string& code) {
-  for (const mox::Defect& d : defects) {
-    if (d.code == code) return &d;
-  }
-  return nullptr;
-}
-
-// How a strict open of the same bytes fails, if it does: it must exactly
-// when check() finds an error, and then as a damaged file.
-std::optional<mox::Errc> strictOpenError(const std::function<mox::CompoundFile(mox::OpenOptions)>& open) {
-  try {
-    open(mox::OpenOptions{true});
-    return std::nullopt;
-  } catch (const mox::Error& e) {
-    return e.code();
-  }
-}
-
-void expectStrictOpenMatches(const std::function<mox::CompoundFile(mox::OpenOptions)>& open,
-                             const Defects& defects) {
-  const std::optional<mox::Errc> error = strictOpenError(open);
-  EXPECT_EQ(error.has_value(), hasError(defects)) << listing(defects);
-  if (error) {
-    EXPECT_EQ(*error, mox::Errc::damaged);
-  }
 }
 
 // --- Files broken one rule at a time -------------------------------------------
@@ -191,16 +158,17 @@ TEST(NativeCheck, EachBrokenRuleIsReportedWithItsPathAndSector) {
     const std::int64_t sector = b.breakIt(l);
     const cfb::Bytes bytes = l.serialize();
     const Defects defects = check(bytes);
-    const mox::Defect* d = find(defects, b.code);
-    ASSERT_NE(d, nullptr) << listing(defects);
+    const auto d = std::find_if(defects.begin(), defects.end(), [&](const mox::Defect& x) { return x.code == b.code; });
+    ASSERT_NE(d, defects.end()) << listing(defects);
     EXPECT_EQ(d->severity, b.severity);
     EXPECT_EQ(d->path, b.path);
     EXPECT_EQ(d->sector, sector);
     EXPECT_FALSE(d->message.empty());
     // A warning is all a tolerated oddity brings.
     EXPECT_EQ(hasError(defects), b.severity == kError) << listing(defects);
-    expectStrictOpenMatches(
-        [&](mox::OpenOptions o) { return mox::CompoundFile::open_memory(bytes.data(), bytes.size(), o); }, defects);
+    // A strict open fails exactly on an error, as a damaged file.
+    EXPECT_EQ(moxtest::errorOf([&] { mox::CompoundFile::open_memory(bytes.data(), bytes.size(), mox::OpenOptions{true}); }),
+              hasError(defects) ? mox::Errc::damaged : mox::Errc{});
   }
 }
 
@@ -254,9 +222,8 @@ TEST(NativeCheck, PathsOfDeeplyNestedEntriesStayWithinABoundedReport) {
 TEST(MoxoleCheck, PrintsADefectALineAndExitsByTheWorstSeverity) {
   moxtest::ScratchDir scratch;
   auto write = [&](const std::string& name, const cfb::Bytes& bytes) {
-    const std::string path = scratch.file(name);
-    EXPECT_TRUE(moxtest::spit(path, std::string(bytes.begin(), bytes.end())));
-    return path;
+    EXPECT_TRUE(moxtest::writeBytes(scratch.file(name), bytes));
+    return scratch.file(name);
   };
 
   moxtest::ProgramResult clean = moxole({"check", write("clean.cfb", sample().serialize())});

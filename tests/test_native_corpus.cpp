@@ -13,15 +13,13 @@
 
 #include "format/names.h"
 #include "moxolefio/moxolefio.hpp"
-#include "support/manifest.h"
+#include "support/native_kit.h"
 #include "support/sha256.h"
 
 namespace {
 
-const std::vector<manifest::File>& corpusFiles() {
-  static const std::vector<manifest::File> files = manifest::load(MOX_CORPUS_DIR);
-  return files;
-}
+// The error code of `work`, 0 when it throws none.
+int failureOf(const std::function<void()>& work) { return static_cast<int>(moxtest::errorOf(work)); }
 
 std::string typeName(mox::EntryType type) {
   switch (type) {
@@ -47,17 +45,6 @@ std::vector<std::u16string> namesOf(const std::string& path) {
   return names;
 }
 
-// The error code of `work`, 0 when it throws none.
-template <class F>
-int failureOf(F&& work) {
-  try {
-    work();
-    return 0;
-  } catch (const mox::Error& e) {
-    return static_cast<int>(e.code());
-  }
-}
-
 // A stream's bytes whole, or in pieces of 1, 7, 4093 ... bytes.
 std::vector<std::uint8_t> readStream(const mox::CompoundFile& doc, const std::string& path, bool pieces,
                                      int* code) {
@@ -80,13 +67,6 @@ std::vector<std::uint8_t> readStream(const mox::CompoundFile& doc, const std::st
   return bytes;
 }
 
-bool hasError(const std::vector<mox::Defect>& defects) {
-  for (const mox::Defect& d : defects) {
-    if (d.severity == mox::Severity::error) return true;
-  }
-  return false;
-}
-
 // Warnings that files written by other programs carry, each an oddity
 // every reader tolerates: Office, Outlook and the installer tools balance
 // sibling trees loosely (rb-*); PHPExcel runs the mini stream's chain on
@@ -99,7 +79,7 @@ const std::set<std::string> kCleanFileWarnings = {"rb-black-height", "rb-red-red
 class NativeCorpus : public ::testing::TestWithParam<std::size_t> {};
 
 TEST_P(NativeCorpus, ReadsWhatTheIndependentReaderReadMappedOrNot) {
-  const manifest::File& file = corpusFiles()[GetParam()];
+  const manifest::File& file = moxtest::corpusFiles()[GetParam()];
   SCOPED_TRACE(file.path);
   const std::string full = std::string(MOX_CORPUS_DIR) + "/" + file.path;
   mox::OpenOptions unmapped;
@@ -143,7 +123,7 @@ TEST_P(NativeCorpus, ReadsWhatTheIndependentReaderReadMappedOrNot) {
 
   const std::vector<mox::Defect> defects = doc->check();
   EXPECT_EQ(pread->check().size(), defects.size());
-  EXPECT_EQ(strictFailure, hasError(defects) ? static_cast<int>(mox::Errc::damaged) : 0);
+  EXPECT_EQ(strictFailure, moxtest::hasError(defects) ? static_cast<int>(mox::Errc::damaged) : 0);
   // Defects name entries by the paths a walk of the tree gives them, even
   // in files that link an entry twice.
   std::set<std::string> paths;
@@ -175,6 +155,6 @@ TEST_P(NativeCorpus, ReadsWhatTheIndependentReaderReadMappedOrNot) {
   }
 }
 
-MOX_TEST_EACH_FILE(Corpus, NativeCorpus, corpusFiles);
+MOX_TEST_EACH_FILE(Corpus, NativeCorpus, moxtest::corpusFiles);
 
 }  // namespace

@@ -9,16 +9,9 @@
 
 #include "moxolefio/moxolefio.hpp"
 #include "support/cfb_audit.h"
-#include "support/manifest.h"
-#include "support/program_run.h"
-#include "support/vos_scratch.h"
+#include "support/native_kit.h"
 
 namespace {
-
-const std::vector<manifest::File>& corpusFiles() {
-  static const std::vector<manifest::File> files = manifest::load(MOX_CORPUS_DIR);
-  return files;
-}
 
 struct Seen {
   mox::EntryType type;
@@ -55,15 +48,10 @@ void expectSameBut(const std::map<std::string, Seen>& before, const std::map<std
   }
 }
 
-std::vector<std::uint8_t> bytesOf(const std::string& path) {
-  const std::string s = moxtest::readFile(path);
-  return std::vector<std::uint8_t>(s.begin(), s.end());
-}
-
 class EditCorpus : public ::testing::TestWithParam<std::size_t> {};
 
 TEST_P(EditCorpus, CommitsKeepEveryOtherEntry) {
-  const manifest::File& file = corpusFiles()[GetParam()];
+  const manifest::File& file = moxtest::corpusFiles()[GetParam()];
   if (file.damaged() || !file.opens) GTEST_SKIP() << "damaged files are not edited";
   SCOPED_TRACE(file.path);
   moxtest::ScratchDir dir;
@@ -74,7 +62,7 @@ TEST_P(EditCorpus, CommitsKeepEveryOtherEntry) {
   {
     mox::CompoundFile f = mox::CompoundFile::open_rw(path);
     f.commit();
-    EXPECT_EQ(cfbaudit::audit(bytesOf(path)), "");
+    EXPECT_EQ(cfbaudit::audit(moxtest::fileBytes(path)), "");
     EXPECT_TRUE(f.check().empty());
     expectSameBut(before, snapshot(f), "");
     for (const auto& [p, seen] : before) {
@@ -97,9 +85,9 @@ TEST_P(EditCorpus, CommitsKeepEveryOtherEntry) {
   expected.resize(std::max(expected.size(), at + 3));
   std::copy_n("\xFF\x00\xFF", 3, expected.begin() + at);
   EXPECT_TRUE(after.at(changed).bytes == expected);
-  EXPECT_EQ(cfbaudit::audit(bytesOf(path)), "");
+  EXPECT_EQ(cfbaudit::audit(moxtest::fileBytes(path)), "");
 }
 
-MOX_TEST_EACH_FILE(Corpus, EditCorpus, corpusFiles);
+MOX_TEST_EACH_FILE(Corpus, EditCorpus, moxtest::corpusFiles);
 
 }  // namespace

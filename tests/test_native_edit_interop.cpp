@@ -11,23 +11,14 @@
 #include <set>
 
 #include "moxolefio/moxolefio.hpp"
+#include "support/native_kit.h"
 #include "support/program_run.h"
 #include "support/sha256.h"
-#include "support/vos_scratch.h"
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-
-Bytes pattern(std::size_t size, unsigned seed) {
-  Bytes b(size);
-  std::uint32_t x = seed * 2654435761u + 3;
-  for (auto& v : b) {
-    x = x * 1664525u + 1013904223u;
-    v = static_cast<std::uint8_t>(x >> 24);
-  }
-  return b;
-}
+using moxtest::pattern;
 
 struct Item {
   bool storage = false;

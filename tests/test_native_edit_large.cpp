@@ -5,15 +5,16 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/statvfs.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
 
 #include "moxolefio/moxolefio.hpp"
-#include "support/vos_scratch.h"
+#include "support/native_kit.h"
 
 namespace {
+
+using moxtest::pattern;
 
 constexpr std::uint64_t kGiB = std::uint64_t{1} << 30;
 
@@ -21,16 +22,6 @@ std::uint64_t freeBytes(const std::string& dir) {
   struct statvfs info;
   if (statvfs(dir.c_str(), &info) != 0) return 0;
   return static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize;
-}
-
-std::vector<std::uint8_t> pattern(std::size_t size, unsigned seed) {
-  std::vector<std::uint8_t> b(size);
-  std::uint32_t x = seed * 2654435761u + 11;
-  for (auto& v : b) {
-    x = x * 1664525u + 1013904223u;
-    v = static_cast<std::uint8_t>(x >> 24 | 1);
-  }
-  return b;
 }
 
 // Marks at the start, across the 4 GiB line and at the end; zeros between,
@@ -89,15 +80,9 @@ TEST(LargeStreams, TwoGibibytesInPiecesWithinSixtyFourMebibytes) {
   moxtest::ScratchDir dir;
   if (freeBytes(dir.path()) < 5 * kGiB) GTEST_SKIP() << "needs 5 GiB free in " << dir.path();
   const std::string path = dir.file("two.cfb");
-  int pipes[2];
-  ASSERT_EQ(pipe(pipes), 0);
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    close(pipes[0]);
+  const long grown = moxtest::resultOfChild<long>([&] {
     const std::vector<std::uint8_t> piece = pattern(64 * 1024, 4);  // the caller's buffer
     const long start = residentKiB();
-    long grown = -1;
     try {
       mox::CompoundFile f = mox::CompoundFile::create(path, mox::CreateOptions{3});
       mox::Stream s = f.create_stream("Two");
@@ -105,19 +90,12 @@ TEST(LargeStreams, TwoGibibytesInPiecesWithinSixtyFourMebibytes) {
       f.commit();
       struct rusage usage;
       getrusage(RUSAGE_SELF, &usage);
-      grown = usage.ru_maxrss - start;
+      return usage.ru_maxrss - start;
     } catch (...) {
+      return -1L;
     }
-    (void)!write(pipes[1], &grown, sizeof grown);
-    _exit(0);
-  }
-  close(pipes[1]);
-  long grown = -1;
-  const bool got = read(pipes[0], &grown, sizeof grown) == static_cast<ssize_t>(sizeof grown);
-  close(pipes[0]);
-  int status = 0;
-  waitpid(child, &status, 0);
-  ASSERT_TRUE(got && grown >= 0) << "the child failed";
+  }, -1);
+  ASSERT_GE(grown, 0) << "the child failed";
   EXPECT_LT(grown, 64 * 1024) << "KiB of peak resident memory beyond the start";
   RecordProperty("peak_growth_kib", std::to_string(grown));
   const mox::CompoundFile f = mox::CompoundFile::open(path);

@@ -16,13 +16,14 @@
 #include <map>
 #include <optional>
 #include <sstream>
+#include <type_traits>
+#include <variant>
 
 #include "format/names.h"
 #include "host/scratch_dir.h"
 #include "moxolefio/moxolefio.hpp"
 #include "moxolefio/properties.hpp"
-#include "support/cfb_builder.h"
-#include "support/manifest.h"
+#include "support/native_kit.h"
 #include "support/program_run.h"
 
 namespace {
@@ -71,49 +72,40 @@ std::ostream& operator<<(std::ostream& os, const OleValue& v) { return os << v.k
 // as unsigned, 8-bit strings as their bytes without nulls, FILETIMEs as
 // whole seconds, clipboard data as its bytes from the format tag on, and
 // gives None for every type it does not decode.
-struct OlefileVisitor {
-    OleValue operator()(bool b) const { return {"bool", b ? "1" : "0"}; }
-    OleValue operator()(std::uint8_t v) const { return {"int", std::to_string(v)}; }
-    OleValue operator()(std::int16_t v) const { return {"int", std::to_string(v)}; }
-    OleValue operator()(std::uint16_t v) const { return {"int", std::to_string(v)}; }
-    OleValue operator()(std::int32_t v) const {
-      return {"int", std::to_string(static_cast<std::uint32_t>(v))};
-    }
-    OleValue operator()(std::uint32_t v) const { return {"int", std::to_string(v)}; }
-    OleValue operator()(mox::StatusCode v) const { return {"int", std::to_string(v.value)}; }
-    OleValue operator()(mox::FileTime v) const {
-      return {"int", std::to_string(v.value / 10000000)};
-    }
-    OleValue operator()(const mox::CodePageString& s) const {
-      std::string kept;
-      for (char c : s.bytes) {
-        if (c != '\0') kept += c;
-      }
-      return {"bytes", hexOf(kept.data(), kept.size())};
-    }
-    OleValue operator()(const std::u16string& s) const {
-      const std::string text = utf8(s);
-      return {"str", hexOf(text.data(), text.size())};
-    }
-    OleValue operator()(const mox::Blob& b) const {
-      if (b.object) return {"none", ""};
-      return {"bytes", hexOf(b.data.data(), b.data.size())};
-    }
-    OleValue operator()(const mox::ClipboardData& d) const {
-      std::string bytes;
-      for (int i = 0; i < 4; ++i) bytes += static_cast<char>(static_cast<std::uint32_t>(d.format) >> (8 * i));
-      bytes.append(d.data.begin(), d.data.end());
-      return {"bytes", hexOf(bytes.data(), bytes.size())};
-    }
-    OleValue operator()(const mox::Guid& g) const {
-      const std::string text = g == mox::Guid{} ? "" : mox::guid_to_string(g);
-      return {"str", hexOf(text.data(), text.size())};
-    }
-    template <class T>
-    OleValue operator()(const T&) const { return {"none", ""}; }
-};
 OleValue olefileView(const mox::PropertyValue& value) {
-  return std::visit(OlefileVisitor{}, value.variant());
+  return std::visit([](const auto& v) -> OleValue {
+    using T = std::decay_t<decltype(v)>;
+    auto bytes = [](const std::string& b) { return OleValue{"bytes", hexOf(b.data(), b.size())}; };
+    auto str = [](const std::string& b) { return OleValue{"str", hexOf(b.data(), b.size())}; };
+    if constexpr (std::is_same_v<T, bool>) {
+      return {"bool", v ? "1" : "0"};
+    } else if constexpr (std::is_same_v<T, std::uint8_t> || std::is_same_v<T, std::int16_t> ||
+                         std::is_same_v<T, std::uint16_t> || std::is_same_v<T, std::uint32_t>) {
+      return {"int", std::to_string(v)};
+    } else if constexpr (std::is_same_v<T, std::int32_t>) {
+      return {"int", std::to_string(static_cast<std::uint32_t>(v))};
+    } else if constexpr (std::is_same_v<T, mox::StatusCode>) {
+      return {"int", std::to_string(v.value)};
+    } else if constexpr (std::is_same_v<T, mox::FileTime>) {
+      return {"int", std::to_string(v.value / 10000000)};
+    } else if constexpr (std::is_same_v<T, mox::CodePageString>) {
+      std::string kept = v.bytes;
+      kept.erase(std::remove(kept.begin(), kept.end(), '\0'), kept.end());
+      return bytes(kept);
+    } else if constexpr (std::is_same_v<T, std::u16string>) {
+      return str(utf8(v));
+    } else if constexpr (std::is_same_v<T, mox::Blob>) {
+      return v.object ? OleValue{"none", ""} : bytes(std::string(v.data.begin(), v.data.end()));
+    } else if constexpr (std::is_same_v<T, mox::ClipboardData>) {
+      std::string b;
+      for (int i = 0; i < 4; ++i) b += static_cast<char>(static_cast<std::uint32_t>(v.format) >> (8 * i));
+      return bytes(b + std::string(v.data.begin(), v.data.end()));
+    } else if constexpr (std::is_same_v<T, mox::Guid>) {
+      return str(v == mox::Guid{} ? "" : mox::guid_to_string(v));
+    } else {
+      return {"none", ""};
+    }
+  }, value.variant());
 }
 
 struct OleStream {
@@ -169,77 +161,67 @@ bool haveGsf() { return moxtest::runProgram({"sh", "-c", "command -v gsf"}).stat
 
 // gsf's printing of strings: C escapes, octal for bytes outside ASCII.
 std::string gsfQuote(const std::string& text) {
+  static const std::string escaped = "\b\f\n\r\t\v\\\"", letters = "bfnrtv\\\"";
   std::string out = "\"";
   for (unsigned char c : text) {
-    switch (c) {
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      case '\v': out += "\\v"; break;
-      case '\\': out += "\\\\"; break;
-      case '"': out += "\\\""; break;
-      default:
-        if (c < 0x20 || c >= 0x7F) {
-          char buffer[8];
-          std::snprintf(buffer, sizeof buffer, "\\%03o", c);
-          out += buffer;
-        } else {
-          out += static_cast<char>(c);
-        }
+    char buffer[8];
+    if (const std::size_t at = escaped.find(static_cast<char>(c)); at != std::string::npos) {
+      out += {'\\', letters[at]};
+    } else if (c < 0x20 || c >= 0x7F) {
+      std::snprintf(buffer, sizeof buffer, "\\%03o", c);
+      out += buffer;
+    } else {
+      out += static_cast<char>(c);
     }
   }
   return out + "\"";
 }
 
+template <class T> struct IsVector : std::false_type {};
+template <class T> struct IsVector<std::vector<T>> : std::true_type {};
+
 // How gsf prints a value: one string per item; nullopt for what it
 // prints without a value (clipboard data, dates, GUIDs) or differently:
 // FILETIMEs before 1970, which are durations or unset dates, come out as
-// arbitrary dates there, and vectors of booleans and of money are misread.
+// arbitrary dates there; it steps four bytes per boolean of a vector,
+// where they take two, and prints the first amount of money of a vector
+// only.
 struct GsfVisitor {
-    using R = std::optional<std::vector<std::string>>;
-    R one(std::string s) const { return std::vector<std::string>{std::move(s)}; }
-    R real(double v) const {
+  using R = std::optional<std::vector<std::string>>;
+  template <class T>
+  R operator()(const T& v) const {
+    auto one = [](std::string s) { return R(std::vector<std::string>{std::move(s)}); };
+    if constexpr (std::is_same_v<T, bool>) {
+      return one(v ? "TRUE" : "FALSE");
+    } else if constexpr (std::is_integral_v<T>) {
+      return one(std::to_string(v));
+    } else if constexpr (std::is_floating_point_v<T>) {
       char buffer[64];
-      std::snprintf(buffer, sizeof buffer, "%f", v);
+      std::snprintf(buffer, sizeof buffer, "%f", static_cast<double>(v));
       return one(buffer);
-    }
-    // gsf steps four bytes per boolean of a vector, where they take two,
-    // and prints the first amount of money of a vector only.
-    R operator()(const std::vector<bool>&) const { return std::nullopt; }
-    R operator()(const std::vector<mox::Currency>&) const { return std::nullopt; }
-    R operator()(bool b) const { return one(b ? "TRUE" : "FALSE"); }
-    R operator()(std::int16_t v) const { return one(std::to_string(v)); }
-    R operator()(std::uint16_t v) const { return one(std::to_string(v)); }
-    R operator()(std::int32_t v) const { return one(std::to_string(v)); }
-    R operator()(std::uint32_t v) const { return one(std::to_string(v)); }
-    R operator()(std::int8_t v) const { return one(std::to_string(v)); }
-    R operator()(std::uint8_t v) const { return one(std::to_string(v)); }
-    R operator()(std::int64_t v) const { return one(std::to_string(v)); }
-    R operator()(std::uint64_t v) const { return one(std::to_string(v)); }
-    R operator()(float v) const { return real(v); }
-    R operator()(double v) const { return real(v); }
-    R operator()(mox::Currency v) const { return one(std::to_string(v.value)); }
-    R operator()(const mox::CodePageString& s) const { return one(gsfQuote(s.text)); }
-    R operator()(const std::u16string& s) const { return one(gsfQuote(utf8(s))); }
-    R operator()(mox::FileTime t) const {
-      if (t.value < 116444736000000000ULL) return std::nullopt;
-      return one(isoOf(t.value, false) + "Z");
-    }
-    template <class T>
-    R operator()(const std::vector<T>& items) const {
+    } else if constexpr (std::is_same_v<T, mox::Currency>) {
+      return one(std::to_string(v.value));
+    } else if constexpr (std::is_same_v<T, mox::CodePageString>) {
+      return one(gsfQuote(v.text));
+    } else if constexpr (std::is_same_v<T, std::u16string>) {
+      return one(gsfQuote(utf8(v)));
+    } else if constexpr (std::is_same_v<T, mox::FileTime>) {
+      return v.value < 116444736000000000ULL ? R() : one(isoOf(v.value, false) + "Z");
+    } else if constexpr (std::is_same_v<T, mox::PropertyValue>) {
+      return std::visit(*this, v.variant());
+    } else if constexpr (IsVector<T>::value && !std::is_same_v<T, std::vector<bool>> &&
+                         !std::is_same_v<T, std::vector<mox::Currency>>) {
       std::vector<std::string> out;
-      for (const auto& item : items) {
-        R r = (*this)(static_cast<const T&>(item));
-        if (!r || r->size() != 1) return std::nullopt;
+      for (const auto& item : v) {
+        R r = (*this)(item);
+        if (!r || r->size() != 1) return R();
         out.push_back(r->front());
       }
       return out;
+    } else {
+      return R();
     }
-    R operator()(const mox::PropertyValue& v) const { return std::visit(*this, v.variant()); }
-    template <class T>
-    R operator()(const T&) const { return std::nullopt; }
+  }
 };
 std::optional<std::vector<std::string>> gsfView(const mox::PropertyValue& value) {
   return std::visit(GsfVisitor{}, value.variant());
@@ -360,29 +342,15 @@ void expectGsfAgrees(const Sets& sets, const std::map<std::string, std::vector<s
 
 // A new compound file holding `streams` (path -> bytes) and nothing else.
 std::vector<std::uint8_t> fileWith(const std::map<std::string, std::vector<std::uint8_t>>& streams) {
-  cfb::CfbBuilder b;
-  std::map<std::string, int> storages = {{"", 0}};
-  for (const auto& [path, bytes] : streams) {
-    int parent = 0;
-    std::size_t from = 0;
-    for (std::size_t slash; (slash = path.find('/', from)) != std::string::npos; from = slash + 1) {
-      const std::string prefix = path.substr(0, slash);
-      auto it = storages.find(prefix);
-      if (it == storages.end()) {
-        it = storages.emplace(prefix, b.addEntry(parent, moxfmt::utf8ToUtf16(path.substr(from, slash - from)), 1, {})).first;
-      }
-      parent = it->second;
-    }
-    b.addEntry(parent, moxfmt::utf8ToUtf16(path.substr(from)), 2, bytes);
-  }
-  return b.build();
+  mox::CompoundFile f = mox::CompoundFile::create_memory();
+  for (const auto& [path, bytes] : streams) f.create_stream(path).write(bytes.data(), bytes.size());
+  f.commit();
+  return f.bytes();
 }
 
-std::string save(const moxhost::ScratchDir& dir, const std::string& name,
-                 const std::vector<std::uint8_t>& bytes) {
-  const std::string path = dir.file(name);
-  EXPECT_TRUE(moxtest::spit(path, std::string(bytes.begin(), bytes.end())));
-  return path;
+std::string save(const moxhost::ScratchDir& dir, const std::string& name, const std::vector<std::uint8_t>& bytes) {
+  EXPECT_TRUE(moxtest::writeBytes(dir.file(name), bytes));
+  return dir.file(name);
 }
 
 // Checks what olefile and gsf read in the compound file at `path`
@@ -421,14 +389,13 @@ std::map<std::string, std::vector<std::string>> expectOraclesAgree(const std::st
 
 // --- The corpus ----------------------------------------------------------------
 
+// The files with a property stream.
 const std::vector<manifest::File>& corpusFiles() {
   static const std::vector<manifest::File> files = [] {
     std::vector<manifest::File> with;
-    for (manifest::File& f : manifest::load(MOX_CORPUS_DIR)) {
-      for (const auto& entry : f.entries) {
-        const auto& names = entry.second.names;
-        if (entry.second.type == "stream" && !names.empty() && !names.back().empty() &&
-            names.back()[0] == u'\x05') {
+    for (const manifest::File& f : moxtest::corpusFiles()) {
+      for (const auto& [id, e] : f.entries) {
+        if (e.type == "stream" && !e.names.empty() && e.names.back().rfind(u"\x05", 0) == 0) {
           with.push_back(f);
           break;
         }
@@ -849,7 +816,7 @@ void expectPoiAgrees(const mox::PropertySet& set, const std::vector<std::vector<
 
 // Title, author and a user-defined property set in a real document: the
 // file committed in place holds the new values as olefile, gsf and POI
-// read them, and every other stream is as it was.
+// read them.
 TEST(PropertyEdits, TitleAuthorAndAUserPropertyOfACorpusDocument) {
   const std::string original = std::string(MOX_CORPUS_DIR) + "/poi/Bug50936_1.doc";
   if (moxtest::slurp(original).empty()) GTEST_SKIP() << "no corpus at " << MOX_CORPUS_DIR;
@@ -873,20 +840,9 @@ TEST(PropertyEdits, TitleAuthorAndAUserPropertyOfACorpusDocument) {
     f.commit();
   }
 
-  const mox::CompoundFile before = mox::CompoundFile::open(original);
+  // That a commit keeps every other entry: tests/test_native_edit_corpus.cpp.
   const mox::CompoundFile after = mox::CompoundFile::open(copy);
   for (const auto& [path, set] : sets) EXPECT_TRUE(mox::read_property_set(after, path) == set) << path;
-  std::vector<std::string> pathsBefore, pathsAfter;
-  for (const mox::Entry& e : after.walk()) pathsAfter.push_back(e.path);
-  for (const mox::Entry& e : before.walk()) {
-    pathsBefore.push_back(e.path);
-    if (e.is_stream() && !sets.count(e.path)) {
-      EXPECT_TRUE(after.open_stream(e.path).read_all() == before.open_stream(e.path).read_all()) << e.path;
-    }
-  }
-  std::sort(pathsBefore.begin(), pathsBefore.end());
-  std::sort(pathsAfter.begin(), pathsAfter.end());
-  EXPECT_EQ(pathsAfter, pathsBefore);
 
   const auto printed = expectOraclesAgree(copy, sets);
   EXPECT_EQ(printed.count("dc:title"), 1u);
@@ -938,13 +894,7 @@ TEST(MoxoleProps, PrintsEveryPropertyOfTheSummaryStreamsOrOfAPath) {
               moxtest::runProgram({MOXOLE_PROGRAM, "props", doc}));
   expectLines(other, {"\x05" "C3teagxwOttdbfkuIaamtae3Ie"},
               moxtest::runProgram({MOXOLE_PROGRAM, "props", other, "\\x05C3teagxwOttdbfkuIaamtae3Ie"}));
-
-  const moxtest::ProgramResult missing = moxtest::runProgram({MOXOLE_PROGRAM, "props", doc, "Nothing"});
-  EXPECT_EQ(missing.status, 3);
-  const moxtest::ProgramResult notASet = moxtest::runProgram({MOXOLE_PROGRAM, "props", doc, "WordDocument"});
-  EXPECT_EQ(notASet.status, 2);
-  EXPECT_EQ(notASet.err.rfind("moxole: ", 0), 0u);
-  EXPECT_EQ(std::count(notASet.err.begin(), notASet.err.end(), '\n'), 1);
+  // Failures: tests/test_moxole.cpp's table.
 }
 
 }  // namespace

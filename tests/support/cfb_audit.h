@@ -5,7 +5,8 @@
 // the length its size needs; each storage's children form a red-black
 // tree ordered as the format orders siblings; names are terminated
 // UTF-16 of the stated length.  Written apart from the library's own
-// reading code, so that the two cannot share a mistake.
+// reading code, so that the two cannot share a mistake: it is the test
+// reader's parse (support/cfb_reader.cpp) with free space allowed.
 #ifndef MOXOLEFIO_TESTS_SUPPORT_CFB_AUDIT_H_
 #define MOXOLEFIO_TESTS_SUPPORT_CFB_AUDIT_H_
 

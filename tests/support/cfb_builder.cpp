@@ -11,25 +11,12 @@ namespace {
 
 uint32_t ceilDiv(uint64_t a, uint64_t b) { return static_cast<uint32_t>((a + b - 1) / b); }
 
-void put16(uint8_t* p, uint16_t v, bool big) {
-  if (big) {
-    p[0] = static_cast<uint8_t>(v >> 8);
-    p[1] = static_cast<uint8_t>(v);
-  } else {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-  }
+// `n` bytes of v at p, in the file's byte order.
+void put(uint8_t* p, uint32_t v, int n, bool big) {
+  for (int i = 0; i < n; ++i) p[big ? n - 1 - i : i] = static_cast<uint8_t>(v >> (8 * i));
 }
-
-void put32(uint8_t* p, uint32_t v, bool big) {
-  if (big) {
-    put16(p, static_cast<uint16_t>(v >> 16), true);
-    put16(p + 2, static_cast<uint16_t>(v), true);
-  } else {
-    put16(p, static_cast<uint16_t>(v), false);
-    put16(p + 2, static_cast<uint16_t>(v >> 16), false);
-  }
-}
+void put16(uint8_t* p, uint16_t v, bool big) { put(p, v, 2, big); }
+void put32(uint8_t* p, uint32_t v, bool big) { put(p, v, 4, big); }
 
 uint16_t foldLower(char16_t c) {
   return (c >= u'A' && c <= u'Z') ? static_cast<uint16_t>(c + 32) : static_cast<uint16_t>(c);

@@ -4,21 +4,25 @@
 
 #include <functional>
 
+#include "format/names.h"
+#include "support/cfb_audit.h"
+
 namespace cfb {
 
 namespace {
 
 uint16_t get16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
-uint32_t get32(const uint8_t* p) {
-  return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
-         (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
-}
+uint32_t get32(const uint8_t* p) { return get16(p) | static_cast<uint32_t>(get16(p + 2)) << 16; }
 
 constexpr uint32_t kUnowned = 0xFFFFFFFFu;
 
+// `lenient` is the audit's reading: free sectors may hold anything (an
+// edit in place keeps the old file's), and unused DIFAT slots are free
+// where the 22-slot writer leaves them at end-of-chain.
 class Parser {
  public:
-  Parser(const Bytes& file, ParsedFile* out) : file_(file), out_(*out) {}
+  Parser(const Bytes& file, ParsedFile* out, bool lenient = false)
+      : file_(file), out_(*out), lenient_(lenient) {}
 
   bool run(std::string* error) {
     bool ok = header() && difat() && fat() && directory() && miniFat() && miniStream() &&
@@ -34,7 +38,7 @@ class Parser {
   }
 
   const uint8_t* sector(uint32_t n) const {
-    return file_.data() + (static_cast<size_t>(n) + 1) * sectorSize_;
+    return file_.data() + (static_cast<size_t>(n) + 1) * ss_;
   }
 
   // Marks a sector as belonging to `owner`; a sector may have one owner.
@@ -60,9 +64,10 @@ class Parser {
     if (s != kEnd) return fail(std::string(what) + ": chain longer than its size");
     return true;
   }
+  uint64_t sectorsFor(uint64_t size) const { return (size + ss_ - 1) / ss_; }
 
   bool header() {
-    if (file_.size() < 512 || file_.size() % 512 != 0) return fail("size not whole sectors");
+    if (file_.size() < 512) return fail("shorter than a header");
     const uint8_t* h = file_.data();
     CfbHeader& hd = out_.header;
     if (memcmp(h, hd.signature, 8) != 0) return fail("signature");
@@ -83,9 +88,14 @@ class Parser {
     hd.difatSectors = get32(h + 0x48);
     for (int i = 0; i < 109; ++i) hd.difat[i] = get32(h + 0x4C + 4 * i);
     if (hd.byteOrder != 0xFFFE) return fail("byte order");
-    if (hd.sectorShift != 9 || hd.miniShift != 6) return fail("geometry");
-    sectorSize_ = 512;
-    out_.sectorCount = static_cast<uint32_t>(file_.size() / 512 - 1);
+    v4_ = hd.major[0] == 4;
+    if (hd.sectorShift != (v4_ ? 12 : 9) || (!v4_ && hd.major[0] != 3) || hd.miniShift != 6) {
+      return fail("version and geometry");
+    }
+    if (hd.miniCutoff != 4096) return fail("mini stream cutoff");
+    ss_ = 1u << hd.sectorShift;
+    if (file_.size() % ss_ != 0) return fail("size not whole sectors");
+    out_.sectorCount = static_cast<uint32_t>(file_.size() / ss_ - 1);
     owner_.assign(out_.sectorCount, kUnowned);
     return true;
   }
@@ -97,20 +107,21 @@ class Parser {
       if (hd.difat[i] != kFree) return fail("header DIFAT slot past the FAT is not -1");
     }
     if ((hd.difatSectors == 0) != (hd.difatStart == kEnd)) return fail("DIFAT start/count");
+    const uint32_t links = ss_ / 4, unused = lenient_ ? kFree : kEnd;
     uint32_t s = hd.difatStart;
     for (uint32_t j = 0; j < hd.difatSectors; ++j) {
       if (!own(s, kUnowned - 1, "DIFAT")) return false;
       out_.difatSectors.push_back(s);
       const uint8_t* p = sector(s);
-      for (int k = 0; k < 127; ++k) {
+      for (uint32_t k = 0; k + 1 < links; ++k) {
         uint32_t v = get32(p + 4 * k);
         if (out_.fatSectors.size() < hd.fatSectors) {
           out_.fatSectors.push_back(v);
-        } else if (v != kEnd) {
-          return fail("DIFAT slot past the FAT is not -2");
+        } else if (v != unused) {
+          return fail("unused DIFAT slot is " + std::to_string(v));
         }
       }
-      s = get32(p + 508);
+      s = get32(p + 4 * (links - 1));
     }
     if (hd.difatSectors > 0 && s != kEnd) return fail("last DIFAT link is not -2");
     if (out_.fatSectors.size() != hd.fatSectors) return fail("DIFAT lists too few FAT sectors");
@@ -120,8 +131,7 @@ class Parser {
   bool fat() {
     for (uint32_t s : out_.fatSectors) {
       if (!own(s, kUnowned - 2, "FAT")) return false;
-      const uint8_t* p = sector(s);
-      for (int k = 0; k < 128; ++k) out_.fat.push_back(get32(p + 4 * k));
+      for (uint32_t k = 0; k < ss_ / 4; ++k) out_.fat.push_back(get32(sector(s) + 4 * k));
     }
     for (uint32_t s : out_.fatSectors) {
       if (out_.fat[s] != kFatSect) return fail("FAT sector not marked -3");
@@ -142,8 +152,9 @@ class Parser {
       sectors.push_back(s);
       s = out_.fat[s];
     }
+    if (out_.header.dirSectors != (v4_ ? sectors.size() : 0)) return fail("directory sector count");
     for (uint32_t d : sectors) {
-      for (int k = 0; k < 4; ++k) {
+      for (uint32_t k = 0; k < ss_ / 128; ++k) {
         const uint8_t* e = sector(d) + 128 * k;
         ParsedEntry entry;
         entry.nameLength = get16(e + 0x40);
@@ -154,11 +165,15 @@ class Parser {
         entry.child = get32(e + 0x4C);
         entry.start = get32(e + 0x74);
         entry.size = get32(e + 0x78) | (static_cast<uint64_t>(get32(e + 0x7C)) << 32);
-        if (entry.nameLength > 64 || entry.nameLength % 2 != 0) return fail("name length");
+        if (entry.nameLength > 64 || entry.nameLength % 2 != 0 ||
+            (entry.type != 0 && entry.nameLength < 2)) {
+          return fail("name length");
+        }
         for (int i = 0; i + 2 < entry.nameLength; i += 2) entry.name.push_back(get16(e + i));
         if (entry.nameLength > 0 && get16(e + entry.nameLength - 2) != 0) {
           return fail("name not terminated");
         }
+        if (!v4_ && entry.type == 2 && (entry.size >> 32) != 0) return fail("version 3 size above 32 bits");
         out_.dir.push_back(entry);
       }
     }
@@ -176,7 +191,7 @@ class Parser {
       return false;
     }
     for (uint32_t s : sectors) {
-      for (int k = 0; k < 128; ++k) out_.miniFat.push_back(get32(sector(s) + 4 * k));
+      for (uint32_t k = 0; k < ss_ / 4; ++k) out_.miniFat.push_back(get32(sector(s) + 4 * k));
     }
     return true;
   }
@@ -185,10 +200,10 @@ class Parser {
     const ParsedEntry& root = out_.dir[0];
     if (root.size == 0) return root.start == kEnd ? true : fail("root start without size");
     std::vector<uint32_t> sectors;
-    if (!chain(root.start, (root.size + 511) / 512, kUnowned - 5, "mini stream", &sectors)) {
+    if (!chain(root.start, sectorsFor(root.size), kUnowned - 5, "mini stream", &sectors)) {
       return false;
     }
-    for (uint32_t s : sectors) out_.miniStream.insert(out_.miniStream.end(), sector(s), sector(s) + 512);
+    for (uint32_t s : sectors) out_.miniStream.insert(out_.miniStream.end(), sector(s), sector(s) + ss_);
     out_.miniStream.resize(root.size);
     miniOwner_.assign(root.size / 64, kUnowned);
     return true;
@@ -217,7 +232,7 @@ class Parser {
     for (uint32_t i = 1; i < out_.dir.size(); ++i) {
       const ParsedEntry& e = out_.dir[i];
       if (e.type != 2) {
-        if (e.start != kEnd && e.type != 0) return fail("storage with a start sector");
+        if (e.start != kEnd && e.type != 0 && !lenient_) return fail("storage with a start sector");
         continue;
       }
       if (e.size == 0) {
@@ -230,8 +245,8 @@ class Parser {
         continue;
       }
       std::vector<uint32_t> sectors;
-      if (!chain(e.start, (e.size + 511) / 512, i, "stream", &sectors)) return false;
-      for (uint32_t s : sectors) data.insert(data.end(), sector(s), sector(s) + 512);
+      if (!chain(e.start, sectorsFor(e.size), i, "stream", &sectors)) return false;
+      for (uint32_t s : sectors) data.insert(data.end(), sector(s), sector(s) + ss_);
       data.resize(e.size);
     }
     return true;
@@ -239,7 +254,10 @@ class Parser {
 
   bool leftovers() {
     for (uint32_t s = 0; s < out_.sectorCount; ++s) {
-      if (owner_[s] == kUnowned) return fail("sector " + std::to_string(s) + " belongs to nothing");
+      const bool free = s < out_.fat.size() && out_.fat[s] == kFree;
+      if (owner_[s] == kUnowned && !(lenient_ && free)) {
+        return fail("sector " + std::to_string(s) + " belongs to nothing");
+      }
     }
     for (size_t s = out_.sectorCount; s < out_.fat.size(); ++s) {
       if (out_.fat[s] != kFree) return fail("FAT entry past the file is not free");
@@ -247,15 +265,18 @@ class Parser {
     for (size_t s = miniOwner_.size(); s < out_.miniFat.size(); ++s) {
       if (out_.miniFat[s] != kFree) return fail("mini FAT entry past the mini stream is not free");
     }
-    for (uint32_t owner : miniOwner_) {
-      if (owner == kUnowned) return fail("mini sector in use by nothing");
+    for (size_t s = 0; s < miniOwner_.size(); ++s) {
+      const bool free = s < out_.miniFat.size() && out_.miniFat[s] == kFree;
+      if (miniOwner_[s] == kUnowned && !(lenient_ && free)) return fail("mini sector in use by nothing");
     }
     return true;
   }
 
   const Bytes& file_;
   ParsedFile& out_;
-  uint32_t sectorSize_ = 512;
+  const bool lenient_;
+  bool v4_ = false;
+  uint32_t ss_ = 512;
   std::vector<uint32_t> owner_;
   std::vector<uint32_t> miniOwner_;
   std::string error_;
@@ -274,7 +295,10 @@ bool parse(const Bytes& file, ParsedFile* out, std::string* error) {
   return Parser(file, out).run(error);
 }
 
-std::string treeProblems(const ParsedFile& file) {
+namespace {
+
+std::string treeProblemsBy(const ParsedFile& file,
+                           const std::function<bool(const std::u16string&, const std::u16string&)>& less) {
   const std::vector<ParsedEntry>& dir = file.dir;
   std::vector<int> seen(dir.size(), 0);
   std::string problems;
@@ -283,33 +307,25 @@ std::string treeProblems(const ParsedFile& file) {
     const ParsedEntry& s = dir[storage];
     if (s.type == 2 && s.child != kNone) note("stream " + std::to_string(storage) + " has a child");
     if ((s.type != 1 && s.type != 5) || s.child == kNone) continue;
-    // In-order walk with an explicit stack; a visited entry stops the walk.
-    std::vector<uint32_t> inOrder, stack;
-    uint32_t at = s.child;
-    bool broken = false;
-    while (!broken && (at != kNone || !stack.empty())) {
-      while (at != kNone) {
-        if (at >= dir.size() || at == 0 || dir[at].type == 0) {
-          note("link out of range under " + std::to_string(storage));
-          broken = true;
-          break;
-        }
-        if (seen[at]++ > 0) {
-          note("entry " + std::to_string(at) + " reached twice");
-          broken = true;
-          break;
-        }
-        stack.push_back(at);
-        at = dir[at].left;
+    // In order; a link out of range or an entry met again stops the walk.
+    std::vector<uint32_t> inOrder;
+    std::function<bool(uint32_t)> walk = [&](uint32_t at) {
+      if (at == kNone) return true;
+      if (at >= dir.size() || at == 0 || dir[at].type == 0) {
+        note("link out of range under " + std::to_string(storage));
+        return false;
       }
-      if (broken || stack.empty()) break;
-      at = stack.back();
-      stack.pop_back();
+      if (seen[at]++ > 0) {
+        note("entry " + std::to_string(at) + " reached twice");
+        return false;
+      }
+      if (!walk(dir[at].left)) return false;
       inOrder.push_back(at);
-      at = dir[at].right;
-    }
+      return walk(dir[at].right);
+    };
+    walk(s.child);
     for (size_t i = 1; i < inOrder.size(); ++i) {
-      if (!siblingLess(dir[inOrder[i - 1]].name, dir[inOrder[i]].name)) {
+      if (!less(dir[inOrder[i - 1]].name, dir[inOrder[i]].name)) {
         note("siblings out of order: " + narrow(dir[inOrder[i - 1]].name) + " / " +
              narrow(dir[inOrder[i]].name));
       }
@@ -320,6 +336,23 @@ std::string treeProblems(const ParsedFile& file) {
   }
   return problems;
 }
+
+// Black height of the sibling tree under `at` (a tree: treeProblemsBy
+// passed); -1 where a red entry has a red child or two heights differ.
+int blackHeight(const std::vector<ParsedEntry>& dir, uint32_t at) {
+  if (at == kNone) return 1;
+  const ParsedEntry& e = dir[at];
+  const int l = blackHeight(dir, e.left), r = blackHeight(dir, e.right);
+  if (l < 0 || l != r || e.colour > 1) return -1;
+  for (uint32_t c : {e.left, e.right}) {
+    if (e.colour == 0 && c != kNone && dir[c].colour == 0) return -1;
+  }
+  return l + e.colour;
+}
+
+}  // namespace
+
+std::string treeProblems(const ParsedFile& file) { return treeProblemsBy(file, siblingLess); }
 
 std::map<std::string, Item> contents(const ParsedFile& file) {
   std::map<std::string, Item> items;
@@ -338,3 +371,27 @@ std::map<std::string, Item> contents(const ParsedFile& file) {
 }
 
 }  // namespace cfb
+
+namespace cfbaudit {
+
+// The reader's rules, leniently (free sectors, free unused DIFAT slots),
+// then the sibling trees by the library's name order and colours.
+std::string audit(const std::vector<std::uint8_t>& file) {
+  cfb::ParsedFile parsed;
+  std::string error;
+  if (!cfb::Parser(file, &parsed, true).run(&error)) return error + "\n";
+  std::string problems = cfb::treeProblemsBy(parsed, [](const std::u16string& a, const std::u16string& b) {
+    return moxfmt::compareSiblingNames(a, b) < 0;
+  });
+  if (!problems.empty()) return problems;
+  for (uint32_t i = 0; i < parsed.dir.size(); ++i) {
+    const cfb::ParsedEntry& e = parsed.dir[i];
+    if (i > 0 && e.type != 0 && e.type != 1 && e.type != 2) problems += "entry of unknown type\n";
+    if (e.type != 1 && e.type != 5) continue;
+    if (e.child != cfb::kNone && parsed.dir[e.child].colour != 1) problems += "red sibling root\n";
+    if (cfb::blackHeight(parsed.dir, e.child) < 0) problems += "red-black rules broken under entry " + std::to_string(i) + "\n";
+  }
+  return problems;
+}
+
+}  // namespace cfbaudit

@@ -30,18 +30,7 @@ std::vector<std::u16string> unitPath(const std::string& field) {
   for (const std::string& name : split(field, '/')) {
     std::u16string units;
     if (name != "-") {
-      char16_t unit = 0;
-      bool inUnit = false;
-      for (char c : name + ' ') {
-        if (c == ' ') {
-          if (inUnit) units += unit;
-          unit = 0;
-          inUnit = false;
-        } else {
-          unit = static_cast<char16_t>(unit * 16 + (c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10));
-          inUnit = true;
-        }
-      }
+      for (const std::string& unit : split(name, ' ')) units += static_cast<char16_t>(std::stoul(unit, nullptr, 16));
     }
     names.push_back(units);
   }
@@ -80,8 +69,11 @@ std::vector<File> load(const std::string& corpusDir) {
     file.path = f[1];
     if (f[0] == "file" && f.size() >= 5) {
       file.opens = f[4] == "yes";
+    } else if (f[0] == "issue" || f[0] == "again") {
+      file.flawed = true;
     } else if (f[0] == "header" && f.size() >= 11) {
       file.hasHeader = true;
+      file.headerFields = f;
       file.header = Header{std::stoll(f[2]), std::stoll(f[3]), std::stoll(f[7]),
                            std::stoll(f[8]), std::stoll(f[9]), std::stoll(f[10])};
     } else if (f[0] == "entry" && f.size() >= 9) {

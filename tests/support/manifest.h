@@ -30,8 +30,10 @@ struct Entry {
 struct File {
   std::string path;
   bool opens = false;
+  bool flawed = false;  // olefile noted an issue
   bool hasHeader = false;
   Header header;
+  std::vector<std::string> headerFields;  // the header line as it stands
   std::map<int, Entry> entries;  // by entry number
   bool damaged() const { return path.rfind("damaged/", 0) == 0; }
 };

@@ -1,8 +1,6 @@
 #include "support/program_run.h"
 #include "support/vos_scratch.h"
 
-#include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -11,21 +9,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "moxolefio.h"
+#include <filesystem>
 
 extern char** environ;
 
 namespace moxtest {
 
 namespace {
-
-const char* const kSlotNames[MOXOLE_INTERFACE_SLOTS] = {
-    "hOLEopen", "hOLEopenClone", "bOLEopenStream",
-    "bOLEopenStreamIgnoreStorage", "bOLEopenEmbeddedStream", "lOLEseek",
-    "lOLEtell", "iOLEread", "iOLEclose", "iOLEcloseClone", "bOLEcloseStream",
-    "hSwitchToOLE", "hSwitchFromOLE", "bOLEgetObject", "lOLEopenObject",
-    "bOLEopenEmbeddedStreamEx", "iOLEobjectType", "moxoleGetObjectList",
-    "hOLEopenEx", "iOLEopenStreamEx", "iOLEwrite", "iOLEGetStreamTree"};
 
 std::vector<std::string> buildEnvironment(const ProgramOptions& options) {
   std::vector<std::string> env;
@@ -95,34 +85,6 @@ ProgramResult runProgram(const std::vector<std::string>& argv,
   return result;
 }
 
-std::string missingFunction(const std::string& libraryPath,
-                            const std::vector<std::string>& functions) {
-  void* handle = dlopen(libraryPath.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (handle == nullptr) return "GetOLEInterface";
-  auto getTable =
-      reinterpret_cast<void (*)(void**)>(dlsym(handle, "GetOLEInterface"));
-  void* table[MOXOLE_INTERFACE_SLOTS] = {};
-  if (getTable != nullptr) getTable(table);
-  std::string missing;
-  for (const std::string& name : functions) {
-    bool present = false;
-    bool inTable = false;
-    for (int slot = 0; slot < MOXOLE_INTERFACE_SLOTS; ++slot) {
-      if (name == kSlotNames[slot]) {
-        inTable = true;
-        present = table[slot] != nullptr;
-      }
-    }
-    if (!inTable) present = dlsym(handle, name.c_str()) != nullptr;
-    if (!present) {
-      missing = name;
-      break;
-    }
-  }
-  dlclose(handle);
-  return missing;
-}
-
 std::string olefilePython() {
   for (const char* python : {"/usr/bin/python3", "python3"}) {
     if (runProgram({python, "-c", "import olefile"}).status == 0) return python;
@@ -134,37 +96,14 @@ std::string slurp(const std::string& path) { return readFile(path); }
 
 bool spit(const std::string& path, const std::string& bytes) { return writeFile(path, bytes); }
 
-namespace {
-
-void snapshotInto(const std::string& root, const std::string& relative,
-                  std::map<std::string, std::string>* tree) {
-  std::string dir = relative.empty() ? root : root + "/" + relative;
-  DIR* handle = opendir(dir.c_str());
-  if (handle == nullptr) return;
-  std::vector<std::string> names;
-  while (dirent* entry = readdir(handle)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  closedir(handle);
-  for (const std::string& name : names) {
-    std::string rel = relative.empty() ? name : relative + "/" + name;
-    struct stat st;
-    if (lstat((root + "/" + rel).c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      (*tree)[rel] = "<dir>";
-      snapshotInto(root, rel, tree);
-    } else {
-      (*tree)[rel] = slurp(root + "/" + rel);
-    }
-  }
-}
-
-}  // namespace
-
 std::map<std::string, std::string> snapshotTree(const std::string& root) {
+  namespace fs = std::filesystem;
   std::map<std::string, std::string> tree;
-  snapshotInto(root, "", &tree);
+  std::error_code error;
+  for (fs::recursive_directory_iterator it(root, error), end; !error && it != end; it.increment(error)) {
+    const bool dir = it->symlink_status().type() == fs::file_type::directory;
+    tree[it->path().lexically_relative(root).string()] = dir ? "<dir>" : slurp(it->path().string());
+  }
   return tree;
 }
 

@@ -1,6 +1,4 @@
-// Running programs (moxole, python3) from end-to-end tests, and asking the
-// built library which functions it provides so that tests of functions not
-// yet present can be skipped by name.
+// Running programs (moxole, python3, the oracles) from end-to-end tests.
 #ifndef MOXOLEFIO_TESTS_SUPPORT_PROGRAM_RUN_H_
 #define MOXOLEFIO_TESTS_SUPPORT_PROGRAM_RUN_H_
 
@@ -28,12 +26,6 @@ struct ProgramOptions {
 // from /dev/null and waits for it.
 ProgramResult runProgram(const std::vector<std::string>& argv,
                          const ProgramOptions& options = ProgramOptions());
-
-// The first of `functions` (table names such as "iOLEread", or exported
-// names such as "iReadStreamChain") that the library at `libraryPath` does
-// not provide; "" when it provides them all.
-std::string missingFunction(const std::string& libraryPath,
-                            const std::vector<std::string>& functions);
 
 // A Python interpreter that has the olefile module: Debian's own first (a
 // python3 earlier in PATH, such as a pyenv one, may lack Debian's

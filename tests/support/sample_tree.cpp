@@ -1,10 +1,6 @@
 #include "support/sample_tree.h"
 
-#include <sys/stat.h>
-
 #include <random>
-
-#include "support/program_run.h"
 
 namespace moxtest {
 
@@ -49,33 +45,15 @@ std::vector<SampleEntry> sampleTree() {
   return t;
 }
 
-std::string samplePath(const std::vector<SampleEntry>& tree, int index) {
-  std::string path = tree[index].fileName;
-  for (int p = tree[index].parent; p >= 0; p = tree[p].parent) {
-    path = tree[p].fileName + "/" + path;
-  }
-  return path;
-}
-
 std::map<std::string, std::string> sampleSnapshot(
     const std::vector<SampleEntry>& tree) {
   std::map<std::string, std::string> snapshot;
   for (size_t i = 0; i < tree.size(); ++i) {
-    snapshot[samplePath(tree, static_cast<int>(i))] =
-        tree[i].storage ? "<dir>" : tree[i].bytes;
+    std::string path = tree[i].fileName;
+    for (int p = tree[i].parent; p >= 0; p = tree[p].parent) path = tree[p].fileName + "/" + path;
+    snapshot[path] = tree[i].storage ? "<dir>" : tree[i].bytes;
   }
   return snapshot;
-}
-
-bool writeSampleTree(const std::vector<SampleEntry>& tree,
-                     const std::string& dir) {
-  for (size_t i = 0; i < tree.size(); ++i) {
-    std::string path = dir + "/" + samplePath(tree, static_cast<int>(i));
-    bool ok = tree[i].storage ? mkdir(path.c_str(), 0777) == 0
-                              : spit(path, tree[i].bytes);
-    if (!ok) return false;
-  }
-  return true;
 }
 
 cfb::Bytes buildSampleDocument(const std::vector<SampleEntry>& tree) {

@@ -28,16 +28,9 @@ struct SampleEntry {
 
 std::vector<SampleEntry> sampleTree();
 
-// '/'-joined file names from the root down to entry `index`.
-std::string samplePath(const std::vector<SampleEntry>& tree, int index);
-
 // The tree as snapshotTree() shows it on disk.
 std::map<std::string, std::string> sampleSnapshot(
     const std::vector<SampleEntry>& tree);
-
-// Writes the tree under `dir` (which must exist); false on failure.
-bool writeSampleTree(const std::vector<SampleEntry>& tree,
-                     const std::string& dir);
 
 // The tree as a compound file made by the test builder.
 cfb::Bytes buildSampleDocument(const std::vector<SampleEntry>& tree);

@@ -1,0 +1,72 @@
+// Small helpers the suites of the native interface share: deterministic
+// bytes, the error code an action throws, whether check() found an
+// error, a file's bytes, and the files of the corpus manifest.  Header-only, so that the kit itself need not
+// link the native interface.
+#ifndef MOXOLEFIO_TESTS_SUPPORT_NATIVE_KIT_H_
+#define MOXOLEFIO_TESTS_SUPPORT_NATIVE_KIT_H_
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "moxolefio/moxolefio.hpp"
+#include "support/manifest.h"
+#include "support/vos_scratch.h"
+
+namespace moxtest {
+
+// Deterministic bytes, cheap enough for the hundreds of megabytes the
+// edit programs write.
+inline std::vector<std::uint8_t> pattern(std::size_t size, unsigned seed) {
+  std::vector<std::uint8_t> b(size);
+  std::uint32_t x = seed * 2654435761u + 1;
+  for (auto& v : b) {
+    x = x * 1664525u + 1013904223u;
+    v = static_cast<std::uint8_t>(x >> 24);
+  }
+  return b;
+}
+
+// The code of the mox::Error `action` throws; Errc{} when it throws none.
+inline mox::Errc errorOf(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const mox::Error& e) {
+    return e.code();
+  }
+  return mox::Errc{};
+}
+
+inline std::vector<std::string> namesOf(const std::vector<mox::Entry>& entries) {
+  std::vector<std::string> names;
+  for (const mox::Entry& e : entries) names.push_back(e.name);
+  return names;
+}
+
+// Whether check() found an error, not just warnings.
+inline bool hasError(const std::vector<mox::Defect>& defects) {
+  for (const mox::Defect& d : defects) {
+    if (d.severity == mox::Severity::error) return true;
+  }
+  return false;
+}
+
+inline std::vector<std::uint8_t> fileBytes(const std::string& path) {
+  const std::string s = readFile(path);
+  return std::vector<std::uint8_t>(s.begin(), s.end());
+}
+
+inline bool writeBytes(const std::string& path, const std::vector<std::uint8_t>& bytes) {
+  return writeFile(path, std::string(bytes.begin(), bytes.end()));
+}
+
+// Every file of the corpus manifest (empty without a corpus).
+inline const std::vector<manifest::File>& corpusFiles() {
+  static const std::vector<manifest::File> files = manifest::load(MOX_CORPUS_DIR);
+  return files;
+}
+
+}  // namespace moxtest
+
+#endif  // MOXOLEFIO_TESTS_SUPPORT_NATIVE_KIT_H_

@@ -1,9 +1,9 @@
 // The writer's parts below the host calls: the document (path splitting,
-// memory per entry), the FAT and
-// DIFAT sizes in closed form, the buffered output (byte order, buffering and flushing
-// as the host sees them, the ways opening can fail) and the red-black tree
-// the sibling trees are built with.  What hosts see of the same is in
-// test_writer.
+// memory per entry), the buffered output (buffering and flushing as the
+// host sees them, the ways opening can fail) and the red-black tree the
+// sibling trees are built with.  What hosts see of the same is in
+// test_writer, and the writer fuzz target's model checks every file its
+// kept inputs make.
 #include <gtest/gtest.h>
 
 #include <stdio.h>
@@ -20,7 +20,6 @@
 #include "tree/redblack.h"
 #include "writer/moxoledoc.h"
 #include "writer/oleio.h"
-#include "writer/sector_math.h"
 
 namespace {
 
@@ -115,31 +114,6 @@ TEST_F(DocumentTest, ManyEntriesCostLittleMemoryEach) {
   EXPECT_EQ(host.poolFrees(), 0);
 }
 
-// === Planning a file =========================================================
-
-// --- Closed forms ----------------------------------------------------------
-
-// The three properties the file depends on, over every T up to well past
-// a few DIFAT sectors, and at a few large sizes: the FAT covers every
-// sector including its own and the DIFAT's; the DIFAT holds every FAT
-// sector the header cannot; and no DIFAT sector is wasted (the last one
-// holds at least one number, so every earlier link is really written).
-TEST(SectorMath, FatCoversTheFileAndDifatFitsForEveryT) {
-  auto check = [](int64_t t) {
-    MoxFatSizes s = moxSolveFatSizes(t, 128);
-    int64_t f = s.fatSectors, d = s.difatSectors;
-    ASSERT_GE(f * 128, t + d + f) << "T = " << t;
-    ASSERT_GE(127 * d, f - 109) << "T = " << t;
-    if (d > 0) {
-      ASSERT_GT(f - 109, 127 * (d - 1)) << "T = " << t;
-    }
-    // Not more FAT sectors than needed.
-    ASSERT_LT((f - 1) * 128, t + d + f) << "T = " << t;
-  };
-  for (int64_t t = 1; t <= 200000; ++t) check(t);
-  for (int64_t t : {int64_t{2097152} + 20, int64_t{1} << 26, (int64_t{1} << 31) - 5}) check(t);
-}
-
 // === The buffered output =====================================================
 
 using moxhost::IoCall;
@@ -190,16 +164,6 @@ class OleIoTest : public HostTest<CMoxOleIo> {
 
   std::unique_ptr<CMoxOleIo>& out = made;
 };
-
-TEST_F(OleIoTest, IntegersAreLittleEndianAndTruncated) {
-  openOutput();
-  EXPECT_EQ(out->write4ByteInt(-2), 0);
-  EXPECT_EQ(out->write4ByteInt((1L << 32) + 0x12345), 0);
-  out.reset();
-  std::vector<uint8_t> expected = {0xFE, 0xFF, 0xFF, 0xFF, 0x45, 0x23, 0x01, 0x00};
-  EXPECT_EQ(file.bytes(), expected);
-  EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, 8}, {IoCall::kClose, 8, 0}}));
-}
 
 // A record that does not fit sends the buffered bytes first and starts the
 // next buffer; it is kept even when that hand-over fails.

@@ -70,8 +70,8 @@ class DirectoryChecker {
   Report& report_;
   std::vector<bool> red_;
   // Links as followed: kNone where the stored link was absent or rejected.
-  std::vector<std::uint32_t> left_, right_;
-  std::vector<std::uint32_t> blackHeight_;
+  BulkVector<std::uint32_t> left_, right_;
+  BulkVector<std::uint32_t> blackHeight_;
   // Entries whose children are still to read, the next one last.
   std::vector<std::uint32_t> pending_;
   // One sibling tree at a time: its entries as met (every parent before

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "moxolefio/moxolefio.hpp"
+#include "native/bulk_vector.h"
 #include "native/image.h"
 
 namespace mox::detail::check {
@@ -23,9 +24,9 @@ constexpr std::uint32_t kNone = 0xFFFFFFFF;
 // The tree as read from the directory, with the same first-met rule as
 // Tree: an entry linked twice belongs where it was met first.
 struct DirectoryScan {
-  std::vector<std::uint32_t> parent;  // per entry; kNone when not reached (and for the root)
-  std::vector<bool> reached;          // per entry
-  std::vector<std::uint32_t> order;   // reached entries, the root first
+  BulkVector<std::uint32_t> parent;  // per entry; kNone when not reached (and for the root)
+  std::vector<bool> reached;         // per entry
+  BulkVector<std::uint32_t> order;   // reached entries, the root first
   // Reached streams with data, in that order, as the sector half of the
   // check needs them (the directory is read once).
   struct Stream {
@@ -34,7 +35,7 @@ struct DirectoryScan {
     std::uint64_t size;
     bool mini;
   };
-  std::vector<Stream> streams;
+  BulkVector<Stream> streams;
 };
 
 class Report {

@@ -60,7 +60,7 @@ std::string hexLink(std::uint32_t v) {
 // the end or `wanted` sectors (0: no limit); `visit` sees (position in the
 // chain, sector) for every sector claimed.
 template <typename Visit>
-Walk claim(const std::vector<std::uint32_t>& table, std::uint64_t limit, std::vector<std::uint32_t>& owner,
+Walk claim(const std::vector<std::uint32_t>& table, std::uint64_t limit, BulkVector<std::uint32_t>& owner,
            std::uint32_t who, std::uint32_t start, std::uint64_t wanted, Visit&& visit) {
   Walk w;
   std::uint32_t s = start;
@@ -141,7 +141,7 @@ class SectorChecker {
   Report& report_;
   const std::vector<std::uint32_t>& fat_;
   const std::vector<std::uint32_t>& miniFat_;
-  std::vector<std::uint32_t> owner_, miniOwner_;
+  BulkVector<std::uint32_t> owner_, miniOwner_;
   std::uint64_t limit_ = 0;
   std::vector<Tail> tails_;
   // The file's last sector when the file ends inside it.

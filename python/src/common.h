@@ -9,6 +9,7 @@
 
 #include <array>
 #include <atomic>
+#include <deque>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -176,7 +177,8 @@ class Index {
     memo_nodes_.clear();
   }
 
-  std::vector<Node> nodes_;
+  // A deque: an index of many entries grows without moving its nodes.
+  std::deque<Node> nodes_;
   // The last path list resolved, name by name: a list from listdir()
   // shares its leading names with the one before as the very same
   // objects, and those resolve as they did.  Held as references, so that

@@ -565,6 +565,73 @@ TEST(EditFiles, EditsThatKeepTheLayoutChangeOnlyTheirOwnSectors) {
   expectWellFormed(f.bytes());
 }
 
+// Megabytes of new stream data are not copied by a commit: the scratch
+// file they were written to becomes the file, its pages the streams'
+// sectors, and the header's page (sectors the header leaves over) is
+// free.  Streams whose pages interleave, a gap never written, a tail
+// inside a page, and a removed stream still open (its pages must not go
+// to the file) all come out whole.
+TEST(EditFiles, LargeNewStreamsBecomeTheFileWhereTheyWereWritten) {
+  Folder folder;
+  const mode_t mask = umask(022);
+  umask(mask);
+  for (int version : {3, 4}) {
+    SCOPED_TRACE("version " + std::to_string(version));
+    const std::string path = folder.file("doc" + std::to_string(version) + ".cfb");
+    mox::CompoundFile f = mox::CompoundFile::create(path, mox::CreateOptions{version});
+    const Bytes a = pattern(3 << 20, 1);
+    Bytes b = pattern((2 << 20) + 777, 2);
+    mox::Stream sa = f.create_stream("A"), sb = f.create_stream("Store/B");
+    for (std::size_t at = 0; at < a.size(); at += 65536) {
+      sa.write(a.data() + at, 65536);
+      if (at < b.size()) sb.write(b.data() + at, std::min<std::size_t>(65536, b.size() - at));
+    }
+    sb.seek(3 << 20);
+    sb.write("end", 3);
+    b.resize(3 << 20);
+    b.insert(b.end(), {'e', 'n', 'd'});
+    put(f, "mini", pattern(100, 3));
+    f.commit();
+
+    const Bytes file = moxtest::fileBytes(path);
+    EXPECT_EQ(cfbaudit::audit(file), "");
+    auto u32 = [&](std::size_t at) {
+      return static_cast<std::uint32_t>(file[at] | file[at + 1] << 8 | file[at + 2] << 16 | file[at + 3] << 24);
+    };
+    const std::size_t sectorSize = std::size_t{1} << file[0x1E];
+    const std::uint32_t firstFatSector = u32(0x4C);
+    EXPECT_EQ(u32((firstFatSector + 1) * sectorSize), cfb::kFree) << "the streams were copied, not kept where written";
+    struct stat info;
+    ASSERT_EQ(stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0666u & ~mask);
+    const mox::CompoundFile again = mox::CompoundFile::open(path);
+    for (const mox::CompoundFile* g : {&again, static_cast<const mox::CompoundFile*>(&f)}) {
+      EXPECT_TRUE(readAll(*g, "A") == a);
+      EXPECT_TRUE(readAll(*g, "Store/B") == b);
+      EXPECT_TRUE(readAll(*g, "mini") == pattern(100, 3));
+      EXPECT_TRUE(g->check().empty());
+    }
+
+    // The object goes on: its Streams write to a scratch file of its own
+    // again, and a removed stream's pages stay its own.
+    sa.seek(10);
+    sa.write("x", 1);
+    mox::Stream removed = f.create_stream("C");
+    const Bytes c = pattern(5 << 20, 4), d = pattern(5 << 20, 5);
+    removed.write(c.data(), c.size());
+    f.remove("C");
+    put(f, "D", d);
+    f.commit();
+    removed.seek(0);
+    EXPECT_TRUE(removed.read_all() == c);
+    const mox::CompoundFile third = mox::CompoundFile::open(path);
+    EXPECT_TRUE(readAll(third, "D") == d);
+    EXPECT_EQ(readAll(third, "A")[10], 'x');
+    EXPECT_TRUE(readAll(third, "Store/B") == b);
+    expectWellFormed(moxtest::fileBytes(path));
+  }
+}
+
 TEST(EditFiles, ReadOnlyFilesRefuseEditsAndCommitsKeepPermissions) {
   Folder folder;
   const std::string path = folder.file("doc.cfb");

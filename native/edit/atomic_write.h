@@ -21,18 +21,21 @@ class FileSink : public Sink {
   void write(const void* data, std::size_t count) override;
   void zeros(std::uint64_t count) override;
   void copyFrom(int fd, std::uint64_t offset, std::uint64_t count) override;
+  void skip(std::uint64_t count) override;
   // Writes what is buffered and gives the file its full length.
   void finish();
 
  private:
   void flush();
   void put(const unsigned char* data, std::size_t count);
+  void startWriteback();
 
   int fd_;
   std::string name_;
   std::vector<unsigned char> buffer_;
   std::size_t used_ = 0;
   std::uint64_t offset_ = 0;  // of the buffer's first byte
+  std::uint64_t handedOver_ = 0;  // bytes before this are on their way to the disk
   bool hole_at_end_ = false;
 };
 
@@ -48,6 +51,16 @@ class FileSink : public Sink {
 bool writeAtomically(const std::filesystem::path& target, FileWriter& writer,
                      const std::function<void(const std::filesystem::path&)>& placed = nullptr,
                      const std::function<bool()>& confirm = nullptr);
+
+// Makes the scratch file the file at `target`, in the same steps: the
+// rest of `writer`'s file (see Serializer's `overScratch`) is written into
+// it, it is flushed, given a temporary name in the folder and renamed over
+// the path; `placed` runs while the scratch is handed over (see
+// Scratch::handOver).  False, with nothing changed but bytes past the
+// scratch file's pages, when the file cannot be given a name; throws as
+// writeAtomically does.
+bool makeScratchTheFile(const std::filesystem::path& target, FileWriter& writer, Scratch& scratch,
+                        const std::function<void(const std::filesystem::path&)>& placed);
 
 }  // namespace mox::detail
 

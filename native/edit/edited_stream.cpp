@@ -36,10 +36,12 @@ void EditedStream::rebase(std::shared_ptr<StreamData> base) {
 void EditedStream::detach() { detached_ = true; }
 
 void EditedStream::releasePages(std::size_t from) {
+  std::vector<std::uint64_t> given;
   for (std::size_t i = from; i < pages_.size(); ++i) {
-    if (pages_[i] != kNoPage) scratch_->release(pages_[i]);
+    if (pages_[i] != kNoPage) given.push_back(pages_[i]);
     pages_[i] = kNoPage;
   }
+  scratch_->release(std::move(given));
 }
 
 void EditedStream::checkWritable(std::uint64_t end) const {

@@ -452,6 +452,28 @@ std::unique_ptr<detail::FileWriter> writerFor(const Impl& impl) {
   return std::make_unique<detail::Serializer>(impl.tree, impl.image, impl.version);
 }
 
+// Streams written since the last commit that make up most of the new
+// file need not be copied: the scratch file they were written to becomes
+// the file.  Worth it from a few megabytes on (below that the copy costs
+// little and the header's page would be a large share of the file), and
+// only while every page in the scratch file belongs to a stream of the
+// tree (a removed stream's pages, still readable through its Stream, must
+// stay where they are) and most of it is in use (else the file would
+// carry the free pages).
+bool commitOverScratch(Impl& impl) {
+  constexpr std::uint64_t kWorthFrom = (4 << 20) / detail::Scratch::kPageSize;
+  detail::Scratch& scratch = *impl.scratch;
+  if (impl.path.empty() || !scratch.canBecomeDocument() || scratch.pagesInUse() < kWorthFrom ||
+      scratch.pagesInUse() * 2 < scratch.pageLimit()) {
+    return false;
+  }
+  detail::Serializer serializer(impl.tree, impl.image, impl.version, &scratch);
+  if (serializer.pagesKept() != scratch.pagesInUse()) return false;
+  return detail::makeScratchTheFile(impl.path, serializer, scratch, [&](const std::filesystem::path& placed) {
+    adoptCommitted(impl, detail::Image::load(detail::openFileSource(placed, true, true)));
+  });
+}
+
 }  // namespace
 
 void CompoundFile::commit() {
@@ -493,7 +515,7 @@ void CompoundFile::commit() {
         },
         patched ? std::function<bool()>(confirmed) : nullptr);
   };
-  if (!writer || !place(*writer, true)) {
+  if ((!writer || !place(*writer, true)) && !commitOverScratch(impl)) {
     detail::Serializer serializer(impl.tree, impl.image, impl.version);
     place(serializer, false);
   }

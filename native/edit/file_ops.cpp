@@ -16,6 +16,9 @@ ssize_t FileOps::copy_file_range(int in, off_t* inOffset, int out, off_t* outOff
 int FileOps::ftruncate(int fd, off_t size) { return ::ftruncate(fd, size); }
 int FileOps::fsync(int fd) { return ::fsync(fd); }
 int FileOps::rename(const char* from, const char* to) { return ::rename(from, to); }
+int FileOps::linkat(int fromDir, const char* from, int toDir, const char* to, int flags) {
+  return ::linkat(fromDir, from, toDir, to, flags);
+}
 int FileOps::close(int fd) { return ::close(fd); }
 int FileOps::unlink(const char* path) { return ::unlink(path); }
 

@@ -20,6 +20,7 @@ class FileOps {
   virtual int ftruncate(int fd, off_t size);
   virtual int fsync(int fd);
   virtual int rename(const char* from, const char* to);
+  virtual int linkat(int fromDir, const char* from, int toDir, const char* to, int flags);
   virtual int close(int fd);
   virtual int unlink(const char* path);
 };

@@ -6,6 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 #include "moxolefio/moxolefio.hpp"
@@ -21,10 +22,31 @@ Scratch::Page Scratch::allocate() {
   return Page{next_++, true};
 }
 
-void Scratch::release(std::uint64_t page) {
-  dropped(page);
-  free_.push_back(page);
+void Scratch::release(std::vector<std::uint64_t> pages) {
+  if (pages.empty() || handedOver_) return;
+  if (free_.size() + pages.size() == next_ - first_) {
+    droppedAll();
+    free_.clear();
+    next_ = first_;
+    return;
+  }
+  std::sort(pages.begin(), pages.end());
+  for (std::size_t i = 0, j; i < pages.size(); i = j) {
+    for (j = i + 1; j < pages.size() && pages[j] == pages[j - 1] + 1;) ++j;
+    dropped(pages[i], j - i);
+  }
+  free_.insert(free_.end(), pages.begin(), pages.end());
 }
+
+int Scratch::handOver() {
+  const int fd = giveUpFile();
+  handedOver_ = true;
+  free_.clear();
+  next_ = first_;
+  return fd;
+}
+
+void Scratch::resume() { handedOver_ = false; }
 
 namespace {
 
@@ -42,9 +64,10 @@ class MemoryScratch : public Scratch {
   }
 
  protected:
-  void dropped(std::uint64_t page) override {
-    if (page < pages_.size()) pages_[page].reset();
+  void dropped(std::uint64_t first, std::uint64_t count) override {
+    for (std::uint64_t page = first; page < first + count && page < pages_.size(); ++page) pages_[page].reset();
   }
+  void droppedAll() override { pages_.clear(); }
   bool keepsReleased() const override { return false; }
 
  private:
@@ -67,12 +90,13 @@ class MemoryScratch : public Scratch {
 
 class FileScratch : public Scratch {
  public:
-  explicit FileScratch(std::filesystem::path folder) : folder_(std::move(folder)) {}
+  explicit FileScratch(std::filesystem::path folder) : Scratch(1), folder_(std::move(folder)) {}
   ~FileScratch() override {
     if (fd_ >= 0) ::close(fd_);
   }
 
   void write(std::uint64_t page, std::size_t at, const void* data, std::size_t count) override {
+    const std::size_t count0 = count;
     const int fd = open();
     const auto* from = static_cast<const unsigned char*>(data);
     off_t offset = static_cast<off_t>(page * kPageSize + at);
@@ -84,6 +108,7 @@ class FileScratch : public Scratch {
       offset += n;
       count -= static_cast<std::size_t>(n);
     }
+    if (inFolder_) startWriteback(count0);
   }
 
   void read(std::uint64_t page, std::size_t at, void* out, std::size_t count) const override {
@@ -109,18 +134,31 @@ class FileScratch : public Scratch {
   }
 
  protected:
-  void dropped(std::uint64_t page) override {
+  void dropped(std::uint64_t first, std::uint64_t count) override {
     // Give the disk space back; a failure only costs space.
     if (fd_ >= 0) {
-      fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(page * kPageSize),
-                static_cast<off_t>(kPageSize));
+      fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(first * kPageSize),
+                static_cast<off_t>(count * kPageSize));
     }
+  }
+  void droppedAll() override {
+    // Pages past the end read as zeros, as new pages must; a failure only
+    // costs space.
+    if (fd_ >= 0) (void)::ftruncate(fd_, 0);
   }
   // A hole may not have been punched (file systems without it).
   bool keepsReleased() const override { return true; }
 
  public:
   int descriptor() const override { return fd_; }
+  bool canBecomeDocument() const override { return fd_ >= 0 && inFolder_; }
+
+ protected:
+  int giveUpFile() override {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
 
  private:
   int open() {
@@ -131,8 +169,12 @@ class FileScratch : public Scratch {
     if (tmp != nullptr && *tmp != 0) folders.emplace_back(tmp);
     folders.emplace_back("/tmp");
     for (const std::string& folder : folders) {
+      // Without O_EXCL, so that a commit can give the file a name.
       fd_ = ::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-      if (fd_ >= 0) return fd_;
+      if (fd_ >= 0) {
+        inFolder_ = !folder_.empty() && folder == folders.front();
+        return fd_;
+      }
       std::string name = folder + "/.moxolefio-scratch-XXXXXX";
       fd_ = mkostemp(name.data(), O_CLOEXEC);
       if (fd_ >= 0) {
@@ -143,8 +185,21 @@ class FileScratch : public Scratch {
     scratchFailed("cannot create one in " + folders.front());
   }
 
+  void startWriteback(std::size_t written) {
+    // Pages here will most likely become the document's sectors at the
+    // next commit: the disk may start on them now, so that the commit's
+    // flush finds little left to do.  Advice only.
+    constexpr std::size_t kStep = 16 << 20;
+    unsent_ += written;
+    if (unsent_ < kStep) return;
+    (void)::sync_file_range(fd_, 0, 0, SYNC_FILE_RANGE_WRITE);
+    unsent_ = 0;
+  }
+
   std::filesystem::path folder_;
+  std::size_t unsent_ = 0;
   int fd_ = -1;
+  bool inFolder_ = false;  // made with O_TMPFILE in the document's folder
 };
 
 }  // namespace

@@ -31,21 +31,48 @@ class Scratch {
     bool zeroed;  // never used before: it reads as zeros
   };
   Page allocate();
-  void release(std::uint64_t page);
+  // Gives pages back.  Neighbours go back to the file system as one piece,
+  // and a scratch file left without a page in use is emptied at once: a
+  // committed gigabyte stream would otherwise cost a call per page.
+  void release(std::vector<std::uint64_t> pages);
 
   virtual void write(std::uint64_t page, std::size_t at, const void* data, std::size_t count) = 0;
   virtual void read(std::uint64_t page, std::size_t at, void* out, std::size_t count) const = 0;
   // The file the pages are in (page n at n * kPageSize), or -1.
   virtual int descriptor() const { return -1; }
 
+  // Pages handed out and not given back.
+  std::uint64_t pagesInUse() const { return next_ - first_ - free_.size(); }
+  // One past the highest page handed out so far.
+  std::uint64_t pageLimit() const { return next_; }
+
+  // A commit may make the scratch file itself the new document, its pages
+  // where they lie, when the file is one that can be given a name in the
+  // document's folder.  Page 0 is never handed out by such a file: it is
+  // where the header goes.
+  virtual bool canBecomeDocument() const { return false; }
+  // The file is the document's now: its descriptor goes to the caller,
+  // and pages given back until resume() are forgotten, not freed (they
+  // are the document's sectors).  Later pages go to a new file.
+  int handOver();
+  void resume();
+
  protected:
-  virtual void dropped(std::uint64_t page) = 0;
+  explicit Scratch(std::uint64_t firstPage = 0) : first_(firstPage), next_(firstPage) {}
+  // The descriptor leaves this object; the next write makes a new file.
+  virtual int giveUpFile() { return -1; }
+  // Pages [first, first + count) are no longer in use.
+  virtual void dropped(std::uint64_t first, std::uint64_t count) = 0;
+  // No page is in use: the next ones start from 0 again.
+  virtual void droppedAll() = 0;
   // Whether a released page comes back with its old bytes (else zeroed).
   virtual bool keepsReleased() const = 0;
 
  private:
-  std::uint64_t next_ = 0;
+  std::uint64_t first_;
+  std::uint64_t next_;
   std::vector<std::uint64_t> free_;
+  bool handedOver_ = false;
 };
 
 }  // namespace mox::detail

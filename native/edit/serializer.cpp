@@ -65,6 +65,11 @@ void Sink::copyFrom(int fd, std::uint64_t offset, std::uint64_t count) {
   }
 }
 
+void Sink::skip(std::uint64_t count) {
+  // Only a file that already holds the bytes can be moved over.
+  if (count > 0) throw Error(Errc::invalid_argument, "this output cannot be written out of order");
+}
+
 void MemorySink::write(const void* data, std::size_t count) {
   const auto* bytes = static_cast<const unsigned char*>(data);
   out_.insert(out_.end(), bytes, bytes + count);
@@ -124,10 +129,57 @@ std::uint64_t maxStreamSize(int version) {
   return version == 3 ? 0xFFFFFFFFull : (kMaxSectors - 1024) << 12;
 }
 
-Serializer::Serializer(const Tree& tree, std::shared_ptr<const Image> image, int version)
+Serializer::Serializer(const Tree& tree, std::shared_ptr<const Image> image, int version,
+                       const Scratch* overScratch)
     : tree_(tree), image_(std::move(image)), version_(version), shift_(version == 3 ? 9 : 12),
-      sectorSize_(1u << shift_) {
+      sectorSize_(1u << shift_), scratch_(overScratch) {
   lay();
+}
+
+std::uint64_t Serializer::layStream(std::size_t d, std::uint64_t sector) {
+  const std::uint64_t size = size_[d];
+  auto append = [&](std::uint64_t count) {
+    if (sector + count > kMaxSectors) throw Error(Errc::invalid_argument, "the file would be too large");
+    const auto first = static_cast<std::uint32_t>(sector);
+    sector += count;
+    return first;
+  };
+  if (scratch_ == nullptr) {
+    const std::uint64_t count = ceilDiv(size, sectorSize_);
+    start_[d] = append(count);
+    fatRegions_.push_back(Region{start_[d], static_cast<std::uint32_t>(count), kEndOfChain});
+    return sector;
+  }
+  // Pages in the scratch file stay as they are; what lies elsewhere (the
+  // old file, or never written) goes after them, a piece per gap.
+  const auto* edited = dynamic_cast<const EditedStream*>(tree_.node(order_[d]).data.get());
+  const std::size_t from = pieces_.size();
+  for (std::uint64_t at = 0; at < size;) {
+    int fd = -1;
+    std::uint64_t where = 0, run = 0;
+    auto inScratch = [&](std::uint64_t offset) {
+      return edited != nullptr && edited->scratchRun(offset, &fd, &where, &run) &&
+             fd == scratch_->descriptor();
+    };
+    if (inScratch(at)) {
+      pieces_.push_back(Piece{at, run, static_cast<std::uint32_t>(where / sectorSize_ - 1), true});
+      pagesKept_ += ceilDiv(run, Scratch::kPageSize);
+    } else {
+      std::uint64_t end = at + Scratch::kPageSize;
+      while (end < size && !inScratch(end)) end += Scratch::kPageSize;
+      run = std::min(end, size) - at;
+      pieces_.push_back(Piece{at, run, append(ceilDiv(run, sectorSize_)), false});
+    }
+    at += run;
+  }
+  start_[d] = pieces_[from].first;
+  pieceRange_[d] = {static_cast<std::uint32_t>(from), static_cast<std::uint32_t>(pieces_.size())};
+  for (std::size_t i = from; i < pieces_.size(); ++i) {
+    const Piece& p = pieces_[i];
+    fatRegions_.push_back(Region{p.first, static_cast<std::uint32_t>(ceilDiv(p.bytes, sectorSize_)), kEndOfChain,
+                                 i + 1 < pieces_.size() ? pieces_[i + 1].first : kEndOfChain});
+  }
+  return sector;
 }
 
 void Serializer::linkSiblings(const std::vector<std::uint32_t>& sorted, std::size_t lo, std::size_t hi,
@@ -179,9 +231,15 @@ void Serializer::lay() {
     linkSiblings(sorted, 0, sorted.size(), 0, deepest, &child_[d]);
   }
 
-  // Regular streams first, then the mini stream and the tables.
+  // Regular streams first, then the mini stream and the tables; over a
+  // scratch file, all of them after its pages.
   const std::uint64_t maxSize = maxStreamSize(version_);
-  std::uint64_t sector = 0;
+  if (scratch_ != nullptr) {
+    appendFrom_ = scratch_->pageLimit() * (Scratch::kPageSize / sectorSize_) - 1;
+    if (appendFrom_ > kMaxSectors) throw Error(Errc::invalid_argument, "the file would be too large");
+    pieceRange_.assign(entries, {0, 0});
+  }
+  std::uint64_t sector = appendFrom_;
   for (std::size_t d = 0; d < entries; ++d) {
     const Node& n = tree_.node(order_[d]);
     if (n.type == EntryType::root || n.type != EntryType::stream) {
@@ -203,12 +261,7 @@ void Serializer::lay() {
                                     static_cast<std::uint32_t>(count), kEndOfChain});
       miniSectors_ += count;
     } else {
-      const std::uint64_t count = ceilDiv(size, sectorSize_);
-      if (sector + count > kMaxSectors) throw Error(Errc::invalid_argument, "the file would be too large");
-      start_[d] = static_cast<std::uint32_t>(sector);
-      fatRegions_.push_back(Region{static_cast<std::uint32_t>(sector), static_cast<std::uint32_t>(count),
-                                   kEndOfChain});
-      sector += count;
+      sector = layStream(d, sector);
     }
   }
   auto region = [&](std::uint64_t count, std::uint32_t mark, std::uint32_t* first) {
@@ -241,6 +294,12 @@ void Serializer::lay() {
   region(fat, moxfmt::kFatSector, &fatStart_);
   region(difat, moxfmt::kDifatSector, &difatStart_);
   sectors_ = static_cast<std::uint32_t>(sector);
+  // Kept pages lie before everything appended, in the order they were
+  // written: the table is written in sector order.
+  if (scratch_ != nullptr) {
+    std::sort(fatRegions_.begin(), fatRegions_.end(),
+              [](const Region& a, const Region& b) { return a.start < b.start; });
+  }
 
 }
 
@@ -249,11 +308,16 @@ void Serializer::write(Sink& sink) {
   // each bytes() of a few kB costs more than the writing.
   buffer_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(kBufferSize, std::max<std::uint64_t>(fileSize(), 4096))));
   writeHeader(sink);
+  sink.skip(appendFrom_ << shift_);
   std::vector<std::size_t> mini;
   for (std::size_t d = 0; d < order_.size(); ++d) {
     if (tree_.node(order_[d]).type != EntryType::stream || size_[d] == 0) continue;
     if (size_[d] < moxfmt::kMiniStreamCutoff) {
       mini.push_back(d);
+      continue;
+    }
+    if (scratch_ != nullptr) {
+      writePieces(d, sink);
       continue;
     }
     writeContent(order_[d], sink);
@@ -312,6 +376,21 @@ void Serializer::writeContent(std::uint32_t node, Sink& sink) {
   }
 }
 
+void Serializer::writePieces(std::size_t d, Sink& sink) {
+  const Node& n = tree_.node(order_[d]);
+  for (std::uint32_t i = pieceRange_[d].first; i < pieceRange_[d].second; ++i) {
+    const Piece& p = pieces_[i];
+    if (p.kept) continue;
+    if (!n.data) {
+      copyStored(order_[d], sink);
+    } else if (!copyStreamBytes(*n.data, p.offset, p.bytes, buffer_, sink)) {
+      damaged(order_[d], "the stream is shorter than its size");
+    }
+    const std::uint64_t tail = p.bytes % sectorSize_;
+    if (tail != 0) sink.zeros(sectorSize_ - tail);
+  }
+}
+
 void Serializer::copyStored(std::uint32_t node, Sink& sink) {
   // Straight from the old file's sectors (mapped: no copy of our own).
   const Node& n = tree_.node(node);
@@ -360,8 +439,7 @@ void Serializer::writeTable(const std::vector<Region>& regions, std::uint64_t en
         if (g.mark != kEndOfChain) {
           value = g.mark;
         } else {
-          value = i + 1 == static_cast<std::uint64_t>(g.start) + g.count ? kEndOfChain
-                                                                         : static_cast<std::uint32_t>(i + 1);
+          value = i + 1 == static_cast<std::uint64_t>(g.start) + g.count ? g.next : static_cast<std::uint32_t>(i + 1);
         }
       }
       moxfmt::put32(block.data() + 4 * k, value);

@@ -8,14 +8,22 @@
 // the DIFAT.  Every chain is one run, every sector belongs to exactly one
 // chain or table, and each storage's children form a red-black tree in
 // the format's sibling order.
+//
+// Written over the scratch file instead, the pages of stream data stay
+// where they are, as the sectors of their streams: the header goes in
+// front of them (page 0), everything else after them, and sectors of the
+// scratch file that no stream uses are marked free.  A stream written
+// there is then never copied.
 #ifndef MOXOLEFIO_NATIVE_EDIT_SERIALIZER_H_
 #define MOXOLEFIO_NATIVE_EDIT_SERIALIZER_H_
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
+#include "native/edit/scratch.h"
 #include "native/image.h"
 #include "native/source.h"
 #include "native/stream_data.h"
@@ -32,6 +40,8 @@ class Sink {
   virtual void zeros(std::uint64_t count);
   // `count` bytes of the file `fd` from `offset` (zeros past its end).
   virtual void copyFrom(int fd, std::uint64_t offset, std::uint64_t count);
+  // Moves on `count` bytes, leaving what the output holds there.
+  virtual void skip(std::uint64_t count);
 };
 
 class MemorySink : public Sink {
@@ -69,8 +79,14 @@ class Serializer : public FileWriter {
  public:
   // `image` is where nodes without data of their own are read from (null
   // when there are none).  Throws Error(invalid_argument) for a tree the
-  // version cannot hold.
-  Serializer(const Tree& tree, std::shared_ptr<const Image> image, int version);
+  // version cannot hold.  With `overScratch`, the file is laid out over
+  // that scratch file's pages (see above); write() then expects a sink
+  // over that file, from its start.
+  Serializer(const Tree& tree, std::shared_ptr<const Image> image, int version,
+             const Scratch* overScratch = nullptr);
+
+  // Pages of the scratch file the layout keeps as stream sectors.
+  std::uint64_t pagesKept() const { return pagesKept_; }
 
   std::uint64_t fileSize() const override { return (static_cast<std::uint64_t>(sectors_) + 1) << shift_; }
   // Directory index in the output of each node written, kNoNode for the
@@ -84,13 +100,24 @@ class Serializer : public FileWriter {
     std::uint32_t start;
     std::uint32_t count;
     std::uint32_t mark;  // kEndOfChain for a chain, else the value of each entry
+    std::uint32_t next = moxfmt::kEndOfChain;  // a chain's last entry
+  };
+  // Bytes [offset, offset + bytes) of a regular stream, as one run of
+  // sectors; kept pieces lie in the scratch file already.
+  struct Piece {
+    std::uint64_t offset;
+    std::uint64_t bytes;
+    std::uint32_t first;
+    bool kept;
   };
 
   void lay();
+  std::uint64_t layStream(std::size_t d, std::uint64_t sector);
   void linkSiblings(const std::vector<std::uint32_t>& sorted, std::size_t lo, std::size_t hi,
                     unsigned depth, unsigned redDepth, std::uint32_t* root);
   void writeHeader(Sink& sink);
   void writeContent(std::uint32_t node, Sink& sink);
+  void writePieces(std::size_t d, Sink& sink);
   void copyStored(std::uint32_t node, Sink& sink);
   void writeTable(const std::vector<Region>& regions, std::uint64_t entries, Sink& sink);
   void writeDirectory(Sink& sink);
@@ -109,6 +136,12 @@ class Serializer : public FileWriter {
   std::vector<std::uint8_t> colour_;
   std::vector<std::uint32_t> start_;  // first sector (or mini sector) by directory index
   std::vector<std::uint64_t> size_;
+
+  const Scratch* scratch_;
+  std::uint64_t pagesKept_ = 0;
+  std::uint64_t appendFrom_ = 0;  // first sector after the scratch file's pages
+  std::vector<Piece> pieces_;
+  std::vector<std::pair<std::uint32_t, std::uint32_t>> pieceRange_;  // by directory index, into pieces_
 
   std::vector<Region> fatRegions_;
   std::vector<Region> miniRegions_;

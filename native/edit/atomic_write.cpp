@@ -280,7 +280,11 @@ bool makeScratchTheFile(const std::filesystem::path& requested, FileWriter& writ
     if (ops.linkat(AT_FDCWD, self.c_str(), AT_FDCWD, temporary.c_str(), AT_SYMLINK_FOLLOW) == 0) break;
     if (errno == EEXIST && attempt < 100) continue;
     // No /proc, or a file system that cannot do it: the caller copies.
-    if (errno == ENOENT || errno == EPERM || errno == EXDEV || errno == EOPNOTSUPP || errno == ENOSYS) return false;
+    // A file that had a name once cannot get one again (ENOENT).
+    if (errno == ENOENT || errno == EPERM || errno == EXDEV || errno == EOPNOTSUPP || errno == ENOSYS) {
+      scratch.refuseName();
+      return false;
+    }
     failed(d.name, "cannot give the new file a name in " + d.folder.string(), errno);
   }
   try {

@@ -46,7 +46,10 @@ int Scratch::handOver() {
   return fd;
 }
 
-void Scratch::resume() { handedOver_ = false; }
+void Scratch::resume() {
+  handedOver_ = false;
+  refusedName_ = false;
+}
 
 namespace {
 
@@ -151,9 +154,9 @@ class FileScratch : public Scratch {
 
  public:
   int descriptor() const override { return fd_; }
-  bool canBecomeDocument() const override { return fd_ >= 0 && inFolder_; }
 
  protected:
+  bool nameable() const override { return fd_ >= 0 && inFolder_; }
   int giveUpFile() override {
     const int fd = fd_;
     fd_ = -1;

@@ -50,7 +50,9 @@ class Scratch {
   // where they lie, when the file is one that can be given a name in the
   // document's folder.  Page 0 is never handed out by such a file: it is
   // where the header goes.
-  virtual bool canBecomeDocument() const { return false; }
+  bool canBecomeDocument() const { return !refusedName_ && nameable(); }
+  // The file could not be given a name after all: later commits copy.
+  void refuseName() { refusedName_ = true; }
   // The file is the document's now: its descriptor goes to the caller,
   // and pages given back until resume() are forgotten, not freed (they
   // are the document's sectors).  Later pages go to a new file.
@@ -59,6 +61,7 @@ class Scratch {
 
  protected:
   explicit Scratch(std::uint64_t firstPage = 0) : first_(firstPage), next_(firstPage) {}
+  virtual bool nameable() const { return false; }
   // The descriptor leaves this object; the next write makes a new file.
   virtual int giveUpFile() { return -1; }
   // Pages [first, first + count) are no longer in use.
@@ -73,6 +76,7 @@ class Scratch {
   std::uint64_t next_;
   std::vector<std::uint64_t> free_;
   bool handedOver_ = false;
+  bool refusedName_ = false;
 };
 
 }  // namespace mox::detail

@@ -184,11 +184,9 @@ INSTANTIATE_TEST_SUITE_P(Versions, CommitFaults,
 // The child commits generation after generation: stream "n" holds the
 // generation and every other stream is a function of it.  Whatever the
 // moment of the kill, the file must be one whole generation.  Every other
-// round the stream is megabytes long, so that its commits keep it where
-// it was written.
-std::size_t bodySize(int round, unsigned generation) {
-  return (round % 2 == 0 ? 60000 : (4 << 20)) + generation % 7 * 5000;
-}
+// generation the stream is megabytes long, so that its commit keeps it
+// where it was written.
+std::size_t bodySize(unsigned generation) { return (generation % 2 == 0 ? 60000 : (4 << 20)) + generation % 7 * 5000; }
 
 TEST(CommitKills, KilledCommitsLeaveOneWholeGeneration) {
   moxtest::ScratchDir dir;
@@ -202,7 +200,7 @@ TEST(CommitKills, KilledCommitsLeaveOneWholeGeneration) {
     if (child == 0) {
       mox::CompoundFile f = mox::CompoundFile::open_rw(path);
       for (unsigned generation = 1;; ++generation) {
-        const Bytes body = pattern(bodySize(round, generation), generation);
+        const Bytes body = pattern(bodySize(generation), generation);
         mox::Stream big = f.create_stream("big");
         big.write(body.data(), body.size());
         f.create_stream("n").write(&generation, sizeof generation);
@@ -222,7 +220,7 @@ TEST(CommitKills, KilledCommitsLeaveOneWholeGeneration) {
     const Bytes n = f.open_stream("n").read_all();
     ASSERT_EQ(n.size(), sizeof generation);
     memcpy(&generation, n.data(), sizeof generation);
-    EXPECT_TRUE(f.open_stream("big").read_all() == pattern(bodySize(round, generation), generation))
+    EXPECT_TRUE(f.open_stream("big").read_all() == pattern(bodySize(generation), generation))
         << "generation " << generation;
     lastSeen = std::max(lastSeen, generation);
     // Leftover temporary files of killed commits are the only litter.

@@ -126,6 +126,8 @@ void Image::appendTable(const std::vector<std::uint32_t>& sectors, std::vector<s
   // scattered over the file costs no more than before.
   constexpr std::size_t kRunSectors = 256;
   SectorRun run;
+  // Sized once: growing by doubling would copy, and touch, the table twice.
+  table.reserve(table.size() + sectors.size() * moxfmt::linksPerSector(sector_size_));
   for (std::size_t i = 0; i < sectors.size(); ++i) {
     if (source_->data() == nullptr && (run.bytes.empty() || sectors[i] != sectors[i - 1] + 1 ||
                                        (sectors[i] + 1ull) * sector_size_ >= run.from + run.bytes.size())) {

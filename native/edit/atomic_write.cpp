@@ -32,7 +32,13 @@ bool allZero(const unsigned char* p, std::size_t n) {
 
 }  // namespace
 
-FileSink::FileSink(int fd, std::string name) : fd_(fd), name_(std::move(name)), buffer_(kPieceSize) {}
+FileSink::FileSink(int fd, std::string name) : fd_(fd), name_(std::move(name)) {}
+
+unsigned char* FileSink::buffer() {
+  // Not zeroed: a commit that copies file to file touches few of its pages.
+  if (!buffer_) buffer_.reset(new unsigned char[kPieceSize]);
+  return buffer_.get();
+}
 
 void FileSink::put(const unsigned char* data, std::size_t count) {
   if (allZero(data, count)) {
@@ -66,44 +72,45 @@ void FileSink::startWriteback() {
 }
 
 void FileSink::flush() {
-  put(buffer_.data(), used_);
+  if (used_ == 0) return;
+  put(buffer_.get(), used_);
   used_ = 0;
 }
 
 void FileSink::write(const void* data, std::size_t count) {
   const auto* bytes = static_cast<const unsigned char*>(data);
   while (count > 0) {
-    if (used_ == 0 && count >= buffer_.size()) {
+    if (used_ == 0 && count >= kPieceSize) {
       // Large pieces skip the buffer.
-      const std::size_t n = count - count % buffer_.size();
-      for (std::size_t done = 0; done < n; done += buffer_.size()) put(bytes + done, buffer_.size());
+      const std::size_t n = count - count % kPieceSize;
+      for (std::size_t done = 0; done < n; done += kPieceSize) put(bytes + done, kPieceSize);
       bytes += n;
       count -= n;
       continue;
     }
-    const std::size_t n = std::min(count, buffer_.size() - used_);
-    memcpy(buffer_.data() + used_, bytes, n);
+    const std::size_t n = std::min(count, kPieceSize - used_);
+    memcpy(buffer() + used_, bytes, n);
     used_ += n;
     bytes += n;
     count -= n;
-    if (used_ == buffer_.size()) flush();
+    if (used_ == kPieceSize) flush();
   }
 }
 
 void FileSink::zeros(std::uint64_t count) {
   while (count > 0) {
-    if (used_ == 0 && count >= buffer_.size()) {
-      const std::uint64_t n = count - count % buffer_.size();
+    if (used_ == 0 && count >= kPieceSize) {
+      const std::uint64_t n = count - count % kPieceSize;
       offset_ += n;
       hole_at_end_ = true;
       count -= n;
       continue;
     }
-    const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(count, buffer_.size() - used_));
-    memset(buffer_.data() + used_, 0, n);
+    const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(count, kPieceSize - used_));
+    memset(buffer() + used_, 0, n);
     used_ += n;
     count -= n;
-    if (used_ == buffer_.size()) flush();
+    if (used_ == kPieceSize) flush();
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "native/edit/serializer.h"
@@ -27,12 +28,13 @@ class FileSink : public Sink {
 
  private:
   void flush();
+  unsigned char* buffer();
   void put(const unsigned char* data, std::size_t count);
   void startWriteback();
 
   int fd_;
   std::string name_;
-  std::vector<unsigned char> buffer_;
+  std::unique_ptr<unsigned char[]> buffer_;  // made on first use, left unfilled
   std::size_t used_ = 0;
   std::uint64_t offset_ = 0;  // of the buffer's first byte
   std::uint64_t handedOver_ = 0;  // bytes before this are on their way to the disk

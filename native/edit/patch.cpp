@@ -9,7 +9,10 @@ namespace mox::detail {
 
 namespace {
 
-constexpr std::size_t kBufferSize = 1 << 20;
+// Bytes that go through this process at all (edited streams not in the
+// scratch file, sources without a mapping) go in pieces this large; most
+// go file to file.  Fresh memory costs a page fault per page touched.
+constexpr std::size_t kBufferSize = 64 * 1024;
 
 bool sameFields(const moxfmt::EntryRecord& a, const moxfmt::EntryRecord& b) {
   return a.size == b.size && a.state_bits == b.state_bits && a.created == b.created && a.modified == b.modified &&

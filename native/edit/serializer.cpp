@@ -19,7 +19,10 @@ namespace {
 
 constexpr std::uint32_t kMiniShift = 6;
 constexpr std::uint64_t kMiniSize = 64;
-constexpr std::size_t kBufferSize = 1 << 20;
+// Bytes that go through this process at all (edited streams not in the
+// scratch file, sources without a mapping) go in pieces this large; most
+// go file to file.  Fresh memory costs a page fault per page touched.
+constexpr std::size_t kBufferSize = 64 * 1024;
 constexpr std::uint64_t kKernelCopyFrom = 64 * 1024;
 // The largest sector number a chain may use, with room for the tables.
 constexpr std::uint64_t kMaxSectors = moxfmt::kMaxRegularSector - 1;

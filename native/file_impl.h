@@ -5,6 +5,7 @@
 #define MOXOLEFIO_NATIVE_FILE_IMPL_H_
 
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <string>
 
@@ -36,6 +37,11 @@ struct __attribute__((visibility("hidden"))) CompoundFile::Impl {
   bool layout_changed = false;
   // Whether check() finds nothing in `image`; -1 until a commit asks.
   int image_clean = -1;
+  // The image a commit replaced, let go of on another thread: its file was
+  // just unlinked by the rename, so closing it makes the kernel drop every
+  // cached page of it, milliseconds the caller need not wait for.  Joined
+  // by the next commit and by the destructor (last member: first to go).
+  std::future<void> releasing;
 
   // For messages: the file's path, or "<memory>".
   std::string name() const;

@@ -476,9 +476,23 @@ bool commitOverScratch(Impl& impl) {
 
 }  // namespace
 
+namespace {
+
+void releaseAside(Impl& impl, std::shared_ptr<const detail::Image> replaced) {
+  if (!replaced || impl.path.empty()) return;
+  try {
+    impl.releasing = std::async(std::launch::async, [old = std::move(replaced)]() mutable { old.reset(); });
+  } catch (const std::system_error&) {
+    // No thread to spare: let go of it here.
+  }
+}
+
+}  // namespace
+
 void CompoundFile::commit() {
   Impl& impl = *impl_;
   requireWritable(impl);
+  std::shared_ptr<const detail::Image> replaced = impl.image;
   std::unique_ptr<detail::FileWriter> writer = patchFor(impl);
   std::future<bool> clean;
   if (writer && impl.image_clean < 0) {
@@ -523,6 +537,7 @@ void CompoundFile::commit() {
   // Both writers leave a file check() finds nothing in.
   impl.image_clean = 1;
   impl.layout_changed = false;
+  releaseAside(impl, std::move(replaced));
 }
 
 void CompoundFile::revert() {

@@ -376,6 +376,16 @@ TEST(EditNames, NamesTheFormatCannotStoreAreRefused) {
   EXPECT_FALSE(f.exists("new"));
 }
 
+TEST(EditNames, BadUtf8IsStoredAsReplacementCharacters) {
+  mox::CompoundFile f = mox::CompoundFile::create_memory();
+  const std::string euro = "c\xE2\x82\xAC";
+  put(f, "a\xFFz", {});
+  f.create_stream(std::string_view(euro).substr(0, 2));  // cut inside the sequence
+  const Bytes bytes = f.bytes();
+  const mox::CompoundFile back = mox::CompoundFile::open_memory(bytes.data(), bytes.size());
+  EXPECT_EQ(moxtest::namesOf(back.children("")), (std::vector<std::string>{"c\xEF\xBF\xBD", "a\xEF\xBF\xBDz"}));
+}
+
 TEST(EditEntries, PropertiesWhereTheFormatAllowsThem) {
   mox::CompoundFile f = mox::CompoundFile::create_memory(mox::CreateOptions{3});
   const std::array<std::uint8_t, 16> id = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};

@@ -157,6 +157,31 @@ TEST_P(CommitFaults, EveryFailingOperationLeavesOldOrNew) {
 
 INSTANTIATE_TEST_SUITE_P(Versions, CommitFaults, ::testing::Combine(::testing::Values(3, 4), ::testing::Bool()));
 
+// Writes that take half of what they are given, as a nearly full disk or
+// a signal may leave them.
+class HalfWrites : public mox::detail::FileOps {
+ public:
+  ssize_t pwrite(int fd, const void* data, std::size_t count, off_t offset) override {
+    return FileOps::pwrite(fd, data, (count + 1) / 2, offset);
+  }
+};
+
+TEST(CommitShortWrites, AreCarriedOnToTheLastByte) {
+  moxtest::ScratchDir dir;
+  Bytes made[2];
+  for (int halves = 0; halves < 2; ++halves) {
+    const std::string path = dir.file("doc" + std::to_string(halves) + ".cfb");
+    makeStart(path, 4);
+    mox::CompoundFile f = mox::CompoundFile::open_rw(path);
+    edit(f, 3);
+    HalfWrites ops;
+    OpsGuard guard(halves ? &ops : nullptr);
+    f.commit();
+    made[halves] = fileBytes(path);
+  }
+  EXPECT_TRUE(made[0] == made[1]);
+}
+
 // The child commits generation after generation: stream "n" holds the
 // generation and every other stream is a function of it.  Whatever the
 // moment of the kill, the file must be one whole generation.

@@ -461,17 +461,30 @@ TEST(EditEntries, CopiesFromAnotherFileAreTheirOwn) {
   expectWellFormed(b.bytes());
 }
 
-TEST(EditFiles, FilesOpenedFromMemoryAreEditedThere) {
+TEST(EditFiles, FilesOpenedFromMemoryAreEditedThereAndKeepTheirVersion) {
+  // Versions 3 and 4, and a version 4 file of 1024-byte sectors, which is
+  // written with its version's own.
+  std::vector<Bytes> files;
   for (int version : {3, 4}) {
-    SCOPED_TRACE(version);
     mox::CompoundFile made = mox::CompoundFile::create_memory(mox::CreateOptions{version});
     put(made, "kept", pattern(5000, 1));
-    const Bytes before = made.bytes();
-    mox::CompoundFile f = mox::CompoundFile::open_memory_rw(before.data(), before.size());
+    files.push_back(made.bytes());
+  }
+  cfb::CfbBuilder odd(10);
+  odd.addStream(0, "kept", pattern(5000, 1));
+  cfb::CfbLayout layout = odd.layout();
+  layout.header.major[0] = 4;
+  files.push_back(layout.serialize());
+  const int versions[] = {3, 4, 4};
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    SCOPED_TRACE(i);
+    mox::CompoundFile f = mox::CompoundFile::open_memory_rw(files[i].data(), files[i].size());
+    EXPECT_EQ(f.version(), versions[i]);
     put(f, "new", pattern(10, 2));
     const Bytes after = f.bytes();
     const mox::CompoundFile back = mox::CompoundFile::open_memory(after.data(), after.size());
-    EXPECT_EQ(back.version(), version);
+    EXPECT_EQ(back.version(), versions[i]);
+    EXPECT_EQ(back.sector_size(), versions[i] == 3 ? 512u : 4096u);
     EXPECT_EQ(back.open_stream("kept").read_all(), pattern(5000, 1));
     EXPECT_EQ(back.open_stream("new").read_all(), pattern(10, 2));
   }

@@ -6,6 +6,7 @@
 // the file layer.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -180,6 +181,66 @@ TEST_P(CommitFaults, EveryFailingOperationLeavesOldOrNew) {
 INSTANTIATE_TEST_SUITE_P(Versions, CommitFaults,
                          ::testing::Combine(::testing::Values(3, 4),
                                             ::testing::Values(Commit::anew, Commit::patched, Commit::aroundNewData)));
+
+// Writes that take half of what they are given, as a nearly full disk or
+// a signal may leave them.
+class HalfWrites : public mox::detail::FileOps {
+ public:
+  ssize_t pwrite(int fd, const void* data, std::size_t count, off_t offset) override {
+    return FileOps::pwrite(fd, data, (count + 1) / 2, offset);
+  }
+};
+
+TEST(CommitShortWrites, AreCarriedOnToTheLastByte) {
+  moxtest::ScratchDir dir;
+  Bytes made[2];
+  for (int halves = 0; halves < 2; ++halves) {
+    const std::string path = dir.file("doc" + std::to_string(halves) + ".cfb");
+    makeStart(path, 4);
+    mox::CompoundFile f = mox::CompoundFile::open_rw(path);
+    edit(f, 3);
+    HalfWrites ops;
+    OpsGuard guard(halves ? &ops : nullptr);
+    f.commit();
+    made[halves] = fileBytes(path);
+  }
+  EXPECT_TRUE(made[0] == made[1]);
+}
+
+// A write that cannot make the scratch file (no descriptor is left for it)
+// fails and leaves its stream as it was: stored bytes over which a page was
+// to be written, and a small stream that was to move out of memory.
+TEST(ScratchFailures, WritesThatCannotMakeTheScratchFileChangeNothing) {
+  moxtest::ScratchDir dir;
+  const std::string path = dir.file("doc.cfb");
+  makeStart(path, 4);
+  mox::CompoundFile f = mox::CompoundFile::open_rw(path);
+  mox::Stream big = f.open_stream("big");
+  mox::Stream small = f.create_stream("small");
+  small.write("0123456789", 10);
+  const Bytes stored = big.read_all();
+  const int code = moxtest::runInChild([&] {
+    const int next = dup(0);
+    close(next);
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = static_cast<rlim_t>(next);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    int failures = 0;
+    for (mox::Stream* s : {&big, &small}) {
+      s->seek(70000);
+      try {
+        s->write("x", 1);
+      } catch (const mox::Error& e) {
+        failures += e.code() == mox::Errc::io;
+      }
+      s->seek(0);
+    }
+    return (failures == 2 ? 0 : 1) | (big.read_all() == stored ? 0 : 2) |
+           (small.read_all() == Bytes{'0', '1', '2', '3', '4', '5', '6', '7', '8', '9'} ? 0 : 4);
+  });
+  EXPECT_EQ(code, 0) << "1: a write did not fail, 2: the stored bytes changed, 4: the small stream changed";
+}
 
 // The child commits generation after generation: stream "n" holds the
 // generation and every other stream is a function of it.  Whatever the

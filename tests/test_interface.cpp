@@ -364,6 +364,13 @@ const Row kOsLayerRows[] = {
     {"fopen64(null)", [](Session&) { return moxvos_fopen64(nullptr, "w", nullptr) == -1; }},
     {"close(-1)", [](Session&) { return moxvos_close(-1) == -1; }},
     {"read(fd, null)", [](Session& s) { return moxvos_read(s.fd, nullptr, 4) == -1; }},
+    {"read(fd at the end, null)",  // where the platform itself would find nothing to refuse
+     [](Session& s) {
+       moxvos_lseek(s.fd, 0, SEEK_END);
+       const bool failed = moxvos_read(s.fd, nullptr, 4) == -1;
+       moxvos_lseek(s.fd, 2, SEEK_SET);
+       return failed;
+     }},
     {"read(fd, count 2^64-1)", [](Session& s) { return moxvos_read(s.fd, bytes, UINT64_MAX) == -1; }},
     {"write(fd, null)", [](Session& s) { return moxvos_write(s.fd, nullptr, 4) == -1; }},
     {"write(fd, count 2^63)", [](Session& s) { return moxvos_write(s.fd, bytes, 1ull << 63) == -1; }},

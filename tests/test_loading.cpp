@@ -19,6 +19,7 @@
 #include "reader/reader.h"
 #include "support/cfb_builder.h"
 #include "support/document_walk.h"
+#include "support/fault_sweep.h"
 #include "support/open_doc.h"
 #include "support/sparse_io.h"
 
@@ -761,6 +762,25 @@ TEST(FailureReasons, EachDamageToTheLoadedTablesIsNamed) {
   OpenDoc doc(document().serialize());
   EXPECT_TRUE(doc.ok());
   EXPECT_EQ(openFailure(document().serialize()), "");
+}
+
+TEST(FailureReasons, EachRefusedAllocationOfTheLoadIsNamed) {
+  // With a DIFAT, so that a buffer for its sectors is asked for too.
+  const cfb::Bytes bytes = layoutWithFatSectors(9, 110).serialize();
+  const int64_t allocations = moxtest::sweep([&](int64_t n) {
+    moxhost::MemoryIo io(bytes);
+    moxhost::CountingMemory memory;
+    moxtest::arm(moxtest::Fault::kAllocation, n, io, memory.faults());
+    char text[120];
+    const int length = moxoleOpenFailure(io.io(), memory.memory(), text, sizeof text);
+    if (n == 0) {
+      EXPECT_EQ(length, 0);
+    } else {
+      EXPECT_STREQ(length > 0 ? text : "(opens)", "the host's memory refused a request") << "allocation " << n;
+    }
+    return moxtest::occurrences(moxtest::Fault::kAllocation, io, memory.faults());
+  });
+  EXPECT_GT(allocations, 3);
 }
 
 // The failure reason of the last call on h, or "".

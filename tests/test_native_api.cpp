@@ -75,6 +75,33 @@ TEST(NativePaths, EmptyAndUnpairedSurrogateNamesAreReachableFromWalk) {
   EXPECT_EQ(doc.open_stream("a\xEF\xBF\xBD" "b").size(), 7u);
 }
 
+TEST(NativePaths, StoredNamesReadAsUtf8AndFoldUnitByUnit) {
+  // Stored names and their UTF-8: three bytes, and surrogate pairs at
+  // both ends of their range.
+  const std::pair<std::u16string, std::string> spelled[] = {
+      {u"\u20AC", "\xE2\x82\xAC"}, {u"\U00010000", "\xF0\x90\x80\x80"}, {u"\U0010FFFF", "\xF4\x8F\xBF\xBF"}};
+  // A stored name, a lookup in another case, and whether it finds it.
+  const struct {
+    std::u16string stored;
+    const char* lookup;
+    bool found;
+  } folded[] = {
+      {u"\u0391\u03A3", "\xCE\xB1\xCF\x83", true},  // Greek small letters
+      {u"\u01CB", "\xC7\x8C", false},                // U+01CC folds to no U+01CB
+  };
+  cfb::CfbBuilder b;
+  for (const auto& [stored, utf8] : spelled) b.addEntry(0, stored, 2, {});
+  for (const auto& c : folded) b.addEntry(0, c.stored, 2, {});
+  const Bytes file = b.build();
+  mox::CompoundFile doc = openBytes(file);
+  for (const auto& [stored, utf8] : spelled) {
+    const std::optional<mox::Entry> e = doc.entry(utf8);
+    ASSERT_TRUE(e) << utf8;
+    EXPECT_EQ(e->name, utf8);
+  }
+  for (const auto& c : folded) EXPECT_EQ(doc.exists(c.lookup), c.found) << c.lookup;
+}
+
 // --- Entries -------------------------------------------------------------
 
 TEST(NativeEntries, ReportStoredFieldsAndSizesByVersion) {

@@ -55,6 +55,7 @@ struct Broken {
   const char* path;
   // Breaks the rule; returns the sector the defect must name (-1: none).
   std::function<std::int64_t(cfb::CfbLayout&)> breakIt;
+  const char* says = "";  // part of the message, when it names another entry
 };
 
 constexpr mox::Severity kError = mox::Severity::error;
@@ -91,6 +92,12 @@ const Broken kBroken[] = {
        return l.dir[kSmall].start = 6;
      }},
     {"ministream-chain", kError, "", [](cfb::CfbLayout& l) { l.dir[0].sizeLow += 512; return l.dir[0].start; }},
+    {"ministream-cycle", kError, "",
+     [](cfb::CfbLayout& l) {
+       l.dir[0].sizeLow += 512;
+       l.fat[l.dir[0].start] = l.dir[0].start;
+       return -1;
+     }},
     {"mini-sector-orphan", kWarning, "",
      [](cfb::CfbLayout& l) {
        l.miniFat.resize(11, cfb::kFree);
@@ -99,7 +106,8 @@ const Broken kBroken[] = {
      }},
     // The directory.
     {"dir-link-range", kError, "Big", [](cfb::CfbLayout& l) { l.dir[kBig].left = 99; return -1; }},
-    {"dir-link-shared", kError, "Store/Inner", [](cfb::CfbLayout& l) { l.dir[kInner].left = kBig; return -1; }},
+    {"dir-link-shared", kError, "Store/Inner", [](cfb::CfbLayout& l) { l.dir[kInner].left = kBig; return -1; },
+     "already in the tree as 'Big'"},
     {"entry-empty", kError, "Store/Inner", [](cfb::CfbLayout& l) { l.dir[kInner].type = 0; return -1; }},
     {"entry-child", kError, "Big", [](cfb::CfbLayout& l) { l.dir[kBig].child = 99; return -1; }},
     {"sibling-order", kError, "Small", [](cfb::CfbLayout& l) { l.dir[kBig].name = cfb::units("Zzzzzz"); return -1; }},
@@ -121,6 +129,13 @@ const Broken kBroken[] = {
     {"header-mini-cutoff", kWarning, "", [](cfb::CfbLayout& l) { l.header.miniCutoff = 2048; return -1; }},
     {"header-dir-count", kWarning, "", [](cfb::CfbLayout& l) { l.header.dirSectors = 2; return -1; }},
     {"fat-count", kError, "", [](cfb::CfbLayout& l) { l.header.fatSectors = 1000; return -1; }},
+    {"fat-count", kError, "",
+     [](cfb::CfbLayout& l) {
+       // More FAT sectors than the header's slots hold, and no DIFAT.
+       l.sector(200);
+       l.header.fatSectors = 110;
+       return -1;
+     }},
     {"difat-slot", kWarning, "",
      [](cfb::CfbLayout& l) {
        l.deriveDifat = false;
@@ -164,6 +179,7 @@ TEST(NativeCheck, EachBrokenRuleIsReportedWithItsPathAndSector) {
     EXPECT_EQ(d->path, b.path);
     EXPECT_EQ(d->sector, sector);
     EXPECT_FALSE(d->message.empty());
+    EXPECT_NE(d->message.find(b.says), std::string::npos) << d->message;
     // A warning is all a tolerated oddity brings.
     EXPECT_EQ(hasError(defects), b.severity == kError) << listing(defects);
     // A strict open fails exactly on an error, as a damaged file.

@@ -643,6 +643,15 @@ TEST(HandMadeSets, LayoutsOfOtherWritersReadAsGsfReadsThem) {
   EXPECT_EQ(std::get<mox::CodePageString>(*reread(odd1252).sections[0].get(2)).bytes, "a\x81z");
   // gsf gives up on the whole string.
   expectOraclesAgreeOnNewFile({{std::string(mox::kSummaryInformationStream), bytesOf(odd1252)}}, false);
+  // Mac Cyrillic goes by a name of its own; a code page iconv lacks (Mac
+  // Simplified Chinese) reads as Windows-1252.
+  for (const auto& [code_page, text] : {std::pair<std::uint16_t, std::string>{10007, "\xD1\x98"}, {10008, "\xC3\x80"}}) {
+    const std::vector<std::uint8_t> raw = rawSet({{mox::kSummaryInformation,
+                                                   {{1, le16(mox::vt::i2) + le16(0) + le16(code_page) + le16(0)},
+                                                    {2, le32(30) + lpstr(std::string("\xC0\0", 2))}}}});
+    EXPECT_EQ(std::get<mox::CodePageString>(*mox::parse_property_set(raw.data(), raw.size()).sections[0].get(2)).text, text)
+        << code_page;
+  }
 }
 
 // --- Damaged bytes -----------------------------------------------------------------
@@ -682,22 +691,31 @@ TEST(DamagedSets, EveryCutAndEveryBrokenFieldFailsCleanly) {
   }
 }
 
-TEST(DamagedSets, ValuesSharedByManyEntriesDoNotMultiplyMemory) {
-  // 200000 entries pointing at one 64 KiB blob would be 13 GB of copies.
-  const std::size_t entries = 200000;
+// A set of one section whose `entries` ids all point at one value.
+std::string sharedValue(std::size_t entries, const std::string& value) {
   std::string table;
   const std::uint32_t at = static_cast<std::uint32_t>(8 + 8 * entries);
   for (std::size_t i = 0; i < entries; ++i) table += le32(static_cast<std::uint32_t>(i + 2)) + le32(at);
-  const std::string blob = le32(mox::vt::blob) + le32(65536) + std::string(65536, 'b');
-  std::string section = le32(static_cast<std::uint32_t>(at + blob.size())) + le32(entries) + table + blob;
-  std::string out = le16(0xFFFE) + le16(0) + le32(0) + std::string(16, '\0') + le32(1) +
-                    std::string(16, '\0') + le32(48) + section;
+  std::string section = le32(static_cast<std::uint32_t>(at + value.size())) + le32(static_cast<std::uint32_t>(entries)) +
+                        table + value;
+  return le16(0xFFFE) + le16(0) + le32(0) + std::string(16, '\0') + le32(1) + std::string(16, '\0') + le32(48) +
+         section;
+}
+
+TEST(DamagedSets, ValuesSharedByManyEntriesDoNotMultiplyMemory) {
+  // 200000 entries pointing at one 64 KiB blob would be 13 GB of copies.
+  const std::string many = sharedValue(200000, le32(mox::vt::blob) + le32(65536) + std::string(65536, 'b'));
   try {
-    mox::parse_property_set(out.data(), out.size());
+    mox::parse_property_set(many.data(), many.size());
     ADD_FAILURE() << "read 200000 copies of one value";
   } catch (const mox::Error& e) {
     EXPECT_EQ(e.code(), mox::Errc::damaged);
   }
+  // Three sharing a UTF-16 string of 20000 units stay within the bound.
+  const std::string few = sharedValue(3, le32(mox::vt::lpwstr) + le32(20000) + std::string(40000, 'w'));
+  const mox::PropertySet set = mox::parse_property_set(few.data(), few.size());
+  ASSERT_EQ(set.sections.at(0).properties.size(), 3u);
+  EXPECT_EQ(std::get<std::u16string>(set.sections[0].properties[2].value).size(), 20000u);
 }
 
 TEST(DamagedSets, ErrorsNameTheStream) {
@@ -745,6 +763,10 @@ TEST(SectionEdits, NamedPropertiesGetFreshIdsAndNamesFollowCaseRules) {
   EXPECT_EQ(mox::property_name(mox::kUserDefinedProperties, 5), nullptr);
   EXPECT_EQ(mox::guid_from_string(mox::guid_to_string(mox::kDocSummaryInformation)), mox::kDocSummaryInformation);
   EXPECT_EQ(mox::guid_to_string(mox::kSummaryInformation), "F29F85E0-4FF9-1068-AB91-08002B27B3D9");
+  const std::pair<std::uint16_t, const char*> types[] = {
+      {mox::vt::boolean, "bool"}, {mox::vt::i4, "i4"}, {mox::vt::vector | mox::vt::lpstr, "vector|lpstr"},
+      {mox::vt::array | mox::vt::variant, "array|variant"}, {0x0123, "0x0123"}};
+  for (const auto& [type, name] : types) EXPECT_EQ(mox::type_name(type), name);
 }
 
 // --- Writing into a document ----------------------------------------------------------

@@ -674,6 +674,13 @@ TEST(StreamSeek, ReadsFromAnyPositionGiveTheStreamsBytes) {
 TEST(StreamSeek, MiniStreamChainTooShortForTheSectorFails) {
   KnownPlaces k;
   k.layout.fat[k.p + 5] = cfb::kEnd;  // the mini stream loses its second sector
+  // "M2" moves to mini sectors 20-21, past even the sector lost.
+  k.layout.miniFat.resize(22, cfb::kFree);
+  k.layout.miniFat[20] = 21;
+  k.layout.miniFat[21] = cfb::kEnd;
+  for (cfb::DirEntry& e : k.layout.dir) {
+    if (e.name == u"M2") e.start = 20;
+  }
   OpenDocument d(k.layout.serialize());
   ASSERT_NE(d.h(), nullptr);
   EXPECT_EQ(bOLEopenStream(d.h(), "Pb"), 1);
@@ -681,6 +688,7 @@ TEST(StreamSeek, MiniStreamChainTooShortForTheSectorFails) {
   EXPECT_EQ(lOLEtell(d.h()), 3 * 64);  // the position moved all the same
   EXPECT_EQ(bOLEopenStream(d.h(), "M"), 0);  // its seek to 0 fails: closed again
   EXPECT_EQ(d.h()->plChain, nullptr);
+  EXPECT_EQ(bOLEopenStream(d.h(), "M2"), 0);
 }
 
 // Every stream of a document read whole and in odd-sized steps.

@@ -134,18 +134,25 @@ void EditedStream::writePaged(std::uint64_t offset, const unsigned char* data, s
       scratch_->write(pages_[page], at, data, n);
     } else {
       const Scratch::Page fresh = scratch_->allocate();
-      pages_[page] = fresh.number;
       const std::uint64_t start = page * kPage;
-      if (n == kPage || (fresh.zeroed && start >= baseLimit_)) {
-        scratch_->write(fresh.number, at, data, n);
-      } else {
-        // A page met for the first time starts as what it showed before
-        // (stored bytes, else zeros), so that it can be written in part.
-        if (!whole) whole.reset(new unsigned char[kPage]);
-        readBase(start, whole.get(), kPage);
-        memcpy(whole.get() + at, data, n);
-        scratch_->write(fresh.number, 0, whole.get(), kPage);
+      // The page joins the stream once written: a failed write leaves the
+      // stream showing what it did before.
+      try {
+        if (n == kPage || (fresh.zeroed && start >= baseLimit_)) {
+          scratch_->write(fresh.number, at, data, n);
+        } else {
+          // A page met for the first time starts as what it showed before
+          // (stored bytes, else zeros), so that it can be written in part.
+          if (!whole) whole.reset(new unsigned char[kPage]);
+          readBase(start, whole.get(), kPage);
+          memcpy(whole.get() + at, data, n);
+          scratch_->write(fresh.number, 0, whole.get(), kPage);
+        }
+      } catch (...) {
+        scratch_->release(fresh.number);
+        throw;
       }
+      pages_[page] = fresh.number;
     }
     data += n;
     offset += n;
@@ -198,16 +205,25 @@ void EditedStream::toInline() {
 }
 
 void EditedStream::toPaged() {
+  // The bytes are in the scratch before the stream leaves memory, so that a
+  // failed write keeps them where they were.
+  std::vector<std::uint64_t> pages;
+  if (!small_.empty()) {
+    const Scratch::Page page = scratch_->allocate();
+    std::vector<unsigned char> whole(small_);
+    whole.resize(kPage, 0);
+    try {
+      scratch_->write(page.number, 0, whole.data(), kPage);
+    } catch (...) {
+      scratch_->release(page.number);
+      throw;
+    }
+    pages.push_back(page.number);
+  }
   inline_ = false;
   base_.reset();
   baseLimit_ = 0;
-  pages_.clear();
-  if (!small_.empty()) {
-    const Scratch::Page page = scratch_->allocate();
-    pages_.push_back(page.number);
-    small_.resize(kPage, 0);
-    scratch_->write(page.number, 0, small_.data(), kPage);
-  }
+  pages_ = std::move(pages);
   small_.clear();
   small_.shrink_to_fit();
 }

@@ -109,7 +109,7 @@ std::uint32_t makeStorages(Impl& impl, const std::vector<std::string_view>& part
   for (std::size_t k = i; k < count; ++k) {
     Node n;
     n.name = std::move(names[k - i]);
-    n.utf8 = std::string(parts[k]);
+    n.utf8 = moxfmt::utf16ToUtf8(n.name);
     n.type = EntryType::storage;
     at = impl.tree.addChild(at, std::move(n));
   }
@@ -151,7 +151,7 @@ Stream makeNewStream(Impl& impl, std::string_view path, bool replace) {
   }
   Node n;
   n.name = name;
-  n.utf8 = std::string(parts.back());
+  n.utf8 = moxfmt::utf16ToUtf8(n.name);
   n.type = EntryType::stream;
   impl.layout_changed = true;
   const std::uint32_t added = impl.tree.addChild(parent, std::move(n));
@@ -325,7 +325,7 @@ void CompoundFile::rename(std::string_view path, std::string_view new_name) {
   impl_->layout_changed = true;
   tree.detach(node);
   tree.node(node).name = name;
-  tree.node(node).utf8 = std::string(new_name);
+  tree.node(node).utf8 = moxfmt::utf16ToUtf8(name);
   tree.attach(parent, node);
 }
 
@@ -388,7 +388,7 @@ void CompoundFile::copy(const CompoundFile& from, std::string_view from_path, st
     const Node& s = source.tree.node(items[k].node);
     Node n;
     n.name = k == 0 ? name : s.name;
-    n.utf8 = k == 0 ? std::string(parts.back()) : s.utf8;
+    n.utf8 = k == 0 ? moxfmt::utf16ToUtf8(name) : s.utf8;
     n.type = s.type == EntryType::root ? EntryType::storage : s.type;
     n.clsid = s.clsid;
     n.state_bits = s.state_bits;

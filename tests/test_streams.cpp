@@ -426,6 +426,27 @@ uint32_t zigZagCycle(std::vector<uint32_t>* table, uint32_t base, uint32_t count
   return base + count - 1;
 }
 
+// Backward steps to sectors never arrived at before are no circle: a
+// chain laid out from the end of the file to its start reads whole.
+TEST(StreamChain, ChainRunningBackwardsReadsWhole) {
+  cfb::CfbBuilder b;
+  b.setPaddingSectors(8);
+  const Bytes data = pattern(8 * 512, 8);
+  const int stream = b.addStream(0, "Backwards", data);
+  cfb::CfbLayout l = b.layout();
+  const uint32_t base = streamkit::firstPaddingSector(l);
+  for (uint32_t k = 0; k < 8; ++k) {
+    const uint32_t at = base + 7 - k;
+    l.sectors[at] = Bytes(data.begin() + k * 512, data.begin() + (k + 1) * 512);
+    l.fat[at] = k + 1 < 8 ? at - 1 : cfb::kEnd;
+  }
+  l.dir[stream].start = base + 7;
+  OpenDocument d(l.serialize());
+  ASSERT_NE(d.h(), nullptr);
+  ASSERT_EQ(bOLEopenStream(d.h(), "Backwards"), 1);
+  EXPECT_EQ(readToEnd(d.h()), data);
+}
+
 TEST(StreamChain, CycleThatEscapesTheLoopGuardStillEnds) {
   cfb::CfbBuilder b;
   b.setPaddingSectors(300);

@@ -149,7 +149,7 @@ void EditedStream::writePaged(std::uint64_t offset, const unsigned char* data, s
           scratch_->write(fresh.number, 0, whole.get(), kPage);
         }
       } catch (...) {
-        scratch_->release(fresh.number);
+        scratch_->release({fresh.number});
         throw;
       }
       pages_[page] = fresh.number;
@@ -215,7 +215,7 @@ void EditedStream::toPaged() {
     try {
       scratch_->write(page.number, 0, whole.data(), kPage);
     } catch (...) {
-      scratch_->release(page.number);
+      scratch_->release({page.number});
       throw;
     }
     pages.push_back(page.number);

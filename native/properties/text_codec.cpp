@@ -8,7 +8,6 @@
 
 #include <algorithm>
 
-#include "format/names.h"
 
 namespace mox::props {
 
@@ -165,58 +164,6 @@ std::optional<std::string> TextCodec::encode(std::string_view utf8) {
   }
   if (handles_->from_utf8 == kNoHandle) return std::nullopt;
   if (!convert(handles_->from_utf8, utf8, out, 1, false)) return std::nullopt;
-  return out;
-}
-
-std::string utf16_to_utf8(std::u16string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    char32_t c = text[i];
-    if (c >= 0xD800 && c < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 &&
-        text[i + 1] < 0xE000) {
-      c = 0x10000 + ((c - 0xD800) << 10) + (text[i + 1] - 0xDC00);
-      ++i;
-    } else if (c >= 0xD800 && c < 0xE000) {
-      c = 0xFFFD;
-    }
-    moxfmt::appendUtf8(out, c);
-  }
-  return out;
-}
-
-std::optional<std::u16string> utf8_to_utf16(std::string_view utf8) {
-  std::u16string out;
-  out.reserve(utf8.size());
-  std::size_t i = 0;
-  while (i < utf8.size()) {
-    const unsigned char b = static_cast<unsigned char>(utf8[i]);
-    std::size_t length;
-    char32_t c;
-    if (b < 0x80) { c = b; length = 1; }
-    else if (b >= 0xC2 && b < 0xE0) { c = b & 0x1F; length = 2; }
-    else if (b >= 0xE0 && b < 0xF0) { c = b & 0x0F; length = 3; }
-    else if (b >= 0xF0 && b < 0xF5) { c = b & 0x07; length = 4; }
-    else return std::nullopt;
-    if (utf8.size() - i < length) return std::nullopt;
-    for (std::size_t k = 1; k < length; ++k) {
-      const unsigned char t = static_cast<unsigned char>(utf8[i + k]);
-      if ((t & 0xC0) != 0x80) return std::nullopt;
-      c = (c << 6) | (t & 0x3F);
-    }
-    // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.
-    if ((length == 3 && c < 0x800) || (length == 4 && (c < 0x10000 || c > 0x10FFFF)) ||
-        (c >= 0xD800 && c < 0xE000)) {
-      return std::nullopt;
-    }
-    if (c >= 0x10000) {
-      out += static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10));
-      out += static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF));
-    } else {
-      out += static_cast<char16_t>(c);
-    }
-    i += length;
-  }
   return out;
 }
 

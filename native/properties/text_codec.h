@@ -40,11 +40,6 @@ class TextCodec {
   std::unique_ptr<Handles> handles_;
 };
 
-// UTF-16 to UTF-8; an unpaired surrogate becomes U+FFFD.
-std::string utf16_to_utf8(std::u16string_view text);
-// UTF-8 to UTF-16; nullopt when `utf8` is not valid UTF-8.
-std::optional<std::u16string> utf8_to_utf16(std::string_view utf8);
-
 }  // namespace mox::props
 
 #endif  // MOXOLEFIO_NATIVE_PROPERTIES_TEXT_CODEC_H_

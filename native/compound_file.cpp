@@ -149,7 +149,7 @@ Stream CompoundFile::open_stream(const Entry& entry) const {
       entry.id < image->entryCount()) {
     const moxfmt::EntryRecord record = image->entry(entry.id);
     if (record.type == moxfmt::kTypeStream && moxfmt::utf16ToUtf8(record.name, record.nameLength()) == entry.name) {
-      return makeStream(detail::openStoredStream(image, entry.id, entry.path), entry.path);
+      return makeStream(detail::openStoredStream(image, record, entry.path), entry.path);
     }
   }
   std::uint32_t node = impl_->tree.find(entry.path);

@@ -86,6 +86,11 @@ const char* chainEndText(ChainEnd end) {
 std::shared_ptr<StreamData> openStoredStream(std::shared_ptr<const Image> image, std::uint32_t id,
                                              const std::string& path) {
   const moxfmt::EntryRecord e = image->entry(id);
+  return openStoredStream(std::move(image), e, path);
+}
+
+std::shared_ptr<StreamData> openStoredStream(std::shared_ptr<const Image> image, const moxfmt::EntryRecord& e,
+                                             const std::string& path) {
   const std::uint64_t size = image->entrySize(e);
   const bool mini = image->inMiniStream(e);
   const unsigned shift = mini ? image->header().mini_sector_shift : image->header().sector_shift;

@@ -29,6 +29,9 @@ class StreamData {
 // Throws Error(damaged) when its chain cannot give all its bytes.
 std::shared_ptr<StreamData> openStoredStream(std::shared_ptr<const Image> image, std::uint32_t id,
                                              const std::string& path);
+// The same for an entry already decoded.
+std::shared_ptr<StreamData> openStoredStream(std::shared_ptr<const Image> image, const moxfmt::EntryRecord& entry,
+                                             const std::string& path);
 
 }  // namespace mox::detail
 

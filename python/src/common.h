@@ -145,6 +145,8 @@ class Index {
   // The native interface's path of a node: exact names, so it finds this
   // very node.
   std::string nativePath(std::uint32_t i) const;
+  // The same, appended to `path`.
+  void appendNativePath(std::uint32_t i, std::string& path) const;
   // The node's names from below the root, as Python strings.
   py::list pathList(std::uint32_t i);
   py::str pyName(std::uint32_t i);

@@ -241,17 +241,24 @@ std::vector<std::string> Index::split(py::handle path) {
 }
 
 std::string Index::nativePath(std::uint32_t i) const {
-  if (i == 0) return std::string();
-  std::vector<std::uint32_t> chain;
+  std::string path;
+  appendNativePath(i, path);
+  return path;
+}
+
+void Index::appendNativePath(std::uint32_t i, std::string& path) const {
+  // Climbed without recursion (a hostile file nests as deep as it has
+  // entries), into a list kept per thread, as the callers open streams by
+  // the thousand.
+  thread_local std::vector<std::uint32_t> chain;
+  chain.clear();
   for (std::uint32_t at = i; at != 0 && at != kNone; at = nodes_[at].parent) chain.push_back(at);
   // A leading '/' is ignored by the native lookup and keeps a first empty
   // name from reading as the root.
-  std::string path;
   for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
     path += '/';
     path += nodes_[*it].name;
   }
-  return path;
 }
 
 py::str Index::pyName(std::uint32_t i) {

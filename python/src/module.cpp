@@ -333,9 +333,13 @@ class File {
     const std::uint32_t i = find(path);
     if (index_.node(i).type != kTypeStream) raiseOsError("this file is not a stream");
     if (!cf_) raiseOsError("Attempting to open a stream from a closed OLE File");
-    mox::Entry entry;  // what the native file needs to find it without a lookup
+    // What the native file needs to find it without a lookup; one per
+    // thread, so that its strings keep their storage from one call to the
+    // next (a document's streams are opened by the thousand).
+    thread_local mox::Entry entry;
     entry.name = index_.node(i).name;
-    entry.path = index_.nativePath(i);
+    entry.path.clear();
+    index_.appendNativePath(i, entry.path);
     // As walk() writes it, for messages: no leading '/' before a first name
     // that is not empty.
     if (entry.path.size() > 1 && entry.path[1] != '/') entry.path.erase(0, 1);

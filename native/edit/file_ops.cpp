@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 namespace mox::detail {
@@ -21,6 +22,7 @@ int FileOps::linkat(int fromDir, const char* from, int toDir, const char* to, in
 }
 int FileOps::close(int fd) { return ::close(fd); }
 int FileOps::unlink(const char* path) { return ::unlink(path); }
+int FileOps::mkostemp(char* pattern, int flags) { return ::mkostemp(pattern, flags); }
 
 namespace {
 FileOps systemOps;

@@ -1,5 +1,6 @@
-// The file operations a commit makes, behind one small interface so that
-// tests can make any of them fail (or stop the process) at a chosen call.
+// The file operations a commit makes (and the scratch file's creation),
+// behind one small interface so that tests can make any of them fail (or
+// stop the process) at a chosen call.
 // Every call has the meaning and the error reporting (-1 and errno) of
 // the POSIX function it is named after.
 #ifndef MOXOLEFIO_NATIVE_EDIT_FILE_OPS_H_
@@ -23,6 +24,7 @@ class FileOps {
   virtual int linkat(int fromDir, const char* from, int toDir, const char* to, int flags);
   virtual int close(int fd);
   virtual int unlink(const char* path);
+  virtual int mkostemp(char* pattern, int flags);
 };
 
 // The operations in force: the system's unless a test replaced them.

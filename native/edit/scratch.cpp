@@ -10,6 +10,7 @@
 #include <string>
 
 #include "moxolefio/moxolefio.hpp"
+#include "native/edit/file_ops.h"
 
 namespace mox::detail {
 
@@ -173,15 +174,15 @@ class FileScratch : public Scratch {
     folders.emplace_back("/tmp");
     for (const std::string& folder : folders) {
       // Without O_EXCL, so that a commit can give the file a name.
-      fd_ = ::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+      fd_ = fileOps().open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
       if (fd_ >= 0) {
         inFolder_ = !folder_.empty() && folder == folders.front();
         return fd_;
       }
       std::string name = folder + "/.moxolefio-scratch-XXXXXX";
-      fd_ = mkostemp(name.data(), O_CLOEXEC);
+      fd_ = fileOps().mkostemp(name.data(), O_CLOEXEC);
       if (fd_ >= 0) {
-        ::unlink(name.c_str());
+        fileOps().unlink(name.c_str());
         return fd_;
       }
     }

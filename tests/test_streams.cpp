@@ -426,6 +426,18 @@ uint32_t zigZagCycle(std::vector<uint32_t>* table, uint32_t base, uint32_t count
   return base + count - 1;
 }
 
+// The guard itself: forward steps pass, a backward target is noted on
+// its first arrival and is a circle on its second.
+TEST(StreamChain, LoopGuardSeesTheSecondArrivalAtABackwardTarget) {
+  _MoxOleFile h = {};
+  vSectorCheckConstructor(&h);
+  EXPECT_EQ(bSectorCheckForInfiniteLoop(&h, 3, 4), 0);
+  EXPECT_EQ(bSectorCheckForInfiniteLoop(&h, 10, 5), 0);
+  EXPECT_EQ(bSectorCheckForInfiniteLoop(&h, 12, 7), 0);
+  EXPECT_EQ(bSectorCheckForInfiniteLoop(&h, 9, 5), 1);
+  EXPECT_EQ(bSectorCheckForInfiniteLoop(&h, 6, 6), 1);
+}
+
 // Backward steps to sectors never arrived at before are no circle: a
 // chain laid out from the end of the file to its start reads whole.
 TEST(StreamChain, ChainRunningBackwardsReadsWhole) {

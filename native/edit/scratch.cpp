@@ -27,8 +27,7 @@ void Scratch::release(std::vector<std::uint64_t> pages) {
   if (pages.empty() || handedOver_) return;
   if (free_.size() + pages.size() == next_ - first_) {
     droppedAll();
-    free_.clear();
-    next_ = first_;
+    startOver();
     return;
   }
   std::sort(pages.begin(), pages.end());
@@ -39,11 +38,15 @@ void Scratch::release(std::vector<std::uint64_t> pages) {
   free_.insert(free_.end(), pages.begin(), pages.end());
 }
 
+void Scratch::startOver() {
+  free_.clear();
+  next_ = first_;
+}
+
 int Scratch::handOver() {
   const int fd = giveUpFile();
   handedOver_ = true;
-  free_.clear();
-  next_ = first_;
+  startOver();
   return fd;
 }
 
@@ -100,7 +103,7 @@ class FileScratch : public Scratch {
   }
 
   void write(std::uint64_t page, std::size_t at, const void* data, std::size_t count) override {
-    const std::size_t count0 = count;
+    const std::size_t written = count;
     const int fd = open();
     const auto* from = static_cast<const unsigned char*>(data);
     off_t offset = static_cast<off_t>(page * kPageSize + at);
@@ -112,7 +115,7 @@ class FileScratch : public Scratch {
       offset += n;
       count -= static_cast<std::size_t>(n);
     }
-    if (inFolder_) startWriteback(count0);
+    if (inFolder_) startWriteback(written);
   }
 
   void read(std::uint64_t page, std::size_t at, void* out, std::size_t count) const override {

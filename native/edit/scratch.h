@@ -72,6 +72,9 @@ class Scratch {
   virtual bool keepsReleased() const = 0;
 
  private:
+  // No page handed out: the next one is the first again.
+  void startOver();
+
   std::uint64_t first_;
   std::uint64_t next_;
   std::vector<std::uint64_t> free_;

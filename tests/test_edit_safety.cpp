@@ -1,9 +1,10 @@
 // A commit must leave the path holding the complete old file or the
 // complete new one, whatever fails and whenever the process dies.  Every
-// file operation of a commit is made to fail in turn through the library's
-// file layer; then a child process committing in a loop is killed with
-// SIGKILL at random moments.  Linked with the library's internals, for
-// the file layer.
+// file operation of a commit is made to fail in turn (and writes to come
+// up short) through the library's file layer; scratch files that cannot
+// be made fail the write that needed one; a child process committing in
+// a loop is killed with SIGKILL at random moments.  Linked with the
+// library's internals, for the file layer.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <fcntl.h>
@@ -26,18 +27,28 @@ using Bytes = std::vector<std::uint8_t>;
 using moxtest::fileBytes;
 using moxtest::pattern;
 
-// Fails the `failAt`-th operation (counting from 1) with EIO.
-class FailingOps : public mox::detail::FileOps {
+// The library's file layer, put in place for the object's lifetime, with
+// faults: the `failAt`-th counted operation (from 1) fails with EIO;
+// `halfWrites` makes writes take half of what they are given, as a nearly
+// full disk or a signal may leave them; `noScratch` makes every way of
+// making a scratch file fail for want of a descriptor.
+class Ops : public mox::detail::FileOps {
  public:
-  explicit FailingOps(int failAt) : failAt_(failAt) {}
+  explicit Ops(int failAt = 0, bool halfWrites = false, bool noScratch = false)
+      : failAt_(failAt), halfWrites_(halfWrites), noScratch_(noScratch) {
+    mox::detail::setFileOps(this);
+  }
+  ~Ops() override { mox::detail::setFileOps(nullptr); }
   int calls() const { return calls_; }
   std::string failed() const { return failed_; }
 
   int open(const char* path, int flags, mode_t mode) override {
+    if (noScratch_ && (flags & O_TMPFILE) == O_TMPFILE) return refuse();
     return fault("open") ? -1 : FileOps::open(path, flags, mode);
   }
+  int mkostemp(char* pattern, int flags) override { return noScratch_ ? refuse() : FileOps::mkostemp(pattern, flags); }
   ssize_t pwrite(int fd, const void* data, std::size_t count, off_t offset) override {
-    return fault("write") ? -1 : FileOps::pwrite(fd, data, count, offset);
+    return fault("write") ? -1 : FileOps::pwrite(fd, data, halfWrites_ ? (count + 1) / 2 : count, offset);
   }
   ssize_t copy_file_range(int in, off_t* inOffset, int out, off_t* outOffset, std::size_t count) override {
     return fault("copy") ? -1 : FileOps::copy_file_range(in, inOffset, out, outOffset, count);
@@ -49,12 +60,8 @@ class FailingOps : public mox::detail::FileOps {
     return fault("link") ? -1 : FileOps::linkat(fromDir, from, toDir, to, flags);
   }
   int close(int fd) override {
-    // A failed close still releases the descriptor.
-    if (fault("close")) {
-      FileOps::close(fd);
-      return -1;
-    }
-    return FileOps::close(fd);
+    const int result = FileOps::close(fd);  // a failed close still releases the descriptor
+    return fault("close") ? -1 : result;
   }
 
  private:
@@ -64,7 +71,12 @@ class FailingOps : public mox::detail::FileOps {
     errno = EIO;
     return true;
   }
+  static int refuse() {
+    errno = EMFILE;
+    return -1;
+  }
   int failAt_;
+  bool halfWrites_, noScratch_;
   int calls_ = 0;
   std::string failed_;
 };
@@ -76,11 +88,6 @@ std::map<std::string, Bytes> contentOf(const Bytes& file) {
   for (const mox::Entry& e : f.walk()) content[e.path] = e.is_stream() ? f.open_stream(e.path).read_all() : Bytes();
   return content;
 }
-
-struct OpsGuard {
-  explicit OpsGuard(mox::detail::FileOps* ops) { mox::detail::setFileOps(ops); }
-  ~OpsGuard() { mox::detail::setFileOps(nullptr); }
-};
 
 // The three ways a commit writes: the whole file anew; over a copy of the
 // old file (stored bytes overwritten, an entry's state bits); around
@@ -124,13 +131,16 @@ TEST_P(CommitFaults, EveryFailingOperationLeavesOldOrNew) {
   const auto [version, kind] = GetParam();
   makeStart(path, version);
   const Bytes old = fileBytes(path);
-  // The new content, made the same way without faults.
+  // The new content, made the same way without faults but with every
+  // write taking half of what it is given, as a nearly full disk or a
+  // signal may leave it: a commit carries them on to the last byte.
   Bytes fresh;
   {
     const std::string other = dir.file("reference.cfb");
     makeStart(other, version);
     mox::CompoundFile f = mox::CompoundFile::open_rw(other);
     edit(f, 3, kind);
+    Ops halves(0, true);
     f.commit();
     fresh = fileBytes(other);
     ::unlink(other.c_str());
@@ -140,10 +150,9 @@ TEST_P(CommitFaults, EveryFailingOperationLeavesOldOrNew) {
     SCOPED_TRACE("failing operation " + std::to_string(failAt));
     mox::CompoundFile f = mox::CompoundFile::open_rw(path);
     edit(f, 3, kind);
-    FailingOps ops(failAt);
+    Ops ops(failAt);  // in place for the rest of the round, failing only once
     bool committed = false;
     try {
-      OpsGuard guard(&ops);
       f.commit();
       committed = true;
     } catch (const mox::Error& e) {
@@ -151,13 +160,13 @@ TEST_P(CommitFaults, EveryFailingOperationLeavesOldOrNew) {
       EXPECT_NE(std::string(e.what()).find(path), std::string::npos) << e.what();
     }
     const Bytes now = fileBytes(path);
-    ASSERT_TRUE(now == old || now == fresh) << "after a failing " << ops.failed();
     EXPECT_EQ(moxtest::snapshotTree(dir.path()).size(), 1u) << "a temporary file was left behind";
     if (committed) {
-      EXPECT_TRUE(now == fresh);
+      EXPECT_TRUE(now == fresh) << "the commit differs from the one whose writes were cut short";
       operations = ops.calls();
       break;
     }
+    ASSERT_TRUE(now == old || now == fresh) << "after a failing " << ops.failed();
     if (now == fresh) {
       // Failed after the rename (flushing the folder): the object is on
       // the new file already.
@@ -182,51 +191,9 @@ INSTANTIATE_TEST_SUITE_P(Versions, CommitFaults,
                          ::testing::Combine(::testing::Values(3, 4),
                                             ::testing::Values(Commit::anew, Commit::patched, Commit::aroundNewData)));
 
-// Writes that take half of what they are given, as a nearly full disk or
-// a signal may leave them.
-class HalfWrites : public mox::detail::FileOps {
- public:
-  ssize_t pwrite(int fd, const void* data, std::size_t count, off_t offset) override {
-    return FileOps::pwrite(fd, data, (count + 1) / 2, offset);
-  }
-};
-
-TEST(CommitShortWrites, AreCarriedOnToTheLastByte) {
-  moxtest::ScratchDir dir;
-  Bytes made[2];
-  for (int halves = 0; halves < 2; ++halves) {
-    const std::string path = dir.file("doc" + std::to_string(halves) + ".cfb");
-    makeStart(path, 4);
-    mox::CompoundFile f = mox::CompoundFile::open_rw(path);
-    edit(f, 3);
-    HalfWrites ops;
-    OpsGuard guard(halves ? &ops : nullptr);
-    f.commit();
-    made[halves] = fileBytes(path);
-  }
-  EXPECT_TRUE(made[0] == made[1]);
-}
-
-// A write that cannot make the scratch file (no descriptor is left for it)
-// fails and leaves its stream as it was: stored bytes over which a page was
-// to be written, and a small stream that was to move out of memory.
-// No scratch file can be made (every way of making one fails): a write
-// that needs a page fails, and the stream shows what it showed before.
-class NoScratchOps : public mox::detail::FileOps {
- public:
-  int open(const char* path, int flags, mode_t mode) override {
-    if ((flags & O_TMPFILE) == O_TMPFILE) return refuse();
-    return FileOps::open(path, flags, mode);
-  }
-  int mkostemp(char*, int) override { return refuse(); }
-
- private:
-  static int refuse() {
-    errno = EMFILE;
-    return -1;
-  }
-};
-
+// No scratch file can be made: a write that needs a page fails and leaves
+// its stream as it was, stored bytes over which a page was to be written
+// and a small stream that was to move out of memory alike.
 TEST(ScratchFailures, WritesThatCannotMakeTheScratchFileChangeNothing) {
   moxtest::ScratchDir dir;
   const std::string path = dir.file("doc.cfb");
@@ -236,8 +203,7 @@ TEST(ScratchFailures, WritesThatCannotMakeTheScratchFileChangeNothing) {
   mox::Stream small = f.create_stream("small");
   small.write("0123456789", 10);
   const Bytes stored = big.read_all();
-  NoScratchOps ops;
-  OpsGuard guard(&ops);
+  Ops ops(0, false, true);
   for (mox::Stream* s : {&big, &small}) {
     s->seek(70000);
     EXPECT_EQ(moxtest::errorOf([&] { s->write("x", 1); }), mox::Errc::io);

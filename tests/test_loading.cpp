@@ -178,7 +178,7 @@ cfb::CfbLayout miniLayout(int miniFatSectors) {
   return l;
 }
 
-TEST(MiniFat, EntriesAreWidenedInChainOrder) {
+TEST(MiniFat, EntriesAreWidenedInChainOrderAndANegativeStartMeansNone) {
   cfb::CfbLayout l = miniLayout(2);
   // Swap the two mini FAT sectors on disk; the chain order must win.
   std::swap(l.miniFatSectors[0], l.miniFatSectors[1]);
@@ -193,14 +193,10 @@ TEST(MiniFat, EntriesAreWidenedInChainOrder) {
                                                           : int64_t{kSectorFree};
     ASSERT_EQ(doc->plMiniFat[i], want) << i;
   }
-}
-
-TEST(MiniFat, NegativeStartMeansNoMiniFat) {
-  cfb::CfbLayout l = miniLayout(1);
-  l.header.miniFatStart = cfb::kEnd;
-  OpenDoc doc(l.serialize());
-  ASSERT_TRUE(doc.ok());
-  EXPECT_EQ(doc->plMiniFat, nullptr);
+  l.header.miniFatStart = cfb::kEnd;  // a negative start means no mini FAT
+  OpenDoc negative(l.serialize());
+  ASSERT_TRUE(negative.ok());
+  EXPECT_EQ(negative->plMiniFat, nullptr);
 }
 
 // A directory with one hand-made entry at index 1 under the root.

@@ -107,7 +107,7 @@ cfb::CfbLayout layoutWithFatSectors(unsigned shift, uint32_t fat) {
 // 109 FAT sectors fit the header, so its DIFAT start is never consulted;
 // one more takes a DIFAT sector, and a DIFAT sector lists one FAT sector
 // fewer than its size holds links.
-TEST(DifatFat, DifatSectorsAt512And4096ByteSectors) {
+TEST(DifatFat, DifatSectorsAt512And4096ByteSectorsAndFatLookups) {
   for (unsigned shift : {9u, 12u}) {
     uint32_t per = (1u << shift) / 4;
     for (uint32_t fat : {109u, 110u, 109u + per - 1, 109u + per}) {
@@ -119,10 +119,17 @@ TEST(DifatFat, DifatSectorsAt512And4096ByteSectors) {
       _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
       ASSERT_NE(h, nullptr) << shift << " " << fat;
       EXPECT_EQ(h->lFatCount, fat);
-      // The last FAT sector marks itself as a FAT sector.
+      // The last FAT sector marks itself as a FAT sector; past the sectors
+      // the FAT is free, and special and out-of-range numbers have no entry.
       int found = 0;
       EXPECT_EQ(lGetSect(h, l.fatSectors.back(), &found), kSectorFat);
       EXPECT_EQ(found, 1);
+      EXPECT_EQ(lGetSect(h, int64_t{fat} * per - 1, &found), kSectorFree);
+      for (int64_t s : {int64_t{-1}, int64_t{-2}, int64_t{-4}, int64_t{fat} * per, int64_t{1} << 40}) {
+        found = 7;
+        EXPECT_EQ(lGetSect(h, s, &found), s);
+        EXPECT_EQ(found, 0) << s;
+      }
       EXPECT_EQ(h->pDir[1].lSize, 5000);
       iOLEclose(h);
       EXPECT_EQ(memory.liveBlocks(), 0);
@@ -148,20 +155,6 @@ TEST(DifatFat, DifatChainComingBackToASectorItReadFails) {
     // and at most one more round of the circle before it is noticed.
     EXPECT_LE(doc.io().readCalls(), 1 + 109 + 3 * 128 + 2 * 128) << back;
   }
-}
-
-TEST(FatLookup, SpecialAndOutOfRangeSectorsHaveNoEntry) {
-  OpenDoc doc(document().serialize());
-  ASSERT_TRUE(doc.ok());
-  for (int64_t s : {int64_t{-1}, int64_t{-2}, int64_t{-4}, int64_t{128}, int64_t{1} << 40}) {
-    int found = 7;
-    EXPECT_EQ(lGetSect(doc.handle(), s, &found), s);
-    EXPECT_EQ(found, 0);
-  }
-  int found = 0;
-  EXPECT_EQ(lGetSect(doc.handle(), 0, &found), kSectorFat);
-  EXPECT_EQ(found, 1);
-  EXPECT_EQ(lGetSect(doc.handle(), 127, &found), kSectorFree);
 }
 
 // --- The mini FAT and the directory -------------------------------------------------

@@ -170,11 +170,6 @@ TEST_F(Moxole, ListingsShowTypesSizesAndEscapedNames) {
 
 // --- Editing ---------------------------------------------------------------
 
-std::string text(const mox::CompoundFile& f, const std::string& path) {
-  const std::vector<std::uint8_t> b = f.open_stream(path).read_all();
-  return std::string(b.begin(), b.end());
-}
-
 TEST(MoxoleEdit, CommandsBuildAndChangeADocument) {
   moxtest::ScratchDir dir;
   const std::string doc = dir.file("doc.cfb"), src = dir.file("src.bin");
@@ -189,7 +184,8 @@ TEST(MoxoleEdit, CommandsBuildAndChangeADocument) {
   EXPECT_EQ(moxole({"rm", doc, "Dir"}).status, 0);
   const mox::CompoundFile f = mox::CompoundFile::open(doc);
   EXPECT_FALSE(f.exists("Dir"));
-  EXPECT_EQ(text(f, "Other/Deep/tiny"), "from stdin");
+  const std::vector<std::uint8_t> tiny = f.open_stream("Other/Deep/tiny").read_all();
+  EXPECT_EQ(std::string(tiny.begin(), tiny.end()), "from stdin");
   EXPECT_EQ(f.entry("Other/Big")->size, 0u);
   EXPECT_TRUE(f.check().empty());
   EXPECT_EQ(snapshotTree(dir.path()).size(), 2u) << "temporary files left behind";

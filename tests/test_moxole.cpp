@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iostream>
 
 #include "moxolefio/moxolefio.hpp"
 #include "support/moxole_cli.h"
@@ -44,7 +45,7 @@ class Moxole : public ::testing::Test {
 
 // --- Reading ---------------------------------------------------------------
 
-TEST_F(Moxole, ExtractAndPackRoundTripTheTreeExactly) {
+TEST_F(Moxole, ExtractAndPackRoundTripTheTreeExactlyAndDrawProgressOnATerminal) {
   const std::map<std::string, std::string> source = moxtest::sampleSnapshot(tree_);
   ProgramResult r = moxole({"extract", doc_, at("out1")});
   ASSERT_EQ(r.status, 0) << r.err;
@@ -64,29 +65,28 @@ TEST_F(Moxole, ExtractAndPackRoundTripTheTreeExactly) {
   // Packing sorts names, so equal trees make equal files.
   EXPECT_TRUE(slurp(at("one.doc")) == slurp(at("two.doc")));
 
+  // On a terminal, given by script(1), progress is drawn and the last
+  // thing drawn wipes the line.
+  moxtest::ProgramOptions options;
+  options.unsetEnv.push_back("MOXOLE_LIBRARY");
+  r = moxtest::runProgram({"script", "-qec", std::string(MOXOLE_PROGRAM) + " extract " + doc_ + " " + at("out3"),
+                           "/dev/null"}, options);
+  if (r.status == 127 || r.err.find("script") != std::string::npos) {
+    std::cerr << "script(1) cannot run here, progress not checked: " << r.err << "\n";
+  } else {
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("\rmoxole: extract: "), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find(" entries, "), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.substr(r.out.size() - 4), "\r\033[K") << r.out;
+    EXPECT_TRUE(snapshotTree(at("out3")) == source);
+  }
+
   const std::string python = moxtest::olefilePython();
   if (python.empty()) GTEST_SKIP() << "python3-olefile is not installed";
   ProgramResult mirror = moxtest::runProgram(
       {python, MOX_SOURCE_DIR "/tests/support/olefile_mirror.py", at("one.doc"), at("mirror")});
   ASSERT_EQ(mirror.status, 0) << mirror.err;
   EXPECT_TRUE(snapshotTree(at("mirror")) == source) << "olefile reads another tree in what pack wrote";
-}
-
-TEST_F(Moxole, ProgressIsDrawnOnATerminalAndWipedAtTheEnd) {
-  // script(1) gives the program a terminal and copies what it draws.
-  std::string command = std::string(MOXOLE_PROGRAM) + " extract " + doc_ + " " + at("out");
-  moxtest::ProgramOptions options;
-  options.unsetEnv.push_back("MOXOLE_LIBRARY");
-  ProgramResult r = moxtest::runProgram({"script", "-qec", command, "/dev/null"}, options);
-  if (r.status == 127 || r.err.find("script") != std::string::npos) {
-    GTEST_SKIP() << "script(1) cannot run here: " << r.err;
-  }
-  ASSERT_EQ(r.status, 0) << r.out;
-  EXPECT_NE(r.out.find("\rmoxole: extract: "), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find(" entries, "), std::string::npos) << r.out;
-  // The last thing drawn wipes the line.
-  EXPECT_EQ(r.out.substr(r.out.size() - 4), "\r\033[K") << r.out;
-  EXPECT_TRUE(snapshotTree(at("out")) == moxtest::sampleSnapshot(tree_));
 }
 
 TEST_F(Moxole, CatFindsMiniAndRegularStreamsByEscapedPaths) {
@@ -98,11 +98,9 @@ TEST_F(Moxole, CatFindsMiniAndRegularStreamsByEscapedPaths) {
       {"\\x05SummaryInformation", "\x05SummaryInformation"},
       {"ObjectPool//_1/\\x03META", "\x03META"},
       {"A/B/C/deep", "deep"},
+      // Escapes themselves: tests/test_moxole_names.cpp.
       {"A/a\\x2fb", "a/b"},
-      {"A/\\x2e", "."},
-      {"\\x2e.", ".."},
       {"A/caf\\xe9", "caf\xe9"},
-      {"A/caf\\xE9", "caf\xe9"},
       {"\\x01CompObj", "\x01" "CompObj"},
       // A name that differs only in letter case, when it is the only one.
       {"worddocument", "WordDocument"},
@@ -170,11 +168,6 @@ TEST_F(Moxole, ListingsShowTypesSizesAndEscapedNames) {
 
 // --- Editing ---------------------------------------------------------------
 
-std::string text(const mox::CompoundFile& f, const std::string& path) {
-  const std::vector<std::uint8_t> b = f.open_stream(path).read_all();
-  return std::string(b.begin(), b.end());
-}
-
 TEST(MoxoleEdit, CommandsBuildAndChangeADocument) {
   moxtest::ScratchDir dir;
   const std::string doc = dir.file("doc.cfb"), src = dir.file("src.bin");
@@ -189,7 +182,8 @@ TEST(MoxoleEdit, CommandsBuildAndChangeADocument) {
   EXPECT_EQ(moxole({"rm", doc, "Dir"}).status, 0);
   const mox::CompoundFile f = mox::CompoundFile::open(doc);
   EXPECT_FALSE(f.exists("Dir"));
-  EXPECT_EQ(text(f, "Other/Deep/tiny"), "from stdin");
+  const std::vector<std::uint8_t> tiny = f.open_stream("Other/Deep/tiny").read_all();
+  EXPECT_EQ(std::string(tiny.begin(), tiny.end()), "from stdin");
   EXPECT_EQ(f.entry("Other/Big")->size, 0u);
   EXPECT_TRUE(f.check().empty());
   EXPECT_EQ(snapshotTree(dir.path()).size(), 2u) << "temporary files left behind";
@@ -374,7 +368,10 @@ TEST(MoxoleFailures, PackRefusesWhatTheFormatCannotHoldAndKeepsTheOldFile) {
   }
 }
 
-TEST(MoxoleUsage, HelpIsShownForTheProgramAndEveryCommand) {
+// Help needs no library; any other command names a library that cannot be
+// loaded and exits with 4, and the variable wins over the library beside
+// the program.
+TEST(MoxoleUsage, HelpIsShownForEveryCommandAndAnUnloadableLibraryIsNamed) {
   ProgramResult r = moxole({});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("usage: moxole COMMAND"), std::string::npos);
@@ -388,25 +385,17 @@ TEST(MoxoleUsage, HelpIsShownForTheProgramAndEveryCommand) {
     EXPECT_EQ(help.out.rfind(std::string("usage: moxole ") + command + " ", 0), 0u) << help.out;
     EXPECT_GT(help.out.size(), 60u) << "no description for " << command;
   }
-  // Help needs no library: it works even when none can be loaded.
-  moxtest::ProgramOptions noLibrary;
-  noLibrary.setEnv["MOXOLE_LIBRARY"] = "/nonexistent/libmoxolefio.so";
-  EXPECT_EQ(moxtest::runProgram({MOXOLE_PROGRAM, "cat", "-h"}, noLibrary).status, 0);
-}
-
-TEST(MoxoleUsage, AnUnloadableLibraryIsNamedAndExitsWithFour) {
   moxtest::ScratchDir dir;
   ASSERT_TRUE(spit(dir.file("text.so"), "not a shared object\n"));
+  moxtest::ProgramOptions options;
   for (const std::string& library : {std::string("/nonexistent/libmoxolefio.so"), dir.file("text.so")}) {
-    moxtest::ProgramOptions options;
     options.setEnv["MOXOLE_LIBRARY"] = library;
-    ProgramResult r = moxtest::runProgram({MOXOLE_PROGRAM, "info", MOX_SOURCE_DIR "/samples/sample.doc"}, options);
+    EXPECT_EQ(moxtest::runProgram({MOXOLE_PROGRAM, "cat", "-h"}, options).status, 0);
+    r = moxtest::runProgram({MOXOLE_PROGRAM, "info", MOX_SOURCE_DIR "/samples/sample.doc"}, options);
     EXPECT_EQ(r.status, 4);
     EXPECT_EQ(r.err.rfind("moxole: " + library + ": ", 0), 0u) << r.err;
     EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;
   }
-  // The variable wins over the library beside the program.
-  moxtest::ProgramOptions options;
   options.setEnv["MOXOLE_LIBRARY"] = MOX_LIBRARY_PATH;
   EXPECT_EQ(moxtest::runProgram({MOXOLE_PROGRAM, "tree", MOX_SOURCE_DIR "/samples/sample.doc"}, options).status, 0);
 }

@@ -61,10 +61,9 @@ class MoxoleCorpus : public ::testing::Test {
 
 // Per clean file: info says what the manifest recorded; extract writes
 // the tree olefile reads; ls -R lists its paths and tree one line an
-// entry; cat reads streams on both sides of the mini stream cutoff, and
-// every stream of the files whose names run past 8 bits or are empty.
+// entry; cat finds streams by the paths olefile lists.
 TEST_F(MoxoleCorpus, CommandsReadWhatOlefileAndTheManifestRead) {
-  int compared = 0, mini = 0, regular = 0, wide = 0;
+  int compared = 0, wide = 0;
   for (const auto& [file, h] : files_) {
     SCOPED_TRACE(file);
     // header PATH SECTOR MINI MAJOR MINOR CUTOFF FAT DIFAT DIR_ENTRIES REACHABLE
@@ -131,23 +130,18 @@ TEST_F(MoxoleCorpus, CommandsReadWhatOlefileAndTheManifestRead) {
     for (std::string line; std::getline(lsLines, line);) listed.insert(line.substr(23));  // after type and size
     EXPECT_TRUE(listed == paths) << ls.out << "olefile:\n" << listing;
 
+    // cat shares extract's reading; what it adds is finding the paths
+    // olefile lists: every stream where names are wide, a few elsewhere.
     wide += wideNames;
-    const uint64_t cutoff = std::stoull(h[6]);
-    int miniHere = 0, regularHere = 0;
+    int catted = 0;
     for (const auto& [path, size] : streams) {
-      int& count = size < cutoff ? miniHere : regularHere;
-      if (!wideNames && (size == 0 || count >= 3)) continue;
-      ++count;
+      if (!wideNames && (size == 0 || ++catted > 3)) continue;
       r = moxole({"cat", pathOf(file), path});
       EXPECT_EQ(r.status, 0) << r.err;
       EXPECT_TRUE(r.out == moxtest::slurp(scratch.file("olefile/" + path))) << path << " differs";
     }
-    mini += miniHere;
-    regular += regularHere;
   }
   EXPECT_GT(compared, 20);
-  EXPECT_GE(mini, 20);
-  EXPECT_GE(regular, 20);
   EXPECT_GE(wide, 2);
 }
 

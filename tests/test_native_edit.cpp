@@ -50,7 +50,7 @@ class FuzzPrograms : public ::testing::TestWithParam<unsigned> {};
 TEST_P(FuzzPrograms, MatchTheModel) {
   moxfuzzEditAudit = cfbaudit::audit;
   std::mt19937 rng(GetParam());
-  std::vector<uint8_t> input(6000);
+  std::vector<uint8_t> input(4000);
   for (auto& b : input) b = static_cast<uint8_t>(rng());
   EXPECT_EQ(LLVMFuzzerTestOneInput(input.data(), input.size()), 0);
 }

@@ -102,7 +102,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (under(handlePath, from)) handlePath = fold(to) + handlePath.substr(from.size());
     Model moved;
     for (auto it = model.begin(); it != model.end(); it = under(it->first, from) ? model.erase(it) : std::next(it)) {
-      if (under(it->first, from)) it->second.path = to + it->second.path.substr(from.size()), moved[fold(it->second.path)] = std::move(it->second);
+      if (under(it->first, from)) {
+        it->second.path = to + it->second.path.substr(from.size());
+        moved[fold(it->second.path)] = std::move(it->second);
+      }
     }
     model.insert(moved.begin(), moved.end());
   };
@@ -121,6 +124,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string leaf = named ? item->path.substr(item->path.rfind('/') + 1) : "";
     const std::string renamed = named ? item->path.substr(0, item->path.size() - leaf.size()) + n : "";
     const std::string moved = (target && target != &missing ? target->path + "/" : "") + leaf;
+    auto taken = [&](const std::string& path) { return fold(path) != key && model.count(fold(path)) > 0; };  // by another
     const uint16_t sizeArg = kind >= 2 && kind <= 4 ? in.u16() : 0;  // top bits set: ten times more
     const size_t length = (sizeArg & 0x3FFF) * (sizeArg >= 0xC000 ? 10 : 1);
     if (kind >= 2 && kind <= 4 && !(handleLive || (haveHandle && kind < 4))) continue;
@@ -164,16 +168,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         handleLive = handleLive && !under(handlePath, key);
         for (auto it = model.begin(); it != model.end();) it = under(it->first, key) ? model.erase(it) : std::next(it);
       } else if (kind == 6) {  // to q's last name, in the same storage
-        want = !named ? lookup : !valid(n) ? Errc::invalid_argument : fold(renamed) != key && model.count(fold(renamed)) ? Errc::exists : Errc{};
+        want = !named ? lookup : !valid(n) ? Errc::invalid_argument : taken(renamed) ? Errc::exists : Errc{};
         file.rename(a, n);
         follow(key, renamed);
       } else if (kind == 7) {  // into storage q
-        want = !named ? lookup : target == &missing ? Errc::not_found : (target && !target->storage) || under(qkey, key) ? Errc::invalid_argument
-             : fold(moved) != key && model.count(fold(moved)) ? Errc::exists : Errc{};
+        want = !named ? lookup : target == &missing ? Errc::not_found
+             : (target && !target->storage) || under(qkey, key) ? Errc::invalid_argument : taken(moved) ? Errc::exists : Errc{};
         file.move(a, b);
         follow(key, moved);
       } else if (kind == 8) {  // p, of this file or of the last commit, to q
-        want = top == &missing ? Errc::not_found : q.empty() ? Errc::exists : !valid(q.back()) ? Errc::invalid_argument : storages(model, q, q.size() - 1, false, &at);
+        want = top == &missing ? Errc::not_found : q.empty() ? Errc::exists
+             : !valid(q.back()) ? Errc::invalid_argument : storages(model, q, q.size() - 1, false, &at);
         if (want == Errc{} && target != &missing) want = Errc::exists;
         const std::string to = (at.empty() ? "" : at + "/") + n;
         Model added{{qkey, top ? Item{top->storage, top->data, to} : Item{true, {}, to}}};
@@ -200,7 +205,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         handlePath = key, haveHandle = handleLive = true, position = 0;
       }
     } catch (const mox::Error& e) {
-      require(want != Errc{} && e.code() == want, "an edit fails otherwise than the model says:", std::to_string(static_cast<int>(want)) + ", " + e.what());
+      require(want != Errc{} && e.code() == want, "an edit fails otherwise than the model says:",
+              std::to_string(static_cast<int>(want)) + " expected; " + e.what());
       continue;
     }
     require(want == Errc{}, "an edit the model refuses succeeded:", a);

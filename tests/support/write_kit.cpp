@@ -104,15 +104,6 @@ std::string parentOf(const std::string& path) {
   return cut == std::string::npos ? "" : path.substr(0, cut);
 }
 
-std::string nameOf(const std::string& path) {
-  size_t cut = path.rfind('\\');
-  return cut == std::string::npos ? path : path.substr(cut + 1);
-}
-
-bool hasUpperCase(const std::string& text) {
-  return std::any_of(text.begin(), text.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
-}
-
 // The storage-path open descends sibling trees comparing names of equal
 // length byte for byte, while the writer orders them with letters folded
 // to lower case; the two orders agree only where no sibling met on the
@@ -120,7 +111,10 @@ bool hasUpperCase(const std::string& text) {
 bool pathOpenCanFind(const std::map<std::string, cfb::Item>& want, const std::string& path) {
   std::set<std::string> mixedCase;  // storages with a child named in upper case
   for (const auto& kv : want) {
-    if (hasUpperCase(nameOf(kv.first))) mixedCase.insert(parentOf(kv.first));
+    const std::string name = kv.first.substr(kv.first.rfind('\\') + 1);  // all of it at the top
+    if (std::any_of(name.begin(), name.end(), [](char c) { return c >= 'A' && c <= 'Z'; })) {
+      mixedCase.insert(parentOf(kv.first));
+    }
   }
   for (std::string at = path;; at = parentOf(at)) {
     if (mixedCase.count(parentOf(at)) > 0) return false;
@@ -171,10 +165,6 @@ uint32_t u32(const cfb::Bytes& file, size_t offset) {
   return static_cast<uint32_t>(file.at(offset)) | (static_cast<uint32_t>(file.at(offset + 1)) << 8) |
          (static_cast<uint32_t>(file.at(offset + 2)) << 16) |
          (static_cast<uint32_t>(file.at(offset + 3)) << 24);
-}
-
-uint16_t u16(const cfb::Bytes& file, size_t offset) {
-  return static_cast<uint16_t>(file.at(offset) | (file.at(offset + 1) << 8));
 }
 
 }  // namespace writekit

@@ -54,7 +54,7 @@ class Parser {
     return file_.data() + (static_cast<size_t>(n) + 1) * ss_;
   }
 
-  // Marks a sector (of the file, or of the mini stream in `owners`) as
+  // Marks a sector (of the file, or of the mini stream in `in`) as
   // belonging to `owner`; a sector may have one owner.
   bool own(uint32_t n, uint32_t owner, const std::string& what, std::vector<uint32_t>* in = nullptr) {
     std::vector<uint32_t>& by = in ? *in : owner_;
@@ -279,7 +279,10 @@ std::string treeProblemsBy(const ParsedFile& file,
   const std::vector<ParsedEntry>& dir = file.dir;
   std::vector<int> seen(dir.size(), 0);
   std::string problems;
-  auto note = [&problems](const std::string& p) { problems += p + "\n"; };
+  auto note = [&problems](const std::string& p) {
+    problems += p + "\n";
+    return false;
+  };
   for (uint32_t storage = 0; storage < dir.size(); ++storage) {
     const ParsedEntry& s = dir[storage];
     if (s.type == 2 && s.child != kNone) note("stream " + std::to_string(storage) + " has a child");
@@ -289,13 +292,9 @@ std::string treeProblemsBy(const ParsedFile& file,
     std::function<bool(uint32_t)> walk = [&](uint32_t at) {
       if (at == kNone) return true;
       if (at >= dir.size() || at == 0 || dir[at].type == 0) {
-        note("link out of range under " + std::to_string(storage));
-        return false;
+        return note("link out of range under " + std::to_string(storage));
       }
-      if (seen[at]++ > 0) {
-        note("entry " + std::to_string(at) + " reached twice");
-        return false;
-      }
+      if (seen[at]++ > 0) return note("entry " + std::to_string(at) + " reached twice");
       if (!walk(dir[at].left)) return false;
       inOrder.push_back(at);
       return walk(dir[at].right);

@@ -44,8 +44,8 @@ void encodeEntry(const DirEntry& e, bool big, uint8_t* out) {
 // Writes `table` into the sectors that hold it, 32-bit entries, free past
 // its end.
 void encodeTable(const std::vector<uint32_t>& table, const std::vector<uint32_t>& where,
-                 uint32_t perSector, bool big, std::map<uint32_t, Bytes>* sectors,
-                 uint32_t sectorSize) {
+                 bool big, std::map<uint32_t, Bytes>* sectors, uint32_t sectorSize) {
+  const uint32_t perSector = sectorSize / 4;
   for (size_t i = 0; i < where.size(); ++i) {
     Bytes& s = (*sectors)[where[i]];
     s.assign(sectorSize, 0);
@@ -106,9 +106,7 @@ uint32_t CfbLayout::growFat(uint32_t count) {
 
 uint32_t CfbLayout::sectorCount() const {
   uint32_t count = 0;
-  auto see = [&](uint32_t s) {
-    if (s < 0xFFFFFFF0u) count = std::max(count, s + 1);
-  };
+  auto see = [&](uint32_t s) { count = s < 0xFFFFFFF0u ? std::max(count, s + 1) : count; };
   for (const auto& kv : sectors) see(kv.first);
   for (auto list : {&fatSectors, &difatSectors, &miniFatSectors, &dirSectors}) {
     for (uint32_t s : *list) see(s);
@@ -122,8 +120,8 @@ std::map<int64_t, Bytes> CfbLayout::serializeSparse() const {
   std::map<uint32_t, Bytes> all = sectors;
   for (auto& kv : all) kv.second.resize(size, 0);
   CfbHeader h = header;
-  encodeTable(fat, fatSectors, perSector, bigEndian, &all, size);
-  encodeTable(miniFat, miniFatSectors, perSector, bigEndian, &all, size);
+  encodeTable(fat, fatSectors, bigEndian, &all, size);
+  encodeTable(miniFat, miniFatSectors, bigEndian, &all, size);
   if (deriveDifat) {
     for (size_t i = 0; i < 109; ++i) h.difat[i] = i < fatSectors.size() ? fatSectors[i] : kFree;
     h.difatSectors = static_cast<uint32_t>(difatSectors.size());
@@ -136,15 +134,14 @@ std::map<int64_t, Bytes> CfbLayout::serializeSparse() const {
       }
       table.push_back(j + 1 < difatSectors.size() ? difatSectors[j + 1] : kEnd);
     }
-    encodeTable(table, difatSectors, perSector, bigEndian, &all, size);
+    encodeTable(table, difatSectors, bigEndian, &all, size);
   }
   const uint32_t perDirSector = size / 128;
   for (size_t i = 0; i < dirSectors.size(); ++i) {
     Bytes& s = all[dirSectors[i]];
     s.assign(size, 0);
-    for (uint32_t k = 0; k < perDirSector; ++k) {
-      size_t at = i * perDirSector + k;
-      if (at < dir.size()) encodeEntry(dir[at], bigEndian, s.data() + 128 * k);
+    for (size_t k = 0, at = i * perDirSector; k < perDirSector && at < dir.size(); ++k, ++at) {
+      encodeEntry(dir[at], bigEndian, s.data() + 128 * k);
     }
   }
   std::map<int64_t, Bytes> out;

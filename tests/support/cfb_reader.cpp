@@ -265,15 +265,6 @@ std::string narrow(const std::u16string& name) {
   return out;
 }
 
-}  // namespace
-
-bool parse(const Bytes& file, ParsedFile* out, std::string* error) {
-  *out = ParsedFile();
-  return Parser(file, out).run(error);
-}
-
-namespace {
-
 std::string treeProblemsBy(const ParsedFile& file,
                            const std::function<bool(const std::u16string&, const std::u16string&)>& less) {
   const std::vector<ParsedEntry>& dir = file.dir;
@@ -327,6 +318,11 @@ int blackHeight(const std::vector<ParsedEntry>& dir, uint32_t at) {
 }
 
 }  // namespace
+
+bool parse(const Bytes& file, ParsedFile* out, std::string* error) {
+  *out = ParsedFile();
+  return Parser(file, out).run(error);
+}
 
 std::string treeProblems(const ParsedFile& file) { return treeProblemsBy(file, siblingLess); }
 

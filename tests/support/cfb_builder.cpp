@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <functional>
 
 namespace cfb {
 
@@ -15,8 +16,6 @@ uint32_t ceilDiv(uint64_t a, uint64_t b) { return static_cast<uint32_t>((a + b -
 void put(uint8_t* p, uint32_t v, int n, bool big) {
   for (int i = 0; i < n; ++i) p[big ? n - 1 - i : i] = static_cast<uint8_t>(v >> (8 * i));
 }
-void put16(uint8_t* p, uint16_t v, bool big) { put(p, v, 2, big); }
-void put32(uint8_t* p, uint32_t v, bool big) { put(p, v, 4, big); }
 
 uint16_t foldLower(char16_t c) {
   return (c >= u'A' && c <= u'Z') ? static_cast<uint16_t>(c + 32) : static_cast<uint16_t>(c);
@@ -24,56 +23,35 @@ uint16_t foldLower(char16_t c) {
 
 void encodeHeader(const CfbHeader& h, bool big, uint8_t* out) {
   memcpy(out, h.signature, 8);
-  put16(out + 0x18, h.minor, big);
-  out[0x1A] = h.major[0];
-  out[0x1B] = h.major[1];
-  put16(out + 0x1C, h.byteOrder, big);
-  put16(out + 0x1E, h.sectorShift, big);
-  put16(out + 0x20, h.miniShift, big);
-  put32(out + 0x28, h.dirSectors, big);
-  put32(out + 0x2C, h.fatSectors, big);
-  put32(out + 0x30, h.dirStart, big);
-  put32(out + 0x34, h.transaction, big);
-  put32(out + 0x38, h.miniCutoff, big);
-  put32(out + 0x3C, h.miniFatStart, big);
-  put32(out + 0x40, h.miniFatSectors, big);
-  put32(out + 0x44, h.difatStart, big);
-  put32(out + 0x48, h.difatSectors, big);
-  for (int i = 0; i < 109; ++i) put32(out + 0x4C + 4 * i, h.difat[i], big);
+  memcpy(out + 0x1A, h.major, 2);
+  headerFields(h, [&](int at, auto v) { put(out + at, v, sizeof v, big); });
 }
 
 void encodeEntry(const DirEntry& e, bool big, uint8_t* out) {
   memset(out, 0, 128);
-  size_t units = std::min<size_t>(e.name.size(), 32);
-  for (size_t i = 0; i < units; ++i) put16(out + 2 * i, e.name[i], big);
-  int length = e.nameLength >= 0 ? e.nameLength
-                                 : static_cast<int>((e.name.size() + 1) * 2);
-  put16(out + 0x40, static_cast<uint16_t>(length), big);
-  out[0x42] = e.type;
-  out[0x43] = e.colour;
-  put32(out + 0x44, e.left, big);
-  put32(out + 0x48, e.right, big);
-  put32(out + 0x4C, e.child, big);
+  for (size_t i = 0; i < std::min<size_t>(e.name.size(), 32); ++i) put(out + 2 * i, e.name[i], 2, big);
+  int length = e.nameLength >= 0 ? e.nameLength : static_cast<int>((e.name.size() + 1) * 2);
+  put(out + 0x40, static_cast<uint16_t>(length), 2, big);
+  entryFields(e, [&](int at, auto v) { put(out + at, v, sizeof v, big); });
   memcpy(out + 0x50, e.clsid, 16);
-  put32(out + 0x60, e.state, big);
+  put(out + 0x60, e.state, 4, big);
   memcpy(out + 0x64, e.created, 8);
   memcpy(out + 0x6C, e.modified, 8);
-  put32(out + 0x74, e.start, big);
-  put32(out + 0x78, e.sizeLow, big);
-  put32(out + 0x7C, e.sizeHigh, big);
+  put(out + 0x78, e.sizeLow, 4, big);
+  put(out + 0x7C, e.sizeHigh, 4, big);
 }
 
 // Writes `table` into the sectors that hold it, 32-bit entries, free past
 // its end.
 void encodeTable(const std::vector<uint32_t>& table, const std::vector<uint32_t>& where,
-                 uint32_t perSector, bool big, std::map<uint32_t, Bytes>* sectors,
-                 uint32_t sectorSize) {
+                 bool big, std::map<uint32_t, Bytes>* sectors, uint32_t sectorSize) {
+  const uint32_t perSector = sectorSize / 4;
   for (size_t i = 0; i < where.size(); ++i) {
     Bytes& s = (*sectors)[where[i]];
     s.assign(sectorSize, 0);
     for (uint32_t k = 0; k < perSector; ++k) {
       size_t at = i * perSector + k;
-      put32(s.data() + 4 * k, at < table.size() ? table[at] : kFree, big);
+      put(s.data() + 4 * k, at < table.size() ? table[at] : kFree, 4, big);
     }
   }
 }
@@ -128,9 +106,7 @@ uint32_t CfbLayout::growFat(uint32_t count) {
 
 uint32_t CfbLayout::sectorCount() const {
   uint32_t count = 0;
-  auto see = [&](uint32_t s) {
-    if (s < 0xFFFFFFF0u) count = std::max(count, s + 1);
-  };
+  auto see = [&](uint32_t s) { count = s < 0xFFFFFFF0u ? std::max(count, s + 1) : count; };
   for (const auto& kv : sectors) see(kv.first);
   for (auto list : {&fatSectors, &difatSectors, &miniFatSectors, &dirSectors}) {
     for (uint32_t s : *list) see(s);
@@ -144,8 +120,8 @@ std::map<int64_t, Bytes> CfbLayout::serializeSparse() const {
   std::map<uint32_t, Bytes> all = sectors;
   for (auto& kv : all) kv.second.resize(size, 0);
   CfbHeader h = header;
-  encodeTable(fat, fatSectors, perSector, bigEndian, &all, size);
-  encodeTable(miniFat, miniFatSectors, perSector, bigEndian, &all, size);
+  encodeTable(fat, fatSectors, bigEndian, &all, size);
+  encodeTable(miniFat, miniFatSectors, bigEndian, &all, size);
   if (deriveDifat) {
     for (size_t i = 0; i < 109; ++i) h.difat[i] = i < fatSectors.size() ? fatSectors[i] : kFree;
     h.difatSectors = static_cast<uint32_t>(difatSectors.size());
@@ -158,15 +134,14 @@ std::map<int64_t, Bytes> CfbLayout::serializeSparse() const {
       }
       table.push_back(j + 1 < difatSectors.size() ? difatSectors[j + 1] : kEnd);
     }
-    encodeTable(table, difatSectors, perSector, bigEndian, &all, size);
+    encodeTable(table, difatSectors, bigEndian, &all, size);
   }
   const uint32_t perDirSector = size / 128;
   for (size_t i = 0; i < dirSectors.size(); ++i) {
     Bytes& s = all[dirSectors[i]];
     s.assign(size, 0);
-    for (uint32_t k = 0; k < perDirSector; ++k) {
-      size_t at = i * perDirSector + k;
-      if (at < dir.size()) encodeEntry(dir[at], bigEndian, s.data() + 128 * k);
+    for (size_t k = 0, at = i * perDirSector; k < perDirSector && at < dir.size(); ++k, ++at) {
+      encodeEntry(dir[at], bigEndian, s.data() + 128 * k);
     }
   }
   std::map<int64_t, Bytes> out;
@@ -175,15 +150,8 @@ std::map<int64_t, Bytes> CfbLayout::serializeSparse() const {
   out[0] = std::move(head);
   for (auto& kv : all) out[(static_cast<int64_t>(kv.first) + 1) * size] = std::move(kv.second);
   if (truncateTo >= 0) {
-    for (auto it = out.begin(); it != out.end();) {
-      int64_t end = it->first + static_cast<int64_t>(it->second.size());
-      if (it->first >= truncateTo) {
-        it = out.erase(it);
-        continue;
-      }
-      if (end > truncateTo) it->second.resize(static_cast<size_t>(truncateTo - it->first));
-      ++it;
-    }
+    out.erase(out.lower_bound(truncateTo), out.end());
+    for (auto& [at, run] : out) run.resize(std::min<size_t>(run.size(), truncateTo - at));
   }
   return out;
 }
@@ -201,20 +169,17 @@ Bytes CfbLayout::serialize() const {
 }
 
 CfbBuilder::CfbBuilder(unsigned sectorShift) : sectorShift_(sectorShift) {
-  Node root;
-  root.entry.name = units("Root Entry");
-  root.entry.type = 5;
-  entries_.push_back(root);
+  entries_.push_back(Node{DirEntry(), {}, {}});
+  entries_[0].entry.name = units("Root Entry");
+  entries_[0].entry.type = 5;
 }
 
 int CfbBuilder::addEntry(int parent, const std::u16string& name, uint8_t type,
                          const Bytes& data) {
-  Node node;
-  node.entry.name = name;
-  node.entry.type = type;
-  node.data = data;
-  entries_.push_back(node);
-  int index = static_cast<int>(entries_.size()) - 1;
+  const int index = static_cast<int>(entries_.size());
+  entries_.push_back(Node{DirEntry(), data, {}});
+  entries_[index].entry.name = name;
+  entries_[index].entry.type = type;
   entries_[parent].children.push_back(index);
   return index;
 }
@@ -233,38 +198,38 @@ CfbLayout CfbBuilder::layout() const {
   l.header.sectorShift = static_cast<uint16_t>(sectorShift_);
   if (sectorShift_ == 12) l.header.major[0] = 4;
   l.header.miniCutoff = cutoff_;
-  const uint32_t size = 1u << sectorShift_;
-  const uint32_t perSector = size / 4;
-  const uint32_t miniSize = 64;
+  const uint32_t size = 1u << sectorShift_, perSector = size / 4, miniSize = 64;
 
   // Directory entries with balanced sibling trees.
   for (const Node& n : entries_) l.dir.push_back(n.entry);
-  for (const Node& n : entries_) {
-    std::vector<int> kids = n.children;
+  std::function<uint32_t(const std::vector<int>&, int, int)> balance =
+      [&](const std::vector<int>& kids, int lo, int hi) -> uint32_t {
+    if (lo >= hi) return kNone;
+    int mid = (lo + hi) / 2;
+    l.dir[kids[mid]].left = balance(kids, lo, mid);
+    l.dir[kids[mid]].right = balance(kids, mid + 1, hi);
+    return static_cast<uint32_t>(kids[mid]);
+  };
+  for (size_t i = 0; i < entries_.size(); ++i) {
+    std::vector<int> kids = entries_[i].children;
     std::sort(kids.begin(), kids.end(), [&](int a, int b) {
       return siblingLess(entries_[a].entry.name, entries_[b].entry.name);
     });
-    struct Balance {
-      static uint32_t build(CfbLayout& l, const std::vector<int>& kids, int lo, int hi) {
-        if (lo >= hi) return kNone;
-        int mid = (lo + hi) / 2;
-        DirEntry& e = l.dir[kids[mid]];
-        e.left = build(l, kids, lo, mid);
-        e.right = build(l, kids, mid + 1, hi);
-        return static_cast<uint32_t>(kids[mid]);
-      }
-    };
-    l.dir[&n - &entries_[0]].child = Balance::build(l, kids, 0, static_cast<int>(kids.size()));
+    l.dir[i].child = balance(kids, 0, static_cast<int>(kids.size()));
   }
-  for (int i = 0; i < spareEntries_; ++i) l.dir.push_back(DirEntry());
 
-  // Mini stream contents and chains.
+  // Mini stream contents and chains; regular streams only counted here.
   Bytes mini;
+  uint64_t regular = 0;
   for (size_t i = 1; i < entries_.size(); ++i) {
     const Bytes& data = entries_[i].data;
     DirEntry& e = l.dir[i];
     e.sizeLow = static_cast<uint32_t>(data.size());
-    if (entries_[i].entry.type != 2 || data.empty() || data.size() >= cutoff_) continue;
+    if (entries_[i].entry.type != 2 || data.empty()) continue;
+    if (data.size() >= cutoff_) {
+      regular += ceilDiv(data.size(), size);
+      continue;
+    }
     uint32_t first = static_cast<uint32_t>(mini.size() / miniSize);
     uint32_t count = ceilDiv(data.size(), miniSize);
     e.start = first;
@@ -277,12 +242,6 @@ CfbLayout CfbBuilder::layout() const {
   const uint32_t miniFatN = ceilDiv(l.miniFat.size(), perSector);
   const uint32_t dirN = ceilDiv(l.dir.size(), size / 128);
   const uint32_t miniStreamN = ceilDiv(mini.size(), size);
-  uint64_t regular = 0;
-  for (size_t i = 1; i < entries_.size(); ++i) {
-    if (entries_[i].entry.type == 2 && entries_[i].data.size() >= cutoff_) {
-      regular += ceilDiv(entries_[i].data.size(), size);
-    }
-  }
   const uint64_t other = miniFatN + dirN + padding_ + regular + miniStreamN;
   uint32_t f = 1, d = 0;
   for (;;) {
@@ -294,43 +253,38 @@ CfbLayout CfbBuilder::layout() const {
   }
 
   uint32_t next = 0;
-  auto take = [&](uint32_t count, std::vector<uint32_t>* list, bool chain) {
+  // The next `count` sectors, listed in `list`, as a chain or all marked `mark`.
+  auto take = [&](uint32_t count, std::vector<uint32_t>* list, uint32_t mark = 0) {
     uint32_t first = next;
     for (uint32_t k = 0; k < count; ++k) {
       if (list) list->push_back(next);
-      if (chain) l.fat[next] = k + 1 < count ? next + 1 : kEnd;
+      l.fat[next] = mark ? mark : k + 1 < count ? next + 1 : kEnd;
       ++next;
     }
     return count ? first : kEnd;
   };
   l.fat.assign(static_cast<size_t>(f) * perSector, kFree);
-  take(f, &l.fatSectors, false);
-  for (uint32_t s : l.fatSectors) l.fat[s] = kFatSect;
-  take(d, &l.difatSectors, false);
-  for (uint32_t s : l.difatSectors) l.fat[s] = kDifSect;
-  l.header.miniFatStart = take(miniFatN, &l.miniFatSectors, true);
+  take(f, &l.fatSectors, kFatSect);
+  take(d, &l.difatSectors, kDifSect);
+  l.header.miniFatStart = take(miniFatN, &l.miniFatSectors);
   l.header.miniFatSectors = miniFatN;
-  l.header.dirStart = take(dirN, &l.dirSectors, true);
+  l.header.dirStart = take(dirN, &l.dirSectors);
   if (sectorShift_ == 12) l.header.dirSectors = dirN;
   next += padding_;
+  auto place = [&](uint32_t first, const Bytes& data) {
+    for (size_t at = 0; at < data.size(); at += size) {
+      memcpy(l.sector(first + static_cast<uint32_t>(at / size)).data(), data.data() + at,
+             std::min<size_t>(size, data.size() - at));
+    }
+  };
   for (size_t i = 1; i < entries_.size(); ++i) {
     const Bytes& data = entries_[i].data;
     if (entries_[i].entry.type != 2 || data.size() < cutoff_) continue;
-    uint32_t count = ceilDiv(data.size(), size);
-    uint32_t first = take(count, nullptr, true);
-    l.dir[i].start = first;
-    for (uint32_t k = 0; k < count; ++k) {
-      Bytes& s = l.sector(first + k);
-      size_t n = std::min<size_t>(size, data.size() - static_cast<size_t>(k) * size);
-      memcpy(s.data(), data.data() + static_cast<size_t>(k) * size, n);
-    }
+    l.dir[i].start = take(ceilDiv(data.size(), size), nullptr);
+    place(l.dir[i].start, data);
   }
-  uint32_t miniFirst = take(miniStreamN, nullptr, true);
-  for (uint32_t k = 0; k < miniStreamN; ++k) {
-    Bytes& s = l.sector(miniFirst + k);
-    size_t n = std::min<size_t>(size, mini.size() - static_cast<size_t>(k) * size);
-    memcpy(s.data(), mini.data() + static_cast<size_t>(k) * size, n);
-  }
+  uint32_t miniFirst = take(miniStreamN, nullptr);
+  place(miniFirst, mini);
   l.dir[0].start = miniFirst;
   l.dir[0].sizeLow = static_cast<uint32_t>(mini.size());
   l.header.fatSectors = f;

@@ -57,20 +57,29 @@ struct CfbHeader {
   uint16_t minor = 0x3E;
   uint8_t major[2] = {3, 0};  // raw bytes at 0x1A
   uint16_t byteOrder = 0xFFFE;  // written in the file's byte order
-  uint16_t sectorShift = 9;
-  uint16_t miniShift = 6;
-  uint32_t dirSectors = 0;
-  uint32_t fatSectors = 0;
-  uint32_t dirStart = kEnd;
-  uint32_t transaction = 0;
-  uint32_t miniCutoff = 4096;
-  uint32_t miniFatStart = kEnd;
-  uint32_t miniFatSectors = 0;
-  uint32_t difatStart = kEnd;
-  uint32_t difatSectors = 0;
+  uint16_t sectorShift = 9, miniShift = 6;
+  uint32_t dirSectors = 0, fatSectors = 0, dirStart = kEnd, transaction = 0;
+  uint32_t miniCutoff = 4096, miniFatStart = kEnd, miniFatSectors = 0;
+  uint32_t difatStart = kEnd, difatSectors = 0;
   uint32_t difat[109];
   CfbHeader();
 };
+
+// The numeric fields of a header and of a directory entry by offset, for
+// writing and reading alike: f(offset, field) sees each at its own width.
+template <class Header, class F>
+void headerFields(Header& h, F f) {
+  f(0x18, h.minor), f(0x1C, h.byteOrder), f(0x1E, h.sectorShift), f(0x20, h.miniShift);
+  f(0x28, h.dirSectors), f(0x2C, h.fatSectors), f(0x30, h.dirStart), f(0x34, h.transaction);
+  f(0x38, h.miniCutoff), f(0x3C, h.miniFatStart), f(0x40, h.miniFatSectors);
+  f(0x44, h.difatStart), f(0x48, h.difatSectors);
+  for (int i = 0; i < 109; ++i) f(0x4C + 4 * i, h.difat[i]);
+}
+template <class Entry, class F>
+void entryFields(Entry& e, F f) {
+  f(0x42, e.type), f(0x43, e.colour), f(0x44, e.left), f(0x48, e.right), f(0x4C, e.child);
+  f(0x74, e.start);
+}
 
 struct CfbLayout {
   bool bigEndian = false;
@@ -121,8 +130,6 @@ class CfbBuilder {
   DirEntry& entry(int index) { return entries_[index].entry; }
   void setBigEndian(bool on) { bigEndian_ = on; }
   void setMiniCutoff(uint32_t cutoff) { cutoff_ = cutoff; }
-  // Extra empty directory slots after the last entry.
-  void setSpareDirEntries(int n) { spareEntries_ = n; }
   // Reserve this many extra sectors (zeros, marked free) before the streams,
   // so that FAT and DIFAT grow without large payloads.
   void setPaddingSectors(uint32_t n) { padding_ = n; }
@@ -140,7 +147,6 @@ class CfbBuilder {
   unsigned sectorShift_;
   bool bigEndian_ = false;
   uint32_t cutoff_ = 4096;
-  int spareEntries_ = 0;
   uint32_t padding_ = 0;
 };
 

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <functional>
+#include <type_traits>
 
 #include "format/names.h"
 #include "support/cfb_audit.h"
@@ -11,8 +12,20 @@ namespace cfb {
 
 namespace {
 
-uint16_t get16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
-uint32_t get32(const uint8_t* p) { return get16(p) | static_cast<uint32_t>(get16(p + 2)) << 16; }
+// `n` little-endian bytes at p.
+uint32_t get(const uint8_t* p, int n) {
+  uint32_t v = 0;
+  for (int i = n - 1; i >= 0; --i) v = v << 8 | p[i];
+  return v;
+}
+uint16_t get16(const uint8_t* p) { return static_cast<uint16_t>(get(p, 2)); }
+uint32_t get32(const uint8_t* p) { return get(p, 4); }
+// Reads every field f(offset, field) visits at its own width.
+auto fieldsFrom(const uint8_t* p) {
+  return [p](int at, auto& v) {
+    v = static_cast<std::remove_reference_t<decltype(v)>>(get(p + at, sizeof v));
+  };
+}
 
 constexpr uint32_t kUnowned = 0xFFFFFFFFu;
 
@@ -41,27 +54,61 @@ class Parser {
     return file_.data() + (static_cast<size_t>(n) + 1) * ss_;
   }
 
-  // Marks a sector as belonging to `owner`; a sector may have one owner.
-  bool own(uint32_t n, uint32_t owner, const char* what) {
-    if (n >= out_.sectorCount) return fail(std::string(what) + ": sector past the file");
-    if (owner_[n] != kUnowned) {
-      return fail(std::string(what) + ": sector " + std::to_string(n) + " is used twice");
-    }
-    owner_[n] = owner;
+  // Marks a sector (of the file, or of the mini stream in `in`) as
+  // belonging to `owner`; a sector may have one owner.
+  bool own(uint32_t n, uint32_t owner, const std::string& what, std::vector<uint32_t>* in = nullptr) {
+    std::vector<uint32_t>& by = in ? *in : owner_;
+    if (n >= by.size()) return fail(what + ": sector past the end");
+    if (by[n] != kUnowned) return fail(what + ": sector " + std::to_string(n) + " is used twice");
+    by[n] = owner;
     return true;
   }
 
-  // Follows a FAT chain, claiming each sector; exactly `count` sectors.
-  bool chain(uint32_t start, uint64_t count, uint32_t owner, const char* what,
-             std::vector<uint32_t>* sectors) {
+  // Follows a FAT (or mini FAT) chain, claiming each sector: exactly
+  // `count` sectors, or with kToEnd as many as lead to the end mark.
+  static constexpr uint64_t kToEnd = ~uint64_t{0};
+  bool chain(uint32_t start, uint64_t count, uint32_t owner, const std::string& what,
+             std::vector<uint32_t>* sectors, bool mini = false) {
+    const std::vector<uint32_t>& table = mini ? out_.miniFat : out_.fat;
     uint32_t s = start;
-    for (uint64_t i = 0; i < count; ++i) {
-      if (s >= out_.fat.size()) return fail(std::string(what) + ": chain leaves the FAT");
-      if (!own(s, owner, what)) return false;
+    for (uint64_t i = 0; i < count && !(count == kToEnd && s == kEnd); ++i) {
+      if (s >= table.size()) return fail(what + ": chain leaves its table");
+      if (!own(s, owner, what, mini ? &miniOwner_ : nullptr)) return false;
       sectors->push_back(s);
-      s = out_.fat[s];
+      s = table[s];
     }
-    if (s != kEnd) return fail(std::string(what) + ": chain longer than its size");
+    return s == kEnd || fail(what + ": chain longer than its size");
+  }
+  // The 32-bit entries of table sectors, in order.
+  void readTable(const std::vector<uint32_t>& sectors, std::vector<uint32_t>* table) const {
+    for (uint32_t s : sectors) {
+      for (uint32_t k = 0; k < ss_ / 4; ++k) table->push_back(get32(sector(s) + 4 * k));
+    }
+  }
+  // The bytes of `sectors` (of the mini stream with `mini`), cut to `size`.
+  Bytes gather(const std::vector<uint32_t>& sectors, uint64_t size, bool mini = false) const {
+    const size_t unit = mini ? 64 : ss_;
+    Bytes data;
+    for (uint32_t s : sectors) {
+      const uint8_t* p = mini ? out_.miniStream.data() + unit * s : sector(s);
+      data.insert(data.end(), p, p + unit);
+    }
+    data.resize(size);
+    return data;
+  }
+  // Every sector in `owners` claimed (leniently, or free), and no entry of
+  // `table` past them other than free.
+  bool allClaimed(const std::vector<uint32_t>& owners, const std::vector<uint32_t>& table,
+                  const std::string& what) {
+    for (size_t s = 0; s < owners.size(); ++s) {
+      const bool free = s < table.size() && table[s] == kFree;
+      if (owners[s] == kUnowned && !(lenient_ && free)) {
+        return fail(what + " " + std::to_string(s) + " belongs to nothing");
+      }
+    }
+    for (size_t s = owners.size(); s < table.size(); ++s) {
+      if (table[s] != kFree) return fail(what + " table entry past the end is not free");
+    }
     return true;
   }
   uint64_t sectorsFor(uint64_t size) const { return (size + ss_ - 1) / ss_; }
@@ -71,22 +118,8 @@ class Parser {
     const uint8_t* h = file_.data();
     CfbHeader& hd = out_.header;
     if (memcmp(h, hd.signature, 8) != 0) return fail("signature");
-    hd.minor = get16(h + 0x18);
-    hd.major[0] = h[0x1A];
-    hd.major[1] = h[0x1B];
-    hd.byteOrder = get16(h + 0x1C);
-    hd.sectorShift = get16(h + 0x1E);
-    hd.miniShift = get16(h + 0x20);
-    hd.dirSectors = get32(h + 0x28);
-    hd.fatSectors = get32(h + 0x2C);
-    hd.dirStart = get32(h + 0x30);
-    hd.transaction = get32(h + 0x34);
-    hd.miniCutoff = get32(h + 0x38);
-    hd.miniFatStart = get32(h + 0x3C);
-    hd.miniFatSectors = get32(h + 0x40);
-    hd.difatStart = get32(h + 0x44);
-    hd.difatSectors = get32(h + 0x48);
-    for (int i = 0; i < 109; ++i) hd.difat[i] = get32(h + 0x4C + 4 * i);
+    memcpy(hd.major, h + 0x1A, 2);
+    headerFields(hd, fieldsFrom(h));
     if (hd.byteOrder != 0xFFFE) return fail("byte order");
     v4_ = hd.major[0] == 4;
     if (hd.sectorShift != (v4_ ? 12 : 9) || (!v4_ && hd.major[0] != 3) || hd.miniShift != 6) {
@@ -131,8 +164,8 @@ class Parser {
   bool fat() {
     for (uint32_t s : out_.fatSectors) {
       if (!own(s, kUnowned - 2, "FAT")) return false;
-      for (uint32_t k = 0; k < ss_ / 4; ++k) out_.fat.push_back(get32(sector(s) + 4 * k));
     }
+    readTable(out_.fatSectors, &out_.fat);
     for (uint32_t s : out_.fatSectors) {
       if (out_.fat[s] != kFatSect) return fail("FAT sector not marked -3");
     }
@@ -143,27 +176,16 @@ class Parser {
   }
 
   bool directory() {
-    std::vector<uint32_t> sectors;
-    uint32_t s = out_.header.dirStart;
     // The directory's length is not stored: follow the chain to its end.
-    while (s != kEnd) {
-      if (s >= out_.fat.size()) return fail("directory chain leaves the FAT");
-      if (!own(s, kUnowned - 3, "directory")) return false;
-      sectors.push_back(s);
-      s = out_.fat[s];
-    }
+    std::vector<uint32_t> sectors;
+    if (!chain(out_.header.dirStart, kToEnd, kUnowned - 3, "directory", &sectors)) return false;
     if (out_.header.dirSectors != (v4_ ? sectors.size() : 0)) return fail("directory sector count");
     for (uint32_t d : sectors) {
       for (uint32_t k = 0; k < ss_ / 128; ++k) {
         const uint8_t* e = sector(d) + 128 * k;
         ParsedEntry entry;
         entry.nameLength = get16(e + 0x40);
-        entry.type = e[0x42];
-        entry.colour = e[0x43];
-        entry.left = get32(e + 0x44);
-        entry.right = get32(e + 0x48);
-        entry.child = get32(e + 0x4C);
-        entry.start = get32(e + 0x74);
+        entryFields(entry, fieldsFrom(e));
         entry.size = get32(e + 0x78) | (static_cast<uint64_t>(get32(e + 0x7C)) << 32);
         if (entry.nameLength > 64 || entry.nameLength % 2 != 0 ||
             (entry.type != 0 && entry.nameLength < 2)) {
@@ -183,47 +205,20 @@ class Parser {
 
   bool miniFat() {
     const CfbHeader& hd = out_.header;
-    if (hd.miniFatSectors == 0) {
-      return hd.miniFatStart == kEnd ? true : fail("mini FAT start without sectors");
-    }
+    if (hd.miniFatSectors == 0) return hd.miniFatStart == kEnd || fail("mini FAT start without sectors");
     std::vector<uint32_t> sectors;
-    if (!chain(hd.miniFatStart, hd.miniFatSectors, kUnowned - 4, "mini FAT", &sectors)) {
-      return false;
-    }
-    for (uint32_t s : sectors) {
-      for (uint32_t k = 0; k < ss_ / 4; ++k) out_.miniFat.push_back(get32(sector(s) + 4 * k));
-    }
+    if (!chain(hd.miniFatStart, hd.miniFatSectors, kUnowned - 4, "mini FAT", &sectors)) return false;
+    readTable(sectors, &out_.miniFat);
     return true;
   }
 
   bool miniStream() {
     const ParsedEntry& root = out_.dir[0];
-    if (root.size == 0) return root.start == kEnd ? true : fail("root start without size");
+    if (root.size == 0) return root.start == kEnd || fail("root start without size");
     std::vector<uint32_t> sectors;
-    if (!chain(root.start, sectorsFor(root.size), kUnowned - 5, "mini stream", &sectors)) {
-      return false;
-    }
-    for (uint32_t s : sectors) out_.miniStream.insert(out_.miniStream.end(), sector(s), sector(s) + ss_);
-    out_.miniStream.resize(root.size);
+    if (!chain(root.start, sectorsFor(root.size), kUnowned - 5, "mini stream", &sectors)) return false;
+    out_.miniStream = gather(sectors, root.size);
     miniOwner_.assign(root.size / 64, kUnowned);
-    return true;
-  }
-
-  bool miniChain(uint32_t entry, const ParsedEntry& e, Bytes* data) {
-    uint32_t s = e.start;
-    uint64_t count = (e.size + 63) / 64;
-    for (uint64_t i = 0; i < count; ++i) {
-      if (s >= out_.miniFat.size() || s >= miniOwner_.size()) {
-        return fail("mini chain leaves the mini stream");
-      }
-      if (miniOwner_[s] != kUnowned) return fail("mini sector used twice");
-      miniOwner_[s] = entry;
-      data->insert(data->end(), out_.miniStream.begin() + 64 * s,
-                   out_.miniStream.begin() + 64 * (s + 1));
-      s = out_.miniFat[s];
-    }
-    if (s != kEnd) return fail("mini chain longer than its size");
-    data->resize(e.size);
     return true;
   }
 
@@ -239,37 +234,19 @@ class Parser {
         if (e.start != kEnd) return fail("empty stream with a start sector");
         continue;
       }
-      Bytes& data = out_.streams[i];
-      if (e.size < out_.header.miniCutoff) {
-        if (!miniChain(i, e, &data)) return false;
-        continue;
-      }
+      const bool mini = e.size < out_.header.miniCutoff;
       std::vector<uint32_t> sectors;
-      if (!chain(e.start, sectorsFor(e.size), i, "stream", &sectors)) return false;
-      for (uint32_t s : sectors) data.insert(data.end(), sector(s), sector(s) + ss_);
-      data.resize(e.size);
+      if (!chain(e.start, mini ? (e.size + 63) / 64 : sectorsFor(e.size), i,
+                 mini ? "mini stream" : "stream", &sectors, mini)) {
+        return false;
+      }
+      out_.streams[i] = gather(sectors, e.size, mini);
     }
     return true;
   }
 
   bool leftovers() {
-    for (uint32_t s = 0; s < out_.sectorCount; ++s) {
-      const bool free = s < out_.fat.size() && out_.fat[s] == kFree;
-      if (owner_[s] == kUnowned && !(lenient_ && free)) {
-        return fail("sector " + std::to_string(s) + " belongs to nothing");
-      }
-    }
-    for (size_t s = out_.sectorCount; s < out_.fat.size(); ++s) {
-      if (out_.fat[s] != kFree) return fail("FAT entry past the file is not free");
-    }
-    for (size_t s = miniOwner_.size(); s < out_.miniFat.size(); ++s) {
-      if (out_.miniFat[s] != kFree) return fail("mini FAT entry past the mini stream is not free");
-    }
-    for (size_t s = 0; s < miniOwner_.size(); ++s) {
-      const bool free = s < out_.miniFat.size() && out_.miniFat[s] == kFree;
-      if (miniOwner_[s] == kUnowned && !(lenient_ && free)) return fail("mini sector in use by nothing");
-    }
-    return true;
+    return allClaimed(owner_, out_.fat, "sector") && allClaimed(miniOwner_, out_.miniFat, "mini sector");
   }
 
   const Bytes& file_;
@@ -288,21 +265,15 @@ std::string narrow(const std::u16string& name) {
   return out;
 }
 
-}  // namespace
-
-bool parse(const Bytes& file, ParsedFile* out, std::string* error) {
-  *out = ParsedFile();
-  return Parser(file, out).run(error);
-}
-
-namespace {
-
 std::string treeProblemsBy(const ParsedFile& file,
                            const std::function<bool(const std::u16string&, const std::u16string&)>& less) {
   const std::vector<ParsedEntry>& dir = file.dir;
   std::vector<int> seen(dir.size(), 0);
   std::string problems;
-  auto note = [&problems](const std::string& p) { problems += p + "\n"; };
+  auto note = [&problems](const std::string& p) {
+    problems += p + "\n";
+    return false;
+  };
   for (uint32_t storage = 0; storage < dir.size(); ++storage) {
     const ParsedEntry& s = dir[storage];
     if (s.type == 2 && s.child != kNone) note("stream " + std::to_string(storage) + " has a child");
@@ -312,13 +283,9 @@ std::string treeProblemsBy(const ParsedFile& file,
     std::function<bool(uint32_t)> walk = [&](uint32_t at) {
       if (at == kNone) return true;
       if (at >= dir.size() || at == 0 || dir[at].type == 0) {
-        note("link out of range under " + std::to_string(storage));
-        return false;
+        return note("link out of range under " + std::to_string(storage));
       }
-      if (seen[at]++ > 0) {
-        note("entry " + std::to_string(at) + " reached twice");
-        return false;
-      }
+      if (seen[at]++ > 0) return note("entry " + std::to_string(at) + " reached twice");
       if (!walk(dir[at].left)) return false;
       inOrder.push_back(at);
       return walk(dir[at].right);
@@ -351,6 +318,11 @@ int blackHeight(const std::vector<ParsedEntry>& dir, uint32_t at) {
 }
 
 }  // namespace
+
+bool parse(const Bytes& file, ParsedFile* out, std::string* error) {
+  *out = ParsedFile();
+  return Parser(file, out).run(error);
+}
 
 std::string treeProblems(const ParsedFile& file) { return treeProblemsBy(file, siblingLess); }
 

@@ -60,17 +60,12 @@ void openNested(Walk& w) {
   hSwitchFromOLE(w.h);
 }
 
-// The number n of a storage named "_n", or -1.
-int64_t objectNumber(const char* name) {
-  if (name[0] != '_' || name[1] < '0' || name[1] > '9') return -1;
-  char* end = nullptr;
-  long long n = strtoll(name + 1, &end, 10);
-  return *end == 0 ? n : -1;
-}
-
+// Extracts the object of a storage named "_" and a number n.
 void extractObject(Walk& w, const char* name) {
-  int64_t n = objectNumber(name);
-  if (n < 0 || w.objectFile == nullptr) return;
+  if (w.objectFile == nullptr || name[0] != '_' || name[1] < '0' || name[1] > '9') return;
+  char* end = nullptr;
+  const long long n = strtoll(name + 1, &end, 10);
+  if (*end != 0) return;
   unsigned char picture[76];
   bOLEgetObject(w.h, n, picture, 0);
   bOLEgetObject(w.h, n, const_cast<char*>(w.objectFile), 3);

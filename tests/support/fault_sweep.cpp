@@ -5,15 +5,8 @@
 namespace moxtest {
 
 const char* faultName(Fault fault) {
-  switch (fault) {
-    case Fault::kAllocation: return "Allocation";
-    case Fault::kEmptyRead: return "EmptyRead";
-    case Fault::kShortRead: return "ShortRead";
-    case Fault::kSeek: return "Seek";
-    case Fault::kSeeksFrom: return "SeeksFrom";
-    case Fault::kWrite: return "Write";
-  }
-  return "?";
+  static const char* const kNames[] = {"Allocation", "EmptyRead", "ShortRead", "Seek", "SeeksFrom", "Write"};
+  return kNames[static_cast<int>(fault)];
 }
 
 void arm(Fault fault, int64_t n, moxhost::HostIo& io, moxhost::FaultPlan& plan) {

@@ -13,7 +13,7 @@
 
 namespace moxtest {
 
-enum class Fault {
+enum class Fault {  // in the order of faultName's table
   kAllocation,  // the n-th allocation attempt is refused
   kEmptyRead,   // the n-th host read returns nothing
   kShortRead,   // the n-th host read returns part of what was asked

@@ -1,5 +1,6 @@
 #include "support/manifest.h"
 
+#include <algorithm>
 #include <cctype>
 #include <fstream>
 #include <sstream>
@@ -41,21 +42,17 @@ std::vector<std::u16string> unitPath(const std::string& field) {
 std::vector<std::string> namePath(const std::vector<std::u16string>& units) {
   std::vector<std::string> names;
   for (const std::u16string& name : units) {
-    std::string bytes;
-    for (char16_t u : name) bytes += static_cast<char>(u & 0xFF);
-    names.push_back(bytes);
+    names.emplace_back();
+    for (char16_t u : name) names.back() += static_cast<char>(u & 0xFF);
   }
   return names;
 }
 
 }  // namespace
 
-std::string testName(const std::string& path) {
-  std::string name = path;
-  for (char& c : name) {
-    if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-  }
-  return name;
+std::string testName(std::string path) {
+  std::replace_if(path.begin(), path.end(), [](unsigned char c) { return !isalnum(c); }, '_');
+  return path;
 }
 
 std::vector<File> load(const std::string& corpusDir) {

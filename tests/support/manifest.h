@@ -46,7 +46,7 @@ std::vector<File> load(const std::string& corpusDir);
 
 // A file's path as a test name: every character but letters and digits
 // becomes '_'.
-std::string testName(const std::string& path);
+std::string testName(std::string path);
 
 // One test of the TEST_P suite `suite` (its parameter an index into
 // files(), a function returning files of the manifest) per file, named

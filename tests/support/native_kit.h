@@ -1,10 +1,11 @@
 // Small helpers the suites of the native interface share: deterministic
 // bytes, the error code an action throws, whether check() found an
-// error, a file's bytes, and the files of the corpus manifest.  Header-only, so that the kit itself need not
-// link the native interface.
+// error, a file's bytes, and the files of the corpus manifest.
+// Header-only, so that the kit itself need not link the native interface.
 #ifndef MOXOLEFIO_TESTS_SUPPORT_NATIVE_KIT_H_
 #define MOXOLEFIO_TESTS_SUPPORT_NATIVE_KIT_H_
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -46,10 +47,8 @@ inline std::vector<std::string> namesOf(const std::vector<mox::Entry>& entries) 
 
 // Whether check() found an error, not just warnings.
 inline bool hasError(const std::vector<mox::Defect>& defects) {
-  for (const mox::Defect& d : defects) {
-    if (d.severity == mox::Severity::error) return true;
-  }
-  return false;
+  return std::any_of(defects.begin(), defects.end(),
+                     [](const mox::Defect& d) { return d.severity == mox::Severity::error; });
 }
 
 inline std::vector<std::uint8_t> fileBytes(const std::string& path) {

@@ -30,17 +30,16 @@ std::vector<std::string> buildEnvironment(const ProgramOptions& options) {
   return env;
 }
 
-std::vector<char*> pointers(std::vector<std::string>& strings) {
+std::vector<char*> pointers(const std::vector<std::string>& strings) {
   std::vector<char*> out;
-  for (std::string& s : strings) out.push_back(&s[0]);
+  for (const std::string& s : strings) out.push_back(const_cast<char*>(s.c_str()));
   out.push_back(nullptr);
   return out;
 }
 
 std::string temporaryFile() {
   const char* dir = getenv("TMPDIR");
-  std::string pattern = std::string(dir != nullptr ? dir : "/tmp") +
-                        "/moxole-run-XXXXXX";
+  std::string pattern = std::string(dir != nullptr ? dir : "/tmp") + "/moxole-run-XXXXXX";
   int fd = mkstemp(&pattern[0]);
   if (fd >= 0) close(fd);
   return pattern;
@@ -48,33 +47,24 @@ std::string temporaryFile() {
 
 }  // namespace
 
-ProgramResult runProgram(const std::vector<std::string>& argv,
-                         const ProgramOptions& options) {
+ProgramResult runProgram(const std::vector<std::string>& argv, const ProgramOptions& options) {
   ProgramResult result;
-  std::string outPath = options.stdoutPath.empty() ? temporaryFile()
-                                                   : options.stdoutPath;
+  std::string outPath = options.stdoutPath.empty() ? temporaryFile() : options.stdoutPath;
   std::string errPath = temporaryFile();
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  std::vector<std::string> args = argv;
-  std::vector<std::string> env = buildEnvironment(options);
-  std::vector<char*> argp = pointers(args);
-  std::vector<char*> envp = pointers(env);
+  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  const std::vector<std::string> env = buildEnvironment(options);
+  std::vector<char*> argp = pointers(argv), envp = pointers(env);
   pid_t pid;
-  int spawned = posix_spawnp(&pid, argp[0], &actions, nullptr, argp.data(),
-                             envp.data());
+  int spawned = posix_spawnp(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   if (spawned == 0) {
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-    }
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status)
-                                      : 128 + WTERMSIG(status);
+    while (waitpid(pid, &status, 0) < 0) continue;
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
   if (options.stdoutPath.empty()) {
     result.out = slurp(outPath);

@@ -13,15 +13,12 @@ std::string patternBytes(size_t size, unsigned seed) {
 
 std::vector<SampleEntry> sampleTree() {
   std::vector<SampleEntry> t;
-  auto add = [&t](int parent, std::string name, std::string fileName,
-                  bool storage, std::string bytes) {
-    t.push_back({parent, std::move(name), std::move(fileName), storage,
-                 std::move(bytes)});
+  auto add = [&t](int parent, std::string name, std::string fileName, bool storage, std::string bytes) {
+    t.push_back({parent, std::move(name), std::move(fileName), storage, std::move(bytes)});
     return static_cast<int>(t.size()) - 1;
   };
   add(-1, "WordDocument", "WordDocument", false, patternBytes(6000, 1));
-  add(-1, "\x05SummaryInformation", "\\x05SummaryInformation", false,
-      patternBytes(300, 2));
+  add(-1, "\x05SummaryInformation", "\\x05SummaryInformation", false, patternBytes(300, 2));
   add(-1, "\x01" "CompObj", "\\x01CompObj", false, "");
   add(-1, "Big", "Big", false, patternBytes(5 * 1000 * 1000, 3));
   add(-1, "Mini4095", "Mini4095", false, patternBytes(4095, 4));
@@ -31,8 +28,7 @@ std::vector<SampleEntry> sampleTree() {
   int object = add(pool, "_1", "_1", true, "");
   // An object's metafile stream starts with a header whose first two bytes
   // give its length.
-  add(object, "\x03META", "\\x03META", false,
-      std::string("\x08\x00" "header", 8) + patternBytes(692, 6));
+  add(object, "\x03META", "\\x03META", false, std::string("\x08\x00" "header", 8) + patternBytes(692, 6));
   add(object, "\x02OlePres000", "\\x02OlePres000", false, "");
   add(pool, "Empty", "Empty", true, "");
   int a = add(-1, "A", "A", true, "");
@@ -45,8 +41,7 @@ std::vector<SampleEntry> sampleTree() {
   return t;
 }
 
-std::map<std::string, std::string> sampleSnapshot(
-    const std::vector<SampleEntry>& tree) {
+std::map<std::string, std::string> sampleSnapshot(const std::vector<SampleEntry>& tree) {
   std::map<std::string, std::string> snapshot;
   for (size_t i = 0; i < tree.size(); ++i) {
     std::string path = tree[i].fileName;
@@ -61,11 +56,9 @@ cfb::Bytes buildSampleDocument(const std::vector<SampleEntry>& tree) {
   std::vector<int> entryOf(tree.size());
   for (size_t i = 0; i < tree.size(); ++i) {
     int parent = tree[i].parent < 0 ? 0 : entryOf[tree[i].parent];
-    entryOf[i] = tree[i].storage
-                     ? builder.addStorage(parent, tree[i].name)
-                     : builder.addStream(parent, tree[i].name,
-                                         cfb::Bytes(tree[i].bytes.begin(),
-                                                    tree[i].bytes.end()));
+    const cfb::Bytes bytes(tree[i].bytes.begin(), tree[i].bytes.end());
+    entryOf[i] = tree[i].storage ? builder.addStorage(parent, tree[i].name)
+                                 : builder.addStream(parent, tree[i].name, bytes);
   }
   return builder.build();
 }

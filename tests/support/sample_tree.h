@@ -29,8 +29,7 @@ struct SampleEntry {
 std::vector<SampleEntry> sampleTree();
 
 // The tree as snapshotTree() shows it on disk.
-std::map<std::string, std::string> sampleSnapshot(
-    const std::vector<SampleEntry>& tree);
+std::map<std::string, std::string> sampleSnapshot(const std::vector<SampleEntry>& tree);
 
 // The tree as a compound file made by the test builder.
 cfb::Bytes buildSampleDocument(const std::vector<SampleEntry>& tree);

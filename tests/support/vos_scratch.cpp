@@ -23,10 +23,6 @@ CwdGuard::~CwdGuard() {
   if (!previous_.empty() && chdir(previous_.c_str()) != 0) abort();
 }
 
-UmaskGuard::UmaskGuard(mode_t mask) : previous_(umask(mask)) {}
-
-UmaskGuard::~UmaskGuard() { umask(previous_); }
-
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream out;

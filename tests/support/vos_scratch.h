@@ -3,6 +3,7 @@
 #ifndef MOXOLEFIO_TESTS_SUPPORT_VOS_SCRATCH_H_
 #define MOXOLEFIO_TESTS_SUPPORT_VOS_SCRATCH_H_
 
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -28,8 +29,8 @@ class CwdGuard {
 // Sets the umask for the guard's life.
 class UmaskGuard {
  public:
-  explicit UmaskGuard(mode_t mask);
-  ~UmaskGuard();
+  explicit UmaskGuard(mode_t mask) : previous_(umask(mask)) {}
+  ~UmaskGuard() { umask(previous_); }
 
  private:
   mode_t previous_;

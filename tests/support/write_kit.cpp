@@ -64,19 +64,14 @@ cfb::Bytes write(const Shape& shape, size_t piece) {
 
 namespace {
 
-struct Seen {
-  int type;
-  int64_t size;
-  int index;
-};
-
+// Every node below `node` by backslash path.
 void collect(const _MoxOleTreeNode* node, const std::string& prefix,
-             std::map<std::string, Seen>* out) {
+             std::map<std::string, const _MoxOleTreeNode*>* out) {
   for (int i = 0; i < node->iChildCount; ++i) {
     const _MoxOleTreeNode* child = node->ppChildren[i];
     std::string path = prefix + std::string(child->szName, strnlen(child->szName, 36));
     EXPECT_EQ(out->count(path), 0u) << path << " listed twice";
-    (*out)[path] = Seen{child->iType, child->iSize, child->iIndex};
+    (*out)[path] = child;
     collect(child, path + "\\", out);
   }
 }
@@ -104,15 +99,6 @@ std::string parentOf(const std::string& path) {
   return cut == std::string::npos ? "" : path.substr(0, cut);
 }
 
-std::string nameOf(const std::string& path) {
-  size_t cut = path.rfind('\\');
-  return cut == std::string::npos ? path : path.substr(cut + 1);
-}
-
-bool hasUpperCase(const std::string& text) {
-  return std::any_of(text.begin(), text.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
-}
-
 // The storage-path open descends sibling trees comparing names of equal
 // length byte for byte, while the writer orders them with letters folded
 // to lower case; the two orders agree only where no sibling met on the
@@ -120,7 +106,10 @@ bool hasUpperCase(const std::string& text) {
 bool pathOpenCanFind(const std::map<std::string, cfb::Item>& want, const std::string& path) {
   std::set<std::string> mixedCase;  // storages with a child named in upper case
   for (const auto& kv : want) {
-    if (hasUpperCase(nameOf(kv.first))) mixedCase.insert(parentOf(kv.first));
+    const std::string name = kv.first.substr(kv.first.rfind('\\') + 1);  // all of it at the top
+    if (std::any_of(name.begin(), name.end(), [](char c) { return c >= 'A' && c <= 'Z'; })) {
+      mixedCase.insert(parentOf(kv.first));
+    }
   }
   for (std::string at = path;; at = parentOf(at)) {
     if (mixedCase.count(parentOf(at)) > 0) return false;
@@ -139,9 +128,8 @@ void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::I
   HostMemory* pool = pools.createPool(4096, 0, nullptr);
   _MoxOleTreeNode* root = nullptr;
   EXPECT_EQ(iOLEGetStreamTree(h, pool, &root), 0);
-  std::map<std::string, Seen> seen;
+  std::map<std::string, const _MoxOleTreeNode*> seen;  // the nodes live as long as the pool
   if (root != nullptr) collect(root, "", &seen);
-  pools.destroyPool(pool);
 
   EXPECT_EQ(seen.size(), want.size());
   for (const auto& kv : want) {
@@ -150,10 +138,10 @@ void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::I
       ADD_FAILURE() << kv.first << " is not in the library's tree";
       continue;
     }
-    EXPECT_EQ(it->second.type, kv.second.type) << kv.first;
+    EXPECT_EQ(it->second->iType, kv.second.type) << kv.first;
     if (kv.second.type != 2) continue;
-    EXPECT_EQ(it->second.size, static_cast<int64_t>(kv.second.data.size())) << kv.first;
-    EXPECT_EQ(iReadStreamChain(it->second.index, h), 0) << kv.first;
+    EXPECT_EQ(it->second->iSize, static_cast<int64_t>(kv.second.data.size())) << kv.first;
+    EXPECT_EQ(iReadStreamChain(it->second->iIndex, h), 0) << kv.first;
     EXPECT_EQ(lOLEseek(h, 0, 0), 0) << kv.first;
     EXPECT_TRUE(streamkit::readToEnd(h, 70000) == kv.second.data) << kv.first << " read by entry number";
     if (openByPath(h, kv.first)) {
@@ -162,6 +150,7 @@ void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::I
       EXPECT_FALSE(pathOpenCanFind(want, kv.first)) << kv.first << " not opened by path";
     }
   }
+  pools.destroyPool(pool);
   bOLEcloseStream(h, nullptr);
   EXPECT_EQ(iOLEclose(h), 1);
   EXPECT_EQ(memory.liveBlocks(), 0);
@@ -171,10 +160,6 @@ uint32_t u32(const cfb::Bytes& file, size_t offset) {
   return static_cast<uint32_t>(file.at(offset)) | (static_cast<uint32_t>(file.at(offset + 1)) << 8) |
          (static_cast<uint32_t>(file.at(offset + 2)) << 16) |
          (static_cast<uint32_t>(file.at(offset + 3)) << 24);
-}
-
-uint16_t u16(const cfb::Bytes& file, size_t offset) {
-  return static_cast<uint16_t>(file.at(offset) | (file.at(offset + 1) << 8));
 }
 
 }  // namespace writekit

@@ -67,9 +67,8 @@ cfb::Bytes write(const Shape& shape, size_t piece = 0);
 // for anything that differs from `want`, and for leaks.
 void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::Item>& want);
 
-// Little-endian fields of a file, for byte-level checks.
+// A little-endian field of a file, for byte-level checks.
 uint32_t u32(const cfb::Bytes& file, size_t offset);
-uint16_t u16(const cfb::Bytes& file, size_t offset);
 
 }  // namespace writekit
 

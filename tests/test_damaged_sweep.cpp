@@ -66,11 +66,7 @@ void exercise(ViewIo* io, bool everything) {
       walkDocument(h, memory.memory());
     } else {
       moxhost::PoolServices services;
-      int status = 0;
-      HostMemory* pool = services.createPool(4096, 0, &status);
-      _MoxOleTreeNode* root = nullptr;
-      iOLEGetStreamTree(h, pool, &root);
-      services.destroyPool(pool);
+      StreamTree tree(h, services);
     }
     iOLEclose(h);
   }

@@ -386,11 +386,7 @@ Cost measure(const cfb::CfbLayout& layout, const char* what) {
   _MoxOleFile* h = hOLEopen(io.io(), &memory.face);
   if (h != nullptr) {
     walkDocument(h, &memory.face);
-    int status = 0;
-    HostMemory* pool = pools.createPool(4096, 0, &status);
-    _MoxOleTreeNode* root = nullptr;
-    iOLEGetStreamTree(h, pool, &root);
-    pools.destroyPool(pool);
+    { const StreamTree tree(h, pools); }
     iOLEclose(h);
   }
   EXPECT_EQ(memory.counting.liveBlocks(), 0) << what;

@@ -20,6 +20,7 @@
 #include "format/names.h"
 #include "moxolefio/moxolefio.hpp"
 #include "support/native_kit.h"
+#include "support/document_walk.h"
 #include "support/sha256.h"
 #include "support/stream_kit.h"
 
@@ -89,10 +90,9 @@ std::map<int, std::string> streamDigests(_MoxOleFile* h) {
 // Counts the storages listed and those the exact path walk missed.
 void checkTreeAndObjectLists(OpenDoc& doc, const manifest::File& m, int* lists, int* misses) {
   moxhost::PoolServices services;
-  int status = 0;
-  HostMemory* pool = services.createPool(4096, 0, &status);
-  _MoxOleTreeNode* root = nullptr;
-  ASSERT_EQ(iOLEGetStreamTree(doc.handle(), pool, &root), 0);
+  const StreamTree built(doc.handle(), services);
+  ASSERT_EQ(built.status(), 0);
+  const _MoxOleTreeNode* root = built.root();
   std::set<Seen> tree, expected;
   std::vector<std::pair<Names, const _MoxOleTreeNode*>> storages = {{{}, root}};
   Names path;
@@ -120,7 +120,6 @@ void checkTreeAndObjectLists(OpenDoc& doc, const manifest::File& m, int* lists, 
     ++*lists;
     EXPECT_EQ(listed, children) << "object list of a storage " << where.size() << " deep";
   }
-  services.destroyPool(pool);
 }
 
 // The file through the 22-slot ABI, from bytes in memory: the header

@@ -22,6 +22,7 @@
 #include "moxolefio.h"
 #include "moxvos.h"
 #include "support/cfb_builder.h"
+#include "support/document_walk.h"
 #include "support/stream_kit.h"
 
 namespace {
@@ -64,11 +65,7 @@ int readShared(const std::string& path) {
     if (clone != nullptr && readAll(clone, name.c_str()) != bytes) ++wrong;
   }
   moxhost::PoolServices pools;
-  int status = 0;
-  HostMemory* pool = pools.createPool(4096, 0, &status);
-  _MoxOleTreeNode* root = nullptr;
-  if (iOLEGetStreamTree(h, pool, &root) != 0 || root->iChildCount != 4) ++wrong;
-  pools.destroyPool(pool);
+  if (const StreamTree tree(h, pools); tree.root() == nullptr || tree.root()->iChildCount != 4) ++wrong;
   _MoxOleObjectEntry* list = nullptr;
   if (moxoleGetObjectList(h, nullptr, 0, &list) != 4) ++wrong;
   memory.release(list);

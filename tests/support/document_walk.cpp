@@ -111,15 +111,14 @@ void walkStorage(Walk& w, const _MoxOleTreeNode* node, Path& path) {
 
 void walkDocument(_MoxOleFile* h, HostMemory* memory, int depth, const char* objectFile) {
   moxhost::PoolServices services;
-  int status = 0;
-  HostMemory* pool = services.createPool(4096, 0, &status);
-  _MoxOleTreeNode* root = nullptr;
-  if (iOLEGetStreamTree(h, pool, &root) == 0 && root != nullptr) {
-    Path path;
-    Walk w{h, memory, depth + 1, objectFile};
-    walkStorage(w, root, path);
+  {
+    const StreamTree tree(h, services);
+    if (tree.root() != nullptr) {
+      Path path;
+      Walk w{h, memory, depth + 1, objectFile};
+      walkStorage(w, tree.root(), path);
+    }
   }
-  services.destroyPool(pool);
   _MoxOleFile* clone = hOLEopenClone(h);
   if (clone != nullptr) {
     bOLEopenStream(clone, "WordDocument");

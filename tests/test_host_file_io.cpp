@@ -9,30 +9,17 @@
 #include <vector>
 
 #include "host/moxhost.h"
-#include "support/vos_scratch.h"
+#include "support/native_kit.h"
 
 namespace {
 
-std::vector<uint8_t> patterned(size_t size) {
-  std::vector<uint8_t> bytes(size);
-  uint32_t x = 12345;
-  for (auto& b : bytes) {
-    x = x * 1103515245u + 12345u;
-    b = static_cast<uint8_t>(x >> 24);
-  }
-  return bytes;
-}
-
 class FileIoWindow : public ::testing::Test {
  protected:
-  void SetUp() override { store(patterned(200000)); }  // several windows, and a ragged end
+  void SetUp() override { store(moxtest::pattern(200000, 1)); }  // several windows, and a ragged end
 
   void store(const std::vector<uint8_t>& content) {
     bytes = content;
-    moxhost::FileIo writer(path, moxhost::FileIo::kCreate);
-    ASSERT_EQ(writer.doOpen(), 1);
-    ASSERT_EQ(writer.doWrite(bytes.data(), static_cast<int>(bytes.size())), 1);
-    writer.doClose();
+    ASSERT_TRUE(moxtest::writeBytes(path, bytes));
   }
 
   // Reads `count` bytes at `at` through `io` and compares with the file.
@@ -65,9 +52,7 @@ TEST_F(FileIoWindow, EveryReadGivesTheFilesBytes) {
   for (int64_t at : {199990, 200000, 250000, 0}) expectRead(io, at, 64);
   io.doClose();
   // Closing and opening again forgets the window, which now holds byte 0.
-  std::vector<uint8_t> other = patterned(1000);
-  std::reverse(other.begin(), other.end());
-  store(other);
+  store(moxtest::pattern(1000, 2));
   ASSERT_EQ(io.doOpen(), 1);
   expectRead(io, 0, 64);
   io.doClose();

@@ -20,40 +20,21 @@ using moxtest::ProgramResult;
 
 const char kMirror[] = MOX_SOURCE_DIR "/tests/support/olefile_mirror.py";
 
-// Manifest records of the well-formed files that olefile opened without
-// noting any defect, by path.
-std::map<std::string, std::vector<std::string>> cleanHeaders() {
-  std::map<std::string, std::vector<std::string>> headers;
-  for (const manifest::File& f : manifest::load(corpus::directory())) {
-    if (!f.damaged() && f.opens && !f.flawed && f.hasHeader) headers[f.path] = f.headerFields;
-  }
-  return headers;
-}
-
 class MoxoleCorpus : public ::testing::Test {
  protected:
+  // Manifest records of the well-formed files that olefile opened without
+  // noting any defect, by path.
   void SetUp() override {
     if (corpus::directory().empty()) GTEST_SKIP() << "no corpus folder";
     python_ = moxtest::olefilePython();
     if (python_.empty()) GTEST_SKIP() << "python3-olefile is not installed";
-    files_ = cleanHeaders();
+    for (const manifest::File& f : manifest::load(corpus::directory())) {
+      if (!f.damaged() && f.opens && !f.flawed && f.hasHeader) files_[f.path] = f.headerFields;
+    }
     ASSERT_GT(files_.size(), 20u) << "the manifest lists too few clean files";
   }
 
-  std::string pathOf(const std::string& file) const {
-    return corpus::directory() + "/" + file;
-  }
-
-  // olefile's view of `file` under `dir`; false when its names cannot be
-  // file names (surrogates) or two of them clash.
-  bool mirror(const std::string& file, const std::string& dir,
-              std::string* listing) {
-    ProgramResult r = moxtest::runProgram({python_, kMirror, pathOf(file), dir});
-    if (r.status == 3) return false;
-    EXPECT_EQ(r.status, 0) << file << ": " << r.err;
-    *listing = r.out;
-    return r.status == 0;
-  }
+  std::string pathOf(const std::string& file) const { return corpus::directory() + "/" + file; }
 
   std::map<std::string, std::vector<std::string>> files_;
   std::string python_;
@@ -72,11 +53,8 @@ TEST_F(MoxoleCorpus, CommandsReadWhatOlefileAndTheManifestRead) {
     std::map<std::string, std::string> info;
     std::stringstream lines(r.out);
     for (std::string line; std::getline(lines, line);) {
-      size_t colon = line.find(':');
-      size_t value = line.find_first_not_of(' ', colon + 1);
-      if (colon != std::string::npos && value != std::string::npos) {
-        info[line.substr(0, colon)] = line.substr(value);
-      }
+      const size_t colon = line.find(':'), value = line.find_first_not_of(' ', colon + 1);
+      if (colon != std::string::npos && value != std::string::npos) info[line.substr(0, colon)] = line.substr(value);
     }
     EXPECT_EQ(info["sector size"], h[2]) << r.out;
     EXPECT_EQ(info["mini sector size"], h[3]);
@@ -94,9 +72,13 @@ TEST_F(MoxoleCorpus, CommandsReadWhatOlefileAndTheManifestRead) {
     // Trees of thousands of entries spend seconds creating files on both
     // sides and teach nothing new.
     if (entries > 2000) continue;
+    // olefile's view of the tree; status 3 when its names cannot be file
+    // names (surrogates) or two of them clash.
     moxtest::ScratchDir scratch;
-    std::string listing;
-    if (!mirror(file, scratch.file("olefile"), &listing)) continue;
+    const ProgramResult mirrored = moxtest::runProgram({python_, kMirror, pathOf(file), scratch.file("olefile")});
+    if (mirrored.status == 3) continue;
+    ASSERT_EQ(mirrored.status, 0) << mirrored.err;
+    const std::string& listing = mirrored.out;
     ++compared;
     r = moxole({"extract", pathOf(file), scratch.file("moxole")});
     EXPECT_EQ(r.status, 0) << r.err;
@@ -104,19 +86,14 @@ TEST_F(MoxoleCorpus, CommandsReadWhatOlefileAndTheManifestRead) {
     std::map<std::string, std::string> theirs = moxtest::snapshotTree(scratch.file("olefile"));
     EXPECT_EQ(ours.size(), theirs.size());
     for (const auto& [path, bytes] : theirs) {
-      auto it = ours.find(path);
-      if (it == ours.end()) {
-        ADD_FAILURE() << "no " << path;
-      } else if (it->second != bytes) {
-        ADD_FAILURE() << path << " differs (" << it->second.size() << " bytes, olefile " << bytes.size() << ")";
-      }
+      EXPECT_TRUE(ours.count(path) && ours[path] == bytes) << path << " missing or different";
     }
 
     std::map<std::string, uint64_t> streams;  // olefile's listing: path -> size
     std::set<std::string> paths;
-    std::stringstream mirrored(listing);
+    std::stringstream mirroredLines(listing);
     bool wideNames = false;
-    for (std::string line; std::getline(mirrored, line);) {
+    for (std::string line; std::getline(mirroredLines, line);) {
       std::vector<std::string> f = manifest::split(line, '\t');
       paths.insert(f.at(1));
       if (f[0] == "F") streams[f[1]] = std::stoull(f[2]);

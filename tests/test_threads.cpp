@@ -24,6 +24,7 @@
 #include "support/cfb_builder.h"
 #include "support/document_walk.h"
 #include "support/stream_kit.h"
+#include "support/vos_scratch.h"
 
 namespace {
 
@@ -59,20 +60,17 @@ int readShared(const std::string& path) {
   _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
   if (h == nullptr) return 1;
   _MoxOleFile* clone = hOLEopenClone(h);
-  if (clone == nullptr) ++wrong;
   for (const auto& [name, bytes] : sharedStreams()) {
-    if (readAll(h, name.c_str()) != bytes) ++wrong;
-    if (clone != nullptr && readAll(clone, name.c_str()) != bytes) ++wrong;
+    wrong += (readAll(h, name.c_str()) != bytes) + (clone == nullptr || readAll(clone, name.c_str()) != bytes);
   }
   moxhost::PoolServices pools;
   if (const StreamTree tree(h, pools); tree.root() == nullptr || tree.root()->iChildCount != 4) ++wrong;
   _MoxOleObjectEntry* list = nullptr;
-  if (moxoleGetObjectList(h, nullptr, 0, &list) != 4) ++wrong;
+  wrong += moxoleGetObjectList(h, nullptr, 0, &list) != 4;
   memory.release(list);
   if (clone != nullptr) iOLEcloseClone(clone);
   iOLEclose(h);
-  if (memory.liveBlocks() != 0) ++wrong;
-  return wrong;
+  return wrong + (memory.liveBlocks() != 0);
 }
 
 // Writes a document of the thread's own and reads it back.
@@ -103,10 +101,9 @@ int writeOwn(int seed) {
 // The OS layer in a folder of the thread's own.
 int driveOsLayer(const std::string& folder, int seed) {
   int failures = 0;
-  const std::string nested = folder + "/a/b/c";
+  const std::string nested = folder + "/a/b/c", file = nested + "/data";
   moxvos_mkdir(nested.c_str(), 0755, nullptr);  // -1 once there is nothing to make
   failures += moxvos_access(nested.c_str(), F_OK, nullptr) != 0;
-  const std::string file = nested + "/data";
   const cfb::Bytes bytes = pattern(5000, seed);
   int fd = static_cast<int>(moxvos_fopen(file.c_str(), "w+b", nullptr));
   failures += fd < 0;
@@ -125,13 +122,10 @@ int driveOsLayer(const std::string& folder, int seed) {
   moxvos_flock_free(&lock, nullptr);
 
   char* temporary = moxvos_tempnam(folder.c_str(), "t", nullptr);
-  failures += temporary == nullptr;
-  if (temporary != nullptr) {
-    struct stat record;
-    failures += moxvos_stat(temporary, &record, nullptr) != 0;
-    failures += moxvos_unlink(temporary, nullptr) != 0;
-    moxvos_free(temporary);
-  }
+  struct stat record;
+  failures += temporary == nullptr || moxvos_stat(temporary, &record, nullptr) != 0 ||
+              moxvos_unlink(temporary, nullptr) != 0;
+  moxvos_free(temporary);
   DIR* dir = moxvos_opendir(folder.c_str(), nullptr);
   int entries = 0;
   while (dir != nullptr && moxvos_readdir(dir, nullptr) != nullptr) ++entries;
@@ -148,13 +142,8 @@ int driveOsLayer(const std::string& folder, int seed) {
 TEST(Threads, OwnHandlesOnOneFileOwnDocumentsOwnFoldersAtOnce) {
   moxhost::ScratchDir scratch;
   const std::string shared = scratch.file("shared.doc");
-  {
-    moxhost::FileIo file(shared, moxhost::FileIo::kCreate);
-    const cfb::Bytes bytes = sharedDocument();
-    ASSERT_TRUE(file.io()->open(file.io()));
-    ASSERT_TRUE(file.io()->write(file.io(), bytes.data(), static_cast<int>(bytes.size())));
-    file.io()->close(file.io());
-  }
+  const cfb::Bytes bytes = sharedDocument();
+  ASSERT_TRUE(moxtest::writeFile(shared, std::string(bytes.begin(), bytes.end())));
   std::vector<int> failures(kThreads, 0);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {

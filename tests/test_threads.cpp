@@ -77,8 +77,7 @@ int readShared(const std::string& path) {
 int writeOwn(int seed) {
   moxhost::PoolServices host;
   moxhost::MemoryIo out;
-  const cfb::Bytes small = pattern(100 + seed, seed);
-  const cfb::Bytes large = pattern(20000 + seed, seed + 1);
+  const cfb::Bytes small = pattern(100 + seed, seed), large = pattern(20000 + seed, seed + 1);
   _MoxOleFile* w = hOLEopenEx(out.io(), host.services(), 1);
   if (w == nullptr) return 1;
   int failures = iOLEopenStreamEx(w, "Dir", 1, 1) != 0;

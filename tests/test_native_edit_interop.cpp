@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <set>
 
 #include "moxolefio/moxolefio.hpp"
@@ -20,18 +21,13 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 using moxtest::pattern;
 
-struct Item {
-  bool storage = false;
-  Bytes bytes;
-};
-using Contents = std::map<std::string, Item>;  // path below the root -> item
+// Path below the root -> a stream's bytes; nothing for a storage.  The
+// storages above each path are implied.
+using Contents = std::map<std::string, std::optional<Bytes>>;
 
 void put(mox::CompoundFile& f, Contents& c, const std::string& path, Bytes bytes) {
   f.create_stream(path).write(bytes.data(), bytes.size());
-  for (std::size_t cut = path.find('/'); cut != std::string::npos; cut = path.find('/', cut + 1)) {
-    c[path.substr(0, cut)].storage = true;
-  }
-  c[path] = Item{false, std::move(bytes)};
+  c[path] = std::move(bytes);
 }
 
 // Storages, mini and regular streams on both sides of the cutoff, an
@@ -39,16 +35,12 @@ void put(mox::CompoundFile& f, Contents& c, const std::string& path, Bytes bytes
 // letters and the full 31 units.
 Contents mixed(mox::CompoundFile& f) {
   Contents c;
-  put(f, c, "Doc/Body", pattern(9000, 1));
-  put(f, c, "Doc/Notes", pattern(100, 2));
-  put(f, c, "Doc/Inner/Deep", pattern(4096, 3));
-  put(f, c, "Doc/Inner/Mini", pattern(4095, 4));
-  put(f, c, "\x05SummaryInformation", pattern(300, 5));
-  put(f, c, "caf\xC3\xA9", pattern(64, 6));
-  put(f, c, "Zero", {});
-  put(f, c, "Name_with_thirty_one_characters", pattern(1, 7));
+  const std::pair<const char*, std::size_t> streams[] = {
+      {"Doc/Body", 9000}, {"Doc/Notes", 100}, {"Doc/Inner/Deep", 4096}, {"Doc/Inner/Mini", 4095},
+      {"\x05SummaryInformation", 300}, {"caf\xC3\xA9", 64}, {"Zero", 0}, {"Name_with_thirty_one_characters", 1}};
+  for (const auto& [path, size] : streams) put(f, c, path, pattern(size, static_cast<unsigned>(c.size())));
   f.create_storage("Doc/EmptyStorage");
-  c["Doc/EmptyStorage"].storage = true;
+  c["Doc/EmptyStorage"] = std::nullopt;
   return c;
 }
 
@@ -70,14 +62,13 @@ Contents edited(mox::CompoundFile& f, const std::string& path, int version) {
   e.commit();
   f = std::move(e);
   for (const std::string to : {"Moved", "Doc/Copy"}) {
-    c[to].storage = true;
     for (const std::string name : {"/Deep", "/Mini"}) c[to + name] = c["Doc/Inner" + name];
   }
-  for (const char* gone : {"Doc/Notes", "Doc/Inner", "Doc/Inner/Deep", "Doc/Inner/Mini"}) c.erase(gone);
-  Bytes& b = c["Doc/Body"].bytes;
+  for (const char* gone : {"Doc/Notes", "Doc/Inner/Deep", "Doc/Inner/Mini"}) c.erase(gone);
+  Bytes& b = *c["Doc/Body"];
   b.resize(12000);
   std::copy(patch.begin(), patch.end(), b.begin() + 5000);
-  c["Moved/Mini"].bytes.resize(5000, 0);
+  c["Moved/Mini"]->resize(5000, 0);
   return c;
 }
 
@@ -101,10 +92,8 @@ Contents large(mox::CompoundFile& f) {
   }
   b.seek(3 << 20);
   b.write(other.data(), 5000);
-  c["Large"] = Item{false, large};
-  c["Store"].storage = true;
-  Bytes& gapped = c["Store/Other"].bytes;
-  gapped = other;
+  c["Large"] = large;
+  Bytes& gapped = *(c["Store/Other"] = other);
   gapped.resize(3 << 20);
   gapped.insert(gapped.end(), other.begin(), other.begin() + 5000);
   put(f, c, "a", pattern(10, 10));
@@ -122,19 +111,22 @@ const Reader kReaders[] = {{"olefile", Kinds::all}, {"gsf", Kinds::not_for_empty
                            {"olecf", Kinds::none},  {"poi", Kinds::all},
                            {"cfb", Kinds::all},     {"moxole", Kinds::all}};
 
-std::string expectedListing(const Contents& c, Kinds kinds) {
+std::string expectedListing(Contents c, Kinds kinds) {
   std::set<std::string> parents;
-  for (const auto& [path, item] : c) {
-    const auto cut = path.rfind('/');
-    if (cut != std::string::npos) parents.insert(path.substr(0, cut));
+  for (const auto& [path, bytes] : c) {
+    for (auto cut = path.find('/'); cut != std::string::npos; cut = path.find('/', cut + 1)) {
+      parents.insert(path.substr(0, cut));
+    }
   }
+  for (const std::string& parent : parents) c[parent];
   std::set<std::string> lines;  // sorted, as the listing is
-  for (const auto& [path, item] : c) {
-    std::string kind = item.storage ? "d" : "f";
-    const bool empty = item.storage ? parents.count(path) == 0 : item.bytes.empty();
-    if (kinds == Kinds::none || (kinds == Kinds::not_for_empty_items && empty)) kind = "-";
-    lines.insert(kind + " " + std::to_string(item.bytes.size()) + " " +
-                 sha256Hex(item.bytes.data(), item.bytes.size()) + " " + path);
+  for (const auto& [path, bytes] : c) {
+    std::string kind = bytes ? "f" : "d";
+    const Bytes data = bytes.value_or(Bytes());
+    if (kinds == Kinds::none || (kinds == Kinds::not_for_empty_items && (bytes ? data.empty() : !parents.count(path)))) {
+      kind = "-";
+    }
+    lines.insert(kind + " " + std::to_string(data.size()) + " " + sha256Hex(data.data(), data.size()) + " " + path);
   }
   std::string out;
   for (const std::string& l : lines) out += l + "\n";

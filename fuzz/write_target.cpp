@@ -9,12 +9,10 @@
 //
 // Allocation and output failures can be injected; a run in which one
 // fired is only required to fail cleanly, not to round-trip.
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -37,14 +35,12 @@ constexpr size_t kKeptName = 36;
 constexpr size_t kStoredName = 31;
 constexpr size_t kLongestPath = 1023;
 
-// ASCII letters folded to lower case, bytes otherwise as they are.
+using moxfuzz::require;
+
+// ASCII letters folded to lower case (the target never sets a locale),
+// bytes otherwise as they are; names hold no zero byte.
 bool sameNameIgnoringCase(const std::string& a, const std::string& b) {
-  auto fold = [](char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; };
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (fold(a[i]) != fold(b[i])) return false;
-  }
-  return true;
+  return a.size() == b.size() && strcasecmp(a.c_str(), b.c_str()) == 0;
 }
 
 struct ModelEntry {
@@ -58,21 +54,16 @@ struct ModelEntry {
 
 class WriteModel {
  public:
-  WriteModel() { add(5, true, -1, "Root Entry"); }
-
-  std::vector<ModelEntry> entries;  // entry 0 is the root
-  int current = -1;                 // the current writer stream, or -1
-  bool allPlaced = true;
+  std::vector<ModelEntry> entries{{5, true, -1, "Root Entry", {}}};  // entry 0 is the root
+  int current = -1;                                             // the current writer stream, or -1
 
   int add(int type, bool placed, int parent, const std::string& name) {
-    ModelEntry e;
-    e.type = type;
-    e.placed = placed;
-    e.parent = parent;
-    e.name = name;
-    entries.push_back(e);
-    if (!placed) allPlaced = false;
+    entries.push_back({type, placed, parent, name, {}});
     return static_cast<int>(entries.size()) - 1;
+  }
+
+  bool allPlaced() const {
+    return std::all_of(entries.begin(), entries.end(), [](const ModelEntry& e) { return e.placed; });
   }
 
   // The path of entry k with every name cut to `cut` bytes, with a leading
@@ -115,13 +106,11 @@ class WriteModel {
   // True when every name fits the file and has no upper-case ASCII letter:
   // exact and case-blind comparisons then order and match names alike.
   bool plainNames() const {
-    if (!allPlaced) return false;
+    if (!allPlaced()) return false;
     for (size_t k = 1; k < entries.size(); ++k) {
       const std::string& name = entries[k].name;
-      if (name.size() > kStoredName) return false;
-      for (char c : name) {
-        if (c >= 'A' && c <= 'Z') return false;
-      }
+      const auto upper = [](char c) { return c >= 'A' && c <= 'Z'; };
+      if (name.size() > kStoredName || std::any_of(name.begin(), name.end(), upper)) return false;
     }
     return true;
   }
@@ -133,12 +122,6 @@ constexpr int kMaxOps = 256;
 // to keep the others fast.
 constexpr uint64_t kLargeBudget = 16u << 20;
 constexpr uint64_t kSmallBudget = 512u << 10;
-
-void require(bool condition, const char* what) {
-  if (condition) return;
-  fprintf(stderr, "moxfuzz write: %s\n", what);
-  abort();
-}
 
 class Run {
  public:
@@ -170,6 +153,12 @@ class Run {
     abort();
   }
 
+  // A creation whose outcome the account cannot predict: made, refused as
+  // taken, or out of memory with failures armed.
+  void requireCreated(int status, const char* what) {
+    require(status == 0 || status == 6 || (faultsArmed_ && status == 2), what);
+  }
+
   void create(FuzzInput& in, int type) {
     const uint8_t choice = in.byte();
     int parent = (choice & 0x7F) % static_cast<int>(model_.entries.size());
@@ -178,9 +167,7 @@ class Run {
     // backslash; such entries stay leaves.
     if (!p.placed || (parent != 0 && p.name.empty())) parent = 0;
     std::string name = in.text(48);
-    for (char& c : name) {
-      if (c == '\\') c = '/';
-    }
+    std::replace(name.begin(), name.end(), '\\', '/');
     std::string path;
     model_.pathOf(parent, kKeptName, &path);
     if (parent == 0) path.clear();
@@ -192,10 +179,10 @@ class Run {
     const int status = api_.iOLEopenStreamEx(h_, path.c_str(), type, 1);
     model_.current = -1;
     const bool taken = model_.nameTaken(parent, kept);
-    if (model_.allPlaced) {
+    if (model_.allPlaced()) {
       expect(status, taken ? 6 : 0, "creating an entry");
     } else {
-      require(status == 0 || status == 6 || (faultsArmed_ && status == 2), "creating an entry");
+      requireCreated(status, "creating an entry");
     }
     if (status == 0) {
       require(!taken, "two siblings whose names differ only in case");
@@ -213,8 +200,7 @@ class Run {
       return;
     }
     model_.current = -1;
-    require(status == 0 || status == 6 || (faultsArmed_ && status == 2),
-            "creating an entry by a raw path");
+    requireCreated(status, "creating an entry by a raw path");
     if (status == 0) model_.current = model_.add(type, false, -1, "");
   }
 
@@ -228,13 +214,7 @@ class Run {
     const uint64_t offset = current < 0 ? 0 : model_.entries[current].data.size();
     moxfuzz::fillPattern(data, length, static_cast<uint32_t>(current), pattern, offset);
     const int status = api_.iOLEwrite(h_, data, static_cast<int>(length));
-    int want = 0;
-    if (current < 0) {
-      want = 34;
-    } else if (length > 0 && model_.entries[current].type != 2) {
-      want = 6;
-    }
-    expect(status, want, "iOLEwrite");
+    expect(status, current < 0 ? 34 : length > 0 && model_.entries[current].type != 2 ? 6 : 0, "iOLEwrite");
     if (current < 0 || model_.entries[current].type != 2) return;
     ModelEntry& e = model_.entries[current];
     if (status == 0) {
@@ -412,7 +392,7 @@ void checkWithReader(const WriteModel& m, const std::vector<uint8_t>& file) {
 // its backslash path.
 void checkWithWriterEntry(const MoxOleInterface& api, const WriteModel& m,
                           const std::vector<uint8_t>& file) {
-  if (!m.allPlaced) return;
+  if (!m.allPlaced()) return;
   moxhost::MemoryIo io(file);
   moxhost::PoolServices services;
   _MoxOleFile* h = api.hOLEopenEx(io.io(), services.services(), 0);

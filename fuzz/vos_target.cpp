@@ -114,15 +114,16 @@ class Run {
   }
 
   Slot& slot(FuzzInput& in) { return slots_[in.byte() % moxfuzz::kVosSlots]; }
+  Slot& freshSlot(FuzzInput& in) { return release(slot(in)); }
 
-  static void release(Slot& s) {
+  static Slot& release(Slot& s) {
     if (s.locked) {
       require(moxvos_flock_free(&s.lock, nullptr) == 0, "moxvos_flock_free");
       require(s.lock.iFd == -1 && s.lock.pszPath == nullptr, "a freed lock still holds something");
     } else if (s.fd >= 0) {
       moxvos_fclose(s.fd);
     }
-    s = Slot();
+    return s = Slot();
   }
 
   // A host buffer of `bytes` (at least one).
@@ -175,8 +176,7 @@ class Run {
     static const int kFlags[] = {
         O_RDONLY, O_WRONLY | O_CREAT, O_RDWR | O_CREAT | O_TRUNC, O_WRONLY | O_CREAT | O_EXCL,
         O_RDWR | O_CREAT | O_APPEND, O_RDONLY | O_DIRECTORY, O_RDWR, O_WRONLY | O_TRUNC};
-    Slot& s = slot(in);
-    release(s);
+    Slot& s = freshSlot(in);
     const std::string p = path(in);
     const int flags = kFlags[in.byte() % 8];
     const int fd = (in.byte() & 1) ? moxvos_open64(p.c_str(), flags, nullptr)
@@ -185,8 +185,7 @@ class Run {
   }
 
   void fopen(FuzzInput& in) {
-    Slot& s = slot(in);
-    release(s);
+    Slot& s = freshSlot(in);
     const std::string p = path(in);
     const std::string mode = in.text(4, false, 'b');
     const bool wide = in.byte() & 1;
@@ -273,9 +272,7 @@ class Run {
       case 2: moxvos_fstat64(s.fd, &record64); break;
       case 3: moxvos_fsync(s.fd); break;
       case 4:
-        if (moxvos_ftruncate(s.fd, length) == 0) {
-          require(moxvos_filesize(s.fd) == length, "the size after moxvos_ftruncate");
-        }
+        if (moxvos_ftruncate(s.fd, length) == 0) require(moxvos_filesize(s.fd) == length, "the size after ftruncate");
         break;
       case 5: release(s); break;
     }
@@ -325,8 +322,7 @@ class Run {
 
   void lock(FuzzInput& in) {
     static const int kFlags[] = {O_RDWR | O_CREAT, O_RDONLY, O_WRONLY | O_CREAT, O_RDWR};
-    Slot& s = slot(in);
-    release(s);
+    Slot& s = freshSlot(in);
     const std::string p = path(in);
     const int flags = kFlags[in.byte() % 4];
     const int whence = in.byte() % 3;

@@ -314,9 +314,8 @@ class Run {
     char* into = size == 0 ? nullptr : reinterpret_cast<char*>(buffer(size));
     const char* cwd = moxvos_getcwd(into, size, nullptr);
     require(cwd == nullptr || cwd == into, "moxvos_getcwd answered in another buffer");
-    if (cwd != nullptr) {
-      require(strncmp(cwd, scratch_.c_str(), scratch_.size()) == 0, "the working directory left the scratch directory");
-    }
+    require(cwd == nullptr || strncmp(cwd, scratch_.c_str(), scratch_.size()) == 0,
+            "the working directory left the scratch directory");
     if (into != nullptr) memory_.release(into);
   }
 
@@ -372,11 +371,7 @@ class Run {
       case 2: {
         void* p = moxvos_malloc(64);
         void* q = moxvos_realloc(p, size);
-        if (huge) {
-          require(q == nullptr, "moxvos_realloc past the limit");
-        } else {
-          require(q != nullptr || size == 0, "moxvos_realloc");
-        }
+        require(huge ? q == nullptr : q != nullptr || size == 0, huge ? "moxvos_realloc past the limit" : "moxvos_realloc");
         moxvos_free(huge ? p : q);  // past the limit the old block is still ours
         break;
       }

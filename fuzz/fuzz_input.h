@@ -5,10 +5,25 @@
 #ifndef MOXOLEFIO_FUZZ_FUZZ_INPUT_H_
 #define MOXOLEFIO_FUZZ_FUZZ_INPUT_H_
 
+#include <errno.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
 
 #include <string>
+
+namespace moxfuzz {
+
+// A failed property ends the run as a finding (libFuzzer and the replay
+// programs both report an abort), naming the program and errno.
+inline void require(bool condition, const char* what) {
+  if (condition) return;
+  fprintf(stderr, "%s: %s (errno %d)\n", program_invocation_short_name, what, errno);
+  abort();
+}
+
+}  // namespace moxfuzz
 
 class FuzzInput {
  public:

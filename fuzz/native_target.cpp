@@ -14,24 +14,17 @@
 //    a chain of the file itself.
 // Distinct streams may still share sectors in a damaged file, so the sum
 // over all streams is only bounded by entries times size.
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_input.h"
 #include "moxolefio/moxolefio.hpp"
 
 namespace {
 
-void require(bool condition, const char* what) {
-  if (condition) return;
-  fprintf(stderr, "moxfuzz native: %s\n", what);
-  abort();
-}
+using moxfuzz::require;
 
 // Reads the stream whole, then a few pieces at other positions, which
 // must agree with the whole.  Returns the bytes the whole read gave.

@@ -5,23 +5,12 @@
 // with Errc::damaged, the writer only with Errc::invalid_argument (for
 // text a code page cannot hold, or values a reader keeps but the format
 // cannot store).
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
-
 #include <vector>
 
+#include "fuzz/fuzz_input.h"
 #include "moxolefio/properties.hpp"
 
-namespace {
-
-void require(bool condition, const char* what) {
-  if (condition) return;
-  fprintf(stderr, "moxfuzz props: %s\n", what);
-  abort();
-}
-
-}  // namespace
+using moxfuzz::require;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   mox::PropertySet set;

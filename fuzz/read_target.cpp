@@ -19,11 +19,11 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
-#include <stdlib.h>
 
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_input.h"
 #include "fuzz/scratch_dir.h"
 #include "host/moxhost.h"
 #include "moxolefio.h"
@@ -46,11 +46,7 @@ constexpr int64_t kMemoryConstant = 128 << 10;
 constexpr int64_t kCallsPerByte = 2;
 constexpr int64_t kCallsConstant = 4096;
 
-void require(bool condition, const char* what) {
-  if (condition) return;
-  fprintf(stderr, "moxfuzz read: %s\n", what);
-  abort();
-}
+using moxfuzz::require;
 
 void readToEnd(MoxOleInterface& api, _MoxOleFile* h) {
   unsigned char buffer[4096];

@@ -1,12 +1,12 @@
 #include "fuzz/scratch_dir.h"
 
-#include <dirent.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <iterator>
 #include <vector>
 
 namespace moxfuzz {
@@ -15,21 +15,17 @@ namespace {
 
 std::string* made = nullptr;
 
+// Inputs leave directories without permissions; those are opened up
+// first, which std::filesystem::remove_all would not do.
 void removeTree(const std::string& path) {
   struct stat record;
   if (lstat(path.c_str(), &record) != 0) return;
   if (S_ISDIR(record.st_mode)) {
-    chmod(path.c_str(), 0700);
     emptyDir(path);
     rmdir(path.c_str());
   } else {
     unlink(path.c_str());
   }
-}
-
-void removeAtExit() {
-  if (made == nullptr) return;
-  removeTree(*made);
 }
 
 }  // namespace
@@ -45,31 +41,23 @@ const std::string& scratchDir(const char* tag) {
     abort();
   }
   made = new std::string(pattern);
-  atexit(removeAtExit);
+  atexit([] { removeTree(*made); });
   return *made;
 }
 
 void emptyDir(const std::string& dir) {
   chmod(dir.c_str(), 0700);
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return;
-  std::vector<std::string> names;
-  while (struct dirent* e = readdir(d)) {
-    if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
-  }
-  closedir(d);
-  for (const std::string& name : names) removeTree(dir + "/" + name);
+  std::error_code error;
+  std::vector<std::string> paths;
+  for (const auto& e : std::filesystem::directory_iterator(dir, error)) paths.push_back(e.path());
+  for (const std::string& path : paths) removeTree(path);
 }
 
 int openDescriptors() {
-  DIR* d = opendir("/proc/self/fd");
-  if (d == nullptr) return -1;
-  int count = 0;
-  while (struct dirent* e = readdir(d)) {
-    if (e->d_name[0] != '.') ++count;
-  }
-  closedir(d);
-  return count - 1;  // the listing's own descriptor
+  std::error_code error;
+  std::filesystem::directory_iterator fds("/proc/self/fd", error);
+  if (error) return -1;
+  return static_cast<int>(std::distance(fds, std::filesystem::directory_iterator())) - 1;  // the listing's own
 }
 
 }  // namespace moxfuzz

@@ -18,6 +18,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 #include "fuzz/fuzz_input.h"
@@ -31,11 +32,7 @@ namespace {
 constexpr int kMaxOps = 64;
 constexpr int kLowestDescriptor = 256;
 
-void require(bool condition, const char* what) {
-  if (condition) return;
-  fprintf(stderr, "moxfuzz vos: %s (errno %d)\n", what, errno);
-  abort();
-}
+using moxfuzz::require;
 
 // A relative path inside the working directory (see vos_program.h).
 std::string path(FuzzInput& in) {
@@ -44,9 +41,7 @@ std::string path(FuzzInput& in) {
   for (int i = 0; i < components; ++i) {
     const uint8_t length = in.byte();
     std::string name = in.chars(length & 0x80 ? 3 * (length & 0x7F) : length);
-    for (char& c : name) {
-      if (c == '/') c = '_';
-    }
+    std::replace(name.begin(), name.end(), '/', '_');
     if (name == "..") name = "._";
     if (i == 0 && name.empty()) name = "e";
     if (i > 0) out += '/';
@@ -57,9 +52,7 @@ std::string path(FuzzInput& in) {
 
 struct Slot {
   int fd = -1;
-  bool readable = false;
-  bool writable = false;
-  bool appending = false;
+  int flags = 0;        // as opened
   bool locked = false;  // holds lock, not fd
   _MoxvosFlock lock;
 };
@@ -74,7 +67,6 @@ class Run {
   }
 
   moxhost::CountingMemory& memory() { return memory_; }
-  mode_t mask() const { return mask_; }
 
   void step(FuzzInput& in) {
     switch (in.byte() % moxfuzz::kVosOpCount) {
@@ -82,12 +74,16 @@ class Run {
       case moxfuzz::kVosTempnam: temporaryName(in); break;
       case moxfuzz::kVosOpen: open(in); break;
       case moxfuzz::kVosFopen: fopen(in); break;
-      case moxfuzz::kVosWrite: write(in); break;
-      case moxfuzz::kVosRead: read(in); break;
+      case moxfuzz::kVosWrite: transfer(in, true); break;
+      case moxfuzz::kVosRead: transfer(in, false); break;
       case moxfuzz::kVosSeek: seek(in); break;
       case moxfuzz::kVosFileOps: fileOps(in); break;
       case moxfuzz::kVosStatus: status(in); break;
-      case moxfuzz::kVosRemove: remove(in); break;
+      case moxfuzz::kVosRemove: {
+        const std::string p = path(in);
+        (in.byte() & 1) ? moxvos_rmdir(p.c_str(), nullptr) : moxvos_unlink(p.c_str(), nullptr);
+        break;
+      }
       case moxfuzz::kVosRename: {
         const std::string from = path(in);
         moxvos_rename(from.c_str(), path(in).c_str(), nullptr);
@@ -118,26 +114,31 @@ class Run {
   }
 
   Slot& slot(FuzzInput& in) { return slots_[in.byte() % moxfuzz::kVosSlots]; }
+  Slot& freshSlot(FuzzInput& in) { return release(slot(in)); }
 
-  static void release(Slot& s) {
+  static Slot& release(Slot& s) {
     if (s.locked) {
       require(moxvos_flock_free(&s.lock, nullptr) == 0, "moxvos_flock_free");
       require(s.lock.iFd == -1 && s.lock.pszPath == nullptr, "a freed lock still holds something");
     } else if (s.fd >= 0) {
       moxvos_fclose(s.fd);
     }
-    s = Slot();
+    return s = Slot();
+  }
+
+  // A host buffer of `bytes` (at least one).
+  unsigned char* buffer(int64_t bytes) {
+    void* p = memory_.allocate(static_cast<int>(bytes > 0 ? bytes : 1));
+    require(p != nullptr, "host memory");
+    return static_cast<unsigned char*>(p);
   }
 
   void opened(Slot& s, int64_t fd, int flags) {
-    require(fd == -1 || fd >= 0, "a descriptor below -1");
-    if (fd >= 0 && highDescriptors_) require(fd >= kLowestDescriptor, "a descriptor below 256");
+    require(fd >= -1, "a descriptor below -1");
     if (fd < 0) return;
+    require(!highDescriptors_ || fd >= kLowestDescriptor, "a descriptor below 256");
     s.fd = static_cast<int>(fd);
-    const int access = flags & O_ACCMODE;
-    s.readable = access == O_RDONLY || access == O_RDWR;
-    s.writable = access == O_WRONLY || access == O_RDWR;
-    s.appending = (flags & O_APPEND) != 0;
+    s.flags = flags;
     if (flags & O_TRUNC) require(moxvos_filesize(s.fd) == 0, "a file opened to be truncated is not empty");
   }
 
@@ -156,9 +157,7 @@ class Run {
   void temporaryName(FuzzInput& in) {
     const std::string dir = path(in);
     std::string prefix = in.text(40, false, 'p');
-    for (char& c : prefix) {
-      if (c == '/') c = '_';
-    }
+    std::replace(prefix.begin(), prefix.end(), '/', '_');
     const bool noPrefix = in.byte() & 1;
     char* name = moxvos_tempnam(dir.c_str(), noPrefix ? nullptr : prefix.c_str(), nullptr);
     if (name == nullptr) return;
@@ -177,8 +176,7 @@ class Run {
     static const int kFlags[] = {
         O_RDONLY, O_WRONLY | O_CREAT, O_RDWR | O_CREAT | O_TRUNC, O_WRONLY | O_CREAT | O_EXCL,
         O_RDWR | O_CREAT | O_APPEND, O_RDONLY | O_DIRECTORY, O_RDWR, O_WRONLY | O_TRUNC};
-    Slot& s = slot(in);
-    release(s);
+    Slot& s = freshSlot(in);
     const std::string p = path(in);
     const int flags = kFlags[in.byte() % 8];
     const int fd = (in.byte() & 1) ? moxvos_open64(p.c_str(), flags, nullptr)
@@ -187,8 +185,7 @@ class Run {
   }
 
   void fopen(FuzzInput& in) {
-    Slot& s = slot(in);
-    release(s);
+    Slot& s = freshSlot(in);
     const std::string p = path(in);
     const std::string mode = in.text(4, false, 'b');
     const bool wide = in.byte() & 1;
@@ -206,44 +203,36 @@ class Run {
     require(got == (flags & (O_ACCMODE | O_APPEND)), "moxvos_fopen opened with other flags");
   }
 
-  void write(FuzzInput& in) {
+  // moxvos_fwrite or moxvos_fread of `count` elements of `size` bytes.
+  void transfer(FuzzInput& in, bool writing) {
     Slot& s = slot(in);
     const uint64_t size = in.byte() % 16 + 1;
     const uint64_t count = in.u16() % 4096;
-    const uint8_t pattern = in.byte();
+    const uint8_t pattern = writing ? in.byte() : 0;
     if (s.locked) return;
-    const int bytes = static_cast<int>(size * count);
-    unsigned char* buffer = static_cast<unsigned char*>(memory_.allocate(bytes > 0 ? bytes : 1));
-    require(buffer != nullptr, "host memory");
-    for (int i = 0; i < bytes; ++i) buffer[i] = static_cast<unsigned char>(pattern + i * 7);
+    const int64_t bytes = static_cast<int64_t>(size * count);
+    unsigned char* data = buffer(bytes);
+    if (!writing) {
+      const int64_t got = moxvos_fread(s.fd, data, size, count);
+      require(got >= 0 && static_cast<uint64_t>(got) <= count, "moxvos_fread's element count");
+      memory_.release(data);
+      return;
+    }
+    for (int64_t i = 0; i < bytes; ++i) data[i] = static_cast<unsigned char>(pattern + i * 7);
     const int64_t before = s.fd >= 0 ? moxvos_ftell(s.fd) : -1;
-    const int64_t written = moxvos_fwrite(s.fd, buffer, size, count);
+    const int64_t written = moxvos_fwrite(s.fd, data, size, count);
     require(written >= 0 && static_cast<uint64_t>(written) <= count, "moxvos_fwrite's element count");
     // Read back what a plain read-write descriptor has just written.
-    if (s.readable && s.writable && !s.appending && written > 0 && before >= 0) {
+    if ((s.flags & (O_ACCMODE | O_APPEND)) == O_RDWR && written > 0 && before >= 0) {
       const int64_t back = static_cast<int64_t>(written * size);
       require(moxvos_ftell(s.fd) == before + back, "the offset after moxvos_fwrite");
       require(moxvos_fseek(s.fd, before, SEEK_SET) == 0, "moxvos_fseek back");
-      unsigned char* check = static_cast<unsigned char*>(memory_.allocate(static_cast<int>(back)));
-      require(check != nullptr, "host memory");
+      unsigned char* check = buffer(back);
       require(moxvos_fread(s.fd, check, size, written) == written, "moxvos_fread of what was written");
-      require(memcmp(check, buffer, static_cast<size_t>(back)) == 0, "bytes read back differ");
+      require(memcmp(check, data, static_cast<size_t>(back)) == 0, "bytes read back differ");
       memory_.release(check);
     }
-    memory_.release(buffer);
-  }
-
-  void read(FuzzInput& in) {
-    Slot& s = slot(in);
-    const uint64_t size = in.byte() % 16 + 1;
-    const uint64_t count = in.u16() % 4096;
-    if (s.locked) return;
-    const int bytes = static_cast<int>(size * count);
-    void* buffer = memory_.allocate(bytes > 0 ? bytes : 1);
-    require(buffer != nullptr, "host memory");
-    const int64_t got = moxvos_fread(s.fd, buffer, size, count);
-    require(got >= 0 && static_cast<uint64_t>(got) <= count, "moxvos_fread's element count");
-    memory_.release(buffer);
+    memory_.release(data);
   }
 
   void seek(FuzzInput& in) {
@@ -283,9 +272,7 @@ class Run {
       case 2: moxvos_fstat64(s.fd, &record64); break;
       case 3: moxvos_fsync(s.fd); break;
       case 4:
-        if (moxvos_ftruncate(s.fd, length) == 0) {
-          require(moxvos_filesize(s.fd) == length, "the size after moxvos_ftruncate");
-        }
+        if (moxvos_ftruncate(s.fd, length) == 0) require(moxvos_filesize(s.fd) == length, "the size after ftruncate");
         break;
       case 5: release(s); break;
     }
@@ -300,15 +287,6 @@ class Run {
     moxvos_access(p.c_str(), mode, nullptr);
     moxvos_statfs(p.c_str(), &fs);
     moxvos_utimes(p.c_str(), nullptr);
-  }
-
-  void remove(FuzzInput& in) {
-    const std::string p = path(in);
-    if (in.byte() & 1) {
-      moxvos_rmdir(p.c_str(), nullptr);
-    } else {
-      moxvos_unlink(p.c_str(), nullptr);
-    }
   }
 
   void listDirectory(FuzzInput& in) {
@@ -332,30 +310,18 @@ class Run {
     const std::string p = path(in);
     const uint16_t size = in.u16() % 8192;
     moxvos_chdir(p.c_str(), nullptr);
-    char* cwd = nullptr;
-    char* buffer = nullptr;
-    if (size == 0) {
-      cwd = moxvos_getcwd(nullptr, 0, nullptr);  // refused: the layer never lets the platform allocate
-    } else {
-      buffer = static_cast<char*>(memory_.allocate(size));
-      require(buffer != nullptr, "host memory");
-      cwd = moxvos_getcwd(buffer, size, nullptr);
-      require(cwd == nullptr || cwd == buffer, "moxvos_getcwd answered in another buffer");
-    }
-    if (cwd != nullptr) {
-      require(strncmp(cwd, scratch_.c_str(), scratch_.size()) == 0, "the working directory left the scratch directory");
-    }
-    if (buffer != nullptr) {
-      memory_.release(buffer);
-    } else {
-      free(cwd);
-    }
+    // Without a buffer the call is refused: the layer never lets the platform allocate.
+    char* into = size == 0 ? nullptr : reinterpret_cast<char*>(buffer(size));
+    const char* cwd = moxvos_getcwd(into, size, nullptr);
+    require(cwd == nullptr || cwd == into, "moxvos_getcwd answered in another buffer");
+    require(cwd == nullptr || strncmp(cwd, scratch_.c_str(), scratch_.size()) == 0,
+            "the working directory left the scratch directory");
+    if (into != nullptr) memory_.release(into);
   }
 
   void lock(FuzzInput& in) {
     static const int kFlags[] = {O_RDWR | O_CREAT, O_RDONLY, O_WRONLY | O_CREAT, O_RDWR};
-    Slot& s = slot(in);
-    release(s);
+    Slot& s = freshSlot(in);
     const std::string p = path(in);
     const int flags = kFlags[in.byte() % 4];
     const int whence = in.byte() % 3;
@@ -405,13 +371,8 @@ class Run {
       case 2: {
         void* p = moxvos_malloc(64);
         void* q = moxvos_realloc(p, size);
-        if (huge) {
-          require(q == nullptr, "moxvos_realloc past the limit");
-          moxvos_free(p);  // still ours
-        } else if (q != nullptr || size != 0) {
-          require(q != nullptr, "moxvos_realloc");
-          moxvos_free(q);
-        }
+        require(huge ? q == nullptr : q != nullptr || size == 0, huge ? "moxvos_realloc past the limit" : "moxvos_realloc");
+        moxvos_free(huge ? p : q);  // past the limit the old block is still ours
         break;
       }
       case 3: {

@@ -9,12 +9,10 @@
 //
 // Allocation and output failures can be injected; a run in which one
 // fired is only required to fail cleanly, not to round-trip.
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -37,14 +35,12 @@ constexpr size_t kKeptName = 36;
 constexpr size_t kStoredName = 31;
 constexpr size_t kLongestPath = 1023;
 
-// ASCII letters folded to lower case, bytes otherwise as they are.
+using moxfuzz::require;
+
+// ASCII letters folded to lower case (the target never sets a locale),
+// bytes otherwise as they are; names hold no zero byte.
 bool sameNameIgnoringCase(const std::string& a, const std::string& b) {
-  auto fold = [](char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; };
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (fold(a[i]) != fold(b[i])) return false;
-  }
-  return true;
+  return a.size() == b.size() && strcasecmp(a.c_str(), b.c_str()) == 0;
 }
 
 struct ModelEntry {
@@ -58,21 +54,16 @@ struct ModelEntry {
 
 class WriteModel {
  public:
-  WriteModel() { add(5, true, -1, "Root Entry"); }
-
-  std::vector<ModelEntry> entries;  // entry 0 is the root
-  int current = -1;                 // the current writer stream, or -1
-  bool allPlaced = true;
+  std::vector<ModelEntry> entries{{5, true, -1, "Root Entry", {}}};  // entry 0 is the root
+  int current = -1;                                             // the current writer stream, or -1
 
   int add(int type, bool placed, int parent, const std::string& name) {
-    ModelEntry e;
-    e.type = type;
-    e.placed = placed;
-    e.parent = parent;
-    e.name = name;
-    entries.push_back(e);
-    if (!placed) allPlaced = false;
+    entries.push_back({type, placed, parent, name, {}});
     return static_cast<int>(entries.size()) - 1;
+  }
+
+  bool allPlaced() const {
+    return std::all_of(entries.begin(), entries.end(), [](const ModelEntry& e) { return e.placed; });
   }
 
   // The path of entry k with every name cut to `cut` bytes, with a leading
@@ -87,13 +78,12 @@ class WriteModel {
     return true;
   }
 
-  // True when a sibling under `parent` has the same name, compared the way
-  // the writer compares names (ASCII letters without case).
-  bool nameTaken(int parent, const std::string& name) const {
-    for (const ModelEntry& e : entries) {
-      if (e.placed && e.parent == parent && sameNameIgnoringCase(e.name, name)) return true;
-    }
-    return false;
+  // Placed children of `parent` whose names, cut to `cut` bytes, match
+  // `name` cut alike, compared the way the writer compares names.
+  long namedAlike(int parent, const std::string& name, size_t cut) const {
+    return std::count_if(entries.begin(), entries.end(), [&](const ModelEntry& e) {
+      return e.placed && e.parent == parent && sameNameIgnoringCase(e.name.substr(0, cut), name.substr(0, cut));
+    });
   }
 
   // True when every name from the root down to k is distinct among its
@@ -101,13 +91,7 @@ class WriteModel {
   // a copy of the tree read back from the file.
   bool reachableOnDisk(int k) const {
     for (int at = k; at != 0; at = entries[at].parent) {
-      if (!entries[at].placed) return false;
-      const std::string stored = entries[at].name.substr(0, kStoredName);
-      for (size_t other = 1; other < entries.size(); ++other) {
-        const ModelEntry& e = entries[other];
-        if (static_cast<int>(other) == at || !e.placed || e.parent != entries[at].parent) continue;
-        if (sameNameIgnoringCase(e.name.substr(0, kStoredName), stored)) return false;
-      }
+      if (!entries[at].placed || namedAlike(entries[at].parent, entries[at].name, kStoredName) > 1) return false;
     }
     return true;
   }
@@ -115,15 +99,10 @@ class WriteModel {
   // True when every name fits the file and has no upper-case ASCII letter:
   // exact and case-blind comparisons then order and match names alike.
   bool plainNames() const {
-    if (!allPlaced) return false;
-    for (size_t k = 1; k < entries.size(); ++k) {
-      const std::string& name = entries[k].name;
-      if (name.size() > kStoredName) return false;
-      for (char c : name) {
-        if (c >= 'A' && c <= 'Z') return false;
-      }
-    }
-    return true;
+    const auto upper = [](char c) { return c >= 'A' && c <= 'Z'; };
+    return allPlaced() && std::none_of(entries.begin() + 1, entries.end(), [&](const ModelEntry& e) {
+      return e.name.size() > kStoredName || std::any_of(e.name.begin(), e.name.end(), upper);
+    });
   }
 };
 
@@ -133,12 +112,6 @@ constexpr int kMaxOps = 256;
 // to keep the others fast.
 constexpr uint64_t kLargeBudget = 16u << 20;
 constexpr uint64_t kSmallBudget = 512u << 10;
-
-void require(bool condition, const char* what) {
-  if (condition) return;
-  fprintf(stderr, "moxfuzz write: %s\n", what);
-  abort();
-}
 
 class Run {
  public:
@@ -170,6 +143,12 @@ class Run {
     abort();
   }
 
+  // A creation whose outcome the account cannot predict: made, refused as
+  // taken, or out of memory with failures armed.
+  void requireCreated(int status, const char* what) {
+    require(status == 0 || status == 6 || (faultsArmed_ && status == 2), what);
+  }
+
   void create(FuzzInput& in, int type) {
     const uint8_t choice = in.byte();
     int parent = (choice & 0x7F) % static_cast<int>(model_.entries.size());
@@ -178,9 +157,7 @@ class Run {
     // backslash; such entries stay leaves.
     if (!p.placed || (parent != 0 && p.name.empty())) parent = 0;
     std::string name = in.text(48);
-    for (char& c : name) {
-      if (c == '\\') c = '/';
-    }
+    std::replace(name.begin(), name.end(), '\\', '/');
     std::string path;
     model_.pathOf(parent, kKeptName, &path);
     if (parent == 0) path.clear();
@@ -191,11 +168,11 @@ class Run {
     const std::string kept = name.substr(0, kKeptName);
     const int status = api_.iOLEopenStreamEx(h_, path.c_str(), type, 1);
     model_.current = -1;
-    const bool taken = model_.nameTaken(parent, kept);
-    if (model_.allPlaced) {
+    const bool taken = model_.namedAlike(parent, kept, kKeptName) > 0;
+    if (model_.allPlaced()) {
       expect(status, taken ? 6 : 0, "creating an entry");
     } else {
-      require(status == 0 || status == 6 || (faultsArmed_ && status == 2), "creating an entry");
+      requireCreated(status, "creating an entry");
     }
     if (status == 0) {
       require(!taken, "two siblings whose names differ only in case");
@@ -213,8 +190,7 @@ class Run {
       return;
     }
     model_.current = -1;
-    require(status == 0 || status == 6 || (faultsArmed_ && status == 2),
-            "creating an entry by a raw path");
+    requireCreated(status, "creating an entry by a raw path");
     if (status == 0) model_.current = model_.add(type, false, -1, "");
   }
 
@@ -228,13 +204,7 @@ class Run {
     const uint64_t offset = current < 0 ? 0 : model_.entries[current].data.size();
     moxfuzz::fillPattern(data, length, static_cast<uint32_t>(current), pattern, offset);
     const int status = api_.iOLEwrite(h_, data, static_cast<int>(length));
-    int want = 0;
-    if (current < 0) {
-      want = 34;
-    } else if (length > 0 && model_.entries[current].type != 2) {
-      want = 6;
-    }
-    expect(status, want, "iOLEwrite");
+    expect(status, current < 0 ? 34 : length > 0 && model_.entries[current].type != 2 ? 6 : 0, "iOLEwrite");
     if (current < 0 || model_.entries[current].type != 2) return;
     ModelEntry& e = model_.entries[current];
     if (status == 0) {
@@ -247,8 +217,7 @@ class Run {
   void openForReading(uint8_t choice) {
     const int k = choice % static_cast<int>(model_.entries.size());
     std::string path;
-    if (k == 0 || !model_.pathOf(k, kKeptName, &path)) return;
-    if (path.size() > kLongestPath) return;
+    if (k == 0 || !model_.pathOf(k, kKeptName, &path) || path.size() > kLongestPath) return;
     const int status = api_.iOLEopenStreamEx(h_, path.c_str(), 0, 0);
     model_.current = -1;
     // Entries of a new document have no place in a file yet.
@@ -263,27 +232,19 @@ class Run {
 
   void oddCall(uint8_t kind) {
     unsigned char buffer[128] = {};
-    const int noStream = model_.current < 0 ? 34 : 0;
     switch (kind % 8) {
-      case 0:
-        expect(api_.iOLEwrite(h_, nullptr, 10), 34, "iOLEwrite of a null buffer");  // refused, stream or not
-        break;
-      case 1:
-        expect(api_.iOLEwrite(h_, buffer, 0), noStream, "iOLEwrite of nothing");
-        break;
-      case 2:
-        // Whatever it answers, a negative length must not add bytes.
-        api_.iOLEwrite(h_, buffer, -1 - kind);
-        break;
+      // A null buffer is refused, stream or not; a negative length, whatever
+      // the answer, must not add bytes.
+      case 0: expect(api_.iOLEwrite(h_, nullptr, 10), 34, "iOLEwrite of a null buffer"); break;
+      case 1: expect(api_.iOLEwrite(h_, buffer, 0), model_.current < 0 ? 34 : 0, "iOLEwrite of nothing"); break;
+      case 2: api_.iOLEwrite(h_, buffer, -1 - kind); break;
       case 3:
         expect(api_.iOLEopenStreamEx(h_, nullptr, 2, 1), 34, "iOLEopenStreamEx of a null path");
         expect(api_.iOLEopenStreamEx(h_, "\\x", 2, 2), 34, "iOLEopenStreamEx with flags 2");
         expect(api_.iOLEopenStreamEx(nullptr, "x", 2, 1), 34, "iOLEopenStreamEx of no handle");
         expect(api_.iOLEwrite(nullptr, buffer, 5), 34, "iOLEwrite on no handle");
         break;
-      case 4:
-        require(hOLEopenClone(h_) == nullptr, "a clone of a new document");
-        break;
+      case 4: require(hOLEopenClone(h_) == nullptr, "a clone of a new document"); break;
       case 5:
         require(lOLEseek(h_, 0, 0) == -1, "lOLEseek on a new document");
         require(iOLEread(h_, buffer, sizeof buffer) == 0, "iOLEread on a new document");
@@ -338,15 +299,14 @@ void compareStream(_MoxOleFile* h, const ModelEntry& e, const char* how) {
   require(iOLEread(h, buffer.data(), 1) == 0, how);
 }
 
-void indexTree(const _MoxOleTreeNode* node, std::vector<const _MoxOleTreeNode*>* byIndex,
-               size_t* count) {
-  ++*count;
-  require(*count <= byIndex->size(), "the file holds more entries than were created");
+// Files every node under its entry number: distinct numbers of entries
+// created, so the tree cannot hold more entries than were created.
+void indexTree(const _MoxOleTreeNode* node, std::vector<const _MoxOleTreeNode*>* byIndex) {
   require(node->iIndex >= 0 && static_cast<size_t>(node->iIndex) < byIndex->size(),
           "an entry number outside the entries created");
   require((*byIndex)[node->iIndex] == nullptr, "an entry reached twice");
   (*byIndex)[node->iIndex] = node;
-  for (int i = 0; i < node->iChildCount; ++i) indexTree(node->ppChildren[i], byIndex, count);
+  for (int i = 0; i < node->iChildCount; ++i) indexTree(node->ppChildren[i], byIndex);
 }
 
 // Opens every stream by storage path and exact names.  Only meaningful
@@ -362,8 +322,7 @@ void checkExactPaths(_MoxOleFile* h, const WriteModel& m) {
       names.insert(names.begin(), m.entries[at].name);
     }
     if (!storages) continue;
-    std::vector<MoxOleStorageName> slots(names.size() + 1);
-    memset(slots.data(), 0, sizeof(MoxOleStorageName) * slots.size());
+    std::vector<MoxOleStorageName> slots(names.size() + 1);  // zeroed
     for (size_t i = 0; i < names.size(); ++i) memcpy(slots[i], names[i].data(), names[i].size());
     require(bOLEopenEmbeddedStreamEx(h, slots.data(), static_cast<int>(names.size()),
                                      m.entries[k].name.c_str()) == 1,
@@ -383,9 +342,8 @@ void checkWithReader(const WriteModel& m, const std::vector<uint8_t>& file) {
   _MoxOleTreeNode* root = nullptr;
   require(iOLEGetStreamTree(h, pool, &root) == 0, "the written tree does not read back");
   std::vector<const _MoxOleTreeNode*> byIndex(m.entries.size(), nullptr);
-  size_t count = 0;
-  indexTree(root, &byIndex, &count);
-  require(count == m.entries.size(), "entries missing from the written tree");
+  indexTree(root, &byIndex);
+  require(std::count(byIndex.begin(), byIndex.end(), nullptr) == 0, "entries missing from the written tree");
   for (size_t k = 1; k < m.entries.size(); ++k) {
     const ModelEntry& e = m.entries[k];
     const _MoxOleTreeNode* node = byIndex[k];
@@ -394,12 +352,9 @@ void checkWithReader(const WriteModel& m, const std::vector<uint8_t>& file) {
       require(node->szName == e.name.substr(0, kStoredName), "an entry's name");
       require(node->pParent != nullptr && node->pParent->iIndex == e.parent, "an entry's parent");
     }
-    if (e.type == 2) {
-      require(iReadStreamChain(static_cast<int>(k), h) == 0, "a written stream does not open");
-      compareStream(h, e, "a written stream reads back wrong");
-    } else {
-      require(iReadStreamChain(static_cast<int>(k), h) != 0, "a storage opens as a stream");
-    }
+    const bool opens = iReadStreamChain(static_cast<int>(k), h) == 0;
+    require(opens == (e.type == 2), opens ? "a storage opens as a stream" : "a written stream does not open");
+    if (opens) compareStream(h, e, "a written stream reads back wrong");
   }
   if (m.plainNames()) checkExactPaths(h, m);
   bOLEcloseStream(h, nullptr);
@@ -412,23 +367,18 @@ void checkWithReader(const WriteModel& m, const std::vector<uint8_t>& file) {
 // its backslash path.
 void checkWithWriterEntry(const MoxOleInterface& api, const WriteModel& m,
                           const std::vector<uint8_t>& file) {
-  if (!m.allPlaced) return;
+  if (!m.allPlaced()) return;
   moxhost::MemoryIo io(file);
   moxhost::PoolServices services;
   _MoxOleFile* h = api.hOLEopenEx(io.io(), services.services(), 0);
   require(h != nullptr, "the written file does not open through hOLEopenEx");
   for (size_t k = 1; k < m.entries.size(); ++k) {
     std::string path;
-    if (!m.reachableOnDisk(static_cast<int>(k))) continue;
-    m.pathOf(static_cast<int>(k), kStoredName, &path);
-    if (path.size() > kLongestPath) continue;
+    const int at = static_cast<int>(k);
+    if (!m.reachableOnDisk(at) || !m.pathOf(at, kStoredName, &path) || path.size() > kLongestPath) continue;
     const int status = api.iOLEopenStreamEx(h, path.c_str(), 0, 0);
-    if (m.entries[k].type == 2) {
-      require(status == 0, "a written stream not found by its path");
-      compareStream(h, m.entries[k], "a stream opened by its path reads back wrong");
-    } else {
-      require(status == -1, "a storage opened by its path as a stream");
-    }
+    require(status == (m.entries[k].type == 2 ? 0 : -1), "a stream not found, or a storage opened, by its path");
+    if (status == 0) compareStream(h, m.entries[k], "a stream opened by its path reads back wrong");
   }
   unsigned char byte = 0;
   require(api.iOLEopenStreamEx(h, "\\new", 2, 1) == 6, "an entry created in a document read");
@@ -445,9 +395,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   MoxOleInterface api;
   GetOLEInterface(reinterpret_cast<void**>(&api));
   // A build without the writer has nothing to fuzz here.
-  if (api.hOLEopenEx == nullptr || api.iOLEopenStreamEx == nullptr || api.iOLEwrite == nullptr) {
-    return 0;
-  }
+  if (api.hOLEopenEx == nullptr || api.iOLEopenStreamEx == nullptr || api.iOLEwrite == nullptr) return 0;
   FuzzInput in(data, size);
   const uint8_t mode = in.byte();
   static const int kFlags[] = {1, 3, 2, 1};

@@ -29,9 +29,7 @@ using mox::Errc;
 struct Item { bool storage; Bytes data; std::string path; };  // the path as the names were made
 using Model = std::map<std::string, Item>;                    // by the path upper-cased
 
-void require(bool condition, const char* what, const std::string& detail = "") {
-  if (!condition) fprintf(stderr, "moxfuzz edit: %s %s\n", what, detail.c_str()), abort();
-}
+using moxfuzz::require;
 
 const char* const kNames[] = {"a", "b", "c", "dd", "e1", "f.x", "", "name-longer-than-31-characters-x",
                               "A", "Dd", "\xC3\xA9t\xC3\xA9", "\xC3\x89T\xC3\x89", "\x05Summary",

@@ -16,10 +16,11 @@
 namespace moxfuzz {
 
 // A failed property ends the run as a finding (libFuzzer and the replay
-// programs both report an abort), naming the program and errno.
-inline void require(bool condition, const char* what) {
+// programs both report an abort), naming the program, what failed, the
+// case (a path, a message) when there is one, and errno.
+inline void require(bool condition, const char* what, const std::string& detail = "") {
   if (condition) return;
-  fprintf(stderr, "%s: %s (errno %d)\n", program_invocation_short_name, what, errno);
+  fprintf(stderr, "%s: %s %s (errno %d)\n", program_invocation_short_name, what, detail.c_str(), errno);
   abort();
 }
 

@@ -235,6 +235,22 @@ TEST_F(OleIoTest, OpenTakesOneObjectAndMakesOneBufferFromItsOwnPool) {
   EXPECT_EQ(other.openCalls() + other.closeCalls(), 0);
 }
 
+// Out of memory for the pool, then for the buffer: open says so (nothing
+// else would: the document's close cannot report it), and the destructor
+// still closes the object once and frees what was made.
+TEST_F(OleIoTest, MemoryFailuresInOpenAreReported) {
+  for (int attempt = 1; attempt <= 2; ++attempt) {
+    moxhost::MemoryIo target;
+    made = std::make_unique<CMoxOleIo>(host.services());
+    host.faults().failAt(attempt);
+    EXPECT_EQ(made->open(target.io()), 2) << "attempt " << attempt;
+    host.faults().disarm();
+    made.reset();
+    EXPECT_EQ(target.closeCalls(), 1);
+    EXPECT_EQ(moxtest::leakReport(host), "");
+  }
+}
+
 // === The red-black tree ======================================================
 
 using Node = _MoxOleRedBlackNode;

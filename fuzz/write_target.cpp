@@ -95,15 +95,6 @@ class WriteModel {
     }
     return true;
   }
-
-  // True when every name fits the file and has no upper-case ASCII letter:
-  // exact and case-blind comparisons then order and match names alike.
-  bool plainNames() const {
-    const auto upper = [](char c) { return c >= 'A' && c <= 'Z'; };
-    return allPlaced() && std::none_of(entries.begin() + 1, entries.end(), [&](const ModelEntry& e) {
-      return e.name.size() > kStoredName || std::any_of(e.name.begin(), e.name.end(), upper);
-    });
-  }
 };
 
 constexpr int kMaxOps = 256;
@@ -309,28 +300,6 @@ void indexTree(const _MoxOleTreeNode* node, std::vector<const _MoxOleTreeNode*>*
   for (int i = 0; i < node->iChildCount; ++i) indexTree(node->ppChildren[i], byIndex);
 }
 
-// Opens every stream by storage path and exact names.  Only meaningful
-// when exact and case-blind ordering agree (plain names) and the path is
-// made of storages.
-void checkExactPaths(_MoxOleFile* h, const WriteModel& m) {
-  for (size_t k = 1; k < m.entries.size(); ++k) {
-    if (m.entries[k].type != 2) continue;
-    std::vector<std::string> names;
-    bool storages = true;
-    for (int at = m.entries[k].parent; at != 0; at = m.entries[at].parent) {
-      storages = storages && m.entries[at].type == 1;
-      names.insert(names.begin(), m.entries[at].name);
-    }
-    if (!storages) continue;
-    std::vector<MoxOleStorageName> slots(names.size() + 1);  // zeroed
-    for (size_t i = 0; i < names.size(); ++i) memcpy(slots[i], names[i].data(), names[i].size());
-    require(bOLEopenEmbeddedStreamEx(h, slots.data(), static_cast<int>(names.size()),
-                                     m.entries[k].name.c_str()) == 1,
-            "a stream not found by its storage path");
-    compareStream(h, m.entries[k], "a stream opened by path reads back wrong");
-  }
-}
-
 void checkWithReader(const WriteModel& m, const std::vector<uint8_t>& file) {
   require(file.size() % 512 == 0 && file.size() >= 1536, "the file is not whole sectors");
   moxhost::MemoryIo io(file);
@@ -356,7 +325,6 @@ void checkWithReader(const WriteModel& m, const std::vector<uint8_t>& file) {
     require(opens == (e.type == 2), opens ? "a storage opens as a stream" : "a written stream does not open");
     if (opens) compareStream(h, e, "a written stream reads back wrong");
   }
-  if (m.plainNames()) checkExactPaths(h, m);
   bOLEcloseStream(h, nullptr);
   services.destroyPool(pool);
   require(iOLEclose(h) == 1, "iOLEclose of the file read back");

@@ -37,12 +37,6 @@ constexpr size_t kLongestPath = 1023;
 
 using moxfuzz::require;
 
-// ASCII letters folded to lower case (the target never sets a locale),
-// bytes otherwise as they are; names hold no zero byte.
-bool sameNameIgnoringCase(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && strcasecmp(a.c_str(), b.c_str()) == 0;
-}
-
 struct ModelEntry {
   int type = 0;          // 1 storage, 2 stream, 5 root
   bool placed = false;   // parent and name known
@@ -79,10 +73,14 @@ class WriteModel {
   }
 
   // Placed children of `parent` whose names, cut to `cut` bytes, match
-  // `name` cut alike, compared the way the writer compares names.
+  // `name` cut alike, compared the way the writer compares names: ASCII
+  // letters folded to lower case (the target never sets a locale), bytes
+  // otherwise as they are; names hold no zero byte.
   long namedAlike(int parent, const std::string& name, size_t cut) const {
+    const std::string mine = name.substr(0, cut);
     return std::count_if(entries.begin(), entries.end(), [&](const ModelEntry& e) {
-      return e.placed && e.parent == parent && sameNameIgnoringCase(e.name.substr(0, cut), name.substr(0, cut));
+      const std::string theirs = e.name.substr(0, cut);
+      return e.placed && e.parent == parent && theirs.size() == mine.size() && strcasecmp(theirs.c_str(), mine.c_str()) == 0;
     });
   }
 

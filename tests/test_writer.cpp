@@ -1,11 +1,12 @@
-// The writer as a host uses it: results of every call, creation order and
-// refusals, documents opened for reading by path; the files it makes, byte
-// for byte against the test-side layout (fill values, names at the field's
-// limit, directory colours, the FAT and DIFAT boundaries); documents of
-// many shapes read back by the strict test-side reader and by the
-// library's own; and its files read by independent readers used as black
-// boxes.  Failures of the host's output and of memory are swept in
-// test_fault_sweeps.
+// The writer as a host uses it: opening and refusing host objects, a
+// failed allocation in the middle of a write, documents opened for reading
+// by path; the files it makes, byte for byte against a model of its layout
+// (fill values, names at the field's limit, directory colours, the FAT and
+// DIFAT boundaries); documents of many shapes read back by the strict
+// test-side reader and by the library's own; and its files read by
+// independent readers used as black boxes.  Calls on random documents are
+// the writer fuzz target's; failures of the host's output and of memory
+// are swept in test_fault_sweeps.
 #include <gtest/gtest.h>
 
 #include <stdint.h>
@@ -61,10 +62,9 @@ TEST(WriterOpen, NewDocumentWritesNothingBeforeItsClose) {
 }
 
 // An object that cannot serve (it has no open, write or close function,
-// or, opened for reading, it holds no document; one whose open fails is
-// the fuzz target's) gives no
-// handle: it is closed once if it can be, never written, and nothing stays
-// allocated.
+// or, opened for reading, it holds no document) gives no handle: it is
+// closed once if it can be, never written, and nothing stays allocated.
+// One whose open fails is among the writer fuzz target's kept inputs.
 TEST(WriterOpen, HostObjectThatCannotServeIsRefusedAndClosedOnce) {
   const struct {
     const char* what;

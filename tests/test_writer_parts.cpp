@@ -1,9 +1,9 @@
 // The writer's parts below the host calls: the document (path splitting,
-// memory per entry), the buffered output (buffering and flushing as the
-// host sees them, the ways opening can fail) and the red-black tree the
-// sibling trees are built with.  What hosts see of the same is in
-// test_writer, and the writer fuzz target's model checks every file its
-// kept inputs make.
+// memory per entry), the buffered output (against an account of what is
+// buffered and what the host holds, and its open's memory failures) and
+// the red-black tree the sibling trees are built with.  What hosts see of
+// the same is in test_writer, and the writer fuzz target's model checks
+// every file its kept inputs make.
 #include <gtest/gtest.h>
 
 #include <stdio.h>

@@ -196,11 +196,8 @@ class Run {
     expect(status, current < 0 ? 34 : length > 0 && model_.entries[current].type != 2 ? 6 : 0, "iOLEwrite");
     if (current < 0 || model_.entries[current].type != 2) return;
     ModelEntry& e = model_.entries[current];
-    if (status == 0) {
-      e.data.insert(e.data.end(), data, data + length);
-    } else {
-      e.dataKnown = false;
-    }
+    if (status == 0) e.data.insert(e.data.end(), data, data + length);
+    e.dataKnown = e.dataKnown && status == 0;
   }
 
   void openForReading(uint8_t choice) {
@@ -223,16 +220,12 @@ class Run {
     unsigned char buffer[128] = {};
     switch (kind % 8) {
       // A null buffer is refused, stream or not; a negative length, whatever
-      // the answer, must not add bytes.
-      case 0: expect(api_.iOLEwrite(h_, nullptr, 10), 34, "iOLEwrite of a null buffer"); break;
+      // the answer, must not add bytes.  Null handles and paths and unknown
+      // flags are test_interface's.
+      case 0:
+      case 3: expect(api_.iOLEwrite(h_, nullptr, 10), 34, "iOLEwrite of a null buffer"); break;
       case 1: expect(api_.iOLEwrite(h_, buffer, 0), model_.current < 0 ? 34 : 0, "iOLEwrite of nothing"); break;
       case 2: api_.iOLEwrite(h_, buffer, -1 - kind); break;
-      case 3:
-        expect(api_.iOLEopenStreamEx(h_, nullptr, 2, 1), 34, "iOLEopenStreamEx of a null path");
-        expect(api_.iOLEopenStreamEx(h_, "\\x", 2, 2), 34, "iOLEopenStreamEx with flags 2");
-        expect(api_.iOLEopenStreamEx(nullptr, "x", 2, 1), 34, "iOLEopenStreamEx of no handle");
-        expect(api_.iOLEwrite(nullptr, buffer, 5), 34, "iOLEwrite on no handle");
-        break;
       case 4: require(hOLEopenClone(h_) == nullptr, "a clone of a new document"); break;
       case 5:
         require(lOLEseek(h_, 0, 0) == -1, "lOLEseek on a new document");

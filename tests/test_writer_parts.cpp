@@ -286,7 +286,8 @@ TEST_F(RedBlackTest, RandomInsertionRunsKeepEveryInvariant) {
       ASSERT_EQ(tree.iCount, static_cast<int>(model.size()));
     }
     for (int key : model) ASSERT_EQ(tree.FindNode(&keys[key])->pData, &keys[key]);
-    ASSERT_EQ(tree.FindNode(&keys[range]), &tree.nilNode);
+    int absent = range;
+    ASSERT_EQ(tree.FindNode(&absent), &tree.nilNode);
     tree.DeleteAllNodes();
     ASSERT_EQ(tree.deleted, std::vector<int>(model.begin(), model.end()));
   }

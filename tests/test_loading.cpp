@@ -38,57 +38,41 @@ cfb::CfbLayout document(unsigned shift = 9) {
 
 // --- The FAT -----------------------------------------------------------------------
 
-// A bare handle over raw bytes, for driving the FAT builder directly.
-struct RawFat {
-  moxhost::MemoryIo io;
-  moxhost::CountingMemory memory;
-  _MoxOleFile h = {};
-  uint32_t difat[109] = {};
-  explicit RawFat(int64_t fatCount, size_t fileSize) : io(cfb::Bytes(fileSize, 0xEE)) {
-    h.pIo = io.io();
-    h.pTableMemory = memory.memory();
-    h.iByteOrder = 1;
-    h.iSectorShift = 9;
-    h.lSectorSize = 512;
-    h.iFatPerSector = 128;
-    h.lFatCount = fatCount;
-    for (uint32_t i = 0; i < 109; ++i) difat[i] = i;  // FAT sector i is sector i
-  }
-  ~RawFat() {
-    if (h.ppFat != nullptr) {
-      for (int64_t i = 0; i < h.lFatCount; ++i) memory.release(h.ppFat[i]);
-      memory.release(h.ppFat);
-    }
-    EXPECT_EQ(memory.liveBlocks(), 0);
-  }
-};
+// The header lists `count` FAT sectors: slot `slot` names a sector of
+// 0xEE bytes that the end of the file cuts `kept` bytes in, every other
+// slot the document's real FAT sector.  Returns the cut sector.
+uint32_t cutFatSector(cfb::CfbLayout& l, uint32_t count, uint32_t slot, size_t kept) {
+  const uint32_t cut = l.sectorCount();
+  l.sector(cut).assign(512, 0xEE);
+  l.deriveDifat = false;
+  l.header.fatSectors = count;
+  for (uint32_t i = 0; i < count; ++i) l.header.difat[i] = i == slot ? cut : l.fatSectors[0];
+  l.truncateTo = (cut + 1) * 512 + kept;
+  return cut;
+}
 
+cfb::Bytes cutFatSector(uint32_t count, uint32_t slot, size_t kept) {
+  cfb::CfbLayout l = document();
+  cutFatSector(l, count, slot, kept);
+  return l.serialize();
+}
+
+// The last FAT sector may be cut short and reads as zeros past the cut; a
+// middle one cut short ends the FAT there, zeroed.  (The first one cut
+// short fails: see FailureReasons.)
 TEST(SmallFat, SectorsCutShort) {
-  {  // The last sector may be cut short and reads as zeros.
-    RawFat raw(3, 512 + 2 * 512 + 100);
-    ASSERT_EQ(iBldSmallFat(&raw.h, raw.difat), 0);
-    EXPECT_EQ(raw.h.lFatCount, 3);
-    EXPECT_EQ(raw.h.ppFat[2][99], 0xEE);
-    EXPECT_EQ(raw.h.ppFat[2][100], 0);
-    EXPECT_EQ(raw.h.ppFat[2][511], 0);
-  }
-  {  // A middle sector cut short ends the FAT there.
-    RawFat raw(5, 512 + 3 * 512 + 200);
-    ASSERT_EQ(iBldSmallFat(&raw.h, raw.difat), 0);
-    EXPECT_EQ(raw.h.lFatCount, 4);
-    for (int i = 0; i < 512; ++i) ASSERT_EQ(raw.h.ppFat[3][i], 0) << i;
-    EXPECT_EQ(raw.h.ppFat[2][0], 0xEE);
-  }
-  // The first sector cut short fails, freeing all; no FAT is no error, a
-  // negative count is.
-  const struct { int64_t count; size_t size; int result; } ends[] = {{5, 612, -1}, {0, 1024, 0}, {-1, 1024, -1}};
-  for (const auto& c : ends) {
-    RawFat raw(c.count, c.size);
-    EXPECT_EQ(iBldSmallFat(&raw.h, raw.difat), c.result) << c.count;
-    if (c.result < 0) {
-      EXPECT_EQ(raw.h.ppFat, nullptr) << c.count;
-    }
-  }
+  int found = 0;
+  OpenDoc last(cutFatSector(3, 2, 100));
+  ASSERT_TRUE(last.ok());
+  EXPECT_EQ(last->lFatCount, 3);
+  EXPECT_EQ(lGetSect(last.h(), 2 * 128 + 24, &found), int32_t{static_cast<int32_t>(0xEEEEEEEE)});
+  EXPECT_EQ(lGetSect(last.h(), 2 * 128 + 25, &found), 0);
+  EXPECT_EQ(lGetSect(last.h(), 3 * 128 - 1, &found), 0);
+  OpenDoc middle(cutFatSector(5, 3, 200));
+  ASSERT_TRUE(middle.ok());
+  EXPECT_EQ(middle->lFatCount, 4);
+  EXPECT_EQ(lGetSect(middle.h(), 3 * 128, &found), 0);
+  EXPECT_EQ(found, 1);
 }
 
 // With `fat` FAT sectors (more than 109), the file carries DIFAT sectors.
@@ -377,8 +361,7 @@ struct Cost {
 // storage tree; the peak of the allocator and the tree's pool, and the
 // reads, seeks, allocations and pool requests, must stay in proportion to
 // the file's size.
-Cost measure(const cfb::CfbLayout& layout, const char* what) {
-  const cfb::Bytes file = layout.serialize();
+Cost measure(const cfb::Bytes& file, const char* what) {
   const int64_t bytes = static_cast<int64_t>(file.size());
   moxhost::MemoryIo io(file);
   GuardedMemory memory;
@@ -406,18 +389,6 @@ void claimFat(cfb::CfbLayout& l, uint32_t count, uint32_t difat) {
   l.header.fatSectors = count;
   l.header.difatStart = difat;
   l.header.difatSectors = 1;
-}
-
-// A DIFAT sector appended to the file whose links all name `fat` and whose
-// last slot leads to `next`; its sector number.
-uint32_t appendDifatSector(cfb::CfbLayout& l, uint32_t fat, uint32_t next) {
-  const uint32_t at = l.sectorCount();
-  cfb::Bytes& s = l.sector(at);
-  for (size_t k = 0; k + 4 <= s.size(); k += 4) {
-    const uint32_t v = k + 4 == s.size() ? next : fat;
-    for (int b = 0; b < 4; ++b) s[k + b] = static_cast<uint8_t>(v >> (8 * b));
-  }
-  return at;
 }
 
 // Counts claimed far past the file take memory only for what is read, and
@@ -461,17 +432,6 @@ TEST(BoundedWork, ClaimedCountsAndCircularChainsCostInProportionToTheFile) {
          for (uint32_t s = next + 1; s < 20300; at = s++) l.fat[at] = s;
          l.fat[at] = cfb::kEnd;
        }, false, directoryBlock, any},
-      {"DIFAT chain in a circle", 9, [](cfb::CfbLayout& l) {
-         l.deriveDifat = false;
-         const uint32_t fat = l.fatSectors[0];
-         for (uint32_t& slot : l.header.difat) slot = fat;
-         const uint32_t first = appendDifatSector(l, fat, 0);
-         const uint32_t second = appendDifatSector(l, fat, first);
-         l.sector(first)[l.sectorSize() - 4] = static_cast<uint8_t>(second);
-         l.header.fatSectors = 1u << 24;
-         l.header.difatStart = first;
-         l.header.difatSectors = 2;
-       }, false, INT_MAX, any},
       {"directory chain in a circle", 9, [](cfb::CfbLayout& l) {
          l.fat[l.dirSectors.back()] = l.dirSectors[0];
        }, false, INT_MAX, any},
@@ -492,7 +452,7 @@ TEST(BoundedWork, ClaimedCountsAndCircularChainsCostInProportionToTheFile) {
     cfb::CfbLayout l = document(c.shift);
     ASSERT_EQ(l.miniFatSectors.size(), 1u);
     c.craft(l);
-    const Cost cost = measure(l, c.what);
+    const Cost cost = measure(l.serialize(), c.what);
     EXPECT_EQ(cost.opened, c.opens) << c.what;
     EXPECT_LE(cost.largest, c.largest) << c.what;
     EXPECT_LE(cost.reads, c.reads) << c.what;
@@ -512,38 +472,18 @@ TEST(BoundedWork, LongDirectoriesStillLoadWhole) {
   EXPECT_EQ(iOLEread(doc.h(), buffer, sizeof buffer), 1498u % 9);
 }
 
-// Each count and start of the header at 2^31 - 1, one at a time and all
-// together: the file opens or fails, and either way within the bound.
+// Each count and start of the header (0x28 to 0x48) at 2^31 - 1, one at a
+// time and all together: the file opens or fails, and either way within
+// the bound.
 TEST(BoundedWork, HeaderFieldsAtTheirLargestCostInProportionToTheFile) {
-  using Field = uint32_t cfb::CfbHeader::*;
-  const std::pair<const char*, Field> fields[] = {
-      {"directory sectors", &cfb::CfbHeader::dirSectors},
-      {"FAT sectors", &cfb::CfbHeader::fatSectors},
-      {"directory start", &cfb::CfbHeader::dirStart},
-      {"transaction", &cfb::CfbHeader::transaction},
-      {"mini stream cutoff", &cfb::CfbHeader::miniCutoff},
-      {"mini FAT start", &cfb::CfbHeader::miniFatStart},
-      {"mini FAT sectors", &cfb::CfbHeader::miniFatSectors},
-      {"DIFAT start", &cfb::CfbHeader::difatStart},
-      {"DIFAT sectors", &cfb::CfbHeader::difatSectors},
-  };
-  // The header's FAT slots as the document has them, kept whatever the
-  // DIFAT fields then say.
-  auto fixed = [] {
-    cfb::CfbLayout l = document();
-    for (size_t i = 0; i < 109; ++i) {
-      l.header.difat[i] = i < l.fatSectors.size() ? l.fatSectors[i] : cfb::kFree;
-    }
-    l.deriveDifat = false;
-    return l;
-  };
-  cfb::CfbLayout all = fixed();
-  for (const auto& field : fields) {
-    cfb::CfbLayout l = fixed();
-    l.header.*field.second = 0x7FFFFFFF;
-    all.header.*field.second = 0x7FFFFFFF;
-    measure(l, field.first);
-    measure(all, field.first);
+  const cfb::Bytes file = document().serialize();
+  cfb::Bytes all = file;
+  for (size_t at = 0x28; at <= 0x48; at += 4) {
+    cfb::Bytes one = file;
+    for (cfb::Bytes* b : {&one, &all}) memcpy(b->data() + at, "\xFF\xFF\xFF\x7F", 4);
+    const std::string what = "field at " + std::to_string(at);
+    measure(one, what.c_str());
+    measure(all, ("up to the " + what).c_str());
   }
 }
 
@@ -617,6 +557,16 @@ TEST(FailureReasons, EachDamageToTheLoadedTablesIsNamed) {
          l.header.difat[1] = l.header.difat[0];
          l.header.difat[0] = 5000;
          return S("FAT sector 5000 cannot be read");
+       }},
+      {"first FAT sector cut short", [](L& l) {
+         return "FAT sector " + std::to_string(cutFatSector(l, 2, 0, 100)) + " cannot be read";
+       }},
+      {"FAT count -1", [](L& l) { l.header.fatSectors = cfb::kFree; l.deriveDifat = false; return S("a FAT of -1 sectors is impossible"); }},
+      // No FAT is no error in itself: the first chain then breaks.
+      {"FAT count 0", [](L& l) {
+         l.header.fatSectors = 0;
+         l.deriveDifat = false;
+         return "the mini FAT chain breaks after sector " + std::to_string(l.miniFatSectors[0]);
        }},
       {"DIFAT start -1", difat(0xFFFFFFFFu)}, {"DIFAT start -2", difat(0xFFFFFFFEu)},
       {"DIFAT start -3", difat(0xFFFFFFFDu)}, {"DIFAT start -4", difat(0xFFFFFFFCu)},

@@ -4,7 +4,7 @@
 // larger than the file and chains in circles, which must cost memory and
 // host calls in proportion to the file; and the reason a host is given
 // for each failure.  Failures of memory and host calls at every step are
-// swept in test_fault_sweeps, damaged real files in test_damaged_sweep.
+// swept in test_fault_sweeps.
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
@@ -121,26 +121,6 @@ TEST(DifatFat, DifatSectorsAt512And4096ByteSectorsAndFatLookups) {
   }
 }
 
-TEST(DifatFat, DifatChainComingBackToASectorItReadFails) {
-  cfb::CfbLayout l = layoutWithFatSectors(9, 400);  // three DIFAT sectors
-  ASSERT_EQ(l.difatSectors.size(), 3u);
-  for (int back : {0, 1}) {
-    cfb::Bytes bytes = l.serialize();
-    // The second DIFAT sector's link leads back to the first, or to itself.
-    uint32_t target = l.difatSectors[back];
-    memcpy(&bytes[(l.difatSectors[1] + 1) * 512 + 127 * 4], &target, 4);
-    // A count the chain must go on for: without the check it would go round
-    // until the count is reached.
-    const uint32_t claimed = 100000;
-    memcpy(&bytes[0x2C], &claimed, 4);
-    OpenDoc doc(bytes);
-    EXPECT_FALSE(doc.ok()) << back;
-    // The header's FAT sectors, the three DIFAT sectors and what they list,
-    // and at most one more round of the circle before it is noticed.
-    EXPECT_LE(doc.io().readCalls(), 1 + 109 + 3 * 128 + 2 * 128) << back;
-  }
-}
-
 // --- The mini FAT and the directory -------------------------------------------------
 
 // Root, a mini stream "M" (entry 1) and enough mini streams to need
@@ -197,25 +177,6 @@ cfb::DirEntry stream(const std::u16string& name) {
   return e;
 }
 
-// A second root entry (2) gives the mini stream's start: the last one does.
-TEST(Directory, RootAndEmptySlots) {
-  cfb::CfbLayout l = oneEntry(stream(u"X"));
-  l.dir.resize(3);
-  l.dir[2].type = 5;
-  l.dir[2].name = u"Second";
-  l.dir[2].start = 42;
-  OpenDoc doc(l.serialize());
-  ASSERT_TRUE(doc.ok());
-  EXPECT_STREQ(doc->pDir[0].szName, "Root Entry");
-  EXPECT_EQ(doc->pDir[0].byType, 5);
-  EXPECT_EQ(doc->pDir[0].lIndex, 0);
-  EXPECT_EQ(doc->pDir[1].lIndex, 1);
-  EXPECT_EQ(doc->iDirCount, 4);
-  EXPECT_EQ(doc->pDir[3].byType, 0);
-  EXPECT_EQ(doc->pDir[3].lStart, -1);
-  EXPECT_EQ(doc->lRootStart, 42);
-}
-
 // Names keep the low byte of each unit, in either byte order.  A length
 // past the field fails an entry of a named type and empties the name of
 // any other; read big-endian the limit is one byte higher.
@@ -244,7 +205,7 @@ TEST(Directory, NamesKeepTheLowByteAndOverlongNamesFailForNamedTypes) {
   }
 }
 
-TEST(Directory, StartsSizesAndLinksAreCleaned) {
+TEST(Directory, RootStartsSizesLinksAndEmptySlots) {
   const struct {
     uint8_t type;
     uint32_t start, size;
@@ -265,13 +226,28 @@ TEST(Directory, StartsSizesAndLinksAreCleaned) {
     EXPECT_EQ(doc->pDir[1].lStart, c.wantStart) << c.start;
     EXPECT_EQ(doc->pDir[1].lSize, c.wantSize) << c.size;
   }
+  // Links past the last entry, and a child link below -1, become none; a
+  // second root entry (2) gives the mini stream's start: the last one does;
+  // the directory's last sector ends in an empty slot.
   cfb::CfbLayout l = oneEntry(stream(u"X"));
-  l.dir[1].child = 7;
+  l.dir[1].child = 4;
   l.dir[1].left = static_cast<uint32_t>(-3);
   l.dir[1].right = 4;
   l.dir[0].child = static_cast<uint32_t>(-5);
+  l.dir.resize(3);
+  l.dir[2].type = 5;
+  l.dir[2].name = u"Second";
+  l.dir[2].start = 42;
   OpenDoc doc(l.serialize());
   ASSERT_TRUE(doc.ok());
+  EXPECT_STREQ(doc->pDir[0].szName, "Root Entry");
+  EXPECT_EQ(doc->pDir[0].byType, 5);
+  EXPECT_EQ(doc->pDir[0].lIndex, 0);
+  EXPECT_EQ(doc->pDir[1].lIndex, 1);
+  EXPECT_EQ(doc->iDirCount, 4);
+  EXPECT_EQ(doc->pDir[3].byType, 0);
+  EXPECT_EQ(doc->pDir[3].lStart, -1);
+  EXPECT_EQ(doc->lRootStart, 42);
   EXPECT_EQ(doc->pDir[1].lChild, -1);
   EXPECT_EQ(doc->pDir[1].lLeft, -3);
   EXPECT_EQ(doc->pDir[1].lRight, -1);
@@ -299,25 +275,23 @@ TEST(OpenClose, CloneLoadsAgainAndNeverOpensOrClosesTheIo) {
   EXPECT_EQ(memory.liveBlocks(), 0);
 }
 
-// A bad header, or an I/O object that will not open: the object is opened
-// and closed once, or not at all when the host asked for no open.
-TEST(OpenClose, FailedOpenClosesTheIoOnceAndOnlyIfItOpenedIt) {
-  for (bool failOpen : {false, true}) {
-    cfb::Bytes bytes = document().serialize();
-    if (!failOpen) bytes[2] = 0x12;  // breaks the signature
-    moxhost::MemoryIo io(bytes);
-    io.failOpen(failOpen);
-    moxhost::CountingMemory memory;
-    EXPECT_EQ(hOLEopen(io.io(), memory.memory()), nullptr);
-    EXPECT_EQ(io.openCalls(), 1);
-    EXPECT_EQ(io.closeCalls(), 1);
-    if (!failOpen) {
-      EXPECT_EQ(hOLEopenEXT(io.io(), memory.memory(), 0), nullptr);
-    }
-    EXPECT_EQ(io.openCalls(), 1);
-    EXPECT_EQ(io.closeCalls(), 1);
-    EXPECT_EQ(memory.liveBlocks(), 0);
-  }
+// An I/O object that will not open is still closed once; asked for no
+// open, the library neither opens nor closes it.  (That hOLEopen opens and
+// closes it once on every other failed load is held by the read fuzz
+// target on each of its inputs.)
+TEST(OpenClose, FailedOpenClosesTheIoOnlyIfItOpenedIt) {
+  cfb::Bytes bytes = document().serialize();
+  moxhost::MemoryIo unopenable(bytes);
+  unopenable.failOpen(true);
+  bytes[2] = 0x12;  // breaks the signature
+  moxhost::MemoryIo bad(bytes);
+  moxhost::CountingMemory memory;
+  EXPECT_EQ(hOLEopen(unopenable.io(), memory.memory()), nullptr);
+  EXPECT_EQ(hOLEopenEXT(bad.io(), memory.memory(), 0), nullptr);
+  EXPECT_EQ(unopenable.openCalls(), 1);
+  EXPECT_EQ(unopenable.closeCalls(), 1);
+  EXPECT_EQ(bad.openCalls() + bad.closeCalls(), 0);
+  EXPECT_EQ(memory.liveBlocks(), 0);
 }
 
 // --- Work in proportion to the file ------------------------------------------------
@@ -459,19 +433,6 @@ TEST(BoundedWork, ClaimedCountsAndCircularChainsCostInProportionToTheFile) {
   }
 }
 
-TEST(BoundedWork, LongDirectoriesStillLoadWhole) {
-  cfb::CfbBuilder b;
-  for (int n = 0; n < 1500; ++n) b.addStream(0, "e" + std::to_string(n), cfb::Bytes(n % 9, 3));
-  OpenDoc doc(b.build());
-  ASSERT_TRUE(doc.ok());
-  ASSERT_EQ(doc->iDirCount, 1504);  // root, 1500 streams, 3 empty slots
-  EXPECT_EQ(doc->pDir[1500].szName, std::string("e1499"));
-  EXPECT_EQ(doc->pDir[1503].byType, 0);
-  EXPECT_EQ(bOLEopenStream(doc.h(), "e1498"), 1);
-  unsigned char buffer[16];
-  EXPECT_EQ(iOLEread(doc.h(), buffer, sizeof buffer), 1498u % 9);
-}
-
 // Each count and start of the header (0x28 to 0x48) at 2^31 - 1, one at a
 // time and all together: the file opens or fails, and either way within
 // the bound.
@@ -505,7 +466,7 @@ std::string openFailure(const cfb::Bytes& bytes) {
 struct OpenCase {
   const char* what;
   std::function<std::string(cfb::CfbLayout&)> damage;  // returns the expected line
-  std::function<void(cfb::Bytes&)> patch = nullptr;     // then applied to the bytes
+  std::function<void(const cfb::CfbLayout&, cfb::Bytes&)> patch = nullptr;  // then applied to the bytes
 };
 
 TEST(FailureReasons, EachDamageToTheLoadedTablesIsNamed) {
@@ -523,7 +484,20 @@ TEST(FailureReasons, EachDamageToTheLoadedTablesIsNamed) {
   };
   // Only the header changes: the sectors stay 512 bytes.
   auto shifts = [](uint8_t shift, uint8_t mini) {
-    return [shift, mini](cfb::Bytes& b) { b[0x1E] = shift; b[0x20] = mini; };
+    return [shift, mini](const L&, cfb::Bytes& b) { b[0x1E] = shift; b[0x20] = mini; };
+  };
+  // Of three DIFAT sectors, the second links back to the first (0) or to
+  // itself (1), and the header claims a count the chain must go on for.
+  auto difatBack = [](int back) {
+    return [back](const L& l, cfb::Bytes& b) {
+      memcpy(&b[(l.difatSectors[1] + 1) * 512 + 127 * 4], &l.difatSectors[back], 4);
+      memcpy(&b[0x2C], "\xA0\x86\x01\x00", 4);  // 100000
+    };
+  };
+  // Either way the circle is seen on the second sector's next arrival.
+  auto difatCircle = [](L& l) {
+    l = layoutWithFatSectors(9, 400);
+    return "the DIFAT chain comes back to sector " + std::to_string(l.difatSectors[1]);
   };
   // Directory sector `from` links to `to`, in a directory of three sectors.
   auto dirLink = [](int from, int to) {
@@ -542,8 +516,7 @@ TEST(FailureReasons, EachDamageToTheLoadedTablesIsNamed) {
       // Any mark other than FE FF reads big-endian, so a little-endian file
       // with a damaged mark no longer parses.
       {"byte order mark", [](L& l) { l.header.byteOrder = 0x1234; return S("?"); }},
-      {"cut inside the header", [](L& l) { l.truncateTo = 511; return S("?"); }},
-      {"header cut", [](L& l) { l.truncateTo = 300; return S("the header cannot be read"); }},
+      {"cut inside the header", [](L& l) { l.truncateTo = 511; return S("the header cannot be read"); }},
       {"signature", [](L& l) { l.header.signature[2] = 0; return S("not a compound file (no signature)"); }},
       {"sector shift", [](L& l) { l.header.sectorShift = 17; return S("sector shifts 17 and 6 cannot be used"); }},
       {"sector shifts 6 and 3", refused, shifts(6, 3)},
@@ -571,7 +544,9 @@ TEST(FailureReasons, EachDamageToTheLoadedTablesIsNamed) {
       {"DIFAT start -1", difat(0xFFFFFFFFu)}, {"DIFAT start -2", difat(0xFFFFFFFEu)},
       {"DIFAT start -3", difat(0xFFFFFFFDu)}, {"DIFAT start -4", difat(0xFFFFFFFCu)},
       {"DIFAT count 0", [](L& l) { l = layoutWithFatSectors(9, 110); return S("?"); },
-       [](cfb::Bytes& b) { b[0x48] = 0; }},
+       [](const L&, cfb::Bytes& b) { b[0x48] = 0; }},
+      {"DIFAT chain back to its first sector", difatCircle, difatBack(0)},
+      {"DIFAT sector linked to itself", difatCircle, difatBack(1)},
       {"mini FAT past the end", [](L& l) { l.header.miniFatStart = 4000; return S("mini FAT sector 4000 cannot be read"); }},
       {"mini FAT chain short", [](L& l) {
          l.header.miniFatSectors = 2;
@@ -591,15 +566,13 @@ TEST(FailureReasons, EachDamageToTheLoadedTablesIsNamed) {
     cfb::CfbLayout l = document();
     const std::string expected = c.damage(l);
     cfb::Bytes bytes = l.serialize();
-    if (c.patch) c.patch(bytes);
+    if (c.patch) c.patch(l, bytes);
     const std::string reason = openFailure(bytes);
     if (expected == "?") {
       EXPECT_NE(reason, "");
     } else {
       EXPECT_EQ(reason, expected);
     }
-    OpenDoc doc(bytes);
-    EXPECT_EQ(doc.ok(), expected.empty());
   }
 }
 

@@ -109,18 +109,7 @@ TEST(Library, TableSlotsAreTheExportedFunctions) {
   }
 }
 
-// Compiles a small C host against the header with the C compiler.
-int compileAsC(const moxtest::ScratchDir& dir, const std::string& flags,
-               const std::string& source) {
-  const std::string file = dir.file("host.c");
-  if (!moxtest::writeFile(file, source)) return -1;
-  const std::string command = "cc " + flags + " -Wall -Wextra -Werror -fsyntax-only -I" MOX_SOURCE_DIR "/include " +
-                              file + " 2>" + dir.file("errors.txt");
-  const int status = system(command.c_str());
-  if (status != 0) ADD_FAILURE() << moxtest::readFile(dir.file("errors.txt"));
-  return status;
-}
-
+// Small C hosts against the headers, compiled with the C compiler.
 TEST(PublicHeaders, CompileAsC) {
   if (system("command -v cc >/dev/null 2>&1") != 0) GTEST_SKIP() << "no C compiler on this machine";
   moxtest::ScratchDir dir;
@@ -141,8 +130,11 @@ TEST(PublicHeaders, CompileAsC) {
       "  return moxvos_fstat64(fd, &record) == 0 ? record.st_size : -1;\n"
       "}\n"
       "#endif\n";
+  ASSERT_TRUE(moxtest::writeFile(dir.file("host.c"), source));
   for (const char* flags : {"-std=c99 -pedantic", "-std=c11", "-std=c99 -D_GNU_SOURCE"}) {
-    EXPECT_EQ(0, compileAsC(dir, flags, source)) << flags;
+    const std::string command = std::string("cc ") + flags + " -Wall -Wextra -Werror -fsyntax-only -I" MOX_SOURCE_DIR
+                                "/include " + dir.file("host.c") + " 2>" + dir.file("errors.txt");
+    EXPECT_EQ(0, system(command.c_str())) << flags << ":\n" << moxtest::readFile(dir.file("errors.txt"));
   }
 }
 

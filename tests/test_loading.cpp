@@ -61,7 +61,7 @@ TEST(SmallFat, SectorsCutShort) {
   OpenDoc last(l.serialize());
   ASSERT_TRUE(last.ok());
   EXPECT_EQ(last->lFatCount, 3);
-  EXPECT_EQ(lGetSect(last.h(), 2 * 128 + 24, &found), int32_t{static_cast<int32_t>(0xEEEEEEEE)});
+  EXPECT_EQ(lGetSect(last.h(), 2 * 128 + 24, &found), static_cast<int32_t>(0xEEEEEEEE));
   EXPECT_EQ(lGetSect(last.h(), 2 * 128 + 25, &found), 0);
   EXPECT_EQ(lGetSect(last.h(), 3 * 128 - 1, &found), 0);
   l = document();

@@ -7,7 +7,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
-#include <string.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -25,6 +24,7 @@
 #include "support/document_walk.h"
 #include "support/stream_kit.h"
 #include "support/vos_scratch.h"
+#include "support/write_kit.h"
 
 namespace {
 
@@ -52,90 +52,64 @@ cfb::Bytes readAll(_MoxOleFile* h, const char* name) {
 }
 
 // Reads the shared file through a handle and its clone, stream by stream
-// in turns; the number of mismatches.
-int readShared(const std::string& path) {
-  int wrong = 0;
+// in turns.  GoogleTest's assertions may be made from any thread.
+void readShared(const std::string& path) {
   moxhost::FileIo io(path, moxhost::FileIo::kRead);
   moxhost::CountingMemory memory;
   _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
-  if (h == nullptr) return 1;
+  ASSERT_NE(h, nullptr);
   _MoxOleFile* clone = hOLEopenClone(h);
+  ASSERT_NE(clone, nullptr);
   for (const auto& [name, bytes] : sharedStreams()) {
-    wrong += (readAll(h, name.c_str()) != bytes) + (clone == nullptr || readAll(clone, name.c_str()) != bytes);
+    EXPECT_EQ(readAll(h, name.c_str()), bytes) << name;
+    EXPECT_EQ(readAll(clone, name.c_str()), bytes) << name;
   }
   moxhost::PoolServices pools;
-  if (const StreamTree tree(h, pools); tree.root() == nullptr || tree.root()->iChildCount != 4) ++wrong;
+  const StreamTree tree(h, pools);
+  EXPECT_EQ(tree.root() == nullptr ? -1 : tree.root()->iChildCount, 4);
   _MoxOleObjectEntry* list = nullptr;
-  wrong += moxoleGetObjectList(h, nullptr, 0, &list) != 4;
+  EXPECT_EQ(moxoleGetObjectList(h, nullptr, 0, &list), 4);
   memory.release(list);
-  if (clone != nullptr) iOLEcloseClone(clone);
+  iOLEcloseClone(clone);
   iOLEclose(h);
-  return wrong + (memory.liveBlocks() != 0);
-}
-
-// Writes a document of the thread's own and reads it back.
-int writeOwn(int seed) {
-  moxhost::PoolServices host;
-  moxhost::MemoryIo out;
-  const cfb::Bytes small = pattern(100 + seed, seed), large = pattern(20000 + seed, seed + 1);
-  _MoxOleFile* w = hOLEopenEx(out.io(), host.services(), 1);
-  if (w == nullptr) return 1;
-  int failures = iOLEopenStreamEx(w, "Dir", 1, 1) != 0;
-  failures += iOLEopenStreamEx(w, "Dir\\Small", 2, 1) != 0;
-  failures += iOLEwrite(w, const_cast<unsigned char*>(small.data()), static_cast<int>(small.size())) != 0;
-  failures += iOLEopenStreamEx(w, "Large", 2, 1) != 0;
-  failures += iOLEwrite(w, const_cast<unsigned char*>(large.data()), static_cast<int>(large.size())) != 0;
-  iOLEclose(w);
-
-  moxhost::MemoryIo in(out.bytes());
-  moxhost::CountingMemory memory;
-  _MoxOleFile* h = hOLEopen(in.io(), memory.memory());
-  if (h == nullptr) return failures + 1;
-  failures += readAll(h, "Large") != large;
-  failures += bOLEopenEmbeddedStream(h, "Small", "Dir") != 1;
-  iOLEclose(h);
-  return failures;
+  EXPECT_EQ(memory.liveBlocks(), 0);
 }
 
 // The OS layer in a folder of the thread's own.
-int driveOsLayer(const std::string& folder, int seed) {
-  int failures = 0;
+void driveOsLayer(const std::string& folder, int seed) {
   const std::string nested = folder + "/a/b/c", file = nested + "/data";
   moxvos_mkdir(nested.c_str(), 0755, nullptr);  // -1 once there is nothing to make
-  failures += moxvos_access(nested.c_str(), F_OK, nullptr) != 0;
+  EXPECT_EQ(moxvos_access(nested.c_str(), F_OK, nullptr), 0);
   const cfb::Bytes bytes = pattern(5000, seed);
-  int fd = static_cast<int>(moxvos_fopen(file.c_str(), "w+b", nullptr));
-  failures += fd < 0;
-  failures += moxvos_fwrite(fd, bytes.data(), 1, bytes.size()) != static_cast<int64_t>(bytes.size());
-  failures += moxvos_fseek(fd, 0, SEEK_SET) != 0;
+  const int fd = static_cast<int>(moxvos_fopen(file.c_str(), "w+b", nullptr));
+  EXPECT_EQ(moxvos_fwrite(fd, bytes.data(), 1, bytes.size()), static_cast<int64_t>(bytes.size()));
+  EXPECT_EQ(moxvos_filesize(fd), static_cast<int64_t>(bytes.size()));
+  moxvos_fseek(fd, 0, SEEK_SET);
   cfb::Bytes back(bytes.size());
-  failures += moxvos_fread(fd, back.data(), 1, back.size()) != static_cast<int64_t>(back.size());
-  failures += back != bytes;
-  failures += moxvos_filesize(fd) != static_cast<int64_t>(bytes.size());
+  moxvos_fread(fd, back.data(), 1, back.size());
+  EXPECT_EQ(back, bytes);  // the seek and the read did their work
   moxvos_fclose(fd);
 
   _MoxvosFlock lock;
-  failures += moxvos_flock_init(&lock, O_RDWR, file.c_str(), nullptr) != 0;
-  failures += moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr) != 0;
-  failures += moxvos_flock_unlock(&lock, SEEK_SET, 0, 0, nullptr) != 0;
+  EXPECT_EQ(moxvos_flock_init(&lock, O_RDWR, file.c_str(), nullptr), 0);
+  EXPECT_EQ(moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr), 0);
+  EXPECT_EQ(moxvos_flock_unlock(&lock, SEEK_SET, 0, 0, nullptr), 0);
   moxvos_flock_free(&lock, nullptr);
 
   char* temporary = moxvos_tempnam(folder.c_str(), "t", nullptr);
   struct stat record;
-  failures += temporary == nullptr || moxvos_stat(temporary, &record, nullptr) != 0 ||
-              moxvos_unlink(temporary, nullptr) != 0;
+  EXPECT_TRUE(temporary != nullptr && moxvos_stat(temporary, &record, nullptr) == 0 &&
+              moxvos_unlink(temporary, nullptr) == 0);
   moxvos_free(temporary);
   DIR* dir = moxvos_opendir(folder.c_str(), nullptr);
   int entries = 0;
   while (dir != nullptr && moxvos_readdir(dir, nullptr) != nullptr) ++entries;
   if (dir != nullptr) moxvos_closedir(dir, nullptr);
-  failures += entries != 3;  // ".", ".." and "a"
+  EXPECT_EQ(entries, 3);  // ".", ".." and "a"
   void* memory = moxvos_calloc(64, 64);
-  failures += memory == nullptr;
-  memory = moxvos_Saferealloc(memory, 8192);
-  moxvos_free(memory);
-  failures += moxvos_unlink(file.c_str(), nullptr) != 0;
-  return failures;
+  EXPECT_NE(memory, nullptr);
+  moxvos_free(moxvos_Saferealloc(memory, 8192));
+  EXPECT_EQ(moxvos_unlink(file.c_str(), nullptr), 0);
 }
 
 TEST(Threads, OwnHandlesOnOneFileOwnDocumentsOwnFoldersAtOnce) {
@@ -143,20 +117,24 @@ TEST(Threads, OwnHandlesOnOneFileOwnDocumentsOwnFoldersAtOnce) {
   const std::string shared = scratch.file("shared.doc");
   const cfb::Bytes bytes = sharedDocument();
   ASSERT_TRUE(moxtest::writeFile(shared, std::string(bytes.begin(), bytes.end())));
-  std::vector<int> failures(kThreads, 0);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     const std::string folder = scratch.file("thread" + std::to_string(t));
-    threads.emplace_back([&failures, t, shared, folder] {
+    threads.emplace_back([t, shared, folder] {
       for (int round = 0; round < kRounds; ++round) {
-        failures[t] += readShared(shared);
-        failures[t] += writeOwn(t * 10 + round);
-        failures[t] += driveOsLayer(folder, t + round);
+        SCOPED_TRACE("thread " + std::to_string(t) + ", round " + std::to_string(round));
+        readShared(shared);
+        // A document of the thread's own, written and read back.
+        const int seed = t * 10 + round;
+        const writekit::Shape own = {{"Dir", 1, {}},
+                                     {"Dir\\Small", 2, pattern(100 + seed, seed)},
+                                     {"Large", 2, pattern(20000 + seed, seed + 1)}};
+        writekit::checkWithLibrary(writekit::write(own), writekit::expected(own));
+        driveOsLayer(folder, t + round);
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
-  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(failures[t], 0) << "thread " << t;
 }
 
 }  // namespace

@@ -133,13 +133,25 @@ class Run {
     return static_cast<unsigned char*>(p);
   }
 
-  void opened(Slot& s, int64_t fd, int flags) {
+  // The size of what is at p, -1 when nothing is.
+  static int64_t sizeAt(const std::string& p) {
+    struct stat record;
+    return stat(p.c_str(), &record) == 0 ? record.st_size : -1;
+  }
+
+  // `before` is sizeAt() the path just before it was opened with `flags`.
+  void opened(Slot& s, int64_t fd, int flags, int64_t before) {
     require(fd >= -1, "a descriptor below -1");
+    require(fd == -1 || before >= 0 || (flags & O_CREAT), "a missing file opened without O_CREAT");
     if (fd < 0) return;
     require(!highDescriptors_ || fd >= kLowestDescriptor, "a descriptor below 256");
     s.fd = static_cast<int>(fd);
     s.flags = flags;
-    if (flags & O_TRUNC) require(moxvos_filesize(s.fd) == 0, "a file opened to be truncated is not empty");
+    struct stat record;
+    require(fstat(s.fd, &record) == 0, "fstat of an open descriptor");
+    const int64_t size = (flags & O_TRUNC) || before < 0 ? 0 : before;
+    require(record.st_size == size, "a file's size after opening: truncated only when asked");
+    if (before < 0) require((record.st_mode & 07777) == (0644 & ~mask_), "a created file's permissions");
   }
 
   void makeDirectories(FuzzInput& in) {
@@ -179,9 +191,10 @@ class Run {
     Slot& s = freshSlot(in);
     const std::string p = path(in);
     const int flags = kFlags[in.byte() % 8];
+    const int64_t before = sizeAt(p);
     const int fd = (in.byte() & 1) ? moxvos_open64(p.c_str(), flags, nullptr)
                                    : moxvos_open(p.c_str(), flags, nullptr);
-    opened(s, fd, flags);
+    opened(s, fd, flags, before);
   }
 
   void fopen(FuzzInput& in) {
@@ -189,6 +202,7 @@ class Run {
     const std::string p = path(in);
     const std::string mode = in.text(4, false, 'b');
     const bool wide = in.byte() & 1;
+    const int64_t before = sizeAt(p);
     const int64_t fd = wide ? moxvos_fopen64(p.c_str(), mode.c_str(), nullptr)
                             : moxvos_fopen(p.c_str(), mode.c_str(), nullptr);
     // The mode table: first character, and '+' anywhere.
@@ -197,7 +211,7 @@ class Run {
     if (!mode.empty() && mode[0] == 'r') flags = update ? O_RDWR : O_RDONLY;
     if (!mode.empty() && mode[0] == 'w') flags = (update ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
     if (!mode.empty() && mode[0] == 'a') flags = (update ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
-    opened(s, fd, flags);
+    opened(s, fd, flags, before);
     if (fd < 0) return;
     const int got = fcntl(s.fd, F_GETFL) & (O_ACCMODE | O_APPEND);
     require(got == (flags & (O_ACCMODE | O_APPEND)), "moxvos_fopen opened with other flags");
@@ -399,12 +413,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string scratch = moxfuzz::scratchDir("vos");
   require(chdir(scratch.c_str()) == 0, "cannot enter the scratch directory");
   const int descriptors = moxfuzz::openDescriptors();
-  const mode_t mask = umask(022);
-  umask(mask);
+  // Runs start without a mask, so that a created file shows every
+  // permission bit the layer asked for.
+  const mode_t mask = umask(0);
   FuzzInput in(data, size);
   int64_t live = 0;
   {
-    Run run(scratch, mask);
+    Run run(scratch, 0);
     for (int n = 0; n < kMaxOps && !in.empty(); ++n) run.step(in);
     umask(mask);
     live = run.memory().liveBlocks();

@@ -2,7 +2,9 @@
 // seeking past 4 GiB, the status and directory pass-throughs, temporary
 // names, directory paths, advisory locks as a second process sees them,
 // bounded allocation, dynamic loading and its log, exit, system and sleep.
-// Null and absurd arguments are in test_interface.
+// Null and absurd arguments are in test_interface; the permissions of
+// created files, and sizes kept or truncated on opening, are checked by
+// the vos fuzz target's model on every replayed input.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
@@ -23,6 +25,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <set>
 #include <string>
 #include <vector>
@@ -39,7 +42,6 @@
 #endif
 
 #ifdef MOX_TEST_ASAN
-#include <sanitizer/asan_interface.h>
 // An allocation refused under a child's RLIMIT_AS must come back as null,
 // as it does without the sanitizer, instead of ending the process.
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
@@ -81,38 +83,7 @@ bool isDirectory(const std::string& path) {
   return stat(path.c_str(), &record) == 0 && S_ISDIR(record.st_mode);
 }
 
-// What a forked child reports back.
-struct ChildResults {
-  int64_t values[4] = {-100, -100, -100, -100};
-  int error = 0;
-};
-
 // --- Descriptors -------------------------------------------------------------
-
-TEST(VosDescriptors, CreatedFilesGet0644UnderTheUmask) {
-  ScratchDir dir;
-  const struct {
-    mode_t umask, expected;
-  } cases[] = {{0, 0644}, {022, 0644}, {027, 0640}, {077, 0600}, {0266, 0400}};
-  int n = 0;
-  for (const auto& c : cases) {
-    UmaskGuard mask(c.umask);
-    const std::string tag = std::to_string(n++);
-    const std::string paths[] = {dir.file("open" + tag), dir.file("open64_" + tag),
-                                 dir.file("fopen" + tag), dir.file("fopen64_" + tag)};
-    // The third argument is the context, never a mode.
-    const int64_t fds[] = {moxvos_open(paths[0].c_str(), O_CREAT | O_WRONLY, nullptr),
-                           moxvos_open64(paths[1].c_str(), O_CREAT | O_RDWR, nullptr),
-                           moxvos_fopen(paths[2].c_str(), "wb", nullptr),
-                           moxvos_fopen64(paths[3].c_str(), "a+", nullptr)};
-    for (int i = 0; i < 4; ++i) {
-      ASSERT_GE(fds[i], 256) << paths[i];
-      EXPECT_EQ(c.expected, permissions(paths[i])) << paths[i] << " umask " << c.umask;
-      EXPECT_EQ(0, i < 2 ? moxvos_close(static_cast<int>(fds[i])) : moxvos_fclose(static_cast<int>(fds[i])));
-      EXPECT_EQ(-1, fcntl(static_cast<int>(fds[i]), F_GETFD)) << "really closed";
-    }
-  }
-}
 
 TEST(VosDescriptors, HighDescriptorFromOpenIsKeptAndLowOneUsedWhenNoHighIsAllowed) {
   ScratchDir dir;
@@ -120,34 +91,25 @@ TEST(VosDescriptors, HighDescriptorFromOpenIsKeptAndLowOneUsedWhenNoHighIsAllowe
   ASSERT_TRUE(moxtest::writeFile(file, "x"));
   // Every descriptor below 256 taken, so open itself returns 256.  Moving
   // it would give 257 (256 is still taken while it is duplicated).
-  ChildResults r = moxtest::resultOfChild<ChildResults>([&] {
-    ChildResults out;
-    struct rlimit limit;
-    getrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_cur < 512 && limit.rlim_max >= 512) {
-      limit.rlim_cur = 512;
-      setrlimit(RLIMIT_NOFILE, &limit);
-    }
-    int filler = open("/dev/null", O_RDONLY);
+  EXPECT_EQ(256, moxtest::resultOfChild<int64_t>([&]() -> int64_t {
+    struct rlimit limit = {512, 512};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    const int filler = open("/dev/null", O_RDONLY);
     for (int fd = 0; fd < 256; ++fd) {
       if (fcntl(fd, F_GETFD) == -1) dup2(filler, fd);
     }
-    if (fcntl(256, F_GETFD) != -1) close(256);
-    out.values[0] = moxvos_open(file.c_str(), O_RDONLY, nullptr);
-    return out;
-  });
-  EXPECT_EQ(256, r.values[0]);
-
-  r = moxtest::resultOfChild<ChildResults>([&] {
-    ChildResults out;
-    struct rlimit limit = {64, 64};  // the channel's descriptor stays below it
-    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return out;
-    int fd = moxvos_open(file.c_str(), O_RDONLY, nullptr);
+    close(256);
+    return moxvos_open(file.c_str(), O_RDONLY, nullptr);
+  }, -100));
+  // Under a limit of 64 (the channel's descriptor stays below it) the
+  // descriptor cannot be moved: a low one, open and readable.
+  EXPECT_EQ(1, moxtest::resultOfChild<int64_t>([&]() -> int64_t {
+    struct rlimit limit = {64, 64};
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return -1;
+    const int fd = moxvos_open(file.c_str(), O_RDONLY, nullptr);
     char byte = 0;
-    out.values[0] = fd >= 0 && fd < 64 && read(fd, &byte, 1) == 1 && byte == 'x';
-    return out;
-  });
-  EXPECT_EQ(1, r.values[0]) << "a low descriptor, open and readable";
+    return fd >= 0 && fd < 64 && read(fd, &byte, 1) == 1 && byte == 'x';
+  }));
 }
 
 TEST(VosDescriptors, FopenModeTable) {
@@ -190,8 +152,9 @@ TEST(VosDescriptors, FopenModeTable) {
 
 // --- Transfers and seeking -----------------------------------------------------
 
-// Element counts round down: a partial element read or written is none.
-TEST(VosTransfers, PartialElementsAreNotCounted) {
+// Element counts round down: a partial element read is none, and so is a
+// failed transfer (fread and fwrite share the counting).
+TEST(VosTransfers, PartialElementsAndFailuresAreNotCounted) {
   ScratchDir dir;
   const std::string path = dir.file("39");
   ASSERT_TRUE(moxtest::writeFile(path, std::string(39, 'c')));
@@ -200,51 +163,32 @@ TEST(VosTransfers, PartialElementsAreNotCounted) {
   char buffer[64];
   EXPECT_EQ(9, moxvos_fread(fd, buffer, 4, 10));  // 39 bytes: 9 elements
   EXPECT_EQ(39, moxvos_ftell(fd));                 // but all 39 were read
+  errno = 0;
+  EXPECT_TRUE(moxvos_write(fd, buffer, 1) == -1 && errno == EBADF);  // open for reading only
+  EXPECT_EQ(0, moxvos_fwrite(fd, buffer, 4, 10));
   moxvos_fclose(fd);
 
-  // A pipe holding 39 bytes gives 9 elements of 4 from one read.
+  // A pipe holding 39 bytes gives 9 elements of 4 from one read: a second
+  // read would wait for the open write end.
   int channel[2];
   ASSERT_EQ(0, pipe(channel));
-  ASSERT_EQ(39, write(channel[1], std::string(39, 'p').data(), 39));
+  ASSERT_EQ(39, write(channel[1], buffer, 39));
   EXPECT_EQ(9, moxvos_fread(channel[0], buffer, 4, 16));
   close(channel[0]);
   close(channel[1]);
-
-  // The file may not grow past 39 bytes: a write of 40 writes 39, the next
-  // one fails with EFBIG (SIGXFSZ ignored).
-  memset(buffer, 'a', sizeof buffer);
-  ChildResults r = moxtest::resultOfChild<ChildResults>([&] {
-    ChildResults out;
-    signal(SIGXFSZ, SIG_IGN);
-    struct rlimit limit = {39, 39};
-    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return out;
-    int limited = static_cast<int>(moxvos_fopen(dir.file("limited").c_str(), "wb", nullptr));
-    out.values[0] = moxvos_fwrite(limited, buffer, 4, 10);
-    errno = 0;
-    out.values[1] = moxvos_fwrite(limited, buffer, 4, 10);
-    out.error = errno;
-    out.values[2] = moxvos_filesize(limited);
-    out.values[3] = moxvos_write(limited, buffer, 1);
-    return out;
-  });
-  EXPECT_EQ((std::vector<int64_t>{9, 0, EFBIG, 39, -1}),
-            (std::vector<int64_t>{r.values[0], r.values[1], r.error, r.values[2], r.values[3]}));
 }
 
 TEST(VosSeeking, SixtyFourBitFamilyCarriesOffsetsPastFourGiB) {
   ScratchDir dir;
   const int64_t kThreeGiB = INT64_C(3) << 30, kFiveGiB = INT64_C(5) << 30;
   int fd = static_cast<int>(moxvos_fopen64(dir.file("sparse").c_str(), "w+b", nullptr));
-  ASSERT_GE(fd, 256);
   ASSERT_EQ(0, moxvos_ftruncate(fd, kThreeGiB));  // sparse: no blocks used
-  EXPECT_EQ(kThreeGiB, moxvos_filesize(fd));
-  EXPECT_EQ(kThreeGiB, moxvos_filesize64(fd));
+  EXPECT_EQ(kThreeGiB, moxvos_filesize64(fd));   // the fuzz model: filesize is the same
   struct stat64 record;
   ASSERT_EQ(0, moxvos_fstat64(fd, &record));
   EXPECT_EQ(kThreeGiB, record.st_size);
   EXPECT_EQ(kThreeGiB, moxvos_lseek64(fd, 0, SEEK_END));
   EXPECT_EQ(0, moxvos_fseek64(fd, kThreeGiB - 4, SEEK_SET));
-  EXPECT_EQ(kThreeGiB - 4, moxvos_ftell64(fd));
   EXPECT_EQ(1, moxvos_fwrite(fd, "tail", 4, 1));
   EXPECT_EQ(kThreeGiB, moxvos_ftell64(fd));
   EXPECT_EQ(kFiveGiB + 1, moxvos_lseek64(fd, kFiveGiB + 1, SEEK_SET));
@@ -255,7 +199,8 @@ TEST(VosSeeking, SixtyFourBitFamilyCarriesOffsetsPastFourGiB) {
   EXPECT_EQ(0, moxvos_fseek(fd, kThreeGiB - 4, SEEK_SET));
   EXPECT_EQ(kThreeGiB - 4, moxvos_ftell(fd));
   EXPECT_EQ(0, moxvos_fsync(fd));
-  moxvos_fclose(fd);
+  EXPECT_EQ(0, moxvos_fclose(fd));
+  EXPECT_EQ(-1, fcntl(fd, F_GETFD)) << "really closed";
 }
 
 // --- Status, directories -------------------------------------------------------
@@ -265,8 +210,6 @@ TEST(VosStatus, PathsDirectoriesAndTheWorkingDirectoryPassThrough) {
   const std::string a = dir.file("a"), b = dir.file("b");
   ASSERT_TRUE(moxtest::writeFile(a, "12345"));
   struct stat record;
-  ASSERT_EQ(0, moxvos_stat(a.c_str(), &record, nullptr));
-  EXPECT_EQ(5, record.st_size);
   EXPECT_TRUE(moxvos_stat(b.c_str(), &record, nullptr) == -1 && errno == ENOENT);
   EXPECT_EQ(0, moxvos_chmod(a.c_str(), 0600, nullptr));
   EXPECT_EQ(0600u, permissions(a));
@@ -277,7 +220,6 @@ TEST(VosStatus, PathsDirectoriesAndTheWorkingDirectoryPassThrough) {
   ASSERT_EQ(0, moxvos_stat(a.c_str(), &record, nullptr));
   EXPECT_EQ(1234567890, record.st_mtime);
   EXPECT_EQ(0, moxvos_rename(a.c_str(), b.c_str(), nullptr));
-  EXPECT_FALSE(moxtest::exists(a));
   int fd = static_cast<int>(moxvos_fopen(b.c_str(), "r", nullptr));
   ASSERT_EQ(0, moxvos_fstat(fd, &record));
   EXPECT_EQ(5, record.st_size);
@@ -287,8 +229,6 @@ TEST(VosStatus, PathsDirectoriesAndTheWorkingDirectoryPassThrough) {
   struct statfs fs;
   EXPECT_EQ(0, moxvos_statfs(dir.path().c_str(), &fs));
   EXPECT_EQ(-1, moxvos_statfs(b.c_str(), &fs));
-  const int previous = moxvos_umask(027, nullptr);
-  EXPECT_EQ(027, moxvos_umask(previous, nullptr));
 
   char before[4096], inside[4096], real[4096], tiny[2];
   ASSERT_NE(nullptr, moxvos_getcwd(before, sizeof before, nullptr));
@@ -308,15 +248,14 @@ TEST(VosStatus, PathsDirectoriesAndTheWorkingDirectoryPassThrough) {
   EXPECT_EQ(nullptr, moxvos_opendir(dir.file("none").c_str(), nullptr));
   DIR* handle = moxvos_opendir(dir.path().c_str(), nullptr);
   ASSERT_NE(nullptr, handle);
+  // The fuzz model shows readdir_r leaves the caller's entry alone.
   struct dirent entry;
   std::set<std::string> names;
   for (bool useR = false;; useR = !useR) {
     struct dirent* next = useR ? moxvos_readdir_r(handle, &entry, nullptr) : moxvos_readdir(handle, nullptr);
     if (next == nullptr) break;
-    EXPECT_NE(&entry, next);
     EXPECT_TRUE(names.insert(next->d_name).second) << next->d_name;
   }
-  EXPECT_EQ(nullptr, moxvos_readdir_r(handle, &entry, nullptr));
   EXPECT_EQ((std::set<std::string>{".", "..", "one", "two", "three"}), names);
   EXPECT_EQ(0, moxvos_closedir(handle, nullptr));
 }
@@ -328,15 +267,11 @@ TEST(VosStatus, PathsDirectoriesAndTheWorkingDirectoryPassThrough) {
 TEST(VosTempnam, TemplatesAndAttempts) {
   gTemplates.clear();
   gFailNext = 0;
+  // The fuzz model checks the name and its empty file for given names.
   char* name = moxvos_tempnam(nullptr, nullptr, nullptr);
   ASSERT_NE(nullptr, name);
-  EXPECT_EQ(11u, strlen(name));
-  EXPECT_EQ(0, strncmp(name, "/tmp/", 5));
   EXPECT_EQ(std::vector<std::string>{"/tmp/XXXXXX"}, gTemplates);
-  struct stat record;
-  EXPECT_EQ(0, stat(name, &record));
-  EXPECT_EQ(0, record.st_size);
-  EXPECT_EQ(0, unlink(name));  // the caller removes the file
+  EXPECT_EQ(0, unlink(name));  // the file is there, for the caller to remove
   moxvos_free(name);
 
   gTemplates.clear();
@@ -367,10 +302,7 @@ TEST(VosMkdir, CreatesEveryMissingDirectoryUnderTheUmask) {
   moxtest::CwdGuard cwd(dir.path());
   UmaskGuard mask(027);
   EXPECT_EQ(0, moxvos_mkdir("a/b/c", 0715, nullptr));
-  for (const char* path : {"a", "a/b", "a/b/c"}) {
-    ASSERT_TRUE(isDirectory(path)) << path;
-    EXPECT_EQ(0710u, permissions(path)) << path;
-  }
+  for (const char* path : {"a", "a/b", "a/b/c"}) EXPECT_EQ(0710u, permissions(path)) << path;
   // Everything there already: nothing to do is -1.
   EXPECT_EQ(-1, moxvos_mkdir("a/b/c", 0750, nullptr));
   EXPECT_EQ(-1, moxvos_mkdir("a", 0750, nullptr));
@@ -405,7 +337,6 @@ TEST(VosMkdir, RootAndHostPartsAreNeverCreated) {
       if (unshare(CLONE_NEWUSER) != 0 || chroot(dir.path().c_str()) != 0) return 77;
     }
     if (chdir("/") != 0) return 78;
-    if (moxvos_mkdir("/", 0755, nullptr) != -1) return 10;
     if (moxvos_mkdir("/top/sub", 0755, nullptr) != 0 || !isDirectory("/top/sub")) return 11;
     // The host part "//host" is skipped even though it is missing, so the
     // first mkdir ("//host/a") fails and so does everything after it.
@@ -428,14 +359,11 @@ TEST(VosMkdir, VeryLongPathsFailCleanly) {
   // The 20 whole components among them are made; the prefix that is the
   // whole 4096 bytes is too long for the platform, so the result is -1.
   const std::string component(200, 'd');
-  std::string path, twenty;
-  for (int i = 0; i < 50; ++i) {
-    path += (i ? "/" : "") + component;
-    if (i == 19) twenty = path;
-  }
+  std::string path = component;
+  for (int i = 1; i < 50; ++i) path += "/" + component;
   errno = 0;
   EXPECT_TRUE(moxvos_mkdir(path.c_str(), 0755, nullptr) == -1 && errno == ENAMETOOLONG);
-  EXPECT_EQ(0, rmdir(twenty.c_str())) << "not made, or something was made inside it";
+  EXPECT_EQ(0, rmdir(path.substr(0, 20 * 201 - 1).c_str())) << "not made, or something was made inside it";
 }
 
 // --- Locks -----------------------------------------------------------------------
@@ -462,7 +390,7 @@ std::string lockSeenByOtherProcess(const std::string& path, off_t start, off_t l
 
 TEST(VosLocks, LengthZeroLocksThePresentSizeAndSeeksToTheEnd) {
   ScratchDir dir;
-  const std::string path = dir.file("hundred");
+  const std::string path = dir.file("hundred"), empty = dir.file("new.lock");
   ASSERT_TRUE(moxtest::writeFile(path, std::string(100, 'h')));
   _MoxvosFlock lock;
   ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr));
@@ -470,9 +398,8 @@ TEST(VosLocks, LengthZeroLocksThePresentSizeAndSeeksToTheEnd) {
 
   ASSERT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr));
   EXPECT_EQ(100, moxvos_ftell(lock.iFd));
-  // Another process sees bytes 0..99 locked, byte 100 onwards free.
+  // Another process sees bytes 0..99 locked (and so byte 100 onwards free).
   EXPECT_EQ("write 0+100 by us", lockSeenByOtherProcess(path, 0, 0));
-  EXPECT_EQ("free", lockSeenByOtherProcess(path, 100, 0));
   ASSERT_EQ(0, moxvos_flock_unlock(&lock, SEEK_SET, 0, 0, nullptr));
   EXPECT_EQ("free", lockSeenByOtherProcess(path, 0, 0));
 
@@ -483,20 +410,14 @@ TEST(VosLocks, LengthZeroLocksThePresentSizeAndSeeksToTheEnd) {
   EXPECT_EQ(10, moxvos_ftell(lock.iFd));  // a nonzero length moves nothing
   EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
   EXPECT_EQ("free", lockSeenByOtherProcess(path, 0, 0));
-}
 
-TEST(VosLocks, NewEmptyLockFileGets0644AndLengthZeroLocksToTheEnd) {
-  ScratchDir dir;
-  UmaskGuard mask(022);
-  const std::string path = dir.file("new.lock");
-  _MoxvosFlock lock;
-  ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR | O_CREAT, path.c_str(), nullptr));
-  EXPECT_EQ(0644u, permissions(path));
+  // A new, empty file: length 0 reaches fcntl as 0, everything from 0 on,
+  // however far.
+  ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR | O_CREAT, empty.c_str(), nullptr));
   ASSERT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr));
-  // Length 0 reached fcntl as 0: everything from 0 on, even far away.
-  EXPECT_EQ("write 0+0 by us", lockSeenByOtherProcess(path, 1 << 30, 1));
+  EXPECT_EQ("write 0+0 by us", lockSeenByOtherProcess(empty, 1 << 30, 1));
   EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
-  EXPECT_TRUE(moxtest::exists(path));  // freeing never removes the file
+  EXPECT_TRUE(moxtest::exists(empty));  // freeing never removes the file
   // Nor keeps the copy of the path: a hundred locks leave the heap as found.
   const size_t inUse = mallinfo2().uordblks;
   for (int i = 0; i < 100; ++i) {
@@ -516,36 +437,31 @@ TEST(VosLocks, LockHeldByAnotherProcessIsBusy) {
   range.l_type = F_WRLCK;
   range.l_len = 100;
   ASSERT_EQ(0, fcntl(holder, F_SETLK, &range));
-  ChildResults r = moxtest::resultOfChild<ChildResults>([&] {
-    ChildResults out;
+  using Answers = std::array<int64_t, 3>;
+  const Answers r = moxtest::resultOfChild<Answers>([&] {
+    Answers out = {-100, -100, -100};
     _MoxvosFlock lock;
     if (moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr) != 0) return out;
     for (int i = 0; i < 2; ++i) {  // from 0 to the end, then byte 50
       errno = 0;
-      out.values[i] = moxvos_flock_trywrlock(&lock, SEEK_SET, 50 * i, i, nullptr) == -1 && errno == EBUSY;
+      out[i] = moxvos_flock_trywrlock(&lock, SEEK_SET, 50 * i, i, nullptr) == -1 && errno == EBUSY;
     }
-    out.values[2] = moxvos_flock_trywrlock(&lock, SEEK_SET, 100, 10, nullptr);  // beyond the holder's range
+    out[2] = moxvos_flock_trywrlock(&lock, SEEK_SET, 100, 10, nullptr);  // beyond the holder's range
     moxvos_flock_free(&lock, nullptr);
     return out;
   });
-  EXPECT_EQ((std::vector<int64_t>{1, 1, 0}), (std::vector<int64_t>{r.values[0], r.values[1], r.values[2]}));
+  EXPECT_EQ((Answers{1, 1, 0}), r);
   close(holder);
-  _MoxvosFlock lock;
-  ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr));
-  EXPECT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr)) << "released, it is free to take";
-  EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
 }
 
 // A request on an object without a file fails in fcntl, not as busy.
 TEST(VosLocks, RequestsWithoutAFileFailAsABadDescriptor) {
   _MoxvosFlock lock;
   ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, nullptr, nullptr));
-  for (auto request : {moxvos_flock_trywrlock, moxvos_flock_unlock}) {
-    for (int64_t length : {10, 0}) {
-      errno = 0;
-      EXPECT_TRUE(request(&lock, SEEK_SET, 0, length, nullptr) == -1 && errno == EBADF) << length;
-    }
-  }
+  errno = 0;
+  EXPECT_TRUE(moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 10, nullptr) == -1 && errno == EBADF);
+  errno = 0;
+  EXPECT_TRUE(moxvos_flock_unlock(&lock, SEEK_SET, 0, 0, nullptr) == -1 && errno == EBADF);
   EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
 }
 
@@ -556,33 +472,6 @@ TEST(VosLocks, RequestsWithoutAFileFailAsABadDescriptor) {
 // address space is too small for them (null with ENOMEM).
 
 constexpr uint64_t kLimit = 2147483647ULL;
-
-// True when block has been given back to the allocator.  With
-// AddressSanitizer a freed block is poisoned (it sits in quarantine);
-// without it, a block above the mmap threshold is unmapped on release and
-// leaves glibc's count of mapped bytes.
-struct ReleaseProbe {
-  static constexpr size_t kSize = 8u << 20;
-  void* block = nullptr;
-  size_t mappedBefore = 0;
-  ReleaseProbe() {
-#ifndef MOX_TEST_ASAN
-    // Pin the threshold: glibc raises it after each release of a mapped
-    // block, which would put the next probe block on the heap.
-    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
-#endif
-    block = malloc(kSize);
-    memset(block, 1, kSize);
-    mappedBefore = mallinfo2().hblkhd;
-  }
-  bool released() const {
-#ifdef MOX_TEST_ASAN
-    return __asan_address_is_poisoned(block) != 0;
-#else
-    return mallinfo2().hblkhd + kSize <= mappedBefore;
-#endif
-  }
-};
 
 TEST(VosMemory, SizesPastTheLimitNeverReachTheAllocator) {
   errno = 0;
@@ -599,7 +488,6 @@ TEST(VosMemory, SizesPastTheLimitNeverReachTheAllocator) {
   void* page = moxvos_valloc(64);
   ASSERT_NE(nullptr, page);
   moxvos_free(page);
-  moxvos_free(nullptr);  // does nothing
 }
 
 TEST(VosMemory, SizesAtTheLimitReachTheAllocator) {
@@ -637,23 +525,18 @@ TEST(VosMemory, SizesAtTheLimitReachTheAllocator) {
   EXPECT_EQ(0, code);
 }
 
-TEST(VosMemory, SafereallocAboveTheLimitReleasesTheBlock) {
-  ReleaseProbe probe;
-  ASSERT_FALSE(probe.released());
+// Past the limit or to zero the block is released, once: a block kept (too
+// large for the allocator's per-thread cache) stays in the heap's bytes in use (or, with the sanitizer, which keeps its
+// own heap, is reported as a leak), and a second release is a double free
+// that either allocator reports and aborts on.
+TEST(VosMemory, SafereallocPastTheLimitOrToZeroReleasesTheBlock) {
+  const size_t inUse = mallinfo2().uordblks;
   errno = 0;
-  EXPECT_TRUE(moxvos_Saferealloc(probe.block, kLimit + 1) == nullptr && errno == 0);
-  EXPECT_TRUE(probe.released());
+  EXPECT_TRUE(moxvos_Saferealloc(moxvos_malloc(4096), kLimit + 1) == nullptr && errno == 0);
+  EXPECT_EQ(nullptr, moxvos_Saferealloc(moxvos_malloc(4096), 0));
+  EXPECT_EQ(inUse, mallinfo2().uordblks);
   EXPECT_EQ(nullptr, moxvos_Saferealloc(nullptr, kLimit + 1));
-
-  // To zero it releases once: a second release would be a double free,
-  // which the sanitizer build reports and aborts on.
-  ReleaseProbe zero;
-  EXPECT_EQ(nullptr, moxvos_Saferealloc(zero.block, 0));
-  EXPECT_TRUE(zero.released());
-  char* grown = static_cast<char*>(moxvos_Saferealloc(nullptr, 8));
-  ASSERT_NE(nullptr, grown);
-  memcpy(grown, "abcdefg", 8);
-  grown = static_cast<char*>(moxvos_Saferealloc(grown, 1 << 16));
+  char* grown = static_cast<char*>(moxvos_Saferealloc(strdup("abcdefg"), 1 << 16));
   ASSERT_NE(nullptr, grown);
   EXPECT_STREQ("abcdefg", grown);
   moxvos_free(grown);
@@ -693,40 +576,32 @@ TEST_F(VosLoader, WithoutTheVariableNothingIsLoggedAndSymbolsWork) {
   EXPECT_NE(nullptr, moxvos_dlsym(handle, "moxvos_dlopen"));
 }
 
+// Appended to, line by line; an empty value counts as set, and a log that
+// cannot be opened is passed over.
 TEST_F(VosLoader, WithTheVariableLoadsAreAppended) {
-  setenv("MOX_DLL_LOG", "1", 1);
+  setenv("MOX_DLL_LOG", "", 1);
   void* handle = moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW);
   ASSERT_NE(nullptr, handle) << moxvos_dlerror();
   const std::string first = std::string("moxvos_dlopen dll ") + MOX_LIBRARY_PATH + " \n";
   EXPECT_EQ(first, log());  // a successful load: one line
   EXPECT_EQ(nullptr, moxvos_dlopen(kMissing, RTLD_LAZY));
-  const std::string failed = std::string("moxvos_dlopen dll ") + kMissing +
-                             " \nERROR: moxvos_dlopen dll " + kMissing + " \n";
-  EXPECT_EQ(first + failed, log());  // a failed one: two more, in order
   // The platform's reason is not logged; it waits in dlerror.
   const char* reason = moxvos_dlerror();
   EXPECT_TRUE(reason != nullptr && strstr(reason, kMissing) != nullptr);
   EXPECT_EQ(nullptr, moxvos_dlerror());  // and is consumed by reading it
-  EXPECT_EQ(0, moxvos_dlclose(handle));
-}
-
-TEST_F(VosLoader, AnEmptyValueCountsAsSetAndAnUnwritableLogIsIgnored) {
-  setenv("MOX_DLL_LOG", "", 1);
-  moxvos_dll_log("first %s \n", "line");
-  moxvos_dll_log("second %s \n", "line");
   moxvos_dll_log("no argument used\n", nullptr);
   moxvos_dll_log(nullptr, "ignored");
-  EXPECT_EQ("first line \nsecond line \nno argument used\n", log());
+  // A failed load: two more lines, in order.
+  EXPECT_EQ(first + "moxvos_dlopen dll " + kMissing + " \nERROR: moxvos_dlopen dll " + kMissing + " \nno argument used\n",
+            log());
+  EXPECT_EQ(0, moxvos_dlclose(handle));
   ASSERT_EQ(0, unlink(dir_.file("dll_debug.log").c_str()));
   ASSERT_EQ(0, mkdir(dir_.file("dll_debug.log").c_str(), 0755));
-  moxvos_dll_log("lost %s \n", "line");
   EXPECT_EQ(nullptr, moxvos_dlopen(kMissing, RTLD_NOW));
   EXPECT_NE(nullptr, moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW));
 }
 
 // --- Exit, system, sleep ---------------------------------------------------------------
-
-int gExitChannel = -1;
 
 double seconds() {
   struct timespec now;
@@ -735,20 +610,14 @@ double seconds() {
 }
 
 TEST(VosProcess, ExitSystemAndSleep) {
-  int channel[2];
-  ASSERT_EQ(0, pipe(channel));
-  int code = moxtest::runInChild([&]() -> int {
-    gExitChannel = channel[1];
-    atexit([] {  // exit(), not _exit(): handlers run
-      if (write(gExitChannel, "e", 1) != 1) _exit(99);
-    });
+  // exit(), not _exit(): what the child left buffered is written out.
+  ScratchDir dir;
+  const std::string flushed = dir.file("flushed");
+  EXPECT_EQ(7, moxtest::runInChild([&]() -> int {
+    fputs("e", fopen(flushed.c_str(), "w"));
     moxvos_exit(7);
-  });
-  close(channel[1]);
-  EXPECT_EQ(7, code);
-  char byte = 0;
-  EXPECT_TRUE(read(channel[0], &byte, 1) == 1 && byte == 'e') << "the exit handlers did not run";
-  close(channel[0]);
+  }));
+  EXPECT_EQ("e", moxtest::readFile(flushed)) << "the exit handlers did not run";
 
   const int status = moxvos_system("exit 3");
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;

@@ -230,14 +230,13 @@ TEST(VosStatus, PathsDirectoriesAndTheWorkingDirectoryPassThrough) {
   EXPECT_EQ(0, moxvos_statfs(dir.path().c_str(), &fs));
   EXPECT_EQ(-1, moxvos_statfs(b.c_str(), &fs));
 
-  char before[4096], inside[4096], real[4096], tiny[2];
-  ASSERT_NE(nullptr, moxvos_getcwd(before, sizeof before, nullptr));
+  moxtest::CwdGuard cwd("/");  // puts the working directory back
+  char inside[4096], real[4096], tiny[2];
   ASSERT_EQ(0, moxvos_chdir(dir.path().c_str(), nullptr));
   EXPECT_EQ(inside, moxvos_getcwd(inside, sizeof inside, nullptr));
   ASSERT_NE(nullptr, realpath(dir.path().c_str(), real));
   EXPECT_STREQ(real, inside);
   EXPECT_TRUE(moxvos_getcwd(tiny, sizeof tiny, nullptr) == nullptr && errno == ERANGE);
-  ASSERT_EQ(0, moxvos_chdir(before, nullptr));
   EXPECT_EQ(-1, moxvos_chdir(dir.file("none").c_str(), nullptr));
   ASSERT_EQ(0, mkdir(dir.file("sub").c_str(), 0755));
   EXPECT_EQ(0, moxvos_rmdir(dir.file("sub").c_str(), nullptr));
@@ -297,6 +296,7 @@ TEST(VosTempnam, TemplatesAndAttempts) {
 
 // --- Directory paths ---------------------------------------------------------------
 
+// Whatever mkdir reports made, the vos fuzz model finds a directory.
 TEST(VosMkdir, CreatesEveryMissingDirectoryUnderTheUmask) {
   ScratchDir dir;
   moxtest::CwdGuard cwd(dir.path());
@@ -305,12 +305,9 @@ TEST(VosMkdir, CreatesEveryMissingDirectoryUnderTheUmask) {
   for (const char* path : {"a", "a/b", "a/b/c"}) EXPECT_EQ(0710u, permissions(path)) << path;
   // Everything there already: nothing to do is -1.
   EXPECT_EQ(-1, moxvos_mkdir("a/b/c", 0750, nullptr));
-  EXPECT_EQ(-1, moxvos_mkdir("a", 0750, nullptr));
   // A trailing slash: a exists, a/x is made, the final "a/x/" exists.
   EXPECT_EQ(0, moxvos_mkdir("a/x/", 0755, nullptr));
-  EXPECT_TRUE(isDirectory("a/x"));
   EXPECT_EQ(0, moxvos_mkdir("a//y", 0755, nullptr));  // repeated slashes are harmless
-  EXPECT_TRUE(isDirectory("a/y"));
   // Absolute paths start below the root.
   EXPECT_EQ(0, moxvos_mkdir(dir.file("p/q").c_str(), 0755, nullptr));
   EXPECT_TRUE(isDirectory(dir.file("p/q")));
@@ -326,7 +323,18 @@ TEST(VosMkdir, CreatesEveryMissingDirectoryUnderTheUmask) {
   // leading double slash as the root, so this lands in the scratch dir.
   EXPECT_EQ(0, moxvos_mkdir(("/" + dir.path() + "/s/t").c_str(), 0755, nullptr));
   EXPECT_TRUE(isDirectory(dir.file("s/t")));
+
+  // 50 components of 200 bytes: only the first 4096 bytes are looked at.
+  // The 20 whole components among them are made; the prefix that is the
+  // whole 4096 bytes is too long for the platform, so the result is -1.
+  const std::string component(200, 'd');
+  std::string path = component;
+  for (int i = 1; i < 50; ++i) path += "/" + component;
+  errno = 0;
+  EXPECT_TRUE(moxvos_mkdir(path.c_str(), 0755, nullptr) == -1 && errno == ENAMETOOLONG);
+  EXPECT_EQ(0, rmdir(path.substr(0, 20 * 201 - 1).c_str())) << "not made, or something was made inside it";
 }
+
 
 // Inside a child whose root is a scratch directory, so that paths at the
 // root can be created (or shown not to be) without touching the machine.
@@ -350,20 +358,6 @@ TEST(VosMkdir, RootAndHostPartsAreNeverCreated) {
   });
   if (code == 77) GTEST_SKIP() << "cannot change the root directory here";
   EXPECT_EQ(0, code);
-}
-
-TEST(VosMkdir, VeryLongPathsFailCleanly) {
-  ScratchDir dir;
-  moxtest::CwdGuard cwd(dir.path());
-  // 50 components of 200 bytes: only the first 4096 bytes are looked at.
-  // The 20 whole components among them are made; the prefix that is the
-  // whole 4096 bytes is too long for the platform, so the result is -1.
-  const std::string component(200, 'd');
-  std::string path = component;
-  for (int i = 1; i < 50; ++i) path += "/" + component;
-  errno = 0;
-  EXPECT_TRUE(moxvos_mkdir(path.c_str(), 0755, nullptr) == -1 && errno == ENAMETOOLONG);
-  EXPECT_EQ(0, rmdir(path.substr(0, 20 * 201 - 1).c_str())) << "not made, or something was made inside it";
 }
 
 // --- Locks -----------------------------------------------------------------------
@@ -473,18 +467,14 @@ TEST(VosLocks, RequestsWithoutAFileFailAsABadDescriptor) {
 
 constexpr uint64_t kLimit = 2147483647ULL;
 
-TEST(VosMemory, SizesPastTheLimitNeverReachTheAllocator) {
+// Single sizes past the limit are the vos fuzz model's; here, products.
+TEST(VosMemory, ProductsPastTheLimitNeverReachTheAllocator) {
   errno = 0;
-  for (uint64_t size : {uint64_t{0}, kLimit + 1, UINT64_MAX}) EXPECT_EQ(nullptr, moxvos_malloc(size)) << size;
   const std::pair<uint64_t, uint64_t> products[] = {
-      {65536, 65536}, {65536, 32768},  // 2^32, exactly 2^31
-      {0, 8}, {8, 0}, {kLimit + 1, 1}, {1, kLimit + 1},
-      {UINT64_MAX, UINT64_MAX}, {1ULL << 33, 1ULL << 31}};  // would wrap, wraps to 0
+      {65536, 32768}, {0, 8},             // exactly 2^31, no elements
+      {4, 1ULL << 62}, {1ULL << 62, 4}};  // each wraps to 0
   for (auto [count, size] : products) EXPECT_EQ(nullptr, moxvos_calloc(count, size)) << count << " x " << size;
   EXPECT_EQ(0, errno);
-  void* one = moxvos_malloc(1);
-  EXPECT_NE(nullptr, one);
-  moxvos_free(one);
   void* page = moxvos_valloc(64);
   ASSERT_NE(nullptr, page);
   moxvos_free(page);
@@ -556,7 +546,7 @@ class VosLoader : public ::testing::Test {
   moxtest::CwdGuard cwd_{dir_.path()};
 };
 
-TEST_F(VosLoader, WithoutTheVariableNothingIsLoggedAndSymbolsWork) {
+TEST_F(VosLoader, LoadsAreLoggedOnlyWhileTheVariableIsSet) {
   unsetenv("MOX_DLL_LOG");
   void* handle = moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(nullptr, handle) << moxvos_dlerror();
@@ -573,14 +563,11 @@ TEST_F(VosLoader, WithoutTheVariableNothingIsLoggedAndSymbolsWork) {
   // have unloaded the library long before the last one.
   for (int i = 0; i < 64; ++i) EXPECT_EQ(0, moxvos_dlclose(handle));
   EXPECT_NE(nullptr, dlopen(MOX_LIBRARY_PATH, RTLD_NOW | RTLD_NOLOAD));
-  EXPECT_NE(nullptr, moxvos_dlsym(handle, "moxvos_dlopen"));
-}
 
-// Appended to, line by line; an empty value counts as set, and a log that
-// cannot be opened is passed over.
-TEST_F(VosLoader, WithTheVariableLoadsAreAppended) {
+  // With it the log is appended to, line by line; an empty value counts as
+  // set, and a log that cannot be opened is passed over.
   setenv("MOX_DLL_LOG", "", 1);
-  void* handle = moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW);
+  handle = moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW);
   ASSERT_NE(nullptr, handle) << moxvos_dlerror();
   const std::string first = std::string("moxvos_dlopen dll ") + MOX_LIBRARY_PATH + " \n";
   EXPECT_EQ(first, log());  // a successful load: one line

@@ -269,12 +269,7 @@ class Run {
     struct stat record;
     struct stat64 record64;
     switch (op) {
-      case 0: {
-        const int64_t size = moxvos_filesize(s.fd);
-        require(size == moxvos_filesize64(s.fd), "moxvos_filesize and moxvos_filesize64 differ");
-        if (s.fd < 0) require(size == -1, "the size of no file");
-        break;
-      }
+      case 0: require(moxvos_filesize(s.fd) == moxvos_filesize64(s.fd), "moxvos_filesize64 differs"); break;
       case 1: moxvos_fstat(s.fd, &record); break;
       case 2: moxvos_fstat64(s.fd, &record64); break;
       case 3: moxvos_fsync(s.fd); break;

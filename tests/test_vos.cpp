@@ -374,7 +374,7 @@ std::string lockSeenByOtherProcess(const std::string& path, off_t start, off_t l
          (query.l_pid == getpid() ? " by us" : "");
 }
 
-TEST(VosLocks, LengthZeroLocksThePresentSizeAndSeeksToTheEnd) {
+TEST(VosLocks, LengthZeroLocksThePresentSizeAndSeeksToTheEndAndNoFileIsNoLock) {
   ScratchDir dir;
   const std::string path = dir.file("hundred"), empty = dir.file("new.lock");
   ASSERT_TRUE(moxtest::writeFile(path, std::string(100, 'h')));
@@ -411,6 +411,14 @@ TEST(VosLocks, LengthZeroLocksThePresentSizeAndSeeksToTheEnd) {
     ASSERT_EQ(0, moxvos_flock_free(&lock, nullptr));
   }
   EXPECT_EQ(mallinfo2().uordblks, inUse);
+
+  // Without a file, requests fail in fcntl, not as busy.
+  ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, nullptr, nullptr));
+  errno = 0;
+  EXPECT_TRUE(moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 10, nullptr) == -1 && errno == EBADF);
+  errno = 0;
+  EXPECT_TRUE(moxvos_flock_unlock(&lock, SEEK_SET, 0, 0, nullptr) == -1 && errno == EBADF);
+  EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
 }
 
 // Bytes 0..99 held through another open file description, with an
@@ -436,17 +444,6 @@ TEST(VosLocks, LockHeldElsewhereIsBusy) {
   close(holder);
 }
 
-// A request on an object without a file fails in fcntl, not as busy.
-TEST(VosLocks, RequestsWithoutAFileFailAsABadDescriptor) {
-  _MoxvosFlock lock;
-  ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, nullptr, nullptr));
-  errno = 0;
-  EXPECT_TRUE(moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 10, nullptr) == -1 && errno == EBADF);
-  errno = 0;
-  EXPECT_TRUE(moxvos_flock_unlock(&lock, SEEK_SET, 0, 0, nullptr) == -1 && errno == EBADF);
-  EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
-}
-
 // --- Memory ------------------------------------------------------------------------
 // No test lets the allocator hand out 2 GiB: sizes above the limit are
 // shown to skip it (errno stays untouched, where any failing allocator
@@ -455,8 +452,9 @@ TEST(VosLocks, RequestsWithoutAFileFailAsABadDescriptor) {
 
 constexpr uint64_t kLimit = 2147483647ULL;
 
-// Single sizes past the limit are the vos fuzz model's; here, products.
-TEST(VosMemory, ProductsPastTheLimitNeverReachTheAllocator) {
+// Single sizes past the limit are the vos fuzz model's; here, products,
+// and what Saferealloc does with the block.
+TEST(VosMemory, ProductsPastTheLimitNeverReachTheAllocatorAndSafereallocReleases) {
   errno = 0;
   const std::pair<uint64_t, uint64_t> products[] = {
       {65536, 32768}, {0, 8},             // exactly 2^31, no elements
@@ -466,6 +464,21 @@ TEST(VosMemory, ProductsPastTheLimitNeverReachTheAllocator) {
   void* page = moxvos_valloc(64);
   ASSERT_NE(nullptr, page);
   moxvos_free(page);
+
+  // Past the limit or to zero the block is released, once: a block kept (too
+  // large for the allocator's per-thread cache) stays in the heap's bytes in
+  // use (or, with the sanitizer, which keeps its own heap, is reported as a
+  // leak), and a second release is a double free either allocator aborts on.
+  const size_t inUse = mallinfo2().uordblks;
+  errno = 0;
+  EXPECT_TRUE(moxvos_Saferealloc(moxvos_malloc(4096), kLimit + 1) == nullptr && errno == 0);
+  EXPECT_EQ(nullptr, moxvos_Saferealloc(moxvos_malloc(4096), 0));
+  EXPECT_EQ(inUse, mallinfo2().uordblks);
+  EXPECT_EQ(nullptr, moxvos_Saferealloc(nullptr, kLimit + 1));
+  char* grown = static_cast<char*>(moxvos_Saferealloc(strdup("abcdefg"), 1 << 16));
+  ASSERT_NE(nullptr, grown);
+  EXPECT_STREQ("abcdefg", grown);
+  moxvos_free(grown);
 }
 
 TEST(VosMemory, SizesAtTheLimitReachTheAllocator) {
@@ -503,44 +516,19 @@ TEST(VosMemory, SizesAtTheLimitReachTheAllocator) {
   EXPECT_EQ(0, code);
 }
 
-// Past the limit or to zero the block is released, once: a block kept (too
-// large for the allocator's per-thread cache) stays in the heap's bytes in use (or, with the sanitizer, which keeps its
-// own heap, is reported as a leak), and a second release is a double free
-// that either allocator reports and aborts on.
-TEST(VosMemory, SafereallocPastTheLimitOrToZeroReleasesTheBlock) {
-  const size_t inUse = mallinfo2().uordblks;
-  errno = 0;
-  EXPECT_TRUE(moxvos_Saferealloc(moxvos_malloc(4096), kLimit + 1) == nullptr && errno == 0);
-  EXPECT_EQ(nullptr, moxvos_Saferealloc(moxvos_malloc(4096), 0));
-  EXPECT_EQ(inUse, mallinfo2().uordblks);
-  EXPECT_EQ(nullptr, moxvos_Saferealloc(nullptr, kLimit + 1));
-  char* grown = static_cast<char*>(moxvos_Saferealloc(strdup("abcdefg"), 1 << 16));
-  ASSERT_NE(nullptr, grown);
-  EXPECT_STREQ("abcdefg", grown);
-  moxvos_free(grown);
-}
-
 // --- Dynamic loading and its log ------------------------------------------------------
 
 const char kMissing[] = "libmoxvos-test-no-such-library.so";
 
-// A scratch working directory; MOX_DLL_LOG is unset afterwards.
-class VosLoader : public ::testing::Test {
- protected:
-  ~VosLoader() override { unsetenv("MOX_DLL_LOG"); }
-  std::string log() const { return moxtest::readFile(dir_.file("dll_debug.log")); }
-
-  ScratchDir dir_;
-  moxtest::CwdGuard cwd_{dir_.path()};
-};
-
-TEST_F(VosLoader, LoadsAreLoggedOnlyWhileTheVariableIsSet) {
+TEST(VosLoader, LoadsAreLoggedOnlyWhileTheVariableIsSet) {
+  ScratchDir dir;
+  moxtest::CwdGuard cwd(dir.path());
+  const std::string logPath = dir.file("dll_debug.log");
   unsetenv("MOX_DLL_LOG");
   void* handle = moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(nullptr, handle) << moxvos_dlerror();
-  EXPECT_EQ(nullptr, moxvos_dlopen(kMissing, RTLD_NOW));
   moxvos_dll_log("anything %s \n", "at all");
-  EXPECT_FALSE(moxtest::exists(dir_.file("dll_debug.log")));
+  EXPECT_FALSE(moxtest::exists(logPath));
   using Version = const char* (*)();
   auto version = reinterpret_cast<Version>(moxvos_dlsym(handle, "moxoleVersion"));
   ASSERT_NE(nullptr, version);
@@ -558,7 +546,7 @@ TEST_F(VosLoader, LoadsAreLoggedOnlyWhileTheVariableIsSet) {
   handle = moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW);
   ASSERT_NE(nullptr, handle) << moxvos_dlerror();
   const std::string first = std::string("moxvos_dlopen dll ") + MOX_LIBRARY_PATH + " \n";
-  EXPECT_EQ(first, log());  // a successful load: one line
+  EXPECT_EQ(first, moxtest::readFile(logPath));  // a successful load: one line
   EXPECT_EQ(nullptr, moxvos_dlopen(kMissing, RTLD_LAZY));
   // The platform's reason is not logged; it waits in dlerror.
   const char* reason = moxvos_dlerror();
@@ -568,12 +556,13 @@ TEST_F(VosLoader, LoadsAreLoggedOnlyWhileTheVariableIsSet) {
   moxvos_dll_log(nullptr, "ignored");
   // A failed load: two more lines, in order.
   EXPECT_EQ(first + "moxvos_dlopen dll " + kMissing + " \nERROR: moxvos_dlopen dll " + kMissing + " \nno argument used\n",
-            log());
+            moxtest::readFile(logPath));
   EXPECT_EQ(0, moxvos_dlclose(handle));
-  ASSERT_EQ(0, unlink(dir_.file("dll_debug.log").c_str()));
-  ASSERT_EQ(0, mkdir(dir_.file("dll_debug.log").c_str(), 0755));
+  ASSERT_EQ(0, unlink(logPath.c_str()));
+  ASSERT_EQ(0, mkdir(logPath.c_str(), 0755));
   EXPECT_EQ(nullptr, moxvos_dlopen(kMissing, RTLD_NOW));
   EXPECT_NE(nullptr, moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW));
+  unsetenv("MOX_DLL_LOG");
 }
 
 // --- Exit, system, sleep ---------------------------------------------------------------

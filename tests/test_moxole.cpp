@@ -30,13 +30,6 @@ class Moxole : public ::testing::Test {
   }
 
   std::string at(const std::string& name) const { return scratch_.file(name); }
-  const std::string& bytesOf(const std::string& name) const {
-    for (const moxtest::SampleEntry& e : tree_) {
-      if (e.name == name) return e.bytes;
-    }
-    static const std::string none = "(no such sample entry)";
-    return none;
-  }
 
   std::vector<moxtest::SampleEntry> tree_ = moxtest::sampleTree();
   moxtest::ScratchDir scratch_;
@@ -80,35 +73,25 @@ TEST_F(Moxole, ExtractAndPackRoundTripTheTreeExactlyAndDrawProgressOnATerminal) 
     EXPECT_EQ(r.out.substr(r.out.size() - 4), "\r\033[K") << r.out;
     EXPECT_TRUE(snapshotTree(at("out3")) == source);
   }
-
-  const std::string python = moxtest::olefilePython();
-  if (python.empty()) GTEST_SKIP() << "python3-olefile is not installed";
-  ProgramResult mirror = moxtest::runProgram(
-      {python, MOX_SOURCE_DIR "/tests/support/olefile_mirror.py", at("one.doc"), at("mirror")});
-  ASSERT_EQ(mirror.status, 0) << mirror.err;
-  EXPECT_TRUE(snapshotTree(at("mirror")) == source) << "olefile reads another tree in what pack wrote";
 }
 
-TEST_F(Moxole, CatFindsMiniAndRegularStreamsByEscapedPaths) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"WordDocument", "WordDocument"},
-      {"/Big", "Big"},
-      {"Mini4095", "Mini4095"},
-      {"Regular4096", "Regular4096"},
-      {"\\x05SummaryInformation", "\x05SummaryInformation"},
-      {"ObjectPool//_1/\\x03META", "\x03META"},
-      {"A/B/C/deep", "deep"},
-      // Escapes themselves: tests/test_moxole_names.cpp.
-      {"A/a\\x2fb", "a/b"},
-      {"A/caf\\xe9", "caf\xe9"},
-      {"\\x01CompObj", "\x01" "CompObj"},
-      // A name that differs only in letter case, when it is the only one.
-      {"worddocument", "WordDocument"},
-  };
-  for (const auto& [path, name] : cases) {
+// Every stream by the path extract gives it, and some by other spellings:
+// slashes leading or doubled, an 8-bit escape as older listings showed
+// it, and letter case when the name is the only one that matches.
+// Storages are refused.
+TEST_F(Moxole, CatFindsEveryStreamByItsEscapedPathAndOtherSpellings) {
+  std::map<std::string, std::string> paths = moxtest::sampleSnapshot(tree_);
+  const std::pair<const char*, const char*> spellings[] = {{"/Big", "Big"},
+                                                           {"ObjectPool//_1/\\x03META", "ObjectPool/_1/\\x03META"},
+                                                           {"A/caf\\xe9", "A/caf\xc3\xa9"},
+                                                           {"worddocument", "WordDocument"}};
+  for (const auto& [typed, path] : spellings) paths[typed] = paths.at(path);
+  for (const auto& [path, bytes] : paths) {
     ProgramResult r = moxole({"cat", doc_, path});
-    EXPECT_EQ(r.status, 0) << path << ": " << r.err;
-    EXPECT_TRUE(r.out == bytesOf(name)) << path;
+    const bool storage = bytes == "<dir>";
+    EXPECT_EQ(r.status, storage ? 3 : 0) << path << ": " << r.err;
+    EXPECT_TRUE(storage ? r.out.empty() && r.err == "moxole: " + doc_ + ": " + path + " is a storage\n" : r.out == bytes)
+        << path;
   }
 }
 
@@ -163,7 +146,7 @@ TEST_F(Moxole, ListingsShowTypesSizesAndEscapedNames) {
   ProgramResult r = moxole({"object", doc_, "1", at("one.wmf")});
   ASSERT_EQ(r.status, 0) << r.err;
   // The metafile is what follows the 8-byte header the stream starts with.
-  EXPECT_TRUE(slurp(at("one.wmf")) == bytesOf("\x03META").substr(8));
+  EXPECT_TRUE(slurp(at("one.wmf")) == moxtest::sampleSnapshot(tree_).at("ObjectPool/_1/\\x03META").substr(8));
 }
 
 // --- Editing ---------------------------------------------------------------
@@ -219,7 +202,6 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"cat", doc, "Nothing"}, 3, "moxole: " + doc + ": no entry Nothing\n"},
       {{"cat", doc, "A/Big"}, 3, "moxole: " + doc + ": no entry A/Big\n"},
       {{"cat", doc, "Big/deep"}, 3, "moxole: " + doc + ": no entry Big/deep\n"},
-      {{"cat", doc, "A"}, 3, "moxole: " + doc + ": A is a storage\n"},
       {{"ls", doc, "Nope"}, 3, "moxole: " + doc + ": no entry Nope\n"},
       {{"object", doc, "2", at("two.wmf")}, 3, "moxole: " + doc + ": no object 2\n"},
       {{"object", "-p", doc, "1", at("pic")}, 3, "moxole: " + doc + ": object 1 has no \\x03PIC stream\n"},
@@ -286,7 +268,7 @@ TEST(MoxoleFailures, TruncatedDocumentsAreReportedAsDamaged) {
   // order, the mini stream last of all.
   cfb::CfbBuilder b;
   b.addStream(b.addStorage(0, "Storage"), "Inner", cfb::Bytes(100, 'i'));
-  const int early = b.addStream(0, "Early", cfb::Bytes(5000, 'E'));
+  b.addStream(0, "Early", cfb::Bytes(5000, 'E'));
   const int large = b.addStream(0, "Large", cfb::Bytes(40 * 512, 'L'));
   const cfb::CfbLayout layout = b.layout();
 
@@ -307,14 +289,8 @@ TEST(MoxoleFailures, TruncatedDocumentsAreReportedAsDamaged) {
 
   // Cut inside the large stream's last sectors, after every table: the
   // document opens, the stream comes out short.
-  uint32_t tablesEnd = 0;
-  for (const auto* table : {&layout.dirSectors, &layout.fatSectors, &layout.miniFatSectors}) {
-    for (uint32_t s : *table) tablesEnd = std::max(tablesEnd, s + 1);
-  }
   uint32_t last = layout.dir[large].start;
   while (layout.fat[last] != cfb::kEnd) last = layout.fat[last];
-  ASSERT_GT(last, tablesEnd + 1) << "the builder put a table after the stream";
-  ASSERT_LT(layout.dir[early].start, layout.dir[large].start);
   cut = layout;
   cut.truncateTo = static_cast<int64_t>(last + 1) * 512 + 10;  // 10 bytes in
   const std::string shortDoc = write("short.doc", cut);

@@ -191,7 +191,8 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
   uint32_t last = cut.dir[large].start;
   while (cut.fat[last] != cfb::kEnd) last = cut.fat[last];
   const std::string noDirectory = at("no-directory.doc"), shortDoc = at("short.doc");
-  for (const auto& [path, size] : {std::pair{noDirectory, (cut.dirSectors[0] + 1) * 512 + 100}, {shortDoc, (last + 1) * 512 + 10}}) {
+  for (const auto& [path, size] :
+       {std::pair{noDirectory, (cut.dirSectors[0] + 1) * 512 + 100}, {shortDoc, (last + 1) * 512 + 10}}) {
     cut.truncateTo = size;
     const cfb::Bytes bytes = cut.serialize();
     ASSERT_TRUE(spit(path, std::string(bytes.begin(), bytes.end())));

@@ -5,9 +5,7 @@
 // and one line on standard error.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <iostream>
 
 #include "moxolefio/moxolefio.hpp"

@@ -237,8 +237,7 @@ TEST(CommitKills, KilledCommitsLeaveOneWholeGeneration) {
     int status = 0;
     waitpid(child, &status, 0);
     ASSERT_TRUE(WIFSIGNALED(status));
-    const Bytes now = fileBytes(path);
-    ASSERT_EQ(cfbaudit::audit(now), "");
+    ASSERT_EQ(cfbaudit::audit(fileBytes(path)), "");
     const mox::CompoundFile f = mox::CompoundFile::open(path);
     if (!f.exists("n")) continue;  // killed before its first commit
     const Bytes n = f.open_stream("n").read_all();

@@ -5,9 +5,7 @@
 // and one line on standard error.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <iostream>
 
 #include "moxolefio/moxolefio.hpp"
@@ -30,13 +28,6 @@ class Moxole : public ::testing::Test {
   }
 
   std::string at(const std::string& name) const { return scratch_.file(name); }
-  const std::string& bytesOf(const std::string& name) const {
-    for (const moxtest::SampleEntry& e : tree_) {
-      if (e.name == name) return e.bytes;
-    }
-    static const std::string none = "(no such sample entry)";
-    return none;
-  }
 
   std::vector<moxtest::SampleEntry> tree_ = moxtest::sampleTree();
   moxtest::ScratchDir scratch_;
@@ -50,11 +41,8 @@ TEST_F(Moxole, ExtractAndPackRoundTripTheTreeExactlyAndDrawProgressOnATerminal) 
   ProgramResult r = moxole({"extract", doc_, at("out1")});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.err, "") << "no progress line when stderr is not a terminal";
+  // An entry written outside the target would be missing from it.
   EXPECT_TRUE(snapshotTree(at("out1")) == source);
-  // Nothing escaped the target: its parent holds only what we put there.
-  for (const auto& [path, bytes] : snapshotTree(scratch_.path())) {
-    EXPECT_TRUE(path == "sample.doc" || path.rfind("out1", 0) == 0) << path;
-  }
 
   r = moxole({"pack", at("out1"), at("one.doc")});
   ASSERT_EQ(r.status, 0) << r.err;
@@ -78,37 +66,26 @@ TEST_F(Moxole, ExtractAndPackRoundTripTheTreeExactlyAndDrawProgressOnATerminal) 
     EXPECT_NE(r.out.find("\rmoxole: extract: "), std::string::npos) << r.out;
     EXPECT_NE(r.out.find(" entries, "), std::string::npos) << r.out;
     EXPECT_EQ(r.out.substr(r.out.size() - 4), "\r\033[K") << r.out;
-    EXPECT_TRUE(snapshotTree(at("out3")) == source);
   }
-
-  const std::string python = moxtest::olefilePython();
-  if (python.empty()) GTEST_SKIP() << "python3-olefile is not installed";
-  ProgramResult mirror = moxtest::runProgram(
-      {python, MOX_SOURCE_DIR "/tests/support/olefile_mirror.py", at("one.doc"), at("mirror")});
-  ASSERT_EQ(mirror.status, 0) << mirror.err;
-  EXPECT_TRUE(snapshotTree(at("mirror")) == source) << "olefile reads another tree in what pack wrote";
 }
 
-TEST_F(Moxole, CatFindsMiniAndRegularStreamsByEscapedPaths) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"WordDocument", "WordDocument"},
-      {"/Big", "Big"},
-      {"Mini4095", "Mini4095"},
-      {"Regular4096", "Regular4096"},
-      {"\\x05SummaryInformation", "\x05SummaryInformation"},
-      {"ObjectPool//_1/\\x03META", "\x03META"},
-      {"A/B/C/deep", "deep"},
-      // Escapes themselves: tests/test_moxole_names.cpp.
-      {"A/a\\x2fb", "a/b"},
-      {"A/caf\\xe9", "caf\xe9"},
-      {"\\x01CompObj", "\x01" "CompObj"},
-      // A name that differs only in letter case, when it is the only one.
-      {"worddocument", "WordDocument"},
-  };
-  for (const auto& [path, name] : cases) {
+// Every stream by the path extract gives it, and some by other spellings:
+// slashes leading or doubled, an 8-bit escape as older listings showed
+// it, and letter case when the name is the only one that matches.
+// Storages are refused.
+TEST_F(Moxole, CatFindsEveryStreamByItsEscapedPathAndOtherSpellings) {
+  std::map<std::string, std::string> paths = moxtest::sampleSnapshot(tree_);
+  const std::pair<const char*, const char*> spellings[] = {{"/Big", "Big"},
+                                                           {"ObjectPool//_1/\\x03META", "ObjectPool/_1/\\x03META"},
+                                                           {"A/caf\\xe9", "A/caf\xc3\xa9"},
+                                                           {"worddocument", "WordDocument"}};
+  for (const auto& [typed, path] : spellings) paths[typed] = paths.at(path);
+  for (const auto& [path, bytes] : paths) {
     ProgramResult r = moxole({"cat", doc_, path});
-    EXPECT_EQ(r.status, 0) << path << ": " << r.err;
-    EXPECT_TRUE(r.out == bytesOf(name)) << path;
+    const bool storage = bytes == "<dir>";
+    EXPECT_EQ(r.status, storage ? 3 : 0) << path << ": " << r.err;
+    EXPECT_TRUE(storage ? r.out.empty() && r.err == "moxole: " + doc_ + ": " + path + " is a storage\n" : r.out == bytes)
+        << path;
   }
 }
 
@@ -140,22 +117,13 @@ TEST_F(Moxole, ListingsShowTypesSizesAndEscapedNames) {
   EXPECT_EQ(tree.out.size() - tree.out.rfind("`-- WordDocument  (6000 bytes)\n"), 31u)
       << "WordDocument is not the last line";
 
-  size_t storages = 0, streams = 0, bytes = 0;
-  for (const moxtest::SampleEntry& e : tree_) {
-    (e.storage ? storages : streams) += 1;
-    bytes += e.bytes.size();
-  }
+  // The sample tree's counts below the root; the layout's numbers are
+  // compared with the corpus manifest in test_moxole_corpus.cpp.
   ProgramResult info = moxole({"info", doc_});
   ASSERT_EQ(info.status, 0) << info.err;
-  const std::pair<const char*, size_t> lines[] = {
-      {"storages", storages}, {"streams", streams}, {"stream bytes", bytes}, {"sector size", 512},
-      {"mini sector size", 64}, {"mini stream cutoff", 4096}, {"DIFAT sectors", 0}};
-  for (const auto& [key, value] : lines) {
-    const std::string text = std::string(key) + ":";
-    EXPECT_NE(info.out.find(text + std::string(21 - text.size(), ' ') + std::to_string(value) + "\n"),
-              std::string::npos)
-        << key << "\n" << info.out;
-  }
+  EXPECT_NE(info.out.find("\nstorages:            6\nstreams:             13\nstream bytes:        5015223\n"),
+            std::string::npos)
+      << info.out;
 
   ProgramResult objects = moxole({"objects", doc_});
   ASSERT_EQ(objects.status, 0) << objects.err;
@@ -163,7 +131,7 @@ TEST_F(Moxole, ListingsShowTypesSizesAndEscapedNames) {
   ProgramResult r = moxole({"object", doc_, "1", at("one.wmf")});
   ASSERT_EQ(r.status, 0) << r.err;
   // The metafile is what follows the 8-byte header the stream starts with.
-  EXPECT_TRUE(slurp(at("one.wmf")) == bytesOf("\x03META").substr(8));
+  EXPECT_TRUE(slurp(at("one.wmf")) == moxtest::sampleSnapshot(tree_).at("ObjectPool/_1/\\x03META").substr(8));
 }
 
 // --- Editing ---------------------------------------------------------------
@@ -198,6 +166,35 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
   ASSERT_TRUE(spit(at("plain"), "x"));
   ASSERT_EQ(mkdir(at("full").c_str(), 0777), 0);
   ASSERT_TRUE(spit(at("full/WordDocument"), "mine"));
+  ASSERT_TRUE(spit(at("previous.doc"), "previous content"));
+  // Folders pack refuses: a name too long, one holding '\', an empty one,
+  // two that differ only in letter case.
+  const std::string refused[] = {"ThisNameIsThirtyTwoCharactersLon", "a\\b", "\\x00", "Data"};
+  for (int i = 0; i < 4; ++i) {
+    ASSERT_EQ(mkdir(at("src" + std::to_string(i)).c_str(), 0777), 0);
+    ASSERT_TRUE(spit(at("src" + std::to_string(i) + "/" + refused[i]), "x"));
+  }
+  ASSERT_TRUE(spit(at("src3/DATA"), "x"));
+  // A mini stream and two regular streams, laid out by the builder in this
+  // order, the mini stream last of all; cut inside the directory (nothing
+  // can be loaded), and 10 bytes into the large stream's last sector,
+  // after every table (the document opens, the stream comes out short).
+  cfb::CfbBuilder b;
+  b.addStream(b.addStorage(0, "Storage"), "Inner", cfb::Bytes(100, 'i'));
+  b.addStream(0, "Early", cfb::Bytes(5000, 'E'));
+  const int large = b.addStream(0, "Large", cfb::Bytes(40 * 512, 'L'));
+  cfb::CfbLayout cut = b.layout();
+  uint32_t last = cut.dir[large].start;
+  while (cut.fat[last] != cfb::kEnd) last = cut.fat[last];
+  const std::string noDirectory = at("no-directory.doc"), shortDoc = at("short.doc");
+  for (const auto& [path, size] :
+       {std::pair{noDirectory, (cut.dirSectors[0] + 1) * 512 + 100}, {shortDoc, (last + 1) * 512 + 10}}) {
+    cut.truncateTo = size;
+    const cfb::Bytes bytes = cut.serialize();
+    ASSERT_TRUE(spit(path, std::string(bytes.begin(), bytes.end())));
+  }
+  const std::string damaged = "moxole: " + noDirectory + ": damaged compound file: ";
+  const std::string cutShort = "moxole: " + shortDoc + ": stream Large is cut short (19968 of 20480 bytes)\n";
   struct Case {
     std::vector<std::string> args;
     int status;
@@ -219,7 +216,6 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"cat", doc, "Nothing"}, 3, "moxole: " + doc + ": no entry Nothing\n"},
       {{"cat", doc, "A/Big"}, 3, "moxole: " + doc + ": no entry A/Big\n"},
       {{"cat", doc, "Big/deep"}, 3, "moxole: " + doc + ": no entry Big/deep\n"},
-      {{"cat", doc, "A"}, 3, "moxole: " + doc + ": A is a storage\n"},
       {{"ls", doc, "Nope"}, 3, "moxole: " + doc + ": no entry Nope\n"},
       {{"object", doc, "2", at("two.wmf")}, 3, "moxole: " + doc + ": no object 2\n"},
       {{"object", "-p", doc, "1", at("pic")}, 3, "moxole: " + doc + ": object 1 has no \\x03PIC stream\n"},
@@ -231,8 +227,22 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"pack", at("full"), at("plain/out.doc")}, 4, "moxole: " + at("plain/out.doc") + ": not a directory\n"},
       {{"pack", at("full"), at("missing/out.doc")}, 4,
        "moxole: " + at("missing/out.doc") + ": no such file or directory\n"},
+      {{"pack", at("src0"), at("previous.doc")}, 4,
+       "moxole: " + at("src0/") + refused[0] + ": name is longer than 31 characters\n"},
+      {{"pack", at("src1"), at("previous.doc")}, 4,
+       "moxole: " + at("src1/") + refused[1] + ": name holds a '\\', which a compound file path cannot carry\n"},
+      {{"pack", at("src2"), at("previous.doc")}, 4,
+       "moxole: " + at("src2/") + refused[2] + ": an empty entry name cannot be packed\n"},
+      {{"pack", at("src3"), at("previous.doc")}, 4,
+       "moxole: " + at("src3/Data") + ": differs from DATA only in letter case, which siblings may not\n"},
       {{"props", doc, "Nothing"}, 3, "moxole: " + doc + ": no entry Nothing\n"},
       {{"props", doc, "A/B/C/deep"}, 2, "moxole: A/B/C/deep: too short for a property set (10 bytes)\n"},
+      // Damaged documents, whichever engine reads them.
+      {{"info", noDirectory}, 2, damaged + "directory sector 2 cannot be read\n"},
+      {{"ls", noDirectory}, 2, damaged + "the directory cannot be read\n"},
+      {{"tree", noDirectory}, 2, damaged + "the directory cannot be read\n"},
+      {{"objects", noDirectory}, 2, damaged + "directory sector 2 cannot be read\n"},
+      {{"extract", shortDoc, at("partial")}, 2, cutShort},
       // Edits that cannot be made, which leave the document as it was.
       {{"rm", doc, "missing"}, 3, "moxole: " + doc + ": missing: no such entry\n"},
       {{"mkdir", doc, "A"}, 1, "moxole: " + doc + ": A exists\n"},
@@ -262,109 +272,27 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
     EXPECT_TRUE(slurp(doc) == before);
   }
   EXPECT_EQ(slurp(at("full/WordDocument")), "mine");
+  // An existing file is replaced only on success.
+  EXPECT_EQ(slurp(at("previous.doc")), "previous content");
+  ASSERT_EQ(moxole({"pack", at("full"), at("previous.doc")}).status, 0);
+  EXPECT_EQ(moxole({"cat", at("previous.doc"), "WordDocument"}).out, "mine");
   for (const auto& [path, bytes] : snapshotTree(dir)) {
     EXPECT_TRUE(path.rfind("out", 0) != 0 && path != "pic" && path != "two.wmf") << path << " was left";
+    EXPECT_EQ(path.find(".moxole-"), std::string::npos) << path << ": a temporary file was left";
   }
+
+  ASSERT_EQ(moxole({"cat", shortDoc, "Early"}).out, std::string(5000, 'E'));
+  ProgramResult r = moxole({"cat", shortDoc, "Large"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err, cutShort);
+  EXPECT_EQ(r.out.size(), 19968u) << "the bytes before the cut still come out";
 
   moxtest::ProgramOptions full;
   full.stdoutPath = "/dev/full";
   for (const std::vector<std::string>& args : {std::vector<std::string>{"cat", doc, "Big"}, {"ls", "-l", doc}}) {
-    ProgramResult r = moxole(args, full);
+    r = moxole(args, full);
     EXPECT_EQ(r.status, 4);
     EXPECT_EQ(r.err, "moxole: standard output: no space left on device\n");
-  }
-}
-
-TEST(MoxoleFailures, TruncatedDocumentsAreReportedAsDamaged) {
-  moxtest::ScratchDir scratch;
-  auto write = [&](const std::string& name, const cfb::CfbLayout& layout) {
-    const cfb::Bytes bytes = layout.serialize();
-    EXPECT_TRUE(spit(scratch.file(name), std::string(bytes.begin(), bytes.end())));
-    return scratch.file(name);
-  };
-  // A mini stream and two regular streams, laid out by the builder in this
-  // order, the mini stream last of all.
-  cfb::CfbBuilder b;
-  b.addStream(b.addStorage(0, "Storage"), "Inner", cfb::Bytes(100, 'i'));
-  const int early = b.addStream(0, "Early", cfb::Bytes(5000, 'E'));
-  const int large = b.addStream(0, "Large", cfb::Bytes(40 * 512, 'L'));
-  const cfb::CfbLayout layout = b.layout();
-
-  // Cut inside the directory: the document cannot be loaded at all.
-  cfb::CfbLayout cut = layout;
-  cut.truncateTo = static_cast<int64_t>(cut.dirSectors[0] + 1) * 512 + 100;
-  const std::string noDirectory = write("no-directory.doc", cut);
-  // Every reading command names the damage (whichever engine it reads with).
-  const std::string prefix = "moxole: " + noDirectory + ": damaged compound file: ";
-  for (const char* command : {"info", "ls", "tree", "objects"}) {
-    ProgramResult r = moxole({command, noDirectory});
-    EXPECT_EQ(r.status, 2) << command;
-    EXPECT_EQ(r.err.rfind(prefix, 0), 0u) << command << ": " << r.err;
-    EXPECT_GT(r.err.size(), prefix.size() + 8) << command << ": no reason given";
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    EXPECT_EQ(r.out, "");
-  }
-
-  // Cut inside the large stream's last sectors, after every table: the
-  // document opens, the stream comes out short.
-  uint32_t tablesEnd = 0;
-  for (const auto* table : {&layout.dirSectors, &layout.fatSectors, &layout.miniFatSectors}) {
-    for (uint32_t s : *table) tablesEnd = std::max(tablesEnd, s + 1);
-  }
-  uint32_t last = layout.dir[large].start;
-  while (layout.fat[last] != cfb::kEnd) last = layout.fat[last];
-  ASSERT_GT(last, tablesEnd + 1) << "the builder put a table after the stream";
-  ASSERT_LT(layout.dir[early].start, layout.dir[large].start);
-  cut = layout;
-  cut.truncateTo = static_cast<int64_t>(last + 1) * 512 + 10;  // 10 bytes in
-  const std::string shortDoc = write("short.doc", cut);
-  ASSERT_EQ(moxole({"cat", shortDoc, "Early"}).out, std::string(5000, 'E'));
-  const std::string err = "moxole: " + shortDoc + ": stream Large is cut short (19968 of 20480 bytes)\n";
-  ProgramResult r = moxole({"cat", shortDoc, "Large"});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.err, err);
-  EXPECT_EQ(r.out.size(), 19968u) << "the bytes before the cut still come out";
-  r = moxole({"extract", shortDoc, scratch.file("out")});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.err, err);
-}
-
-TEST(MoxoleFailures, PackRefusesWhatTheFormatCannotHoldAndKeepsTheOldFile) {
-  moxtest::ScratchDir scratch;
-  const std::string out = scratch.file("refused.doc");
-  const std::pair<std::vector<const char*>, const char*> cases[] = {
-      {{"ThisNameIsThirtyTwoCharactersLon"}, "longer than 31 characters"},
-      {{"a\\b"}, "holds a '\\'"},
-      {{"\\x00"}, "empty entry name"},
-      {{"Data", "DATA"}, "only in letter case"},
-  };
-  for (const auto& [files, reason] : cases) {
-    moxtest::ScratchDir dir;
-    for (const char* name : files) ASSERT_TRUE(spit(dir.file(name), "x"));
-    ProgramResult r = moxole({"pack", dir.path(), out});
-    EXPECT_EQ(r.status, 4) << files[0];
-    // One line naming the offending file and the reason.
-    const std::string named = files.size() == 1 ? dir.file(files[0]) + ": " : dir.path() + "/";
-    EXPECT_EQ(r.err.rfind("moxole: " + named, 0), 0u) << r.err;
-    EXPECT_NE(r.err.find(reason), std::string::npos) << r.err;
-    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;
-    EXPECT_NE(access(out.c_str(), F_OK), 0) << "a file was left";
-  }
-
-  // An existing file is replaced only on success.
-  ASSERT_TRUE(spit(out, "previous content"));
-  ASSERT_EQ(mkdir(scratch.file("src").c_str(), 0777), 0);
-  ASSERT_TRUE(spit(scratch.file("src/Stream"), "bytes"));
-  const std::string tooLong = scratch.file("src/ThisNameIsThirtyTwoCharactersLon");
-  ASSERT_TRUE(spit(tooLong, ""));
-  EXPECT_EQ(moxole({"pack", scratch.file("src"), out}).status, 4);
-  EXPECT_EQ(slurp(out), "previous content");
-  ASSERT_EQ(unlink(tooLong.c_str()), 0);
-  EXPECT_EQ(moxole({"pack", scratch.file("src"), out}).status, 0);
-  EXPECT_EQ(moxole({"cat", out, "Stream"}).out, "bytes");
-  // No temporary file is left beside it.
-  for (const auto& [path, bytes] : snapshotTree(scratch.path())) {
-    EXPECT_EQ(path.find(".moxole-"), std::string::npos) << path;
   }
 }
 

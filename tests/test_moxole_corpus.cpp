@@ -79,85 +79,68 @@ TEST_F(MoxoleCorpus, CommandsReadWhatOlefileAndTheManifestRead) {
     ++compared;
     r = moxole({"extract", pathOf(file), scratch.file("moxole")});
     EXPECT_EQ(r.status, 0) << r.err;
-    std::map<std::string, std::string> ours = moxtest::snapshotTree(scratch.file("moxole"));
-    std::map<std::string, std::string> theirs = moxtest::snapshotTree(scratch.file("olefile"));
-    EXPECT_EQ(ours.size(), theirs.size());
-    for (const auto& [path, bytes] : theirs) {
-      EXPECT_TRUE(ours.count(path) && ours[path] == bytes) << path << " missing or different";
-    }
+    const std::map<std::string, std::string> theirs = moxtest::snapshotTree(scratch.file("olefile"));
+    EXPECT_TRUE(moxtest::snapshotTree(scratch.file("moxole")) == theirs) << "extract differs from olefile";
 
-    std::map<std::string, uint64_t> streams;  // olefile's listing: path -> size
-    std::set<std::string> paths;
-    std::stringstream mirroredLines(mirrored.out);
+    std::set<std::string> paths, listed;
     bool wideNames = false;
-    for (std::string line; std::getline(mirroredLines, line);) {
-      std::vector<std::string> f = manifest::split(line, '\t');
-      paths.insert(f.at(1));
-      if (f[0] == "F") streams[f[1]] = std::stoull(f[2]);
+    for (const auto& [path, bytes] : theirs) {
+      paths.insert(path);
       // Names past 8 bits come out as UTF-8; empty ones as \x00.
-      wideNames |= std::any_of(f[1].begin(), f[1].end(), [](char c) { return static_cast<unsigned char>(c) >= 0xC4; }) ||
-                   f[1].find("\\x00") != std::string::npos;
+      wideNames |= std::any_of(path.begin(), path.end(), [](char c) { return static_cast<unsigned char>(c) >= 0xC4; }) ||
+                   path.find("\\x00") != std::string::npos;
     }
     ProgramResult ls = moxole({"ls", "-l", "-R", pathOf(file)});
-    std::set<std::string> listed;
     std::stringstream lsLines(ls.out);
     for (std::string line; std::getline(lsLines, line);) listed.insert(line.substr(23));  // after type and size
-    EXPECT_TRUE(listed == paths) << ls.out << "olefile:\n" << mirrored.out;
+    EXPECT_TRUE(listed == paths) << ls.out;
 
     // cat shares extract's reading; what it adds is finding the paths
     // olefile lists: every stream where names are wide, a few elsewhere.
     wide += wideNames;
     int catted = 0;
-    for (const auto& [path, size] : streams) {
-      if (!wideNames && (size == 0 || ++catted > 3)) continue;
+    for (const auto& [path, bytes] : theirs) {
+      if (bytes == "<dir>" || (!wideNames && (bytes.empty() || ++catted > 3))) continue;
       r = moxole({"cat", pathOf(file), path});
       EXPECT_EQ(r.status, 0) << r.err;
-      EXPECT_TRUE(r.out == moxtest::slurp(scratch.file("olefile/" + path))) << path << " differs";
+      EXPECT_TRUE(r.out == bytes) << path << " differs";
     }
   }
   EXPECT_GT(compared, 20);
   EXPECT_GE(wide, 2);
 }
 
+// Every "_N" storage with a metafile, as olefile reads it: the metafile
+// past its header, then with -p the picture record.
 TEST_F(MoxoleCorpus, EmbeddedObjectsMatchOlefile) {
   const std::string file = "poi/20-Force-on-a-current-S00.doc";
   if (!files_.count(file)) GTEST_SKIP() << file << " is not in the corpus";
-  // Every "_N" storage with a metafile: N, then the metafile past its
-  // header, then the picture record.
-  const char* script =
-      "import olefile, sys, re\n"
-      "ole = olefile.OleFileIO(sys.argv[1])\n"
-      "for e in ole.listdir(streams=True):\n"
-      "    if len(e) >= 2 and re.fullmatch(r'_[0-9]+', e[-2]) and e[-1] == '\\x03META':\n"
-      "        meta = ole.openstream(e).read()\n"
-      "        skip = meta[0] + 256 * meta[1]\n"
-      "        pic = ole.openstream(e[:-1] + ['\\x03PIC']).read()[:76]\n"
-      "        sys.stdout.buffer.write(b'%s %d %d\\n' % (e[-2][1:].encode(), skip, len(meta)))\n"
-      "        open(sys.argv[2] + '/' + e[-2] + '.wmf', 'wb').write(meta[skip:])\n"
-      "        open(sys.argv[2] + '/' + e[-2] + '.pic', 'wb').write(pic)\n";
   moxtest::ScratchDir scratch;
-  ProgramResult py = moxtest::runProgram({python_, "-c", script, pathOf(file), scratch.path()});
-  ASSERT_EQ(py.status, 0) << py.err;
-  ASSERT_FALSE(py.out.empty()) << "olefile finds no objects in " << file;
-
+  ProgramResult mirrored = moxtest::runProgram({python_, kMirror, pathOf(file), scratch.file("olefile")});
+  ASSERT_EQ(mirrored.status, 0) << mirrored.err;
   ProgramResult list = moxole({"objects", pathOf(file)});
   ASSERT_EQ(list.status, 0) << list.err;
-  std::stringstream objects(py.out);
-  std::string number;
-  uint64_t skip, size;
-  while (objects >> number >> skip >> size) {
+  const std::string kMeta = "/\\x03META";
+  int objects = 0;
+  for (const auto& [path, meta] : moxtest::snapshotTree(scratch.file("olefile"))) {
+    if (path.size() <= kMeta.size() || path.compare(path.size() - kMeta.size(), kMeta.size(), kMeta) != 0) continue;
+    const std::string storage = path.substr(0, path.size() - kMeta.size());
+    const std::string name = storage.substr(storage.rfind('/') + 1), number = name.substr(1);
+    if (name.size() < 2 || name[0] != '_' || number.find_first_not_of("0123456789") != std::string::npos) continue;
+    ++objects;
     EXPECT_NE(list.out.find(number + " "), std::string::npos) << list.out;
-    ASSERT_GE(skip, 2u);
-    // The metafile, then with -p the picture record.
-    for (const std::string kind : {"wmf", "pic"}) {
-      std::vector<std::string> args = {"object", pathOf(file), number, scratch.file("ours." + kind)};
-      if (kind == "pic") args.insert(args.begin() + 1, "-p");
+    const size_t skip = static_cast<unsigned char>(meta[0]) + 256 * static_cast<unsigned char>(meta[1]);
+    const std::string wanted[] = {meta.substr(skip),
+                                  moxtest::slurp(scratch.file("olefile/" + storage + "/\\x03PIC")).substr(0, 76)};
+    for (const bool picture : {false, true}) {
+      std::vector<std::string> args = {"object", pathOf(file), number, scratch.file("ours")};
+      if (picture) args.insert(args.begin() + 1, "-p");
       ProgramResult r = moxole(args);
       ASSERT_EQ(r.status, 0) << r.err;
-      EXPECT_TRUE(moxtest::slurp(scratch.file("ours." + kind)) == moxtest::slurp(scratch.file("_" + number + "." + kind)))
-          << kind << " of object " << number;
+      EXPECT_TRUE(moxtest::slurp(scratch.file("ours")) == wanted[picture]) << path << (picture ? " -p" : "");
     }
   }
+  EXPECT_GT(objects, 0) << "olefile finds no objects in " << file;
 }
 
 }  // namespace

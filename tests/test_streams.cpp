@@ -256,8 +256,6 @@ TEST(StreamLookup, RootIsFoundByTypeOrByName) {
   l.dir[0].type = 1;  // a storage named "Root Entry": never read as the root
   {
     OpenDocument d(l.serialize());
-    ASSERT_NE(d.h(), nullptr);
-    EXPECT_EQ(d.h()->lRootStart, -1);
     EXPECT_EQ(bOLEopenStream(d.h(), "Big"), 1);
     EXPECT_EQ(bOLEopenStream(d.h(), "Small"), 0);  // no mini stream to read it from
   }
@@ -291,59 +289,44 @@ TEST(StreamChain, EmptyStreamHasOnlyTheTerminatorAndTouchesNoFile) {
   ASSERT_EQ(bOLEopenStream(h, "Empty"), 1);
   EXPECT_EQ(currentList(h), std::vector<int64_t>{-2});
   EXPECT_EQ(lOLEtell(h), 0);
-  char buffer[16];
-  EXPECT_EQ(iOLEread(h, buffer, sizeof buffer), 0u);
+  EXPECT_EQ(readToEnd(h), Bytes());
   EXPECT_EQ(lOLEseek(h, 100, 0), 0);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Empty"), 1);  // 0 sectors needed
 }
-
-// A document with one regular stream of ten sectors and free sectors to
-// lengthen it with.
-struct TenSectorStream {
-  cfb::CfbLayout layout;
-  int entry = 0;
-  Bytes data = pattern(5000, 4);
-  TenSectorStream() {
-    cfb::CfbBuilder b;
-    b.setPaddingSectors(4);
-    entry = b.addStream(0, "S", data);
-    layout = b.layout();
-  }
-  uint32_t last() const { return streamkit::chainOf(layout, entry).back(); }
-};
 
 // A free link ends a chain, and a chain may run longer than its size
 // needs, under the lenient rules only (bOLEopenStream, entry numbers); a
 // chain too short, one that comes back to its start or one that leaves
 // the FAT fails under both.  A failed exact build releases the old list.
+// The stream is entry 1, of ten sectors, with free sectors after it to
+// lengthen it with; `last` is its last sector.
 TEST(StreamChain, DamagedChainsUnderTheLenientAndTheExactRules) {
+  const Bytes data = pattern(5000, 4);
   const struct {
     const char* what;
-    void (*damage)(TenSectorStream&);
+    void (*damage)(cfb::CfbLayout& l, uint32_t last);
     bool lenient;
   } cases[] = {
-      {"free link", [](TenSectorStream& s) { s.layout.fat[s.last()] = cfb::kFree; }, true},
-      {"longer chain", [](TenSectorStream& s) {
-         const uint32_t extra = streamkit::firstPaddingSector(s.layout);
-         s.layout.fat[s.last()] = extra;
-         s.layout.fat[extra] = cfb::kEnd;
+      {"free link", [](cfb::CfbLayout& l, uint32_t last) { l.fat[last] = cfb::kFree; }, true},
+      {"longer chain", [](cfb::CfbLayout& l, uint32_t last) {
+         l.fat[last] = streamkit::firstPaddingSector(l);
+         l.fat[l.fat[last]] = cfb::kEnd;
        }, true},
-      {"shorter chain", [](TenSectorStream& s) { s.layout.dir[s.entry].sizeLow = 10 * 512 + 1; }, false},
-      {"back to the start", [](TenSectorStream& s) { s.layout.fat[s.last()] = s.layout.dir[s.entry].start; }, false},
-      {"past the FAT", [](TenSectorStream& s) { s.layout.fat[s.layout.dir[s.entry].start] = 100000; }, false},
+      {"shorter chain", [](cfb::CfbLayout& l, uint32_t) { l.dir[1].sizeLow = 10 * 512 + 1; }, false},
+      {"back to the start", [](cfb::CfbLayout& l, uint32_t last) { l.fat[last] = l.dir[1].start; }, false},
+      {"past the FAT", [](cfb::CfbLayout& l, uint32_t) { l.fat[l.dir[1].start] = 100000; }, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    TenSectorStream s;
-    c.damage(s);
-    OpenDocument d(s.layout.serialize());
-    ASSERT_NE(d.h(), nullptr);
-    ASSERT_LT(moxFatSectorCapacity(d.h()), 100000);
+    cfb::CfbBuilder b;
+    b.setPaddingSectors(4);
+    b.addStream(0, "S", data);
+    cfb::CfbLayout l = b.layout();
+    c.damage(l, streamkit::chainOf(l, 1).back());
+    OpenDocument d(l.serialize());
     EXPECT_EQ(bOLEopenStream(d.h(), "S"), c.lenient ? 1 : 0);
-    if (c.lenient) {
-      EXPECT_EQ(readToEnd(d.h()), s.data);
-    }
-    EXPECT_EQ(iReadStreamChain(s.entry, d.h()), c.lenient ? 0 : -1);
+    EXPECT_EQ(readToEnd(d.h()), c.lenient ? data : Bytes());
+    EXPECT_EQ(iReadStreamChain(1, d.h()), c.lenient ? 0 : -1);
     EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "S"), 0);
     EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);
   }
@@ -383,7 +366,6 @@ TEST(StreamChain, BackwardChainsReadWholeAndCyclesThatEscapeTheGuardStillEnd) {
   const int regular = b.addStream(0, "Regular", pattern(5000, 5));
   for (int i = 0; i < 5; ++i) b.addStream(0, "M" + std::to_string(i), pattern(4000, i));
   cfb::CfbLayout l = b.layout();
-  ASSERT_GE(l.miniFat.size(), 300u);
   const uint32_t p = streamkit::firstPaddingSector(l);
   streamkit::relocateChain(&l, backwards, {p + 7, p + 6, p + 5, p + 4, p + 3, p + 2, p + 1, p});
   l.dir[regular].start = zigZagCycle(&l.fat, p + 8, 300);

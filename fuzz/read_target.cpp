@@ -94,24 +94,22 @@ void walkThroughWriter(const std::vector<uint8_t>& bytes) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string objectFile = moxfuzz::scratchDir("read") + "/object";
   std::vector<uint8_t> bytes(data, data + size);
-  {
-    moxhost::MemoryIo io(bytes);
-    moxhost::CountingMemory memory;
-    memory.setLimit(kHostMemory);
-    _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
-    const auto length = static_cast<int64_t>(size);
-    const int64_t calls = io.readCalls() + io.seekCalls() + memory.allocations();
-    require(calls <= kCallsPerByte * length + kCallsConstant, "the open made host calls beyond the bound",
-            std::to_string(calls) + " reads, seeks and allocations for " + std::to_string(size) + " bytes");
-    if (h != nullptr) {
-      walkDocument(h, memory.memory(), 0, objectFile.c_str());
-      require(iOLEclose(h) == 1, "iOLEclose");
-    }
-    require(memory.liveBlocks() == 0, "the reader left allocations live");
-    require(io.openCalls() == 1 && io.closeCalls() == 1, "hOLEopen: I/O object not closed once");
-    require(memory.peakBytes() <= kMemoryPerByte * length + kMemoryConstant, "peak host memory beyond the bound",
-            std::to_string(memory.peakBytes()) + " bytes for " + std::to_string(size) + " bytes");
+  moxhost::MemoryIo io(bytes);
+  moxhost::CountingMemory memory;
+  memory.setLimit(kHostMemory);
+  _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+  const auto length = static_cast<int64_t>(size);
+  const int64_t calls = io.readCalls() + io.seekCalls() + memory.allocations();
+  require(calls <= kCallsPerByte * length + kCallsConstant, "the open made host calls beyond the bound",
+          std::to_string(calls) + " reads, seeks and allocations for " + std::to_string(size) + " bytes");
+  if (h != nullptr) {
+    walkDocument(h, memory.memory(), 0, objectFile.c_str());
+    require(iOLEclose(h) == 1, "iOLEclose");
   }
+  require(memory.liveBlocks() == 0, "the reader left allocations live");
+  require(io.openCalls() == 1 && io.closeCalls() == 1, "hOLEopen: I/O object not closed once");
+  require(memory.peakBytes() <= kMemoryPerByte * length + kMemoryConstant, "peak host memory beyond the bound",
+          std::to_string(memory.peakBytes()) + " bytes for " + std::to_string(size) + " bytes");
   walkThroughWriter(bytes);
   return 0;
 }

@@ -8,9 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <ctype.h>
-#include <limits.h>
 #include <pthread.h>
-#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 

@@ -17,6 +17,7 @@
 #include "reader/lookup.h"
 #include "reader/reader.h"
 #include "reader/stream.h"
+#include "support/document_walk.h"
 #include "support/fault_sweep.h"
 #include "support/sparse_io.h"
 #include "support/stream_kit.h"
@@ -413,22 +414,19 @@ TEST(StreamChain, MiniLinksMustNameMiniFatEntries) {
 TEST(StreamChain, ListsSplitAfter16383Entries) {
   // Lists of 16382, 16383, 16384 and 16385 entries: one array, then a
   // second one of 0, 1 and 2 entries.
+  // The streams are entries 1 to 4.
   const uint32_t sectors[] = {16381, 16382, 16383, 16384};
   cfb::CfbBuilder b;
-  int entries[4];
-  for (int i = 0; i < 4; ++i) {
-    entries[i] = b.addStream(0, "S" + std::to_string(sectors[i]), pattern(sectors[i] * 512, i));
-  }
+  for (uint32_t n : sectors) b.addStream(0, "S" + std::to_string(n), pattern(n * 512, n));
   cfb::CfbLayout l = b.layout();
   OpenDocument d(l.serialize());
   _MoxOleFile* h = d.h();
-  for (int i = 0; i < 4; ++i) {
-    SCOPED_TRACE(sectors[i]);
-    ASSERT_EQ(iReadStreamChain(entries[i], h), 0);
-    std::vector<uint32_t> chain = streamkit::chainOf(l, entries[i]);
+  for (int entry = 1; entry <= 4; ++entry) {
+    ASSERT_EQ(iReadStreamChain(entry, h), 0) << entry;
+    std::vector<uint32_t> chain = streamkit::chainOf(l, entry);
     std::vector<int64_t> want(chain.begin(), chain.end());
     want.push_back(-2);
-    EXPECT_EQ(currentList(h), want);
+    EXPECT_EQ(currentList(h), want) << entry;
   }
   // An allocator that refuses the empty second array fails the open.
   d.memory().faults().failAt(2);
@@ -697,19 +695,6 @@ struct List {
   }
 };
 
-struct Tree {
-  moxhost::PoolServices services;
-  HostMemory* pool = services.createPool(4096, 0, nullptr);
-  _MoxOleTreeNode* root = nullptr;
-  const int status;
-  explicit Tree(_MoxOleFile* h) : status(iOLEGetStreamTree(h, pool, &root)) {}
-  ~Tree() {
-    EXPECT_EQ(services.poolFrees(), 0) << "tree memory is never freed piecemeal";
-    EXPECT_EQ(services.heap().allocations(), 0) << "tree memory comes from the pool only";
-    services.destroyPool(pool);
-  }
-};
-
 // Entries A (1), B (2), C (3), B's stream Inner (4) and B's storage Empty
 // (5); B at the top of the root's tree, A on its left and C on its right.
 cfb::Bytes threeChildren() {
@@ -742,18 +727,19 @@ std::string describe(const _MoxOleTreeNode* node) {
 // The tree follows the pre-order of the sibling tree; object lists give
 // direct children in name order, and types are of exact names.
 TEST(StreamTree, TreeInPreOrderListsInNameOrderTypesOfExactNames) {
+  moxhost::PoolServices pools;
   {
     OpenDoc doc(cfb::CfbBuilder().build());
-    Tree t(doc.handle());
-    ASSERT_EQ(t.status, 0);
-    EXPECT_EQ(describe(t.root), "Root Entry 5 0 0");
-    EXPECT_EQ(t.root->ppChildren, nullptr);
+    const StreamTree t(doc.handle(), pools);
+    ASSERT_EQ(t.status(), 0);
+    EXPECT_EQ(describe(t.root()), "Root Entry 5 0 0");
+    EXPECT_EQ(t.root()->ppChildren, nullptr);
   }
   OpenDoc doc(threeChildren());
-  Tree t(doc.handle());
-  ASSERT_EQ(t.status, 0);
-  EXPECT_EQ(t.root->pParent, nullptr);
-  EXPECT_EQ(describe(t.root), "Root Entry 5 0 0 [B 1 2 0 [Inner 2 4 3, Empty 1 5 0], A 2 1 5, C 2 3 7000]");
+  const StreamTree t(doc.handle(), pools);
+  ASSERT_EQ(t.status(), 0);
+  EXPECT_EQ(t.root()->pParent, nullptr);
+  EXPECT_EQ(describe(t.root()), "Root Entry 5 0 0 [B 1 2 0 [Inner 2 4 3, Empty 1 5 0], A 2 1 5, C 2 3 7000]");
   EXPECT_EQ(List(doc, nullptr, 0).names(), (std::vector<std::string>{"A", "B", "C"}));
   EXPECT_EQ(List(doc, Path({"Root Entry", "ignored"}).slots, 2).count, 3);
   EXPECT_EQ(List(doc, Path({"B"}).slots, 1).names(), (std::vector<std::string>{"Empty", "Inner"}));
@@ -795,14 +781,19 @@ cfb::CfbLayout longChain(int length, bool leftward = false) {
 // cut the same way, at the entry past the step limit.
 TEST(StreamTree, WalkCutsLinksPastThirtyFiveHundredStepsAndCyclesAndSharedEntriesEndThere) {
   {
+    moxhost::PoolServices pools;
     OpenDoc doc(longChain(3600).serialize());
-    Tree t(doc.handle());
-    ASSERT_EQ(t.status, 0);
+    const StreamTree t(doc.handle(), pools);
+    ASSERT_EQ(t.status(), 0);
     // The top entry is step 1, so the 3501st entry is the last one reached.
-    ASSERT_EQ(t.root->iChildCount, 3501);
-    for (int i = 0; i < 3501; ++i) ASSERT_EQ(t.root->ppChildren[i]->iIndex, i + 1) << i;
+    ASSERT_EQ(t.root()->iChildCount, 3501);
+    for (int i = 0; i < 3501; ++i) ASSERT_EQ(t.root()->ppChildren[i]->iIndex, i + 1) << i;
     EXPECT_EQ(doc->pDir[3501].lRight, -1);
     EXPECT_EQ(doc->pDir[3502].lRight, 3503) << "entries never reached keep their links";
+    // However its arrays grow, the tree's memory comes from the pool alone
+    // and is never freed piecemeal.
+    EXPECT_EQ(pools.poolFrees(), 0);
+    EXPECT_EQ(pools.heap().allocations(), 0);
   }
   // Every entry's left and right link lead to the same next entry: the
   // number of paths doubles at each level, and the walk stops at the first
@@ -811,9 +802,9 @@ TEST(StreamTree, WalkCutsLinksPastThirtyFiveHundredStepsAndCyclesAndSharedEntrie
   for (int i = 1; i < 60; ++i) l.dir[i].left = l.dir[i].right;
   OpenDoc doc(l.serialize());
   EXPECT_EQ(List(doc, nullptr, 0).count, -1);
-  Tree t(doc.handle());
-  EXPECT_EQ(t.status, 4);
-  EXPECT_LT(t.services.poolAllocateCalls(), 20000);
+  moxhost::PoolServices pools;
+  EXPECT_EQ(StreamTree(doc.handle(), pools).status(), 4);
+  EXPECT_LT(pools.poolAllocateCalls(), 20000);
 }
 
 // A tree that fails reports its code and leaves true counts; an object

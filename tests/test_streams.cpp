@@ -743,7 +743,7 @@ cfb::CfbLayout longChain(int length, bool leftward = false) {
 
 // Thousands of children outgrow the node arrays, in order.  A cycle is
 // cut the same way, at the entry past the step limit.
-TEST(StreamTree, WalkCutsLinksPastThirtyFiveHundredStepsAndCyclesAndSharedEntriesEndThere) {
+TEST(StreamTree, WalkCutsLinksPastThirtyFiveHundredStepsAndStopsAtSharedEntries) {
   {
     moxhost::PoolServices pools;
     OpenDoc doc(longChain(3600).serialize());

@@ -18,7 +18,6 @@
 // time; openmcdf's damaged _thumbs_bug_24.db makes 3.6 calls a byte so.
 #include <stddef.h>
 #include <stdint.h>
-#include <stdio.h>
 
 #include <string>
 #include <vector>
@@ -81,12 +80,8 @@ void walkThroughWriter(const std::vector<uint8_t>& bytes) {
   services.heap().setLimit(kHostMemory);
   _MoxOleFile* h = api.hOLEopenEx(io.io(), services.services(), 0);
   if (h != nullptr) {
-    HostMemory* pool = services.createPool(4096, 0, nullptr);
-    _MoxOleTreeNode* root = nullptr;
-    if (pool != nullptr && api.iOLEGetStreamTree(h, pool, &root) == 0 && root != nullptr) {
-      openPaths(api, h, root, "", 0);
-    }
-    if (pool != nullptr) services.destroyPool(pool);
+    const StreamTree tree(h, services);
+    if (tree.root() != nullptr) openPaths(api, h, tree.root(), "", 0);
     require(api.iOLEclose(h) == 1, "iOLEclose of a document opened through hOLEopenEx");
   }
   require(services.liveObjects() == 0, "hOLEopenEx left allocations or pools live");
@@ -99,31 +94,22 @@ void walkThroughWriter(const std::vector<uint8_t>& bytes) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string objectFile = moxfuzz::scratchDir("read") + "/object";
   std::vector<uint8_t> bytes(data, data + size);
-  {
-    moxhost::MemoryIo io(bytes);
-    moxhost::CountingMemory memory;
-    memory.setLimit(kHostMemory);
-    _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
-    const auto length = static_cast<int64_t>(size);
-    const int64_t calls = io.readCalls() + io.seekCalls() + memory.allocations();
-    if (calls > kCallsPerByte * length + kCallsConstant) {
-      fprintf(stderr, "moxfuzz read: %lld bytes: %lld reads, %lld seeks, %lld allocations\n",
-              static_cast<long long>(length), static_cast<long long>(io.readCalls()),
-              static_cast<long long>(io.seekCalls()), static_cast<long long>(memory.allocations()));
-      require(false, "the open made host calls beyond the bound for the input's size");
-    }
-    if (h != nullptr) {
-      walkDocument(h, memory.memory(), 0, objectFile.c_str());
-      require(iOLEclose(h) == 1, "iOLEclose");
-    }
-    require(memory.liveBlocks() == 0, "the reader left allocations live");
-    require(io.openCalls() == 1 && io.closeCalls() == 1, "hOLEopen: I/O object not closed once");
-    if (memory.peakBytes() > kMemoryPerByte * length + kMemoryConstant) {
-      fprintf(stderr, "moxfuzz read: %lld bytes: peak memory %lld\n", static_cast<long long>(length),
-              static_cast<long long>(memory.peakBytes()));
-      require(false, "peak host memory beyond the bound for the input's size");
-    }
+  moxhost::MemoryIo io(bytes);
+  moxhost::CountingMemory memory;
+  memory.setLimit(kHostMemory);
+  _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
+  const auto length = static_cast<int64_t>(size);
+  const int64_t calls = io.readCalls() + io.seekCalls() + memory.allocations();
+  require(calls <= kCallsPerByte * length + kCallsConstant, "the open made host calls beyond the bound",
+          std::to_string(calls) + " reads, seeks and allocations for " + std::to_string(size) + " bytes");
+  if (h != nullptr) {
+    walkDocument(h, memory.memory(), 0, objectFile.c_str());
+    require(iOLEclose(h) == 1, "iOLEclose");
   }
+  require(memory.liveBlocks() == 0, "the reader left allocations live");
+  require(io.openCalls() == 1 && io.closeCalls() == 1, "hOLEopen: I/O object not closed once");
+  require(memory.peakBytes() <= kMemoryPerByte * length + kMemoryConstant, "peak host memory beyond the bound",
+          std::to_string(memory.peakBytes()) + " bytes for " + std::to_string(size) + " bytes");
   walkThroughWriter(bytes);
   return 0;
 }

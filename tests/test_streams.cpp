@@ -8,9 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <ctype.h>
-#include <limits.h>
 #include <pthread.h>
-#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -19,6 +17,7 @@
 #include "reader/lookup.h"
 #include "reader/reader.h"
 #include "reader/stream.h"
+#include "support/document_walk.h"
 #include "support/fault_sweep.h"
 #include "support/sparse_io.h"
 #include "support/stream_kit.h"
@@ -33,16 +32,16 @@ using streamkit::readToEnd;
 
 // --- Finding streams ---------------------------------------------------------
 
-// Storage paths are arrays of 36-byte slots.
+// Storage paths are arrays of 36-byte slots; slots and bytes not given
+// are zero.
 struct Path {
-  char slots[4][36] = {};
-  explicit Path(std::initializer_list<const char*> names) {
-    int i = 0;
-    for (const char* name : names) strncpy(slots[i++], name, 35);
-  }
+  char slots[4][36];
 };
 
-Bytes contentOf(OpenDocument& d) {
+// What an open made current, read from where the open left it (which
+// must be the start); nothing when the open failed.
+Bytes opened(OpenDocument& d, int result) {
+  if (result != 1) return {};
   EXPECT_EQ(lOLEtell(d.h()), 0);
   return readToEnd(d.h());
 }
@@ -74,25 +73,19 @@ TEST(StreamLookup, NamesScansAndStoragePaths) {
   ASSERT_NE(h, nullptr);
   const int count = h->iDirCount;
   // The name rules differ between the opens.
-  ASSERT_EQ(bOLEopenStream(h, "worddocument"), 1);
-  EXPECT_EQ(contentOf(d), word);
+  EXPECT_EQ(opened(d, bOLEopenStream(h, "worddocument")), word);
   EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, "worddocument"), 0);
   EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, "WordDocument"), 1);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "worddocument"), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "WordDocument"), 1);
-  EXPECT_EQ(contentOf(d), word);
+  EXPECT_EQ(opened(d, bOLEopenEmbeddedStreamEx(h, nullptr, 0, "WordDocument")), word);
 
   // A stream missing from the root's tree is found by scanning everything.
   EXPECT_EQ(iFindIStreamGivenIStorage(h, "deep", 0), deepEntry);
-  ASSERT_EQ(bOLEopenStream(h, "Deep"), 1);
-  EXPECT_EQ(contentOf(d), deep);
+  EXPECT_EQ(opened(d, bOLEopenStream(h, "Deep")), deep);
   EXPECT_EQ(iFindIStreamGivenIStorage(h, "Nowhere", 0), count);
-  EXPECT_EQ(bOLEopenStream(h, "Nowhere"), 0);
   // Only a descent that ends at a missing link scans: a storage without
   // children or an invalid storage number is an error.
-  for (int storage : {empty, -1, -5, count}) {
-    EXPECT_EQ(iFindIStreamGivenIStorage(h, "Deep", storage), -1) << storage;
-  }
+  for (int storage : {empty, -1, -5, count}) EXPECT_EQ(iFindIStreamGivenIStorage(h, "Deep", storage), -1) << storage;
   // The stream is not under the root, so the exact search does not scan.
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Deep"), 0);
   // A storage of the wanted name is passed over by the stream search.
@@ -100,52 +93,35 @@ TEST(StreamLookup, NamesScansAndStoragePaths) {
 
   // The embedded stream's storage is named exactly; without one the root
   // is the storage, and the scan finds Other's stream first.
-  ASSERT_EQ(bOLEopenEmbeddedStream(h, "data", "Obj"), 1);
-  EXPECT_EQ(contentOf(d), obj);
+  EXPECT_EQ(opened(d, bOLEopenEmbeddedStream(h, "data", "Obj")), obj);
   EXPECT_EQ(bOLEopenEmbeddedStream(h, "Data", "obj"), 0);
-  ASSERT_EQ(bOLEopenEmbeddedStream(h, "Data", nullptr), 1);
-  EXPECT_EQ(contentOf(d), other);
+  EXPECT_EQ(opened(d, bOLEopenEmbeddedStream(h, "Data", nullptr)), other);
 
-  // Storage paths.
-  Path ab({"A", "B"});
-  EXPECT_EQ(moxWalkStoragePath(h, ab.slots, 2), bEntry);
-  EXPECT_EQ(moxWalkStoragePath(h, ab.slots, 1), a);
-  ASSERT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "S"), 1);
-  EXPECT_EQ(contentOf(d), deepS);
+  // Storage paths: A holds no S of its own.
+  Path ab{{"A", "B"}};
+  EXPECT_EQ(opened(d, bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "S")), deepS);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 1, "S"), 0);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "s"), 0);
   // "Root Entry" first, no path or no depth: the root, other slots unread.
-  Path rooted({"Root Entry", "nothing", "here"});
+  Path rooted{{"Root Entry", "nothing", "here"}};
   const std::pair<const char (*)[36], int> roots[] = {
       {rooted.slots, 3}, {nullptr, 5}, {ab.slots, 0}};
-  for (auto [path, depth] : roots) {
-    ASSERT_EQ(bOLEopenEmbeddedStreamEx(h, path, depth, "S"), 1);
-    EXPECT_EQ(contentOf(d), topS);
-  }
-  Path lower({"a"}), throughStream({"A", "T"}), full({""});
+  for (auto [path, depth] : roots) EXPECT_EQ(opened(d, bOLEopenEmbeddedStreamEx(h, path, depth, "S")), topS);
+  Path lower{{"a"}}, throughStream{{"A", "T"}}, full{};
   memset(full.slots[0], 'A', 36);  // no terminator in its 36 bytes: matches nothing
-  EXPECT_EQ(moxWalkStoragePath(h, lower.slots, 1), -1);
-  EXPECT_EQ(moxWalkStoragePath(h, throughStream.slots, 2), -1);
-  EXPECT_EQ(moxWalkStoragePath(h, full.slots, 1), -1);
+  const std::pair<const Path*, int> walks[] = {{&lower, 1}, {&throughStream, 2}, {&full, 1}};
+  for (auto [path, depth] : walks) EXPECT_EQ(moxWalkStoragePath(h, path->slots, depth), -1) << depth;
 
-  // Failed lookups keep the current stream, its list and its position.
+  // Failed lookups keep the current stream and its position.
   ASSERT_EQ(bOLEopenStream(h, "Current"), 1);
-  Bytes head(1000);
-  ASSERT_EQ(iOLEread(h, head.data(), 1000), 1000u);
-  const int64_t* list = h->plChain;
-  Path sub1({"Sub"}), missing({"Missing"});
+  ASSERT_EQ(lOLEseek(h, 1000, 0), 1000);
+  Path missing{{"Missing"}};
   EXPECT_EQ(bOLEopenStream(h, "Missing"), 0);
-  EXPECT_EQ(bOLEopenStreamIgnoreStorage(h, "current"), 0);
   EXPECT_EQ(bOLEopenEmbeddedStream(h, "Inner", "Missing"), 0);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, missing.slots, 1, "Inner"), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, sub1.slots, 1, "inner"), 0);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Sub"), 0);  // a storage
   EXPECT_EQ(iGetStreamChain(h, "Missing", nullptr, 0), -1);
-  EXPECT_EQ(h->plChain, list);
-  EXPECT_EQ(lOLEtell(h), 1000);
-  Bytes rest = readToEnd(h);
-  head.insert(head.end(), rest.begin(), rest.end());
-  EXPECT_EQ(head, current);
+  EXPECT_EQ(readToEnd(h), Bytes(current.begin() + 1000, current.end()));
 }
 
 TEST(StreamLookup, DescentOrdersByLengthThenLowerCaseFolding) {
@@ -159,7 +135,6 @@ TEST(StreamLookup, DescentOrdersByLengthThenLowerCaseFolding) {
   std::vector<int> wanted;
   for (const char* name : names) wanted.push_back(b.addStream(0, name, pattern(10, 1)));
   OpenDocument d(b.build());
-  ASSERT_NE(d.h(), nullptr);
   for (size_t i = 0; i < wanted.size(); ++i) {
     EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), names[i], 0), wanted[i]) << names[i];
     std::string swapped = names[i];
@@ -185,7 +160,6 @@ TEST(StreamLookup, ExactSearchOrdersEqualLengthsCaseSensitively) {
     ASSERT_NE(d.h(), nullptr);
     EXPECT_EQ(moxFindChildExact(d.h(), 0, moxNameOf("Zz")), byteOrder ? zz : -1);
     EXPECT_EQ(moxFindChildExact(d.h(), 0, moxNameOf("zz")), -1);
-    EXPECT_EQ(moxFindChildExact(d.h(), 0, moxNameOf("aa")), aa);
     // The tolerant search folds, so it descends the other way, and its scan
     // finds the stream either way.
     EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "zz", 0), zz);
@@ -203,7 +177,6 @@ TEST(StreamLookup, BadLinksAndCyclicSiblingTreesEndTheDescent) {
   for (const char* name : {"a", "bb", "ccc", "dddd", "eeeee"}) b.addStream(0, name, pattern(50, 4));
   cfb::CfbLayout l = b.layout();
   const uint32_t top = l.dir[0].child;
-  ASSERT_GT(l.dir[top].name.size(), 1u);
   l.dir[top].left = 0xFFFFFFFDu;  // -3: a descent to a shorter name meets it
   l.dir[top].right = top;         // every descent to a longer name comes back here
   const uint32_t inner = l.dir[sub].child;
@@ -219,8 +192,7 @@ TEST(StreamLookup, BadLinksAndCyclicSiblingTreesEndTheDescent) {
   EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "LongerThanAll", 0), d.h()->iDirCount);
   EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Elsewhere", 0), elsewhere);
   EXPECT_EQ(moxFindChildExact(d.h(), 0, moxNameOf("LongerThanAll")), -1);
-  EXPECT_EQ(moxFindChildExact(d.h(), sub, moxNameOf("Missing")), -1);
-  Path path({"Sub"});
+  Path path{{"Sub"}};
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), path.slots, 1, "Missing"), 0);
   EXPECT_EQ(moxFindPresentationStream(d.h(), sub), -1);
 }
@@ -244,33 +216,26 @@ cfb::CfbLayout presentationLayout(const std::vector<std::string>& spine, int* st
 TEST(StreamLookup, PresentationStreamWalk) {
   const std::string pres = "\x02OlePres000";
   int storage = 0;
-  struct Case {
-    std::vector<std::string> spine;
-    int chosen;  // index in the spine, -1: the walk picks the root
-  };
-  const Case cases[] = {
+  // The spine, and the index in it of the stream picked (-1: the root).
+  const std::pair<std::vector<std::string>, int> cases[] = {
       {{"A", pres, "Z"}, 1},          // found, and it has a right sibling
       {{"A", pres}, 0},               // the last entry's name is never compared
       {{"A"}, -1},                    // no right sibling at all: the root
       {{"A", "Q", "Z", "W"}, 2},      // none found: the entry before the last
       {{pres, "Q"}, 0},               // the first child itself
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.spine.size());
-    OpenDocument d(presentationLayout(c.spine, &storage).serialize());
+  for (const auto& [spine, chosen] : cases) {
+    SCOPED_TRACE(spine.size());
+    OpenDocument d(presentationLayout(spine, &storage).serialize());
     ASSERT_NE(d.h(), nullptr);
-    EXPECT_EQ(moxFindPresentationStream(d.h(), storage), c.chosen < 0 ? 0 : storage + 1 + c.chosen);
-    EXPECT_EQ(lOLEopenObject(d.h(), "_1234", 0), c.chosen < 0 ? 0 : 90 + c.chosen);
-    // Something is current beforehand.
-    ASSERT_EQ(bOLEopenStream(d.h(), c.spine[0].c_str()), 1);
-    if (c.chosen < 0) {
-      // The root is no stream: the build fails and the old stream is gone.
-      EXPECT_EQ(bOLEopenEmbeddedStream(d.h(), nullptr, "_1234"), 0);
-      EXPECT_EQ(d.h()->plChain, nullptr);
-    } else {
-      ASSERT_EQ(bOLEopenEmbeddedStream(d.h(), nullptr, "_1234"), 1);
-      EXPECT_EQ(contentOf(d), pattern(90 + c.chosen, 20 + c.chosen));
-    }
+    EXPECT_EQ(moxFindPresentationStream(d.h(), storage), chosen < 0 ? 0 : storage + 1 + chosen);
+    EXPECT_EQ(lOLEopenObject(d.h(), "_1234", 0), chosen < 0 ? 0 : 90 + chosen);
+    // Something is current beforehand.  The root is no stream: picking it
+    // fails the build, and the old stream is gone.
+    ASSERT_EQ(bOLEopenStream(d.h(), spine[0].c_str()), 1);
+    const Bytes want = chosen < 0 ? Bytes() : pattern(90 + chosen, 20 + chosen);
+    EXPECT_EQ(opened(d, bOLEopenEmbeddedStream(d.h(), nullptr, "_1234")), want);
+    EXPECT_EQ(d.h()->plChain == nullptr, chosen < 0);
   }
 }
 
@@ -280,17 +245,13 @@ TEST(StreamLookup, RootIsFoundByTypeOrByName) {
   b.addStream(0, "Small", pattern(50, 31));
   cfb::CfbLayout l = b.layout();
   l.dir[0].type = 1;  // a storage named "Root Entry": never read as the root
-  {
-    OpenDocument d(l.serialize());
-    ASSERT_NE(d.h(), nullptr);
-    EXPECT_EQ(d.h()->lRootStart, -1);
-    EXPECT_EQ(bOLEopenStream(d.h(), "Big"), 1);
-    EXPECT_EQ(bOLEopenStream(d.h(), "Small"), 0);  // no mini stream to read it from
-  }
+  OpenDocument storageRoot(l.serialize());
+  EXPECT_EQ(bOLEopenStream(storageRoot.h(), "Big"), 1);
+  EXPECT_EQ(bOLEopenStream(storageRoot.h(), "Small"), 0);  // no mini stream to read it from
   l.dir[0].name = cfb::units("Root Entrx");
-  OpenDocument d(l.serialize());
-  EXPECT_EQ(bOLEopenStream(d.h(), "Big"), 0);
-  EXPECT_EQ(bOLEopenStreamIgnoreStorage(d.h(), "Big"), 1);
+  OpenDocument renamed(l.serialize());
+  EXPECT_EQ(bOLEopenStream(renamed.h(), "Big"), 0);
+  EXPECT_EQ(bOLEopenStreamIgnoreStorage(renamed.h(), "Big"), 1);
 }
 
 // --- Sector lists ------------------------------------------------------------
@@ -304,84 +265,42 @@ std::vector<int64_t> currentList(const _MoxOleFile* h) {
   }
 }
 
-TEST(StreamChain, EmptyStreamHasOnlyTheTerminatorAndTouchesNoFile) {
-  // Nothing else in the document is small, so there is no mini stream at
-  // all: its first sector is -2, and no file position exists to seek to.
-  cfb::CfbBuilder b;
-  b.addStream(0, "Empty", {});
-  b.addStream(0, "Big", pattern(4096, 1));
-  OpenDocument d(b.build());
-  _MoxOleFile* h = d.h();
-  ASSERT_NE(h, nullptr);
-  EXPECT_EQ(h->lRootStart, -2);
-  ASSERT_EQ(bOLEopenStream(h, "Empty"), 1);
-  EXPECT_EQ(currentList(h), std::vector<int64_t>{-2});
-  EXPECT_EQ(lOLEtell(h), 0);
-  char buffer[16];
-  EXPECT_EQ(iOLEread(h, buffer, sizeof buffer), 0u);
-  EXPECT_EQ(lOLEseek(h, 100, 0), 0);
-  EXPECT_EQ(lOLEseek(h, 0, 2), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Empty"), 1);  // 0 sectors needed
-}
-
-// A document with one regular stream of ten sectors and free sectors to
-// lengthen it with.
-struct TenSectorStream {
-  cfb::CfbLayout layout;
-  int entry = 0;
-  Bytes data = pattern(5000, 4);
-  TenSectorStream() {
-    cfb::CfbBuilder b;
-    b.setPaddingSectors(4);
-    entry = b.addStream(0, "S", data);
-    layout = b.layout();
-  }
-  uint32_t last() const { return streamkit::chainOf(layout, entry).back(); }
-};
-
 // A free link ends a chain, and a chain may run longer than its size
 // needs, under the lenient rules only (bOLEopenStream, entry numbers); a
 // chain too short, one that comes back to its start or one that leaves
 // the FAT fails under both.  A failed exact build releases the old list.
+// The stream is entry 1, of ten sectors, with free sectors after it to
+// lengthen it with; `last` is its last sector.
 TEST(StreamChain, DamagedChainsUnderTheLenientAndTheExactRules) {
+  const Bytes data = pattern(5000, 4);
   const struct {
     const char* what;
-    void (*damage)(TenSectorStream&);
+    void (*damage)(cfb::CfbLayout& l, uint32_t last);
     bool lenient;
   } cases[] = {
-      {"free link", [](TenSectorStream& s) { s.layout.fat[s.last()] = cfb::kFree; }, true},
-      {"longer chain", [](TenSectorStream& s) {
-         const uint32_t extra = streamkit::firstPaddingSector(s.layout);
-         s.layout.fat[s.last()] = extra;
-         s.layout.fat[extra] = cfb::kEnd;
+      {"free link", [](cfb::CfbLayout& l, uint32_t last) { l.fat[last] = cfb::kFree; }, true},
+      {"longer chain", [](cfb::CfbLayout& l, uint32_t last) {
+         l.fat[last] = streamkit::firstPaddingSector(l);
+         l.fat[l.fat[last]] = cfb::kEnd;
        }, true},
-      {"shorter chain", [](TenSectorStream& s) { s.layout.dir[s.entry].sizeLow = 10 * 512 + 1; }, false},
-      {"back to the start", [](TenSectorStream& s) { s.layout.fat[s.last()] = s.layout.dir[s.entry].start; }, false},
-      {"past the FAT", [](TenSectorStream& s) { s.layout.fat[s.layout.dir[s.entry].start] = 100000; }, false},
+      {"shorter chain", [](cfb::CfbLayout& l, uint32_t) { l.dir[1].sizeLow = 10 * 512 + 1; }, false},
+      {"back to the start", [](cfb::CfbLayout& l, uint32_t last) { l.fat[last] = l.dir[1].start; }, false},
+      {"past the FAT", [](cfb::CfbLayout& l, uint32_t) { l.fat[l.dir[1].start] = 100000; }, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    TenSectorStream s;
-    c.damage(s);
-    OpenDocument d(s.layout.serialize());
-    ASSERT_NE(d.h(), nullptr);
-    ASSERT_LT(moxFatSectorCapacity(d.h()), 100000);
+    cfb::CfbBuilder b;
+    b.setPaddingSectors(4);
+    b.addStream(0, "S", data);
+    cfb::CfbLayout l = b.layout();
+    c.damage(l, streamkit::chainOf(l, 1).back());
+    OpenDocument d(l.serialize());
     EXPECT_EQ(bOLEopenStream(d.h(), "S"), c.lenient ? 1 : 0);
-    if (c.lenient) {
-      EXPECT_EQ(readToEnd(d.h()), s.data);
-    }
-    EXPECT_EQ(iReadStreamChain(s.entry, d.h()), c.lenient ? 0 : -1);
+    EXPECT_EQ(readToEnd(d.h()), c.lenient ? data : Bytes());
+    EXPECT_EQ(iReadStreamChain(1, d.h()), c.lenient ? 0 : -1);
     EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "S"), 0);
     EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);
   }
-  // A host refusing the seek to zero closes the new stream.
-  TenSectorStream s;
-  OpenDocument d(s.layout.serialize());
-  d.io().failSeekAt(1);
-  EXPECT_EQ(bOLEopenStream(d.h(), "S"), 0);
-  EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);  // the position was set before the host said no
-  ASSERT_EQ(bOLEopenStream(d.h(), "S"), 1);
-  EXPECT_EQ(readToEnd(d.h()), s.data);
 }
 
 // Links `count` table slots from `base` into a chain that steps back one
@@ -395,22 +314,20 @@ uint32_t zigZagCycle(std::vector<uint32_t>* table, uint32_t base, uint32_t count
   return base + count - 1;
 }
 
-// The guard itself: forward steps pass, a backward target is noted on
-// its first arrival and is a circle on its second.
-TEST(StreamChain, LoopGuardSeesTheSecondArrivalAtABackwardTarget) {
-  _MoxOleFile h = {};
-  vSectorCheckConstructor(&h);
-  EXPECT_EQ(bSectorCheckForInfiniteLoop(&h, 3, 4), 0);
-  EXPECT_EQ(bSectorCheckForInfiniteLoop(&h, 10, 5), 0);
-  EXPECT_EQ(bSectorCheckForInfiniteLoop(&h, 12, 7), 0);
-  EXPECT_EQ(bSectorCheckForInfiniteLoop(&h, 9, 5), 1);
-  EXPECT_EQ(bSectorCheckForInfiniteLoop(&h, 6, 6), 1);
-}
+// The loop guard: forward steps pass, a backward target is noted on its
+// first arrival and is a circle on its second.  So backward steps to
+// sectors never arrived at before are no circle: a chain laid out from the
+// end of the file to its start reads whole.  A chain that runs round a
+// circle the guard cannot see still ends.
+TEST(StreamChain, LoopGuardAndBackwardChains) {
+  _MoxOleFile guard = {};
+  vSectorCheckConstructor(&guard);
+  EXPECT_EQ(bSectorCheckForInfiniteLoop(&guard, 3, 4), 0);
+  EXPECT_EQ(bSectorCheckForInfiniteLoop(&guard, 10, 5), 0);
+  EXPECT_EQ(bSectorCheckForInfiniteLoop(&guard, 12, 7), 0);
+  EXPECT_EQ(bSectorCheckForInfiniteLoop(&guard, 9, 5), 1);
+  EXPECT_EQ(bSectorCheckForInfiniteLoop(&guard, 6, 6), 1);
 
-// Backward steps to sectors never arrived at before are no circle: a
-// chain laid out from the end of the file to its start reads whole.  A
-// chain that runs round a circle the guard cannot see still ends.
-TEST(StreamChain, BackwardChainsReadWholeAndCyclesThatEscapeTheGuardStillEnd) {
   cfb::CfbBuilder b;
   b.setPaddingSectors(308);
   const Bytes data = pattern(8 * 512, 8);
@@ -418,14 +335,12 @@ TEST(StreamChain, BackwardChainsReadWholeAndCyclesThatEscapeTheGuardStillEnd) {
   const int regular = b.addStream(0, "Regular", pattern(5000, 5));
   for (int i = 0; i < 5; ++i) b.addStream(0, "M" + std::to_string(i), pattern(4000, i));
   cfb::CfbLayout l = b.layout();
-  ASSERT_GE(l.miniFat.size(), 300u);
   const uint32_t p = streamkit::firstPaddingSector(l);
   streamkit::relocateChain(&l, backwards, {p + 7, p + 6, p + 5, p + 4, p + 3, p + 2, p + 1, p});
   l.dir[regular].start = zigZagCycle(&l.fat, p + 8, 300);
   l.dir[regular + 1].start = zigZagCycle(&l.miniFat, 0, 300);
   OpenDocument d(l.serialize());
-  ASSERT_EQ(bOLEopenStream(d.h(), "Backwards"), 1);
-  EXPECT_EQ(readToEnd(d.h()), data);
+  EXPECT_EQ(opened(d, bOLEopenStream(d.h(), "Backwards")), data);
   EXPECT_EQ(bOLEopenStream(d.h(), "Regular"), 0);
   EXPECT_EQ(bOLEopenStream(d.h(), "M0"), 0);
   EXPECT_EQ(bOLEopenStream(d.h(), "M4"), 0);  // its sectors are inside the cycle now
@@ -439,9 +354,6 @@ TEST(StreamChain, MiniChainFollowsTheFatWhenThereIsNoMiniFat) {
   cfb::CfbLayout l = b.layout();
   // FAT sector 0, mini FAT sector 1, directory sector 2: drop the mini FAT
   // and let the FAT links of sectors 0, 1 and 2 stand in for the chains.
-  ASSERT_EQ(l.fatSectors, std::vector<uint32_t>{0});
-  ASSERT_EQ(l.miniFatSectors, std::vector<uint32_t>{1});
-  ASSERT_EQ(l.dirSectors, std::vector<uint32_t>{2});
   l.header.miniFatSectors = 0;
   l.fat[1] = 2;
   OpenDocument d(l.serialize());
@@ -470,33 +382,33 @@ TEST(StreamChain, MiniLinksMustNameMiniFatEntries) {
   }
 }
 
-TEST(StreamChain, ListsSplitAfter16383Entries) {
-  // Lists of 16382, 16383, 16384 and 16385 entries: one array, then a
-  // second one of 0, 1 and 2 entries.
+// Lists of 16382, 16383, 16384 and 16385 entries (streams 1 to 4): one
+// array, then a second one of 0, 1 and 2 entries.  The empty stream's list
+// is the terminator alone; nothing in the document is small, so there is
+// no mini stream at all, and no file position exists to seek to.
+TEST(StreamChain, ListsFromTheTerminatorAloneToSplitArrays) {
   const uint32_t sectors[] = {16381, 16382, 16383, 16384};
   cfb::CfbBuilder b;
-  int entries[4];
-  for (int i = 0; i < 4; ++i) {
-    entries[i] = b.addStream(0, "S" + std::to_string(sectors[i]), pattern(sectors[i] * 512, i));
-  }
+  for (uint32_t n : sectors) b.addStream(0, "S" + std::to_string(n), pattern(n * 512, n));
+  b.addStream(0, "Empty", {});
   cfb::CfbLayout l = b.layout();
   OpenDocument d(l.serialize());
   _MoxOleFile* h = d.h();
-  for (int i = 0; i < 4; ++i) {
-    SCOPED_TRACE(sectors[i]);
-    ASSERT_EQ(iReadStreamChain(entries[i], h), 0);
-    std::vector<uint32_t> chain = streamkit::chainOf(l, entries[i]);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->lRootStart, -2);
+  ASSERT_EQ(bOLEopenStream(h, "Empty"), 1);
+  EXPECT_EQ(currentList(h), std::vector<int64_t>{-2});
+  EXPECT_EQ(lOLEtell(h), 0);
+  EXPECT_EQ(readToEnd(h), Bytes());
+  EXPECT_EQ(lOLEseek(h, 100, 0), 0);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Empty"), 1);  // 0 sectors needed
+  for (int entry = 1; entry <= 4; ++entry) {
+    ASSERT_EQ(iReadStreamChain(entry, h), 0) << entry;
+    std::vector<uint32_t> chain = streamkit::chainOf(l, entry);
     std::vector<int64_t> want(chain.begin(), chain.end());
     want.push_back(-2);
-    EXPECT_EQ(currentList(h), want);
+    EXPECT_EQ(currentList(h), want) << entry;
   }
-  // The last sector is listed in the second array: read across the split.
-  ASSERT_EQ(bOLEopenStream(h, "S16384"), 1);
-  const Bytes data = pattern(16384 * 512, 3);
-  const int64_t split = 16382 * 512 + 500;
-  ASSERT_EQ(lOLEseek(h, split, 0), split);
-  EXPECT_EQ(readToEnd(h), Bytes(data.begin() + split, data.end()));
-
   // An allocator that refuses the empty second array fails the open.
   d.memory().faults().failAt(2);
   EXPECT_EQ(bOLEopenStream(h, "S16382"), 0);
@@ -511,7 +423,6 @@ TEST(StreamChain, BuildByEntryNumberAndClose) {
   const int stream = b.addStream(storage, "S", pattern(700, 10));
   OpenDocument d(b.build());
   _MoxOleFile* h = d.h();
-  EXPECT_EQ(bOLEcloseStream(h, "S"), 0);
   ASSERT_EQ(iReadStreamChain(stream, h), 0);
   EXPECT_EQ(lOLEtell(h), -1);  // building does not position the stream
   // An entry that is there but no stream: the old list goes all the same.
@@ -534,10 +445,6 @@ TEST(StreamChain, BuildByEntryNumberAndClose) {
   EXPECT_EQ(d.memory().liveBlocks(), blocks);
   EXPECT_EQ(bOLEcloseStream(h, nullptr), 0);
   EXPECT_EQ(lOLEtell(h), 333);
-  // Nothing to read or seek in any more.
-  char buffer[8];
-  EXPECT_EQ(lOLEseek(h, 0, 0), -1);
-  EXPECT_EQ(iOLEread(h, buffer, sizeof buffer), 0u);
 }
 
 // --- Seeking and reading -----------------------------------------------------
@@ -585,8 +492,7 @@ TEST(StreamSeek, SeekingAndReadingOneStream) {
   EXPECT_EQ(lOLEtell(h), -1);
   EXPECT_EQ(iOLEread(h, buffer.data(), 10), 0u);
   EXPECT_EQ(lOLEseek(h, 3, 0), 3);
-  EXPECT_EQ(iOLEread(h, buffer.data(), 10), 10u);
-  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 10), Bytes(k.r.begin() + 3, k.r.begin() + 13));
+  EXPECT_EQ(readToEnd(h), Bytes(k.r.begin() + 3, k.r.end()));
 
   ASSERT_EQ(bOLEopenStream(h, "R"), 1);
   const struct { int64_t offset; int whence; int64_t expected; } seeks[] = {
@@ -595,16 +501,11 @@ TEST(StreamSeek, SeekingAndReadingOneStream) {
       {INT64_MIN, 0, 0}, {300, 0, 300}};
   for (const auto& c : seeks) {
     EXPECT_EQ(lOLEseek(h, c.offset, c.whence), c.expected) << c.offset << " from " << c.whence;
-    if (c.expected < 0) {
-      EXPECT_EQ(lOLEtell(h), 15);
-    }
+    EXPECT_EQ(lOLEtell(h), c.expected < 0 ? 15 : c.expected) << "a refused seek moves nothing";
   }
   EXPECT_EQ(iOLEread(h, buffer.data(), 0), 0u);
-  ASSERT_EQ(iOLEread(h, buffer.data(), 400), 400u);
-  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 400), Bytes(k.r.begin() + 300, k.r.begin() + 700));
-  EXPECT_EQ(lOLEtell(h), 700);
-  EXPECT_EQ(iOLEread(h, buffer.data(), 2000), 300u);
-  EXPECT_EQ(iOLEread(h, buffer.data(), 100), 0u);
+  EXPECT_EQ(iOLEread(h, buffer.data(), 2000), 700u);
+  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 700), Bytes(k.r.begin() + 300, k.r.end()));
   EXPECT_EQ(lOLEtell(h), 1000);
 
   struct Case { const char* name; const Bytes& data; int64_t offset; } cases[] = {
@@ -639,9 +540,7 @@ TEST(StreamSeek, MiniStreamChainTooShortForTheSectorFails) {
   k.layout.miniFat.resize(22, cfb::kFree);
   k.layout.miniFat[20] = 21;
   k.layout.miniFat[21] = cfb::kEnd;
-  for (cfb::DirEntry& e : k.layout.dir) {
-    if (e.name == u"M2") e.start = 20;
-  }
+  k.layout.dir[6].start = 20;  // M2, the last entry KnownPlaces adds
   OpenDocument d(k.layout.serialize());
   EXPECT_EQ(bOLEopenStream(d.h(), "Pb"), 1);
   EXPECT_EQ(lOLEseek(d.h(), 3 * 64, 0), -1);
@@ -651,57 +550,33 @@ TEST(StreamSeek, MiniStreamChainTooShortForTheSectorFails) {
   EXPECT_EQ(bOLEopenStream(d.h(), "M2"), 0);
 }
 
-TEST(StreamRead, BigEndianAndLargeSectorDocuments) {
+// Every stream, in both sector sizes and both byte orders, read in odd
+// steps (a seek and a read for each sector's piece).  "far" pushes the
+// streams and the mini stream past 2 GiB with zero padding sectors: the
+// file exists only as the runs the layout writes, and with 512-byte
+// sectors its FAT is some 32000 sectors, DIFAT included.
+TEST(StreamRead, SectorSizesByteOrdersAndPositionsPastTwoGigabytes) {
   const std::vector<std::pair<std::string, Bytes>> streams = {
       {"Mini1", pattern(3000, 6)}, {"Mini2", pattern(4095, 7)},
       {"Regular", pattern(20000, 8)}, {"Exact", pattern(8192, 9)}, {"Cutoff", pattern(4096, 12)}};
   for (unsigned shift : {9u, 12u}) {
-    for (bool big : {false, true}) {
-      SCOPED_TRACE(testing::Message() << "shift " << shift << (big ? " big-endian" : ""));
+    for (const char* variant : {"little-endian", "big-endian", "far"}) {
+      SCOPED_TRACE(testing::Message() << "shift " << shift << " " << variant);
       cfb::CfbBuilder b(shift);
-      b.setBigEndian(big);
+      b.setBigEndian(strcmp(variant, "big-endian") == 0);
+      if (strcmp(variant, "far") == 0) b.setPaddingSectors(static_cast<uint32_t>((int64_t{1} << 31) >> shift) + 3);
       for (const auto& [name, data] : streams) b.addStream(0, name, data);
-      OpenDocument d(b.build());
-      ASSERT_NE(d.h(), nullptr);
-      EXPECT_EQ(d.h()->iByteOrder, big ? 0u : 1u);
-      // Every stream read whole and in odd-sized steps, then its last third.
+      cfb::CfbLayout l = b.layout();
+      SparseIo io(l.serializeSparse(), (int64_t{l.sectorCount()} + 1) << shift);
+      moxhost::CountingMemory memory;
+      _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
       for (const auto& [name, data] : streams) {
-        SCOPED_TRACE(name);
-        ASSERT_EQ(bOLEopenStream(d.h(), name.c_str()), 1);
-        EXPECT_EQ(readToEnd(d.h(), 777), data);
-        const int64_t third = static_cast<int64_t>(data.size()) / 3;
-        ASSERT_EQ(lOLEseek(d.h(), -third, 2), static_cast<int64_t>(data.size()) - third);
-        EXPECT_EQ(readToEnd(d.h(), 100000), Bytes(data.end() - third, data.end()));
+        ASSERT_EQ(bOLEopenStream(h, name.c_str()), 1) << name;
+        EXPECT_EQ(readToEnd(h, 777), data) << name;
       }
+      EXPECT_EQ(iOLEclose(h), 1);
+      EXPECT_EQ(memory.liveBlocks(), 0);
     }
-  }
-}
-
-// Zero padding sectors push the streams and the mini stream past 2 GiB;
-// the file exists only as the runs the layout writes.  With 512-byte
-// sectors the FAT is some 32000 sectors, DIFAT included.
-TEST(StreamRead, StreamsBeyondTwoGigabytes) {
-  const int64_t twoGiB = int64_t{1} << 31;
-  const std::vector<std::pair<std::string, Bytes>> streams = {
-      {"Far", pattern(50000, 10)}, {"FarMini", pattern(3000, 11)}};
-  for (unsigned shift : {12u, 9u}) {
-    SCOPED_TRACE(shift);
-    cfb::CfbBuilder b(shift);
-    b.setPaddingSectors(static_cast<uint32_t>(twoGiB >> shift) + 3);
-    for (const auto& [name, data] : streams) b.addStream(0, name, data);
-    cfb::CfbLayout l = b.layout();
-    SparseIo io(l.serializeSparse(), (int64_t{l.sectorCount()} + 1) << shift);
-    moxhost::CountingMemory memory;
-    _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
-    ASSERT_NE(h, nullptr);
-    for (const auto& [name, data] : streams) {
-      ASSERT_EQ(bOLEopenStream(h, name.c_str()), 1) << name;
-      EXPECT_GT(io.position(), twoGiB) << name;
-      EXPECT_EQ(readToEnd(h, 10000), data) << name;
-    }
-    EXPECT_EQ(bOLEcloseStream(h, nullptr), 1);
-    EXPECT_EQ(iOLEclose(h), 1);
-    EXPECT_EQ(memory.liveBlocks(), 0);
   }
 }
 
@@ -709,100 +584,78 @@ TEST(StreamRead, StreamsBeyondTwoGigabytes) {
 
 // The object's fields and fixed answers, its reads and seeks on whatever
 // stream is current, and a compound file stored in stream "Inner" opened
-// through it as a document.  Without its big stream the inner file is
-// small enough to be a mini stream of the outer one.
+// through it as a document; the inner file is small enough to be a mini
+// stream of the outer one.  (A nested document in a regular stream, big
+// stream included, is read whole through the object in the fault sweeps.)
 TEST(StreamObject, FieldsAndFixedResults) {
-  const Bytes small = pattern(200, 4), big = pattern(9000, 5), after = pattern(700, 6);
-  for (bool withBig : {false, true}) {
-    SCOPED_TRACE(withBig);
-    cfb::CfbBuilder in;
-    in.addStream(in.addStorage(0, "Deep"), "Small", small);
-    if (withBig) in.addStream(0, "Big", big);
-    const Bytes inner = in.build();
-    cfb::CfbBuilder out;
-    out.addStream(0, "Inner", inner);
-    out.addStream(0, "After", after);
-    OpenDocument d(out.build());
-    _MoxOleFile* h = d.h();
-    ASSERT_EQ(bOLEopenStream(h, "Inner"), 1);
-    EXPECT_EQ(h->iInMini, withBig ? 0 : 1);
-    const int64_t before = d.memory().liveBlocks();
-    EXPECT_EQ(hSwitchFromOLE(h), d.io().io());  // nothing made yet
-    d.memory().faults().failAt(1);
-    EXPECT_EQ(hSwitchToOLE(h), nullptr);
-    _ZqTPIOobj* io = hSwitchToOLE(h);
-    ASSERT_NE(io, nullptr);
-    EXPECT_EQ(d.memory().liveBlocks(), before + 1);
-    EXPECT_EQ(io->uiKind, 3u);
-    EXPECT_EQ(io->uiKind2, 5u);
-    EXPECT_EQ(io->ulWord, 0u);
-    EXPECT_EQ(io->pPrivate, h);
-    EXPECT_EQ(io->pParent, d.io().io());
-    for (void* reserved : {io->pReserved1, io->pReserved2, io->pReserved3}) EXPECT_EQ(reserved, nullptr);
-    for (void* reserved : io->apReserved) EXPECT_EQ(reserved, nullptr);
-    EXPECT_EQ(io->open(io), 1);
-    EXPECT_EQ(io->error(io), 0);
-    EXPECT_EQ(io->write(io, "xyz", 3), 1);
-    EXPECT_EQ(io->close(io), 1);
-    EXPECT_EQ(io->seek(io, 0, 3), 0);
+  const Bytes small = pattern(200, 4), after = pattern(700, 6);
+  cfb::CfbBuilder in;
+  in.addStream(in.addStorage(0, "Deep"), "Small", small);
+  const Bytes inner = in.build();
+  cfb::CfbBuilder out;
+  out.addStream(0, "Inner", inner);
+  out.addStream(0, "After", after);
+  OpenDocument d(out.build());
+  _MoxOleFile* h = d.h();
+  ASSERT_EQ(bOLEopenStream(h, "Inner"), 1);
+  EXPECT_EQ(h->iInMini, 1);
+  EXPECT_EQ(hSwitchFromOLE(h), d.io().io());  // nothing made yet
+  d.memory().faults().failAt(1);
+  EXPECT_EQ(hSwitchToOLE(h), nullptr);
+  _ZqTPIOobj* io = hSwitchToOLE(h);
+  ASSERT_NE(io, nullptr);
+  EXPECT_EQ(io->uiKind, 3u);
+  EXPECT_EQ(io->uiKind2, 5u);
+  EXPECT_EQ(io->ulWord, 0u);
+  EXPECT_EQ(io->pParent, d.io().io());
+  EXPECT_EQ(io->open(io), 1);
+  EXPECT_EQ(io->error(io), 0);
+  EXPECT_EQ(io->write(io, "xyz", 3), 1);
+  EXPECT_EQ(io->close(io), 1);
+  EXPECT_EQ(io->seek(io, 0, 3), 0);
 
-    moxhost::CountingMemory innerMemory;
-    _MoxOleFile* nested = hOLEopen(io, innerMemory.memory());
-    ASSERT_NE(nested, nullptr);
-    EXPECT_EQ(nested->pHostIo, io);
-    ASSERT_EQ(bOLEopenStream(nested, "small"), 1);
-    EXPECT_EQ(readToEnd(nested), small);
-    if (withBig) {
-      ASSERT_EQ(bOLEopenStream(nested, "Big"), 1);
-      EXPECT_EQ(readToEnd(nested, 4000), big);
-    }
-    EXPECT_EQ(bOLEcloseStream(nested, nullptr), 1);
-    EXPECT_EQ(iOLEclose(nested), 1);
-    EXPECT_EQ(innerMemory.liveBlocks(), 0);
+  moxhost::CountingMemory innerMemory;
+  _MoxOleFile* nested = hOLEopen(io, innerMemory.memory());
+  ASSERT_EQ(bOLEopenStream(nested, "small"), 1);
+  EXPECT_EQ(readToEnd(nested), small);
+  EXPECT_EQ(iOLEclose(nested), 1);  // the open stream goes with it
+  EXPECT_EQ(innerMemory.liveBlocks(), 0);
 
-    // The outer stream is still open, and writing changed nothing.
-    const int64_t size = static_cast<int64_t>(inner.size());
-    EXPECT_EQ(io->seek(io, 100000, 0), 1);
-    EXPECT_EQ(io->tell(io), size);
-    EXPECT_EQ(io->seek(io, -1000, 1), 1);
-    EXPECT_EQ(io->tell(io), lOLEtell(h));
-    Bytes buffer(2000);
-    EXPECT_EQ(io->read(io, buffer.data(), 2000), 1000);
-    EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 1000), Bytes(inner.end() - 1000, inner.end()));
-    EXPECT_EQ(io->read(io, buffer.data(), -1), 0);
-    ASSERT_EQ(lOLEseek(h, 0, 0), 0);
-    EXPECT_EQ(readToEnd(h), inner);
-    ASSERT_EQ(bOLEopenStream(h, "After"), 1);
-    EXPECT_EQ(io->read(io, buffer.data(), 2000), 700);
-    EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 700), after);
-    EXPECT_EQ(bOLEcloseStream(h, nullptr), 1);
-    EXPECT_EQ(io->seek(io, 0, 0), 0);  // no stream: the seek fails
-    EXPECT_EQ(io->read(io, buffer.data(), 10), 0);
-    // Switching back frees the object once and returns the host's.
-    const int64_t withObject = d.memory().liveBlocks();
-    for (int i = 0; i < 2; ++i) {
-      EXPECT_EQ(hSwitchFromOLE(h), d.io().io());
-      EXPECT_EQ(d.memory().liveBlocks(), withObject - 1);
-    }
+  // The outer stream is still open; seeks clamp as the stream's own do.
+  EXPECT_EQ(io->seek(io, 100000, 0), 1);
+  EXPECT_EQ(io->tell(io), static_cast<int64_t>(inner.size()));
+  EXPECT_EQ(io->seek(io, -1000, 1), 1);
+  Bytes buffer(2000);
+  EXPECT_EQ(io->read(io, buffer.data(), 2000), 1000);
+  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 1000), Bytes(inner.end() - 1000, inner.end()));
+  EXPECT_EQ(io->read(io, buffer.data(), -1), 0);
+  ASSERT_EQ(bOLEopenStream(h, "After"), 1);
+  EXPECT_EQ(io->read(io, buffer.data(), 2000), 700);
+  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 700), after);
+  EXPECT_EQ(bOLEcloseStream(h, nullptr), 1);
+  EXPECT_EQ(io->seek(io, 0, 0), 0);  // no stream: the seek fails
+  // Switching back frees the object once and returns the host's.
+  const int64_t withObject = d.memory().liveBlocks();
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(hSwitchFromOLE(h), d.io().io());
+    EXPECT_EQ(d.memory().liveBlocks(), withObject - 1);
   }
 }
 
-// --- The storage tree --------------------------------------------------------
+// --- The storage tree, object lists and types -------------------------------
 
-struct Tree {
-  moxhost::PoolServices services;
-  HostMemory* pool = nullptr;
-  _MoxOleTreeNode* root = nullptr;
-  int status = -1;
-  explicit Tree(_MoxOleFile* h) {
-    int ignored = 0;
-    pool = services.createPool(4096, 0, &ignored);
-    status = iOLEGetStreamTree(h, pool, &root);
-  }
-  ~Tree() {
-    EXPECT_EQ(services.poolFrees(), 0) << "tree memory is never freed piecemeal";
-    EXPECT_EQ(services.heap().allocations(), 0) << "tree memory comes from the pool only";
-    services.destroyPool(pool);
+// An object list, returned to the document's memory when it goes.
+struct List {
+  HostMemory* memory;
+  _MoxOleObjectEntry* records = nullptr;
+  const int count;
+  List(OpenDoc& doc, const char (*path)[36], int depth)
+      : memory(doc.memory().memory()), count(moxoleGetObjectList(doc.handle(), path, depth, &records)) {}
+  ~List() { memory->free(memory, records); }
+  std::vector<std::string> names() const {
+    std::vector<std::string> out;
+    for (int i = 0; i < count; ++i) out.push_back(records[i].szName);
+    return out;
   }
 };
 
@@ -823,35 +676,54 @@ cfb::Bytes threeChildren() {
   return l.serialize();
 }
 
-TEST(StreamTree, NodesFollowThePreOrderOfTheSiblingTree) {
+// The tree below `node` as "name type entry size [children]"; a child
+// that does not name `node` as its parent is marked "!".
+std::string describe(const _MoxOleTreeNode* node) {
+  std::string out = std::string(node->szName) + " " + std::to_string(node->iType) + " " +
+                    std::to_string(node->iIndex) + " " + std::to_string(node->iSize);
+  for (int i = 0; i < node->iChildCount; ++i) {
+    const _MoxOleTreeNode* child = node->ppChildren[i];
+    out += (i == 0 ? " [" : ", ") + std::string(child->pParent == node ? "" : "!") + describe(child);
+  }
+  return node->iChildCount > 0 ? out + "]" : out;
+}
+
+// The tree follows the pre-order of the sibling tree; object lists give
+// direct children in name order, and types are of exact names.
+TEST(StreamTree, TreeInPreOrderListsInNameOrderTypesOfExactNames) {
+  moxhost::PoolServices pools;
   {
     OpenDoc doc(cfb::CfbBuilder().build());
-    Tree t(doc.handle());
-    ASSERT_EQ(t.status, 0);
-    EXPECT_EQ(t.root->iChildCount, 0);
-    EXPECT_EQ(t.root->ppChildren, nullptr);
-    EXPECT_EQ(t.root->iSize, 0);
+    const StreamTree t(doc.handle(), pools);
+    ASSERT_EQ(t.status(), 0);
+    EXPECT_EQ(describe(t.root()), "Root Entry 5 0 0");
+    EXPECT_EQ(t.root()->ppChildren, nullptr);
   }
   OpenDoc doc(threeChildren());
-  Tree t(doc.handle());
-  ASSERT_EQ(t.status, 0);
-  EXPECT_STREQ(t.root->szName, "Root Entry");
-  EXPECT_EQ(t.root->iType, 5);
-  EXPECT_EQ(t.root->iIndex, 0);
-  EXPECT_EQ(t.root->pParent, nullptr);
-  std::vector<std::string> names;
-  for (int i = 0; i < t.root->iChildCount; ++i) names.push_back(t.root->ppChildren[i]->szName);
-  EXPECT_EQ(names, (std::vector<std::string>{"B", "A", "C"}));
-  const _MoxOleTreeNode* storage = t.root->ppChildren[0];
-  EXPECT_EQ(storage->iType, 1);
-  EXPECT_EQ(storage->iIndex, 2);
-  EXPECT_EQ(storage->pParent, t.root);
-  ASSERT_EQ(storage->iChildCount, 2);
-  for (const _MoxOleTreeNode* child : {storage->ppChildren[0], storage->ppChildren[1]}) {
-    EXPECT_EQ(child->iIndex, std::string(child->szName) == "Inner" ? 4 : 5) << child->szName;
-    EXPECT_EQ(child->pParent, storage);
+  const StreamTree t(doc.handle(), pools);
+  ASSERT_EQ(t.status(), 0);
+  EXPECT_EQ(t.root()->pParent, nullptr);
+  EXPECT_EQ(describe(t.root()), "Root Entry 5 0 0 [B 1 2 0 [Inner 2 4 3, Empty 1 5 0], A 2 1 5, C 2 3 7000]");
+  EXPECT_EQ(List(doc, nullptr, 0).names(), (std::vector<std::string>{"A", "B", "C"}));
+  EXPECT_EQ(List(doc, Path{{"Root Entry", "ignored"}}.slots, 2).count, 3);
+  EXPECT_EQ(List(doc, Path{{"B"}}.slots, 1).names(), (std::vector<std::string>{"Empty", "Inner"}));
+  // Streams, empty storages and missing paths give nothing.
+  const std::pair<Path, int> nothing[] = {
+      {Path{{"A"}}, 1}, {Path{{"B", "Empty"}}, 2}, {Path{{"Nope"}}, 1}, {Path{{"b"}}, 1}};
+  for (const auto& [path, depth] : nothing) {
+    _MoxOleObjectEntry* out = reinterpret_cast<_MoxOleObjectEntry*>(0x1);
+    EXPECT_EQ(moxoleGetObjectList(doc.handle(), path.slots, depth, &out), 0) << path.slots[depth - 1];
+    EXPECT_EQ(out, reinterpret_cast<_MoxOleObjectEntry*>(0x1)) << "out is left alone";
   }
-  EXPECT_EQ(t.root->ppChildren[2]->iSize, 7000);
+  // Types are of exact names under a storage path.
+  _MoxOleFile* h = doc.handle();
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "C"), 2);
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "B"), 1);
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, ""), 5);
+  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "c"), 0) << "names compare exactly";
+  EXPECT_EQ(iOLEobjectType(h, Path{{"B"}}.slots, 1, "Inner"), 2);
+  EXPECT_EQ(iOLEobjectType(h, Path{{"B"}}.slots, 1, ""), 0) << "only the root answers an empty name";
+  EXPECT_EQ(iOLEobjectType(h, Path{{"A"}}.slots, 1, "Inner"), 0) << "A is a stream";
 }
 
 // A run of `length` siblings, each the right (or the left) child of the
@@ -869,45 +741,43 @@ cfb::CfbLayout longChain(int length, bool leftward = false) {
   return l;
 }
 
-// Thousands of children outgrow the node arrays, in order.
-TEST(StreamTree, WalkCutsLinksPastThirtyFiveHundredStepsAndCyclesAndSharedEntriesEndThere) {
+// Thousands of children outgrow the node arrays, in order.  A cycle is
+// cut the same way, at the entry past the step limit.
+TEST(StreamTree, WalkCutsLinksPastThirtyFiveHundredStepsAndStopsAtSharedEntries) {
   {
+    moxhost::PoolServices pools;
     OpenDoc doc(longChain(3600).serialize());
-    Tree t(doc.handle());
-    ASSERT_EQ(t.status, 0);
+    const StreamTree t(doc.handle(), pools);
+    ASSERT_EQ(t.status(), 0);
     // The top entry is step 1, so the 3501st entry is the last one reached.
-    ASSERT_EQ(t.root->iChildCount, 3501);
-    for (int i = 0; i < 3501; ++i) ASSERT_EQ(t.root->ppChildren[i]->iIndex, i + 1) << i;
+    ASSERT_EQ(t.root()->iChildCount, 3501);
+    for (int i = 0; i < 3501; ++i) ASSERT_EQ(t.root()->ppChildren[i]->iIndex, i + 1) << i;
     EXPECT_EQ(doc->pDir[3501].lRight, -1);
-    EXPECT_EQ(doc->pDir[3500].lRight, 3501);
-    EXPECT_EQ(doc->pDir[3502].lRight, 3503);
-  }
-  {
-    cfb::CfbLayout l = longChain(10);
-    l.dir[10].right = 1;  // back to the top
-    OpenDoc doc(l.serialize());
-    Tree t(doc.handle());
-    ASSERT_EQ(t.status, 0);
-    EXPECT_EQ(t.root->iChildCount, 3501);
-    EXPECT_EQ(doc->pDir[t.root->ppChildren[3500]->iIndex].lRight, -1);
+    EXPECT_EQ(doc->pDir[3502].lRight, 3503) << "entries never reached keep their links";
+    // However its arrays grow, the tree's memory comes from the pool alone
+    // and is never freed piecemeal.
+    EXPECT_EQ(pools.poolFrees(), 0);
+    EXPECT_EQ(pools.heap().allocations(), 0);
   }
   // Every entry's left and right link lead to the same next entry: the
   // number of paths doubles at each level, and the walk stops at the first
-  // entry met twice.
+  // entry met twice.  An object list takes it for a cycle.
   cfb::CfbLayout l = longChain(60);
   for (int i = 1; i < 60; ++i) l.dir[i].left = l.dir[i].right;
   OpenDoc doc(l.serialize());
-  Tree t(doc.handle());
-  EXPECT_EQ(t.status, 4);
-  EXPECT_LT(t.services.poolAllocateCalls(), 20000);
+  EXPECT_EQ(List(doc, nullptr, 0).count, -1);
+  moxhost::PoolServices pools;
+  EXPECT_EQ(StreamTree(doc.handle(), pools).status(), 4);
+  EXPECT_LT(pools.poolAllocateCalls(), 20000);
 }
 
-TEST(StreamTree, FailuresReportTheirCodeAndLeaveCountsTrue) {
+// A tree that fails reports its code and leaves true counts; an object
+// list that fails is -1.
+TEST(StreamTree, FailuresOfTreesAndObjectLists) {
   OpenDoc doc(longChain(5).serialize());
   ASSERT_TRUE(doc.ok());
   moxhost::PoolServices services;
-  int ignored = 0;
-  HostMemory* pool = services.createPool(4096, 0, &ignored);
+  HostMemory* pool = services.createPool(4096, 0, nullptr);
   _MoxOleTreeNode* root = nullptr;
   moxtest::sweep([&](int64_t n) {
     services.faults().failAt(n);
@@ -920,60 +790,18 @@ TEST(StreamTree, FailuresReportTheirCodeAndLeaveCountsTrue) {
     }
     return services.faults().attempts();
   });
+  moxtest::sweep([&doc](int64_t n) {
+    doc.memory().faults().failAt(n);
+    EXPECT_EQ(List(doc, nullptr, 0).count, n == 0 ? 5 : -1);
+    return doc.memory().faults().attempts();
+  });
   doc->pDir[3].lRight = -3;
   EXPECT_EQ(iOLEGetStreamTree(doc.handle(), pool, &root), 4);
   EXPECT_EQ(root->iChildCount, 3);
+  EXPECT_EQ(List(doc, nullptr, 0).count, -1);
   services.destroyPool(pool);
 }
 
-// --- Object lists and types --------------------------------------------------
-
-struct List {
-  int count = 0;
-  _MoxOleObjectEntry* records = nullptr;
-  HostMemory* memory;
-  List(OpenDoc& doc, const char (*path)[36], int depth) : memory(doc.memory().memory()) {
-    count = moxoleGetObjectList(doc.handle(), path, depth, &records);
-  }
-  ~List() {
-    if (records != nullptr) memory->free(memory, records);
-  }
-  std::vector<std::string> names() const {
-    std::vector<std::string> out;
-    for (int i = 0; i < count; ++i) out.push_back(records[i].szName);
-    return out;
-  }
-};
-
-TEST(ObjectList, ListsDirectChildrenInNameOrderAndTypesOfExactNames) {
-  OpenDoc doc(threeChildren());
-  {
-    List root(doc, nullptr, 0);
-    ASSERT_EQ(root.names(), (std::vector<std::string>{"A", "B", "C"}));
-    EXPECT_EQ(root.records[1].uiType, 1u);
-    EXPECT_EQ(root.records[2].uiType, 2u);
-    EXPECT_EQ(root.records[2].uiSize, 7000u);
-  }
-  EXPECT_EQ(List(doc, Path({"Root Entry", "ignored"}).slots, 2).count, 3);
-  EXPECT_EQ(List(doc, Path({"B"}).slots, 1).names(), (std::vector<std::string>{"Empty", "Inner"}));
-  // Streams, empty storages and missing paths give nothing.
-  const std::pair<Path, int> nothing[] = {
-      {Path({"A"}), 1}, {Path({"B", "Empty"}), 2}, {Path({"Nope"}), 1}, {Path({"b"}), 1}};
-  for (const auto& [path, depth] : nothing) {
-    _MoxOleObjectEntry* out = reinterpret_cast<_MoxOleObjectEntry*>(0x1);
-    EXPECT_EQ(moxoleGetObjectList(doc.handle(), path.slots, depth, &out), 0) << path.slots[depth - 1];
-    EXPECT_EQ(out, reinterpret_cast<_MoxOleObjectEntry*>(0x1)) << "out is left alone";
-  }
-  // Types are of exact names under a storage path.
-  _MoxOleFile* h = doc.handle();
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "C"), 2);
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "B"), 1);
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, ""), 5);
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "c"), 0) << "names compare exactly";
-  EXPECT_EQ(iOLEobjectType(h, Path({"B"}).slots, 1, "Inner"), 2);
-  EXPECT_EQ(iOLEobjectType(h, Path({"B"}).slots, 1, ""), 0) << "only the root answers an empty name";
-  EXPECT_EQ(iOLEobjectType(h, Path({"A"}).slots, 1, "Inner"), 0) << "A is a stream";
-}
 
 TEST(ObjectList, NamesAreCutToThirtyFiveBytes) {
   cfb::CfbBuilder b;
@@ -988,48 +816,27 @@ TEST(ObjectList, NamesAreCutToThirtyFiveBytes) {
   EXPECT_EQ(std::string(list.records[0].szName, 32), std::string(32, 'x'));
 }
 
-TEST(ObjectList, BadLinksCyclesAndFailedAllocationsGiveMinusOne) {
-  const cfb::CfbLayout l = longChain(6);
-  cfb::CfbLayout bad = l, cyclic = l;
-  bad.dir[1].left = static_cast<uint32_t>(-3);
-  cyclic.dir[3].right = 1;
-  for (const cfb::CfbLayout* damaged : {&bad, &cyclic}) {
-    OpenDoc doc(damaged->serialize());
-    ASSERT_TRUE(doc.ok());
-    EXPECT_EQ(List(doc, nullptr, 0).count, -1);
-  }
-  OpenDoc doc(l.serialize());
-  ASSERT_TRUE(doc.ok());
-  moxtest::sweep([&doc](int64_t n) {
-    doc.memory().faults().failAt(n);
-    EXPECT_EQ(List(doc, nullptr, 0).count, n == 0 ? 6 : -1);
-    return doc.memory().faults().attempts();
-  });
-}
-
 // Listed on a thread with a 256 KiB stack: a walk that recursed once per
 // sibling would need far more for 20 000 of them.
 TEST(ObjectList, LongLeftLeaningChainDoesNotExhaustTheStack) {
   const int n = 20000;
   OpenDoc doc(longChain(n, true).serialize());
-  struct Job {
-    OpenDoc* doc;
-    std::vector<std::string> names;
-  } job{&doc, {}};
+  using Job = std::pair<OpenDoc*, std::vector<std::string>>;  // the document, the names listed
+  Job job{&doc, {}};
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   pthread_attr_setstacksize(&attr, 256 * 1024);
   pthread_t thread;
   ASSERT_EQ(pthread_create(&thread, &attr, [](void* arg) -> void* {
     Job* j = static_cast<Job*>(arg);
-    j->names = List(*j->doc, nullptr, 0).names();
+    j->second = List(*j->first, nullptr, 0).names();
     return nullptr;
   }, &job), 0);
   pthread_join(thread, nullptr);
   pthread_attr_destroy(&attr);
-  ASSERT_EQ(job.names.size(), static_cast<size_t>(n));
-  EXPECT_EQ(job.names.front(), "S0");
-  EXPECT_EQ(job.names.back(), "S" + std::to_string(n - 1));
+  ASSERT_EQ(job.second.size(), static_cast<size_t>(n));
+  EXPECT_EQ(job.second.front(), "S0");
+  EXPECT_EQ(job.second.back(), "S" + std::to_string(n - 1));
 }
 
 // A new document made by the writer's entry has a handle with no
@@ -1041,11 +848,10 @@ TEST(ObjectType, HandleWithoutDirectoryHasNoRoot) {
   handle.pMemory = memory.memory();
   handle.pTableMemory = memory.memory();
   _MoxOleObjectEntry* records = nullptr;
-  const Path root({"Root Entry"});
+  const Path root{{"Root Entry"}};
   for (int depth : {0, 1}) {
     const char (*path)[36] = depth == 0 ? nullptr : root.slots;
     EXPECT_EQ(moxoleGetObjectList(&handle, path, depth, &records), 0);
-    EXPECT_EQ(records, nullptr);
     EXPECT_EQ(iOLEobjectType(&handle, path, depth, ""), 0);
     EXPECT_EQ(iOLEobjectType(&handle, path, depth, "x"), 0);
   }
@@ -1054,22 +860,6 @@ TEST(ObjectType, HandleWithoutDirectoryHasNoRoot) {
 
 // --- Embedded objects ----------------------------------------------------------
 
-// A metafile stream: a header of `header` bytes whose first two bytes give
-// its length, then `body`.
-Bytes metafile(uint16_t storedLength, size_t header, const Bytes& body) {
-  Bytes b(header, 0xAB);
-  b[0] = static_cast<uint8_t>(storedLength);
-  b[1] = static_cast<uint8_t>(storedLength >> 8);
-  b.insert(b.end(), body.begin(), body.end());
-  return b;
-}
-
-// Opens "WordDocument" and moves to `position`, as a reading host would be.
-void readingMain(OpenDoc& doc, int64_t position) {
-  ASSERT_EQ(bOLEopenStream(doc.handle(), "WordDocument"), 1);
-  ASSERT_EQ(lOLEseek(doc.handle(), position, 0), position);
-}
-
 // A metafile goes to a file after its header, a picture header to a
 // buffer, and the main stream comes back as it was, failures included.
 // Object _1 has a metafile larger than the copy buffer and a picture; _2
@@ -1077,36 +867,37 @@ void readingMain(OpenDoc& doc, int64_t position) {
 TEST(GetObject, MetafilesAndPicturesLeaveTheMainStreamAsItWas) {
   const Bytes main = pattern(9000, 1), body1 = pattern(25000, 2), pic1 = pattern(100, 3),
               pic2 = pattern(50, 4);
+  // A metafile stream starts with a header whose first two bytes give its length.
+  Bytes meta1 = body1;
+  meta1.insert(meta1.begin(), {8, 0, 0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xAB});
   cfb::CfbBuilder b;
   b.addStream(0, "WordDocument", main);
   b.addStream(0, "1Table", pattern(300, 5));
   int pool = b.addStorage(0, "ObjectPool");
   int one = b.addStorage(pool, "_1");
-  b.addStream(one, "\x03META", metafile(8, 8, body1));
+  b.addStream(one, "\x03META", meta1);
   b.addStream(one, "\x03PIC", pic1);
   int two = b.addStorage(pool, "_2");
-  b.addStream(two, "\x03META", metafile(1, 2, pattern(500, 6)));
+  b.addStream(two, "\x03META", Bytes{1, 0, 7, 7, 7, 7});
   b.addStream(two, "\x03PIC", pic2);
   OpenDoc doc(b.build());
   _MoxOleFile* h = doc.handle();
   moxtest::ScratchDir dir;
   const std::string out = dir.file("object");
-  readingMain(doc, 1234);
+  ASSERT_EQ(bOLEopenStream(h, "WordDocument"), 1);
+  ASSERT_EQ(lOLEseek(h, 1234, 0), 1234);
   EXPECT_EQ(bOLEgetObject(h, 1, const_cast<char*>(out.c_str()), 3), 1);
   Bytes written;
   EXPECT_TRUE(moxhost::readFile(out, &written));
   EXPECT_EQ(written, body1);
-  EXPECT_EQ(doc->lStreamSize, 9000) << "WordDocument is current again";
   EXPECT_EQ(readToEnd(h), Bytes(main.begin() + 1234, main.end()));
-  // A header length below two copies nothing.
-  readingMain(doc, 0);
-  const std::string empty = dir.file("empty");
-  ASSERT_TRUE(moxtest::writeFile(empty, ""));
-  EXPECT_EQ(bOLEgetObject(h, 2, const_cast<char*>(empty.c_str()), 3), 1);
-  EXPECT_TRUE(moxhost::readFile(empty, &written));
+  // A header length below two copies nothing: the output is emptied.
+  EXPECT_EQ(bOLEgetObject(h, 2, const_cast<char*>(out.c_str()), 3), 1);
+  EXPECT_TRUE(moxhost::readFile(out, &written));
   EXPECT_TRUE(written.empty());
   // A full disk: the copy is cut short and the call fails.
-  readingMain(doc, 77);
+  ASSERT_EQ(bOLEopenStream(h, "WordDocument"), 1);
+  ASSERT_EQ(lOLEseek(h, 77, 0), 77);
   if (access("/dev/full", W_OK) == 0) {
     EXPECT_EQ(bOLEgetObject(h, 1, const_cast<char*>("/dev/full"), 3), 0);
     EXPECT_EQ(lOLEtell(h), 77);
@@ -1126,27 +917,20 @@ TEST(GetObject, MetafilesAndPicturesLeaveTheMainStreamAsItWas) {
   unsigned char target[100];
   EXPECT_EQ(bOLEgetObject(h, 1, target, 0), 0);
   EXPECT_EQ(doc->lStreamSize, 9000);
-  readingMain(doc, 10);
+  ASSERT_EQ(bOLEopenStream(h, "WordDocument"), 1);
+  ASSERT_EQ(lOLEseek(h, 10, 0), 10);
   memset(target, 0xEE, sizeof target);
   EXPECT_EQ(bOLEgetObject(h, 1, target, 0), 1);
   EXPECT_EQ(Bytes(target, target + 76), Bytes(pic1.begin(), pic1.begin() + 76));
   EXPECT_EQ(target[76], 0xEE);
-  EXPECT_EQ(lOLEtell(h), 10);
   EXPECT_EQ(bOLEgetObject(h, 2, target, 0), 0) << "50 bytes are too few";
   EXPECT_EQ(Bytes(target, target + 50), pic2);
-  EXPECT_EQ(lOLEtell(h), 10);
   EXPECT_EQ(bOLEgetObject(h, 9, target, 0), 0) << "no storage _9";
   EXPECT_EQ(lOLEtell(h), 10);
-}
-
-// The presentation stream's choice is in StreamLookup.PresentationStreamWalk.
-TEST(OpenObject, MetafileStreamOpensAtItsStart) {
-  cfb::CfbBuilder b;
-  b.addStream(b.addStorage(0, "_123"), "\x03META", pattern(700, 1));
-  OpenDoc doc(b.build());
-  EXPECT_EQ(lOLEopenObject(doc.handle(), "_123", 3), 700);
-  EXPECT_EQ(lOLEtell(doc.handle()), 0);
-  EXPECT_EQ(lOLEopenObject(doc.handle(), "_8", 3), 0);
+  // Opening an object's metafile stream leaves it current at its start.
+  EXPECT_EQ(lOLEopenObject(h, "_1", 3), 25008);
+  EXPECT_EQ(readToEnd(h), meta1);
+  EXPECT_EQ(lOLEopenObject(h, "_8", 3), 0);
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #include "host/scratch_dir.h"
 #include "moxolefio/moxolefio.hpp"
 #include "moxolefio/properties.hpp"
+#include "support/moxole_cli.h"
 #include "support/native_kit.h"
 #include "support/program_run.h"
 
@@ -55,11 +56,7 @@ std::string isoOf(std::uint64_t filetime, bool micros) {
 
 // --- olefile ------------------------------------------------------------------
 
-struct OleValue {
-  std::string kind, text;
-  bool operator==(const OleValue& o) const { return kind == o.kind && text == o.text; }
-};
-std::ostream& operator<<(std::ostream& os, const OleValue& v) { return os << v.kind << ":" << v.text; }
+using OleValue = std::pair<std::string, std::string>;  // kind, text
 
 // What olefile's getproperties makes of a value: it reads 32-bit integers
 // as unsigned, 8-bit strings as their bytes without nulls, FILETIMEs as
@@ -100,10 +97,9 @@ OleValue olefileView(const mox::PropertyValue& value) {
   }, value.variant());
 }
 
-struct OleStream {
-  std::map<std::uint32_t, OleValue> values;
-  std::map<std::uint32_t, std::string> times;  // convert_time=True
-};
+// A stream's first section as olefile reads it: "P id" -> the value, and
+// "T id" -> the date of a FILETIME (convert_time=True), of kind "".
+using OleStream = std::map<std::string, OleValue>;
 
 // By directory entry number.
 std::map<std::uint32_t, OleStream> runOlefile(const std::string& python, const std::string& path) {
@@ -115,33 +111,29 @@ std::map<std::uint32_t, OleStream> runOlefile(const std::string& python, const s
   for (std::string line; std::getline(lines, line);) {
     const std::vector<std::string> f = manifest::split(line, '\t');
     if (f[0] == "S") current = &out[static_cast<std::uint32_t>(std::stoul(f[1]))];
-    if (current == nullptr) continue;
-    if (f[0] == "P") current->values[static_cast<std::uint32_t>(std::stoul(f[1]))] = {f[2], f.size() > 3 ? f[3] : ""};
-    if (f[0] == "T") current->times[static_cast<std::uint32_t>(std::stoul(f[1]))] = f[2];
+    if (current != nullptr && (f[0] == "P" || f[0] == "T")) (*current)[f[0] + " " + f[1]] = {f[2], f.size() > 3 ? f[3] : ""};
   }
   return out;
 }
 
 // olefile reads the first section only, and reads the dictionary (id 0)
 // as if it were a value.
-void expectOlefileAgrees(const mox::PropertySet& set, const OleStream& seen) {
-  std::map<std::uint32_t, OleValue> expected;
-  std::map<std::uint32_t, std::string> times;
+void expectOlefileAgrees(const mox::PropertySet& set, OleStream got) {
+  OleStream expected;
   const mox::PropertySection* first = set.sections.empty() ? nullptr : &set.sections[0];
   for (const mox::Property& p : first ? first->properties : std::vector<mox::Property>{}) {
-    expected[p.id] = olefileView(p.value);
-    if (const auto* t = std::get_if<mox::FileTime>(&p.value)) times[p.id] = isoOf(t->value, true);
+    expected["P " + std::to_string(p.id)] = olefileView(p.value);
+    if (const auto* t = std::get_if<mox::FileTime>(&p.value)) expected["T " + std::to_string(p.id)] = {isoOf(t->value, true), ""};
   }
-  std::map<std::uint32_t, OleValue> got = seen.values;
-  got.erase(mox::pid::dictionary);
-  for (auto& [id, v] : got) {
+  got.erase("P " + std::to_string(mox::pid::dictionary));
+  for (auto& [key, v] : got) {
     // olefile keeps the terminating nulls of UTF-16 strings.
-    const mox::PropertyValue* mine = first ? first->get(id) : nullptr;
-    if (v.kind != "str" || mine == nullptr || !std::holds_alternative<std::u16string>(*mine)) continue;
-    while (v.text.size() >= 2 && v.text.compare(v.text.size() - 2, 2, "00") == 0) v.text.resize(v.text.size() - 2);
+    const mox::PropertyValue* mine = first ? first->get(static_cast<std::uint32_t>(std::stoul(key.substr(2)))) : nullptr;
+    std::string& text = v.second;
+    if (v.first != "str" || mine == nullptr || !std::holds_alternative<std::u16string>(*mine)) continue;
+    while (text.size() >= 2 && text.compare(text.size() - 2, 2, "00") == 0) text.resize(text.size() - 2);
   }
   EXPECT_EQ(got, expected);
-  EXPECT_EQ(seen.times, times);
 }
 
 // --- gsf ------------------------------------------------------------------------
@@ -304,9 +296,7 @@ void expectGsfAgrees(const Sets& sets, const std::map<std::string, std::vector<s
     const mox::PropertyValue* v = gsfSubject(sets, name);
     ASSERT_NE(v, nullptr) << "gsf prints a property this library does not have";
     const auto expected = std::visit(GsfVisitor{}, v->variant());
-    if (expected && !items.empty()) {
-      EXPECT_EQ(items, *expected);
-    }
+    if (expected && !items.empty()) { EXPECT_EQ(items, *expected); }
   }
 }
 
@@ -418,6 +408,13 @@ TEST(PropertyCorpusPresence, CorpusHasPropertyStreams) {
 
 // --- Hand-made sets -------------------------------------------------------------
 
+// An 8-bit string as it reads back in Windows-1252: with its bytes.
+mox::CodePageString ascii(const char* text) {
+  mox::CodePageString s(text);
+  s.bytes = text;
+  return s;
+}
+
 // One value of every kind the format has, most of which no corpus file uses.
 std::vector<mox::PropertyValue> everyKindOfValue() {
   using namespace mox;
@@ -426,11 +423,11 @@ std::vector<mox::PropertyValue> everyKindOfValue() {
       std::uint16_t(60000), std::int32_t(-70000), std::uint32_t(4000000000u),
       std::int64_t(-5000000000LL), std::uint64_t(10000000000000000000ULL), 1.5f, -2.25,
       Currency{-123456}, Date{45000.5}, StatusCode{0x80004005u}, Decimal{2, 0x80, 7, 12345},
-      FileTime{133000000000000000ULL}, CodePageString("text"), std::u16string(u"wide \u00e9\U0001F600"),
+      FileTime{133000000000000000ULL}, ascii("text"), std::u16string(u"wide \u00e9\U0001F600"),
       Blob{{1, 2, 3}, false}, Blob{{4, 5}, true}, ClipboardData{-1, {3, 0, 1, 2, 9}},
       Guid{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16},
-      IndirectName{vt::storage, CodePageString("Data")},
-      VersionedStream{Guid{9, 9, 9}, CodePageString("Versioned")},
+      IndirectName{vt::storage, ascii("Data")},
+      VersionedStream{Guid{9, 9, 9}, ascii("Versioned")},
       RawValue{0x2003, {1, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0, 7, 0, 0, 0, 8, 0, 0, 0}},
       std::vector<bool>{false, true, false}, std::vector<std::int8_t>{-1, 2, 3},
       std::vector<std::uint8_t>{1, 2, 255}, std::vector<std::int16_t>{-1, 2, 3},
@@ -439,9 +436,9 @@ std::vector<mox::PropertyValue> everyKindOfValue() {
       std::vector<std::uint64_t>{1, 2}, std::vector<float>{0.5f, -8.0f},
       std::vector<double>{0.25}, std::vector<Currency>{{10000}, {-1}}, std::vector<Date>{{1.0}},
       std::vector<StatusCode>{{5}}, std::vector<FileTime>{{133000000000000000ULL}, {0}},
-      std::vector<CodePageString>{"a", "", "three"}, std::vector<std::u16string>{u"x", u"", u"yz"},
+      std::vector<CodePageString>{ascii("a"), ascii(""), ascii("three")}, std::vector<std::u16string>{u"x", u"", u"yz"},
       std::vector<ClipboardData>{{-1, {1}}, {-3, {1, 2, 3, 4, 5, 6}}}, std::vector<Guid>{Guid{}, Guid{1}},
-      std::vector<PropertyValue>{CodePageString("h"), std::int32_t(3), 2.5, std::u16string(u"w"),
+      std::vector<PropertyValue>{ascii("h"), std::int32_t(3), 2.5, std::u16string(u"w"),
                                  true, ClipboardData{-2, {1}}},
       std::vector<CodePageString>{}, std::vector<PropertyValue>{},
   };
@@ -460,30 +457,7 @@ TEST(HandMadeSets, EveryKindOfValueReadsBackAndReadsAsOlefileAndGsfReadIt) {
     plain.set(id++, v);
     named.set_named("v" + std::to_string(id) + " " + mox::type_name(v.type()), v);
   }
-  for (const mox::PropertySet* s : {&set, &summary}) {
-    const mox::PropertySet back = reread(*s);
-    ASSERT_EQ(back.sections.size(), s->sections.size());
-    for (std::size_t i = 0; i < s->sections.size(); ++i) {
-      const auto& made = s->sections[i].properties;
-      const auto& read = back.sections[i].properties;
-      ASSERT_EQ(read.size(), made.size());
-      for (std::size_t k = 0; k < made.size(); ++k) {
-        const mox::PropertyVariant& m = made[k].value.variant();
-        SCOPED_TRACE(mox::type_name(made[k].value.type()));
-        EXPECT_EQ(read[k].value.type(), made[k].value.type());
-        // Strings made from text come back with their bytes too.
-        if (const auto* text = std::get_if<mox::CodePageString>(&m)) {
-          EXPECT_EQ(std::get<mox::CodePageString>(read[k].value).text, text->text);
-        } else if (!std::holds_alternative<std::vector<mox::CodePageString>>(m) &&
-                   !std::holds_alternative<mox::IndirectName>(m) && !std::holds_alternative<mox::VersionedStream>(m) &&
-                   !std::holds_alternative<std::vector<mox::PropertyValue>>(m)) {
-          EXPECT_TRUE(read[k].value == made[k].value);
-        }
-      }
-    }
-    EXPECT_EQ(back.sections[0].dictionary, s->sections[0].dictionary);
-    EXPECT_TRUE(reread(back) == back);
-  }
+  for (const mox::PropertySet* s : {&set, &summary}) EXPECT_TRUE(reread(*s) == *s);
   expectOraclesAgreeOnNewFile({{"\x05" "AllKinds", bytesOf(set)}, {kDsi, bytesOf(summary)}});
 }
 
@@ -599,16 +573,16 @@ TEST(HandMadeSets, LayoutsOfOtherWritersReadAsGsfReadsThem) {
 
 // --- Damaged bytes -----------------------------------------------------------------
 
+// Read from a stream, damaged bytes fail naming it as 'ls' shows it.
 void expectParsesOrDamaged(const std::vector<std::uint8_t>& bytes, const std::string& what) {
+  mox::CompoundFile doc = mox::CompoundFile::create_memory();
+  doc.create_stream(kSi).write(bytes.data(), bytes.size());
   try {
-    (void)bytesOf(mox::parse_property_set(bytes.data(), bytes.size(), "made"));
+    (void)bytesOf(mox::read_property_set(doc, kSi));
   } catch (const mox::Error& e) {
     // The writer may refuse what the reader kept (a raw vector, say).
-    if (e.code() == mox::Errc::damaged) {
-      EXPECT_EQ(std::string(e.what()).rfind("made: ", 0), 0u) << e.what();
-    } else {
-      EXPECT_EQ(e.code(), mox::Errc::invalid_argument) << what << ": " << e.what();
-    }
+    const bool named = std::string(e.what()).rfind("\\x05SummaryInformation: ", 0) == 0;
+    EXPECT_TRUE(e.code() == mox::Errc::invalid_argument || (e.code() == mox::Errc::damaged && named)) << what << ": " << e.what();
   }
 }
 
@@ -648,18 +622,6 @@ TEST(DamagedSets, ValuesSharedByManyEntriesDoNotMultiplyMemory) {
   const mox::PropertySet set = parsed(sharedValue(3, le32(mox::vt::lpwstr) + le32(20000) + std::string(40000, 'w')));
   ASSERT_EQ(set.sections.at(0).properties.size(), 3u);
   EXPECT_EQ(std::get<std::u16string>(set.sections[0].properties[2].value).size(), 20000u);
-}
-
-TEST(DamagedSets, ErrorsNameTheStream) {
-  moxhost::ScratchDir scratch;
-  const mox::CompoundFile doc = mox::CompoundFile::open(save(scratch, "broken.cfb", {{kSi, {0xFE, 0xFF, 0, 0, 0, 0}}}));
-  try {
-    mox::read_property_set(doc, kSi);
-    ADD_FAILURE() << "read a 6-byte property set";
-  } catch (const mox::Error& e) {
-    EXPECT_EQ(e.code(), mox::Errc::damaged);
-    EXPECT_NE(std::string(e.what()).find("\\x05SummaryInformation"), std::string::npos) << e.what();
-  }
 }
 
 // --- Editing sections ----------------------------------------------------------------
@@ -817,24 +779,20 @@ TEST(MoxoleProps, PrintsEveryPropertyOfTheSummaryStreamsOrOfAPath) {
   const std::string doc = std::string(MOX_CORPUS_DIR) + "/poi/Bug50936_1.doc";
   const std::string other = std::string(MOX_CORPUS_DIR) + "/openmcdf/CLSIDPropertyTest.cfs";
   if (!moxtest::slurp(doc).size() || !moxtest::slurp(other).size()) GTEST_SKIP() << "no corpus";
-  const std::string stream = "\x05" "C3teagxwOttdbfkuIaamtae3Ie";
-  const struct {
-    std::string file;
-    std::vector<std::string> streams, args;
-  } cases[] = {{doc, {kSi, kDsi}, {"props", doc}}, {other, {stream}, {"props", other, "\\x05" + stream.substr(1)}}};
-  for (const auto& c : cases) {
-    std::vector<std::string> args = c.args;
-    args.insert(args.begin(), MOXOLE_PROGRAM);
-    const moxtest::ProgramResult r = moxtest::runProgram(args);
+  const std::string stream = "C3teagxwOttdbfkuIaamtae3Ie";
+  // Arguments, then the streams printed.
+  const std::pair<std::vector<std::string>, std::vector<std::string>> cases[] = {
+      {{"props", doc}, {kSi, kDsi}}, {{"props", other, "\\x05" + stream}, {"\x05" + stream}}};
+  for (const auto& [args, streams] : cases) {
+    const moxtest::ProgramResult r = moxole(args);
     ASSERT_EQ(r.status, 0) << r.err;
-    const mox::CompoundFile cf = mox::CompoundFile::open(c.file);
     std::vector<std::string> expected, got;
-    for (const std::string& stream : c.streams) {
-      for (const mox::PropertySection& s : mox::read_property_set(cf, stream).sections) {
+    for (const std::string& path : streams) {
+      for (const mox::PropertySection& s : mox::read_property_set(mox::CompoundFile::open(args[1]), path).sections) {
         for (const mox::Property& p : s.properties) {
           const std::string label = mox::property_label(s, p.id);
-          expected.push_back(std::to_string(p.id) + "\t" + (label.empty() ? "-" : label) + "\t" +
-                             mox::type_name(p.value.type()));
+          expected.push_back("\\x05" + path.substr(1) + "\t" + std::to_string(p.id) + "\t" +
+                             (label.empty() ? "-" : label) + "\t" + mox::type_name(p.value.type()));
         }
       }
     }
@@ -842,8 +800,7 @@ TEST(MoxoleProps, PrintsEveryPropertyOfTheSummaryStreamsOrOfAPath) {
     for (std::string line; std::getline(lines, line);) {
       const std::vector<std::string> f = manifest::split(line, '\t');
       ASSERT_EQ(f.size(), 6u) << line;
-      EXPECT_EQ(f[0].rfind("\\x05", 0), 0u) << line;
-      got.push_back(f[2] + "\t" + f[3] + "\t" + f[4]);
+      got.push_back(f[0] + "\t" + f[2] + "\t" + f[3] + "\t" + f[4]);
     }
     EXPECT_EQ(got, expected);
   }

@@ -20,19 +20,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(e.code() == mox::Errc::damaged, "the parser failed other than with damaged");
     return 0;
   }
-  size_t seen = 0;
   for (const mox::PropertySection& section : set.sections) {
-    seen += section.code_page();
     for (const mox::Property& p : section.properties) {
-      seen += mox::property_label(section, p.id).size() + mox::type_name(p.value.type()).size();
+      require(!(mox::property_label(section, p.id) + mox::type_name(p.value.type())).empty(), "a property has no type name");
     }
-    if (section.dictionary) {
-      for (const auto& entry : *section.dictionary) {
-        require(section.id_of(entry.second).has_value(), "a dictionary name finds no id");
-      }
+    for (const auto& entry : section.dictionary.value_or(std::map<std::uint32_t, std::string>())) {
+      require(section.id_of(entry.second).has_value(), "a dictionary name finds no id");
     }
   }
-  (void)seen;
 
   std::vector<uint8_t> first;
   try {

@@ -39,8 +39,6 @@ std::string hexOf(const std::string& bytes) {
   return out;
 }
 
-std::string utf8(const std::u16string& s) { return moxfmt::utf16ToUtf8(s); }
-
 // A FILETIME as an ISO date and time in UTC, to the second or the
 // microsecond; "-" past year 9999.
 std::string isoOf(std::uint64_t filetime, bool micros) {
@@ -66,34 +64,30 @@ OleValue olefileView(const mox::PropertyValue& value) {
   return std::visit([](const auto& v) -> OleValue {
     using T = std::decay_t<decltype(v)>;
     auto bytes = [](const std::string& b) { return OleValue{"bytes", hexOf(b)}; };
-    if constexpr (std::is_same_v<T, bool>) {
-      return {"bool", v ? "1" : "0"};
-    } else if constexpr (std::is_same_v<T, std::uint8_t> || std::is_same_v<T, std::int16_t> ||
-                         std::is_same_v<T, std::uint16_t> || std::is_same_v<T, std::uint32_t>) {
+    if constexpr (std::is_same_v<T, bool>) return {"bool", v ? "1" : "0"};
+    if constexpr (std::is_same_v<T, std::uint8_t> || std::is_same_v<T, std::int16_t> ||
+                  std::is_same_v<T, std::uint16_t> || std::is_same_v<T, std::uint32_t>) {
       return {"int", std::to_string(v)};
-    } else if constexpr (std::is_same_v<T, std::int32_t>) {
-      return {"int", std::to_string(static_cast<std::uint32_t>(v))};
-    } else if constexpr (std::is_same_v<T, mox::StatusCode>) {
-      return {"int", std::to_string(v.value)};
-    } else if constexpr (std::is_same_v<T, mox::FileTime>) {
-      return {"int", std::to_string(v.value / 10000000)};
-    } else if constexpr (std::is_same_v<T, mox::CodePageString>) {
+    }
+    if constexpr (std::is_same_v<T, std::int32_t>) return {"int", std::to_string(static_cast<std::uint32_t>(v))};
+    if constexpr (std::is_same_v<T, mox::StatusCode>) return {"int", std::to_string(v.value)};
+    if constexpr (std::is_same_v<T, mox::FileTime>) return {"int", std::to_string(v.value / 10000000)};
+    if constexpr (std::is_same_v<T, mox::CodePageString>) {
       std::string kept = v.bytes;
       kept.erase(std::remove(kept.begin(), kept.end(), '\0'), kept.end());
       return bytes(kept);
-    } else if constexpr (std::is_same_v<T, std::u16string>) {
-      return {"str", hexOf(utf8(v))};
-    } else if constexpr (std::is_same_v<T, mox::Blob>) {
+    }
+    if constexpr (std::is_same_v<T, std::u16string>) return {"str", hexOf(moxfmt::utf16ToUtf8(v))};
+    if constexpr (std::is_same_v<T, mox::Blob>) {
       return v.object ? OleValue{"none", ""} : bytes(std::string(v.data.begin(), v.data.end()));
-    } else if constexpr (std::is_same_v<T, mox::ClipboardData>) {
+    }
+    if constexpr (std::is_same_v<T, mox::ClipboardData>) {
       std::string b;
       for (int i = 0; i < 4; ++i) b += static_cast<char>(static_cast<std::uint32_t>(v.format) >> (8 * i));
       return bytes(b + std::string(v.data.begin(), v.data.end()));
-    } else if constexpr (std::is_same_v<T, mox::Guid>) {
-      return {"str", hexOf(v == mox::Guid{} ? "" : mox::guid_to_string(v))};
-    } else {
-      return {"none", ""};
     }
+    if constexpr (std::is_same_v<T, mox::Guid>) return {"str", hexOf(v == mox::Guid{} ? "" : mox::guid_to_string(v))};
+    return {"none", ""};
   }, value.variant());
 }
 
@@ -104,7 +98,7 @@ using OleStream = std::map<std::string, OleValue>;
 // By directory entry number.
 std::map<std::uint32_t, OleStream> runOlefile(const std::string& python, const std::string& path) {
   const moxtest::ProgramResult r = moxtest::runProgram({python, kOracle, path});
-  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.status, 0) << "olefile (python3-olefile): " << r.err;
   std::map<std::uint32_t, OleStream> out;
   OleStream* current = nullptr;
   std::istringstream lines(r.out);
@@ -170,26 +164,22 @@ struct GsfVisitor {
   template <class T>
   R operator()(const T& v) const {
     auto one = [](std::string s) { return R(std::vector<std::string>{std::move(s)}); };
-    if constexpr (std::is_same_v<T, bool>) {
-      return one(v ? "TRUE" : "FALSE");
-    } else if constexpr (std::is_integral_v<T>) {
-      return one(std::to_string(v));
-    } else if constexpr (std::is_floating_point_v<T>) {
+    if constexpr (std::is_same_v<T, bool>) return one(v ? "TRUE" : "FALSE");
+    if constexpr (std::is_integral_v<T>) return one(std::to_string(v));
+    if constexpr (std::is_floating_point_v<T>) {
       char buffer[64];
       std::snprintf(buffer, sizeof buffer, "%f", static_cast<double>(v));
       return one(buffer);
-    } else if constexpr (std::is_same_v<T, mox::Currency>) {
-      return one(std::to_string(v.value));
-    } else if constexpr (std::is_same_v<T, mox::CodePageString>) {
-      return one(gsfQuote(v.text));
-    } else if constexpr (std::is_same_v<T, std::u16string>) {
-      return one(gsfQuote(utf8(v)));
-    } else if constexpr (std::is_same_v<T, mox::FileTime>) {
+    }
+    if constexpr (std::is_same_v<T, mox::Currency>) return one(std::to_string(v.value));
+    if constexpr (std::is_same_v<T, mox::CodePageString>) return one(gsfQuote(v.text));
+    if constexpr (std::is_same_v<T, std::u16string>) return one(gsfQuote(moxfmt::utf16ToUtf8(v)));
+    if constexpr (std::is_same_v<T, mox::FileTime>) {
       return v.value < 116444736000000000ULL ? R() : one(isoOf(v.value, false) + "Z");
-    } else if constexpr (std::is_same_v<T, mox::PropertyValue>) {
-      return std::visit(*this, v.variant());
-    } else if constexpr (IsVector<T>::value && !std::is_same_v<T, std::vector<bool>> &&
-                         !std::is_same_v<T, std::vector<mox::Currency>>) {
+    }
+    if constexpr (std::is_same_v<T, mox::PropertyValue>) return std::visit(*this, v.variant());
+    if constexpr (IsVector<T>::value && !std::is_same_v<T, std::vector<bool>> &&
+                  !std::is_same_v<T, std::vector<mox::Currency>>) {
       std::vector<std::string> out;
       for (const auto& item : v) {
         R r = (*this)(item);
@@ -197,9 +187,8 @@ struct GsfVisitor {
         out.push_back(r->front());
       }
       return out;
-    } else {
-      return R();
     }
+    return R();
   }
 };
 
@@ -215,41 +204,35 @@ const std::vector<std::string> kGsfDocSummary = {
     "gsf:heading-pairs", "gsf:document-parts", "gsf:manager", "dc:publisher", "gsf:links-dirty"};
 
 // Name -> printed items.
-std::map<std::string, std::vector<std::string>> runGsf(const std::string& path) {
+using GsfPrint = std::map<std::string, std::vector<std::string>>;
+GsfPrint runGsf(const std::string& path) {
   const moxtest::ProgramResult list = moxtest::runProgram({"gsf", "listprops", path});
-  EXPECT_EQ(list.status, 0) << list.err;
+  EXPECT_EQ(list.status, 0) << "gsf (libgsf-bin): " << list.err;
   std::vector<std::string> argv = {"gsf", "props", path};
   std::istringstream names(list.out);
   for (std::string name; std::getline(names, name);) argv.push_back(name);
-  std::map<std::string, std::vector<std::string>> out;
+  GsfPrint out;
   if (argv.size() == 3) return out;
   const moxtest::ProgramResult r = moxtest::runProgram(argv);
   EXPECT_EQ(r.status, 0) << r.err;
   std::istringstream lines(r.out);
   std::vector<std::string>* current = nullptr;
   for (std::string line; std::getline(lines, line);) {
-    std::string rest;
+    std::size_t from = 1;  // where "TYPE = VALUE" starts, past the tab of a continued line
     if (!line.empty() && line[0] != '\t') {
       const std::size_t colon = line.find(": \t");
       if (colon == std::string::npos) continue;
       // Properties printed without a value ("NAME: ") share the line.
       std::string names = line.substr(0, colon);
-      for (std::size_t bare; (bare = names.find(": ")) != std::string::npos; names.erase(0, bare + 2)) {
-        out[names.substr(0, bare)].clear();
-      }
+      for (std::size_t bare; (bare = names.find(": ")) != std::string::npos; names.erase(0, bare + 2)) out[names.substr(0, bare)];
       current = &out[names];
       current->clear();
-      rest = line.substr(colon + 3);
-    } else if (current != nullptr) {
-      rest = line.substr(1);
-    } else {
-      continue;
+      from = colon + 3;
     }
-    const std::size_t eq = rest.find("= ");
-    if (eq == std::string::npos) continue;
+    const std::size_t eq = line.find("= ", from);
+    if (current == nullptr || eq == std::string::npos) continue;
     // Objects print as their address, which changes from run to run.
-    const std::string item = rest.substr(eq + 2);
-    current->push_back(item.rfind("((", 0) == 0 ? "<object>" : item);
+    current->push_back(line.compare(eq + 2, 2, "((") == 0 ? "<object>" : line.substr(eq + 2));
   }
   return out;
 }
@@ -277,7 +260,7 @@ const mox::PropertyValue* gsfSubject(const Sets& sets, const std::string& name) 
   return get(true, mox::kUserDefinedProperties, std::nullopt);
 }
 
-void expectGsfAgrees(const Sets& sets, const std::map<std::string, std::vector<std::string>>& printed) {
+void expectGsfAgrees(const Sets& sets, const GsfPrint& printed) {
   for (const auto& [name, items] : printed) {
     SCOPED_TRACE("gsf " + name);
     if (name == "msole:codepage" || name == "gsf:default-locale") {
@@ -313,29 +296,18 @@ std::string save(const moxhost::ScratchDir& dir, const std::string& name, const 
 // Checks what olefile and gsf read in the compound file at `path`
 // against `sets`, the sets this library reads there by stream path;
 // returns what gsf printed.
-std::map<std::string, std::vector<std::string>> expectOraclesAgree(const std::string& path, const Sets& sets,
-                                                                   bool askGsf = true) {
+GsfPrint expectOraclesAgree(const std::string& path, const Sets& sets, bool askGsf = true) {
   std::map<std::uint32_t, std::string> pathOf;  // entry number -> path
   for (const mox::Entry& e : mox::CompoundFile::open(path).walk()) pathOf[e.id] = e.path;
-  const std::string python = moxtest::olefilePython();
-  if (python.empty()) ADD_FAILURE() << "olefile is not installed (python3-olefile)";
-  const auto seen = python.empty() ? std::map<std::uint32_t, OleStream>() : runOlefile(python, path);
-  EXPECT_EQ(seen.size(), python.empty() ? 0 : sets.size());
+  const auto seen = runOlefile(moxtest::olefilePython(), path);
+  EXPECT_EQ(seen.size(), sets.size());
   for (const auto& [id, values] : seen) {
     SCOPED_TRACE("olefile on " + path + ", " + pathOf[id]);
-    if (sets.count(pathOf[id]) == 0) {
-      ADD_FAILURE() << "olefile reads a property set this library does not";
-    } else {
-      expectOlefileAgrees(sets.at(pathOf[id]), values);
-    }
+    EXPECT_EQ(sets.count(pathOf[id]), 1u) << "olefile reads a property set this library does not";
+    if (sets.count(pathOf[id])) expectOlefileAgrees(sets.at(pathOf[id]), values);
   }
-  std::map<std::string, std::vector<std::string>> printed;
-  if (!askGsf) return printed;
-  if (moxtest::runProgram({"sh", "-c", "command -v gsf"}).status != 0) {
-    ADD_FAILURE() << "gsf is not installed (libgsf-bin)";
-    return printed;
-  }
-  printed = runGsf(path);
+  if (!askGsf) return {};
+  const GsfPrint printed = runGsf(path);
   SCOPED_TRACE("gsf on " + path);
   expectGsfAgrees(sets, printed);
   return printed;

@@ -527,10 +527,7 @@ TEST(HandMadeSets, LayoutsOfOtherWritersReadAsGsfReadsThem) {
   expectOraclesAgreeOnNewFile({{kDsi, dsi}});
   // gsf does not skip the padding after a string of a vector.
   const mox::PropertySet padded = parsed(rawSet({{mox::kSummaryInformation, {{1, cp1252}, {5, paddedOutside}}}}));
-  const auto& items = std::get<std::vector<mox::CodePageString>>(*padded.sections[0].get(5));
-  ASSERT_EQ(items.size(), 2u);
-  EXPECT_EQ(items[0].text, "Page-1");
-  EXPECT_EQ(items[1].text, "Tracking Text");
+  EXPECT_TRUE(*padded.sections[0].get(5) == (std::vector<mox::CodePageString>{ascii("Page-1"), ascii("Tracking Text")}));
   // Bytes the code page does not map read as U+FFFD and are written back
   // as they were; gsf gives up on the whole string.
   const mox::PropertySet odd1252 = parsed(titled(1252, std::string("a\x81z\0", 4)));
@@ -684,13 +681,10 @@ void expectPoiAgrees(const mox::PropertySet& set, const std::vector<std::vector<
       const std::vector<std::string> f = manifest::split(line, '\t');
       ASSERT_GE(f.size(), 3u) << line;  // an empty value leaves no last field
       const auto id = static_cast<std::uint32_t>(std::stoul(f[0]));
-      const mox::PropertyValue* mine = section.get(id);
-      if (id == mox::pid::dictionary || mine == nullptr) continue;
-      const std::optional<std::string> view = poiView(*mine);
+      const mox::PropertyValue* mine = id == mox::pid::dictionary ? nullptr : section.get(id);
+      const std::optional<std::string> view = mine ? poiView(*mine) : std::nullopt;
       if (!view) continue;
-      std::string theirs = f[2] + "\t";
-      for (std::size_t k = 3; k < f.size(); ++k) theirs += (k > 3 ? "\t" : "") + f[k];
-      EXPECT_EQ(theirs, *view) << "property " << id;
+      EXPECT_EQ(line.substr(f[0].size() + f[1].size() + 2), *view) << "property " << id;
       if (section.dictionary && section.dictionary->count(id)) {
         EXPECT_EQ(f[1], section.dictionary->at(id));
       }
@@ -733,13 +727,10 @@ TEST(PropertyEdits, TitleAuthorAndAUserPropertyOfACorpusDocument) {
   EXPECT_EQ(printed.count("dc:title"), 1u);
   EXPECT_EQ(printed.count("Client"), 1u);
   const PoiSets poi = runPoi(copy, {kSi, kDsi});
-  if (poi.empty()) {
-    std::cerr << "POI or javac missing: POI's view not compared\n";
-  } else {
-    for (const auto& [path, set] : sets) {
-      SCOPED_TRACE("POI, " + path);
-      expectPoiAgrees(set, poi.at(path));
-    }
+  if (poi.empty()) std::cerr << "POI or javac missing: POI's view not compared\n";
+  for (const auto& [path, set] : sets) {
+    SCOPED_TRACE("POI, " + path);
+    if (!poi.empty()) expectPoiAgrees(set, poi.at(path));
   }
 }
 

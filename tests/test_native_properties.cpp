@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -239,25 +240,19 @@ GsfPrint runGsf(const std::string& path) {
 
 // The value gsf names `name`, in the sets of the two summary streams.
 const mox::PropertyValue* gsfSubject(const Sets& sets, const std::string& name) {
-  auto get = [&](bool doc, const mox::Guid& section, std::optional<std::uint32_t> id) -> const mox::PropertyValue* {
-    const auto it = sets.find(doc ? kDsi : kSi);
+  auto get = [&](const std::string& stream, const mox::Guid& section, std::optional<std::uint32_t> id) {
+    const auto it = sets.find(stream);
     const mox::PropertySection* s = it == sets.end() ? nullptr : it->second.section(section);
     if (s && !id) id = s->id_of(name);  // a user-defined name
     return s && id ? s->get(*id) : nullptr;
   };
-  for (bool doc : {false, true}) {
-    const std::vector<std::string>& names = doc ? kGsfDocSummary : kGsfSummary;
-    const auto at = std::find(names.begin(), names.end(), name);
-    if (at != names.end()) {
-      return get(doc, doc ? mox::kDocSummaryInformation : mox::kSummaryInformation,
-                 static_cast<std::uint32_t>(at - names.begin() + 2));
-    }
-  }
+  const auto summary = std::find(kGsfSummary.begin(), kGsfSummary.end(), name);
+  const auto doc = std::find(kGsfDocSummary.begin(), kGsfDocSummary.end(), name);
   const std::string unknown = "msole:unknown-doc-";
-  if (name.rfind(unknown, 0) == 0) {
-    return get(true, mox::kDocSummaryInformation, static_cast<std::uint32_t>(std::stoul(name.substr(unknown.size()))));
-  }
-  return get(true, mox::kUserDefinedProperties, std::nullopt);
+  if (summary != kGsfSummary.end()) return get(kSi, mox::kSummaryInformation, summary - kGsfSummary.begin() + 2);
+  if (doc != kGsfDocSummary.end()) return get(kDsi, mox::kDocSummaryInformation, doc - kGsfDocSummary.begin() + 2);
+  if (name.rfind(unknown, 0) == 0) return get(kDsi, mox::kDocSummaryInformation, std::stoul(name.substr(unknown.size())));
+  return get(kDsi, mox::kUserDefinedProperties, std::nullopt);
 }
 
 void expectGsfAgrees(const Sets& sets, const GsfPrint& printed) {
@@ -332,13 +327,12 @@ mox::PropertySet reread(const mox::PropertySet& set) { return parsed(bytesOf(set
 const std::vector<manifest::File>& corpusFiles() {
   static const std::vector<manifest::File> files = [] {
     std::vector<manifest::File> with;
-    for (const manifest::File& f : moxtest::corpusFiles()) {
-      const bool has = std::any_of(f.entries.begin(), f.entries.end(), [](const auto& entry) {
-        const auto& e = entry.second;
-        return e.type == "stream" && !e.names.empty() && e.names.back().rfind(u"\x05", 0) == 0;
+    const std::vector<manifest::File>& all = moxtest::corpusFiles();
+    std::copy_if(all.begin(), all.end(), std::back_inserter(with), [](const manifest::File& f) {
+      return std::any_of(f.entries.begin(), f.entries.end(), [](const auto& entry) {
+        return entry.second.type == "stream" && !entry.second.names.empty() && entry.second.names.back()[0] == u'\x05';
       });
-      if (has) with.push_back(f);
-    }
+    });
     return with;
   }();
   return files;

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <random>
 #include <thread>
 
 #include "moxolefio/moxolefio.hpp"
@@ -120,47 +119,24 @@ TEST(NativeEntries, ReportStoredFieldsAndSizesByVersion) {
 
 // --- Streams -------------------------------------------------------------
 
-// Reverses the chain of the regular stream `entry`, moving its sectors so
-// that no two neighbours in the chain are neighbours in the file.
-void scatter(cfb::CfbLayout& l, int entry) {
-  std::vector<uint32_t> chain;
-  for (uint32_t s = l.dir[entry].start; s != cfb::kEnd; s = l.fat[s]) chain.push_back(s);
-  std::vector<Bytes> payloads;
-  for (uint32_t s : chain) payloads.push_back(l.sector(s));
-  std::vector<uint32_t> order(chain.rbegin(), chain.rend());
-  for (size_t i = 0; i < order.size(); ++i) {
-    l.sector(order[i]) = payloads[i];
-    l.fat[order[i]] = i + 1 < order.size() ? order[i + 1] : cfb::kEnd;
-  }
-  l.dir[entry].start = order[0];
-}
-
-TEST(NativeStreams, RandomReadsAndSeeksReturnTheStoredBytes) {
+// Pieces read at any position of a stream, across the runs of its chain,
+// are left to the corpus walk (pread in uneven pieces) and the native fuzz
+// target (pieces at several positions against the whole).
+TEST(NativeStreams, SeeksFromEveryOriginAndRefusals) {
   cfb::CfbBuilder b;
   const Bytes big = pattern(40000, 7), small = pattern(3000, 8);
-  const int bigEntry = b.addStream(0, "Big", big);
+  b.addStream(0, "Big", big);
   b.addStream(0, "Small", small);
-  cfb::CfbLayout l = b.layout();
-  scatter(l, bigEntry);
-  const Bytes file = l.serialize();
+  const Bytes file = b.build();
   mox::CompoundFile doc = openBytes(file);
-  std::mt19937 rng(42);
   for (const auto& [name, expected] : {std::pair{"Big", big}, std::pair{"Small", small}}) {
     mox::Stream s = doc.open_stream(name);
-    EXPECT_EQ(s.read_all(), expected);
-    for (int i = 0; i < 200; ++i) {
-      const uint64_t at = rng() % (expected.size() + 10);
-      const size_t want = rng() % 5000;
-      EXPECT_EQ(s.seek(static_cast<int64_t>(at)), at);
-      Bytes got(want);
-      got.resize(s.read(got.data(), want));
-      const size_t fits = at < expected.size() ? std::min(want, expected.size() - at) : 0;
-      ASSERT_EQ(got.size(), fits);
-      EXPECT_TRUE(std::equal(got.begin(), got.end(), expected.begin() + std::min<size_t>(at, expected.size())));
-      EXPECT_EQ(s.tell(), at + fits);
-    }
     EXPECT_EQ(s.seek(-10, std::ios_base::end), expected.size() - 10);
     EXPECT_EQ(s.seek(4, std::ios_base::cur), expected.size() - 6);
+    Bytes got(100);
+    got.resize(s.read(got.data(), got.size()));
+    EXPECT_TRUE(got == Bytes(expected.end() - 6, expected.end()));
+    EXPECT_EQ(s.tell(), expected.size());
     EXPECT_EQ(errorOf([&] { s.seek(-1, std::ios_base::beg); }), mox::Errc::invalid_argument);
     EXPECT_EQ(errorOf([&] { s.write("x", 1); }), mox::Errc::read_only);
   }

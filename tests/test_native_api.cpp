@@ -90,30 +90,51 @@ TEST(NativePaths, EmptyAndUnpairedSurrogateNamesAreReachableFromWalk) {
 
 // --- Entries -------------------------------------------------------------
 
-TEST(NativeEntries, ReportStoredFieldsAndSizesByVersion) {
+// Fields as stored, read back, set where the format allows them and kept
+// through the editor's rewrite of the file.
+TEST(NativeEntries, StoredFieldsAreReadSetAndKept) {
   for (unsigned shift : {9u, 12u}) {
     SCOPED_TRACE(shift);
     cfb::CfbBuilder b(shift);
     const int s = b.addStorage(0, "S");
     const int t = b.addStream(0, "T", pattern(100, 1));
-    const uint8_t clsid[16] = {1, 0, 0, 2, 0xFF, 0, 3, 4, 5, 6, 7, 8, 9, 0, 0, 10};
-    std::copy(clsid, clsid + 16, b.entry(s).clsid);
+    const std::array<uint8_t, 16> clsid = {1, 0, 0, 2, 0xFF, 0, 3, 4, 5, 6, 7, 8, 9, 0, 0, 10};
+    std::copy(clsid.begin(), clsid.end(), b.entry(s).clsid);
     b.entry(s).state = 0x12345678;
     const uint8_t stamp[8] = {0x00, 0x80, 0x3E, 0xD5, 0xDE, 0xB1, 0x9D, 0x01};  // 1970-01-01
     std::copy(stamp, stamp + 8, b.entry(s).modified);
     cfb::CfbLayout l = b.layout();
     l.dir[t].sizeHigh = 1;  // only 4096-byte-sector files read the high half
     const Bytes file = l.serialize();
-    mox::CompoundFile doc = openBytes(file);
+    mox::CompoundFile doc = mox::CompoundFile::open_memory_rw(file.data(), file.size());
     EXPECT_EQ(doc.version(), shift == 12 ? 4 : 3);
     EXPECT_EQ(doc.sector_size(), 1u << shift);
     const mox::Entry e = *doc.entry("S");
-    EXPECT_TRUE(std::equal(e.clsid.begin(), e.clsid.end(), clsid));
+    EXPECT_EQ(e.clsid, clsid);
     EXPECT_EQ(e.state_bits, 0x12345678u);
     EXPECT_EQ(e.created, 0u);
     EXPECT_EQ(mox::to_time_point(e.modified), std::chrono::system_clock::time_point{});
     EXPECT_EQ(mox::to_filetime(mox::to_time_point(e.modified)), e.modified);
     EXPECT_EQ(doc.entry("T")->size, shift == 12 ? (uint64_t{1} << 32) + 100 : 100u);
+
+    doc.remove("T");  // its claimed size is not there to be copied
+    doc.set_clsid("", clsid);
+    doc.set_modified("", 0x01D0000000000003ull);
+    doc.set_state_bits("S", 0xA5A5);
+    doc.set_created("S", 0x01D0000000000001ull);
+    doc.create_stream("U");
+    EXPECT_EQ(errorOf([&] { doc.set_created("", 1); }), mox::Errc::invalid_argument);
+    EXPECT_EQ(errorOf([&] { doc.set_clsid("U", clsid); }), mox::Errc::invalid_argument);
+    EXPECT_EQ(errorOf([&] { doc.set_modified("U", 1); }), mox::Errc::invalid_argument);
+    const Bytes after = doc.bytes();
+    const mox::CompoundFile g = openBytes(after);
+    EXPECT_EQ(g.root().clsid, clsid);
+    EXPECT_EQ(g.root().modified, 0x01D0000000000003ull);
+    const mox::Entry kept = *g.entry("S");
+    EXPECT_EQ(kept.clsid, clsid);
+    EXPECT_EQ(kept.state_bits, 0xA5A5u);
+    EXPECT_EQ(kept.created, 0x01D0000000000001ull);
+    EXPECT_EQ(kept.modified, e.modified);
   }
 }
 

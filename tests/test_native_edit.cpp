@@ -1,8 +1,8 @@
 // Editing through the native interface: random programs of edits checked
 // against the edit fuzz target's model (which, with its kept inputs
 // replayed, also covers clashing names, copies, stream gaps and regrown
-// tails), what the model leaves out of the naming rules (entry fields are
-// set in test_native_api), and what commit, revert, save_as and the destructor do to the file and
+// tails), what the model leaves out of the naming rules (entry fields and
+// files opened from memory are edited in test_native_api), and what commit, revert, save_as and the destructor do to the file and
 // to open Streams.  Every file written is audited for structure
 // (support/cfb_audit) and read back.
 #include <gtest/gtest.h>
@@ -122,29 +122,6 @@ TEST(EditNames, BadUtf8IsStoredAsReplacementCharactersAndRenamesKeepTheOrder) {
   const Bytes bytes = f.bytes();
   EXPECT_EQ(moxtest::namesOf(mox::CompoundFile::open_memory(bytes.data(), bytes.size()).children("")), names);
   EXPECT_EQ(cfbaudit::audit(bytes), "");
-}
-
-TEST(EditFiles, FilesOpenedFromMemoryAreEditedThereAndKeepTheirVersion) {
-  // Versions 3 and 4, and a version 4 file of 1024-byte sectors, which is
-  // written with its version's own.
-  for (unsigned shift : {9u, 12u, 10u}) {
-    SCOPED_TRACE(shift);
-    const int version = shift == 9 ? 3 : 4;
-    cfb::CfbBuilder made(shift);
-    made.addStream(0, "kept", pattern(5000, 1));
-    cfb::CfbLayout layout = made.layout();
-    layout.header.major[0] = static_cast<std::uint8_t>(version);
-    const Bytes file = layout.serialize();
-    mox::CompoundFile f = mox::CompoundFile::open_memory_rw(file.data(), file.size());
-    EXPECT_EQ(f.version(), version);
-    put(f, "new", pattern(10, 2));
-    const Bytes after = f.bytes();
-    const mox::CompoundFile back = mox::CompoundFile::open_memory(after.data(), after.size());
-    EXPECT_EQ(back.version(), version);
-    EXPECT_EQ(back.sector_size(), version == 3 ? 512u : 4096u);
-    EXPECT_EQ(readAll(back, "kept"), pattern(5000, 1));
-    EXPECT_EQ(readAll(back, "new"), pattern(10, 2));
-  }
 }
 
 TEST(EditFiles, TheMiniFatTakesTheSectorsItsEntriesNeed) {

@@ -275,11 +275,11 @@ TEST_P(Corpus, ReadsWhatTheIndependentReaderReadThroughTheAbiAndNatively) {
 
 MOX_TEST_EACH_FILE(Manifest, Corpus, moxtest::corpusFiles);
 
-// The walk above must have had something to walk, its digests must be
-// SHA-256, and a miss of the exact path walk must stay the exception:
-// a walk that found no storage at all would otherwise pass unseen.
+// The walk above must have had something to walk, and a miss of the
+// exact path walk must stay the exception: a walk that found no storage
+// at all would otherwise pass unseen.  (The digests need no check of
+// their own: the manifest's came from another reader.)
 TEST(CorpusManifest, CoversManyFilesStreamsAndStorages) {
-  EXPECT_EQ(sha256Hex("abc", 3), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
   if (moxtest::corpusFiles().empty()) GTEST_SKIP() << "no corpus";
   int files = 0, streams = 0, lists = 0, misses = 0;
   for (const manifest::File& m : moxtest::corpusFiles()) {

@@ -1,9 +1,10 @@
 // Editing through the native interface: random programs of edits checked
 // against the edit fuzz target's model (which, with its kept inputs
 // replayed, also covers clashing names, copies, stream gaps and regrown
-// tails), what the model leaves out of the naming rules (entry fields and
-// files opened from memory are edited in test_native_api), and what commit, revert, save_as and the destructor do to the file and
-// to open Streams.  Every file written is audited for structure
+// tails), what the model leaves out of the naming rules, and what commit,
+// revert, save_as and the destructor do to the file and to open Streams.
+// (Entry fields and files opened from memory are edited in
+// test_native_api.)  Every file written is audited for structure
 // (support/cfb_audit) and read back.
 #include <gtest/gtest.h>
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <random>
 #include <thread>
 
 #include "moxolefio/moxolefio.hpp"
@@ -49,9 +48,6 @@ TEST(NativePaths, FindEveryNameByExactThenCaseInsensitiveMatchAndReadThemAsUtf8)
   EXPECT_EQ(doc.entry("ONLY")->size, 12u);
   EXPECT_EQ(doc.entry("\xD0\xB6" "AR")->size, 13u) << "the format's upper-casing of U+0436";
   EXPECT_EQ(doc.entry("/folder/INNER")->path, "Folder/Inner");
-  EXPECT_EQ(doc.entry("")->type, mox::EntryType::root);
-  EXPECT_FALSE(doc.exists("Folder/Missing"));
-  EXPECT_FALSE(doc.exists("Only/x")) << "a stream has no children here";
   EXPECT_TRUE(doc.exists("\xCE\xB1\xCF\x83")) << "Greek small letters";
   EXPECT_FALSE(doc.exists("\xC7\x8C")) << "U+01CC folds to no U+01CB";
   for (const auto& [stored, utf8] : spelled) {
@@ -85,82 +81,85 @@ TEST(NativePaths, EmptyAndUnpairedSurrogateNamesAreReachableFromWalk) {
     EXPECT_EQ(found->id, e.id) << e.path;
   }
   EXPECT_EQ(paths, (std::vector<std::string>{"", "/", "//", "//x", "a\xEF\xBF\xBD" "b"}));
-  EXPECT_EQ(doc.open_stream("//").size(), 6u);
-  EXPECT_EQ(doc.open_stream("a\xEF\xBF\xBD" "b").size(), 7u);
 }
 
 // --- Entries -------------------------------------------------------------
 
-TEST(NativeEntries, ReportStoredFieldsAndSizesByVersion) {
-  for (unsigned shift : {9u, 12u}) {
+// Fields as stored, read back, set where the format allows them and kept
+// through the editor's rewrite of the file in memory, which keeps the
+// version: also for a version 4 file of 1024-byte sectors, written with
+// its version's own.
+TEST(NativeEntries, StoredFieldsAreReadSetAndKept) {
+  for (unsigned shift : {9u, 12u, 10u}) {
     SCOPED_TRACE(shift);
+    const int version = shift == 9 ? 3 : 4;
     cfb::CfbBuilder b(shift);
     const int s = b.addStorage(0, "S");
     const int t = b.addStream(0, "T", pattern(100, 1));
-    const uint8_t clsid[16] = {1, 0, 0, 2, 0xFF, 0, 3, 4, 5, 6, 7, 8, 9, 0, 0, 10};
-    std::copy(clsid, clsid + 16, b.entry(s).clsid);
+    b.addStream(0, "kept", pattern(5000, 2));
+    const std::array<uint8_t, 16> clsid = {1, 0, 0, 2, 0xFF, 0, 3, 4, 5, 6, 7, 8, 9, 0, 0, 10};
+    std::copy(clsid.begin(), clsid.end(), b.entry(s).clsid);
     b.entry(s).state = 0x12345678;
     const uint8_t stamp[8] = {0x00, 0x80, 0x3E, 0xD5, 0xDE, 0xB1, 0x9D, 0x01};  // 1970-01-01
     std::copy(stamp, stamp + 8, b.entry(s).modified);
     cfb::CfbLayout l = b.layout();
     l.dir[t].sizeHigh = 1;  // only 4096-byte-sector files read the high half
+    l.header.major[0] = static_cast<uint8_t>(version);
     const Bytes file = l.serialize();
-    mox::CompoundFile doc = openBytes(file);
-    EXPECT_EQ(doc.version(), shift == 12 ? 4 : 3);
-    EXPECT_EQ(doc.sector_size(), 1u << shift);
+    mox::CompoundFile doc = mox::CompoundFile::open_memory_rw(file.data(), file.size());
+    EXPECT_EQ(doc.version(), version);
     const mox::Entry e = *doc.entry("S");
-    EXPECT_TRUE(std::equal(e.clsid.begin(), e.clsid.end(), clsid));
+    EXPECT_EQ(e.clsid, clsid);
     EXPECT_EQ(e.state_bits, 0x12345678u);
     EXPECT_EQ(e.created, 0u);
     EXPECT_EQ(mox::to_time_point(e.modified), std::chrono::system_clock::time_point{});
     EXPECT_EQ(mox::to_filetime(mox::to_time_point(e.modified)), e.modified);
     EXPECT_EQ(doc.entry("T")->size, shift == 12 ? (uint64_t{1} << 32) + 100 : 100u);
+
+    doc.remove("T");  // its claimed size is not there to be copied
+    doc.set_clsid("", clsid);
+    doc.set_modified("", 0x01D0000000000003ull);
+    doc.set_state_bits("S", 0xA5A5);
+    doc.set_created("S", 0x01D0000000000001ull);
+    doc.create_stream("U");
+    EXPECT_EQ(errorOf([&] { doc.set_created("", 1); }), mox::Errc::invalid_argument);
+    EXPECT_EQ(errorOf([&] { doc.set_clsid("U", clsid); }), mox::Errc::invalid_argument);
+    EXPECT_EQ(errorOf([&] { doc.set_modified("U", 1); }), mox::Errc::invalid_argument);
+    const Bytes after = doc.bytes();
+    const mox::CompoundFile g = openBytes(after);
+    EXPECT_EQ(g.version(), version);
+    EXPECT_EQ(g.sector_size(), version == 3 ? 512u : 4096u);
+    EXPECT_EQ(g.open_stream("kept").read_all(), pattern(5000, 2));
+    EXPECT_EQ(g.root().clsid, clsid);
+    EXPECT_EQ(g.root().modified, 0x01D0000000000003ull);
+    const mox::Entry kept = *g.entry("S");
+    EXPECT_EQ(kept.clsid, clsid);
+    EXPECT_EQ(kept.state_bits, 0xA5A5u);
+    EXPECT_EQ(kept.created, 0x01D0000000000001ull);
+    EXPECT_EQ(kept.modified, e.modified);
   }
 }
 
 // --- Streams -------------------------------------------------------------
 
-// Reverses the chain of the regular stream `entry`, moving its sectors so
-// that no two neighbours in the chain are neighbours in the file.
-void scatter(cfb::CfbLayout& l, int entry) {
-  std::vector<uint32_t> chain;
-  for (uint32_t s = l.dir[entry].start; s != cfb::kEnd; s = l.fat[s]) chain.push_back(s);
-  std::vector<Bytes> payloads;
-  for (uint32_t s : chain) payloads.push_back(l.sector(s));
-  std::vector<uint32_t> order(chain.rbegin(), chain.rend());
-  for (size_t i = 0; i < order.size(); ++i) {
-    l.sector(order[i]) = payloads[i];
-    l.fat[order[i]] = i + 1 < order.size() ? order[i + 1] : cfb::kEnd;
-  }
-  l.dir[entry].start = order[0];
-}
-
-TEST(NativeStreams, RandomReadsAndSeeksReturnTheStoredBytes) {
+// Pieces read at any position of a stream, across the runs of its chain,
+// are left to the corpus walk (pread in uneven pieces) and the native fuzz
+// target (pieces at several positions against the whole).
+TEST(NativeStreams, SeeksFromEveryOriginAndRefusals) {
   cfb::CfbBuilder b;
   const Bytes big = pattern(40000, 7), small = pattern(3000, 8);
-  const int bigEntry = b.addStream(0, "Big", big);
+  b.addStream(0, "Big", big);
   b.addStream(0, "Small", small);
-  cfb::CfbLayout l = b.layout();
-  scatter(l, bigEntry);
-  const Bytes file = l.serialize();
+  const Bytes file = b.build();
   mox::CompoundFile doc = openBytes(file);
-  std::mt19937 rng(42);
   for (const auto& [name, expected] : {std::pair{"Big", big}, std::pair{"Small", small}}) {
     mox::Stream s = doc.open_stream(name);
-    EXPECT_EQ(s.read_all(), expected);
-    for (int i = 0; i < 200; ++i) {
-      const uint64_t at = rng() % (expected.size() + 10);
-      const size_t want = rng() % 5000;
-      EXPECT_EQ(s.seek(static_cast<int64_t>(at)), at);
-      Bytes got(want);
-      got.resize(s.read(got.data(), want));
-      const size_t fits = at < expected.size() ? std::min(want, expected.size() - at) : 0;
-      ASSERT_EQ(got.size(), fits);
-      EXPECT_TRUE(std::equal(got.begin(), got.end(), expected.begin() + std::min<size_t>(at, expected.size())));
-      EXPECT_EQ(s.tell(), at + fits);
-    }
     EXPECT_EQ(s.seek(-10, std::ios_base::end), expected.size() - 10);
     EXPECT_EQ(s.seek(4, std::ios_base::cur), expected.size() - 6);
+    Bytes got(100);
+    got.resize(s.read(got.data(), got.size()));
+    EXPECT_TRUE(got == Bytes(expected.end() - 6, expected.end()));
+    EXPECT_EQ(s.tell(), expected.size());
     EXPECT_EQ(errorOf([&] { s.seek(-1, std::ios_base::beg); }), mox::Errc::invalid_argument);
     EXPECT_EQ(errorOf([&] { s.write("x", 1); }), mox::Errc::read_only);
   }
@@ -216,7 +215,6 @@ TEST(NativeErrors, CodesAndMessagesNameTheFileAndThePath) {
     EXPECT_NE(std::string(e.what()).find("Bad"), std::string::npos) << e.what();
   }
   EXPECT_EQ(errorOf([&] { doc.open_stream("Store"); }), mox::Errc::invalid_argument);
-  EXPECT_EQ(errorOf([&] { doc.open_stream("Missing"); }), mox::Errc::not_found);
   EXPECT_EQ(errorOf([&] { doc.children("Missing"); }), mox::Errc::not_found);
 }
 

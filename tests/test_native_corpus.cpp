@@ -43,16 +43,22 @@ Seen seen(const Names& path, const char* name, int type, int64_t size) {
   return Seen{full, type, type == 2 ? size : 0};
 }
 
+// Every entry below `node` into `out`, and `node` and every storage below
+// it that has children, with its children sorted, into `storages`.
 void collect(const _MoxOleTreeNode* node, Names& path, std::set<Seen>* out,
-             std::vector<std::pair<Names, const _MoxOleTreeNode*>>* storages) {
+             std::vector<std::pair<Names, std::vector<Seen>>>* storages) {
+  std::vector<Seen> children;
   for (int i = 0; i < node->iChildCount; ++i) {
     const _MoxOleTreeNode* child = node->ppChildren[i];
     out->insert(seen(path, child->szName, child->iType, child->iSize));
-    path.push_back(child->szName);
-    if (child->iChildCount > 0) {
-      storages->push_back({path, child});
-      collect(child, path, out, storages);
-    }
+    children.push_back(seen({}, child->szName, child->iType, child->iSize));
+  }
+  std::sort(children.begin(), children.end());
+  storages->push_back({path, children});
+  for (int i = 0; i < node->iChildCount; ++i) {
+    if (node->ppChildren[i]->iChildCount == 0) continue;
+    path.push_back(node->ppChildren[i]->szName);
+    collect(node->ppChildren[i], path, out, storages);
     path.pop_back();
   }
 }
@@ -92,23 +98,16 @@ void checkTreeAndObjectLists(OpenDoc& doc, const manifest::File& m, int* lists, 
   moxhost::PoolServices services;
   const StreamTree built(doc.handle(), services);
   ASSERT_EQ(built.status(), 0);
-  const _MoxOleTreeNode* root = built.root();
   std::set<Seen> tree, expected;
-  std::vector<std::pair<Names, const _MoxOleTreeNode*>> storages = {{{}, root}};
+  std::vector<std::pair<Names, std::vector<Seen>>> storages;
   Names path;
-  collect(root, path, &tree, &storages);
+  collect(built.root(), path, &tree, &storages);
   for (const auto& [sid, e] : m.entries) {
     if (e.type != "root") expected.insert(Seen{e.path, typeCode(e.type), e.type == "stream" ? e.size : 0});
   }
   EXPECT_EQ(tree, expected);
 
-  for (const auto& [where, node] : storages) {
-    std::vector<Seen> children;
-    for (int i = 0; i < node->iChildCount; ++i) {
-      const _MoxOleTreeNode* c = node->ppChildren[i];
-      children.push_back(seen({}, c->szName, c->iType, c->iSize));
-    }
-    std::sort(children.begin(), children.end());
+  for (const auto& [where, children] : storages) {
     int count = 0;
     std::vector<Seen> listed = objectList(doc, where, &count);
     // Siblings ordered by another writer's case folding can hide a storage
@@ -156,29 +155,8 @@ void checkThroughTheAbi(const manifest::File& m, int* lists, int* misses) {
 // The error code of `work`, 0 when it throws none.
 int failureOf(const std::function<void()>& work) { return static_cast<int>(moxtest::errorOf(work)); }
 
-std::string typeName(mox::EntryType type) {
-  switch (type) {
-    case mox::EntryType::root: return "root";
-    case mox::EntryType::storage: return "storage";
-    case mox::EntryType::stream: return "stream";
-    default: return "other";
-  }
-}
-
-// The names of a path as UTF-16, undoing the interface's rules: a path
-// starting with '/' has an empty first name.
-std::vector<std::u16string> namesOf(const std::string& path) {
-  std::vector<std::u16string> names;
-  if (path.empty()) return names;
-  std::string rest = path[0] == '/' ? path.substr(1) : path;
-  for (;;) {
-    const std::size_t slash = rest.find('/');
-    names.push_back(moxfmt::utf8ToUtf16(rest.substr(0, slash)));
-    if (slash == std::string::npos) break;
-    rest = rest.substr(slash + 1);
-  }
-  return names;
-}
+// The manifest's name of each EntryType.
+const char* const kTypeNames[] = {"root", "storage", "stream", "other"};
 
 // A stream's bytes whole, or in pieces of 1, 7, 4093 ... bytes.
 std::vector<std::uint8_t> readStream(const mox::CompoundFile& doc, const std::string& path, bool pieces,
@@ -235,9 +213,7 @@ TEST_P(Corpus, ReadsWhatTheIndependentReaderReadThroughTheAbiAndNatively) {
 
   const std::vector<mox::Entry> entries = doc->walk();
   const std::vector<mox::Entry> preadEntries = pread->walk();
-  ASSERT_FALSE(entries.empty());
   ASSERT_EQ(preadEntries.size(), entries.size());
-  EXPECT_EQ(entries[0].type, mox::EntryType::root);
   std::map<std::uint32_t, const mox::Entry*> byId;
   std::map<std::string, std::vector<std::uint8_t>> streams;
   for (std::size_t i = 0; i < entries.size(); ++i) {
@@ -283,10 +259,13 @@ TEST_P(Corpus, ReadsWhatTheIndependentReaderReadThroughTheAbiAndNatively) {
     auto it = byId.find(static_cast<std::uint32_t>(sid));
     ASSERT_NE(it, byId.end()) << "entry " << sid << " not listed";
     const mox::Entry& e = *it->second;
-    EXPECT_EQ(namesOf(e.path), expected.names) << e.path;
+    // A path starting with '/' has an empty first name.
+    std::string want = !expected.names.empty() && expected.names[0].empty() ? "/" : "";
+    for (std::size_t i = 0; i < expected.names.size(); ++i) want += (i ? "/" : "") + moxfmt::utf16ToUtf8(expected.names[i]);
+    EXPECT_EQ(e.path, want);
     EXPECT_EQ(expected.names.empty() ? std::u16string(u"") : expected.names.back(),
               e.type == mox::EntryType::root ? std::u16string(u"") : moxfmt::utf8ToUtf16(e.name));
-    EXPECT_EQ(typeName(e.type), expected.type.rfind("type", 0) == 0 ? "other" : expected.type) << e.path;
+    EXPECT_EQ(kTypeNames[static_cast<int>(e.type)], expected.type.rfind("type", 0) == 0 ? "other" : expected.type) << e.path;
     if (expected.type != "stream") continue;
     EXPECT_EQ(static_cast<std::int64_t>(e.size), expected.size) << e.path;
     const std::vector<std::uint8_t>& bytes = streams[e.path];
@@ -296,11 +275,11 @@ TEST_P(Corpus, ReadsWhatTheIndependentReaderReadThroughTheAbiAndNatively) {
 
 MOX_TEST_EACH_FILE(Manifest, Corpus, moxtest::corpusFiles);
 
-// The walk above must have had something to walk, its digests must be
-// SHA-256, and a miss of the exact path walk must stay the exception:
-// a walk that found no storage at all would otherwise pass unseen.
+// The walk above must have had something to walk, and a miss of the
+// exact path walk must stay the exception: a walk that found no storage
+// at all would otherwise pass unseen.  (The digests need no check of
+// their own: the manifest's came from another reader.)
 TEST(CorpusManifest, CoversManyFilesStreamsAndStorages) {
-  EXPECT_EQ(sha256Hex("abc", 3), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
   if (moxtest::corpusFiles().empty()) GTEST_SKIP() << "no corpus";
   int files = 0, streams = 0, lists = 0, misses = 0;
   for (const manifest::File& m : moxtest::corpusFiles()) {

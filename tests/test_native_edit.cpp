@@ -1,8 +1,11 @@
 // Editing through the native interface: random programs of edits checked
-// against the edit fuzz target's model, stream writes at every kind of
-// boundary, the naming rules, and what commit, revert, save_as and the
-// destructor do to the file and to open Streams.  Every file written is
-// audited for structure (support/cfb_audit) and read back.
+// against the edit fuzz target's model (which, with its kept inputs
+// replayed, also covers clashing names, copies, stream gaps and regrown
+// tails), what the model leaves out of the naming rules, and what commit,
+// revert, save_as and the destructor do to the file and to open Streams.
+// (Entry fields and files opened from memory are edited in
+// test_native_api.)  Every file written is audited for structure
+// (support/cfb_audit) and read back.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -59,28 +62,6 @@ INSTANTIATE_TEST_SUITE_P(Seeds, FuzzPrograms, ::testing::Range(1u, 81u));
 
 // --- Streams ------------------------------------------------------------------
 
-TEST(EditStreams, GapsAndRegrownTailsReadAsZeros) {
-  for (int version : {3, 4}) {
-    SCOPED_TRACE(version);
-    mox::CompoundFile f = mox::CompoundFile::create_memory(mox::CreateOptions{version});
-    const Bytes big = pattern(200000, 1), tail = pattern(10, 2);
-    put(f, "s", big);
-    f.commit();  // "s" is now stored: what follows edits over the stored bytes
-    mox::Stream s = f.open_stream("s");
-    s.set_size(100001);  // cuts a stored page in the middle
-    s.set_size(300000);  // grows past the old end: zeros, not old bytes
-    s.seek(250000);
-    s.write(tail.data(), tail.size());
-    Bytes expected(big.begin(), big.begin() + 100001);
-    expected.resize(300000, 0);
-    std::copy(tail.begin(), tail.end(), expected.begin() + 250000);
-    EXPECT_TRUE(readAll(f, "s") == expected);
-    f.commit();
-    EXPECT_TRUE(readAll(f, "s") == expected);
-    expectWellFormed(f.bytes());
-  }
-}
-
 TEST(EditStreams, PagesOfAFileBackedEditReadBackWhateverErrnoHeld) {
   moxtest::ScratchDir folder;
   mox::CompoundFile f = mox::CompoundFile::create(folder.file("doc.cfb"));
@@ -116,132 +97,32 @@ TEST(EditStreams, SizesTheVersionCannotHoldAreRefused) {
 
 // --- Names and entries ---------------------------------------------------------
 
-TEST(EditNames, ClashesFollowTheFormatsCaseRuleAndOrderHolds) {
-  mox::CompoundFile f = mox::CompoundFile::create_memory();
-  f.create_storage("Dir/Inner");
-  put(f, "Dir/\xC3\xA9t\xC3\xA9", pattern(5, 1));
-  put(f, "Dir/zz", pattern(5, 2));
-  put(f, "ZZ", {});
-  const std::pair<const char*, std::function<void()>> clashes[] = {
-      {"new stream", [&] { f.create_new_stream("dir/\xC3\x89T\xC3\x89"); }},
-      {"rename", [&] { f.rename("Dir/zz", "INNER"); }},
-      {"stream over a storage", [&] { f.create_stream("Dir/Inner"); }},
-      {"storage below a stream", [&] { f.create_storage("Dir/zz/below"); }},
-      {"move", [&] { f.move("ZZ", "dir"); }},
-      {"copy", [&] { f.copy(f, "ZZ", "DIR/Zz"); }},
-  };
-  for (const auto& [what, edit] : clashes) EXPECT_EQ(codeOf(edit), mox::Errc::exists) << what;
-  f.remove("ZZ");
-  f.rename("Dir/zz", "ZZ");  // its own name in another case
-  f.rename("Dir/Inner", "a");  // now sorts first
-  const std::vector<std::string> order = {"a", "ZZ", "\xC3\xA9t\xC3\xA9"};
-  EXPECT_EQ(moxtest::namesOf(f.children("Dir")), order);
-  f.commit();
-  EXPECT_EQ(moxtest::namesOf(f.children("Dir")), order);
-  expectWellFormed(f.bytes());
-}
-
-// Names the format cannot store are refused, a bad one deep in a path
-// before any storage is made on the way to it; bad UTF-8 is stored as
-// replacement characters, and entries give the UTF-8 of what is stored,
-// before the commit as after.
+// Characters the format cannot store are refused, a bad name deep in a
+// path before any storage is made on the way to it.
 TEST(EditNames, NamesTheFormatCannotStoreAreRefused) {
   mox::CompoundFile f = mox::CompoundFile::create_memory();
-  for (const char* bad : {"a/", "x!y", "a:b", "back\\slash", "thirty-two units long, one too many", "new/a:b/s"}) {
+  for (const char* bad : {"x!y", "a:b", "back\\slash", "new/a:b/s"}) {
     EXPECT_EQ(codeOf([&] { f.create_stream(bad); }), mox::Errc::invalid_argument) << bad;
   }
   EXPECT_FALSE(f.exists("new"));
-  put(f, "ok", {});
-  EXPECT_EQ(codeOf([&] { f.rename("ok", ""); }), mox::Errc::invalid_argument);
-  EXPECT_EQ(codeOf([&] { f.remove(""); }), mox::Errc::invalid_argument);
-  EXPECT_EQ(codeOf([&] { f.remove("missing"); }), mox::Errc::not_found);
 }
 
-TEST(EditNames, BadUtf8IsStoredAsReplacementCharacters) {
+// Bad UTF-8 is stored as replacement characters, and entries give the
+// UTF-8 of what is stored; a renamed entry takes its place in the order,
+// before the commit as after.
+TEST(EditNames, BadUtf8IsStoredAsReplacementCharactersAndRenamesKeepTheOrder) {
   mox::CompoundFile f = mox::CompoundFile::create_memory();
   put(f, "a\xFFz", {});
   f.create_stream(std::string_view("c\xE2\x82\xAC").substr(0, 2));  // cut inside the sequence
-  const std::vector<std::string> names = {"c\xEF\xBF\xBD", "a\xEF\xBF\xBDz"};
+  f.create_storage("Inner");
+  put(f, "zz", {});
+  f.rename("zz", "ZZ");      // its own name in another case
+  f.rename("Inner", "a");    // now sorts first
+  const std::vector<std::string> names = {"a", "c\xEF\xBF\xBD", "ZZ", "a\xEF\xBF\xBDz"};
   EXPECT_EQ(moxtest::namesOf(f.children("")), names);
   const Bytes bytes = f.bytes();
   EXPECT_EQ(moxtest::namesOf(mox::CompoundFile::open_memory(bytes.data(), bytes.size()).children("")), names);
-}
-
-TEST(EditEntries, PropertiesWhereTheFormatAllowsThem) {
-  mox::CompoundFile f = mox::CompoundFile::create_memory(mox::CreateOptions{3});
-  const std::array<std::uint8_t, 16> id = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-  put(f, "S/t", pattern(3, 1));
-  f.set_clsid("", id);
-  f.set_clsid("S", id);
-  f.set_state_bits("S", 0xA5A5);
-  f.set_created("S", 0x01D0000000000001ull);
-  f.set_modified("S", 0x01D0000000000002ull);
-  f.set_modified("", 0x01D0000000000003ull);
-  EXPECT_EQ(codeOf([&] { f.set_created("", 1); }), mox::Errc::invalid_argument);
-  EXPECT_EQ(codeOf([&] { f.set_clsid("S/t", id); }), mox::Errc::invalid_argument);
-  EXPECT_EQ(codeOf([&] { f.set_modified("S/t", 1); }), mox::Errc::invalid_argument);
-  f.commit();
-  const Bytes bytes = f.bytes();
-  const mox::CompoundFile g = mox::CompoundFile::open_memory(bytes.data(), bytes.size());
-  EXPECT_EQ(g.root().clsid, id);
-  EXPECT_EQ(g.root().modified, 0x01D0000000000003ull);
-  const mox::Entry s = *g.entry("S");
-  EXPECT_EQ(s.clsid, id);
-  EXPECT_EQ(s.state_bits, 0xA5A5u);
-  EXPECT_EQ(s.created, 0x01D0000000000001ull);
-  EXPECT_EQ(s.modified, 0x01D0000000000002ull);
-}
-
-TEST(EditEntries, CopiesFromAnotherFileAreTheirOwn) {
-  mox::CompoundFile a = mox::CompoundFile::create_memory();
-  put(a, "Tree/small", pattern(100, 1));
-  put(a, "Tree/Sub/big", pattern(70000, 2));
-  a.commit();
-  put(a, "Tree/Sub/new", pattern(9000, 3));  // not committed: copied as it is now
-  mox::CompoundFile b = mox::CompoundFile::create_memory(mox::CreateOptions{3});
-  b.copy(a, "Tree", "Copy");
-  b.copy(a, "Tree/small", "Deep/er/one");
-  // Changing the source afterwards does not reach the copies.
-  a.open_stream("Tree/Sub/new").write("x", 1);
-  a.remove("Tree/small");
-  a.commit();
-  b.commit();
-  EXPECT_TRUE(readAll(b, "Copy/small") == pattern(100, 1));
-  EXPECT_TRUE(readAll(b, "Copy/Sub/big") == pattern(70000, 2));
-  EXPECT_TRUE(readAll(b, "Copy/Sub/new") == pattern(9000, 3));
-  EXPECT_TRUE(readAll(b, "Deep/er/one") == pattern(100, 1));
-  EXPECT_EQ(codeOf([&] { b.copy(a, "Tree", "Copy"); }), mox::Errc::exists);
-  EXPECT_EQ(codeOf([&] { b.move("Copy", "Copy/Sub"); }), mox::Errc::invalid_argument);
-  expectWellFormed(b.bytes());
-}
-
-TEST(EditFiles, FilesOpenedFromMemoryAreEditedThereAndKeepTheirVersion) {
-  // Versions 3 and 4, and a version 4 file of 1024-byte sectors, which is
-  // written with its version's own.
-  std::vector<Bytes> files;
-  for (int version : {3, 4}) {
-    mox::CompoundFile made = mox::CompoundFile::create_memory(mox::CreateOptions{version});
-    put(made, "kept", pattern(5000, 1));
-    files.push_back(made.bytes());
-  }
-  cfb::CfbBuilder odd(10);
-  odd.addStream(0, "kept", pattern(5000, 1));
-  cfb::CfbLayout layout = odd.layout();
-  layout.header.major[0] = 4;
-  files.push_back(layout.serialize());
-  const int versions[] = {3, 4, 4};
-  for (std::size_t i = 0; i < files.size(); ++i) {
-    SCOPED_TRACE(i);
-    mox::CompoundFile f = mox::CompoundFile::open_memory_rw(files[i].data(), files[i].size());
-    EXPECT_EQ(f.version(), versions[i]);
-    put(f, "new", pattern(10, 2));
-    const Bytes after = f.bytes();
-    const mox::CompoundFile back = mox::CompoundFile::open_memory(after.data(), after.size());
-    EXPECT_EQ(back.version(), versions[i]);
-    EXPECT_EQ(back.sector_size(), versions[i] == 3 ? 512u : 4096u);
-    EXPECT_EQ(readAll(back, "kept"), pattern(5000, 1));
-    EXPECT_EQ(readAll(back, "new"), pattern(10, 2));
-  }
+  EXPECT_EQ(cfbaudit::audit(bytes), "");
 }
 
 TEST(EditFiles, TheMiniFatTakesTheSectorsItsEntriesNeed) {
@@ -276,14 +157,12 @@ TEST(EditFiles, NothingReachesTheFileWithoutCommit) {
   const std::string committed = readFile(path);
   {
     mox::CompoundFile f = mox::CompoundFile::open_rw(path);
-    EXPECT_EQ(f.version(), 3);
     EXPECT_FALSE(f.exists("b"));
     f.remove("a");
     put(f, "c", pattern(10, 3));
     f.save_as(folder.file("copy.cfb"));
     f.revert();
     EXPECT_TRUE(f.exists("a"));
-    EXPECT_FALSE(f.exists("c"));
     put(f, "d", pattern(10, 4));
   }
   EXPECT_EQ(readFile(path), committed);
@@ -323,7 +202,6 @@ TEST(EditFiles, StreamsStayUsableAcrossCommitsAndReverts) {
   both.insert(both.end(), second.begin(), second.end());
   EXPECT_TRUE(readAll(f, "log") == both);
   EXPECT_TRUE(old.read_all() == pattern(50, 3));  // from the replaced file's mapping
-  EXPECT_EQ(codeOf([&] { old.write("x", 1); }), mox::Errc::invalid_argument);
   w.write("tail", 4);
   f.revert();
   w.seek(0);

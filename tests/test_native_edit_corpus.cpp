@@ -28,13 +28,12 @@ std::map<std::string, Seen> snapshot(const mox::CompoundFile& f) {
   return out;
 }
 
-void expectSameBut(const std::map<std::string, Seen>& before, const std::map<std::string, Seen>& after,
-                   const std::string& changed) {
+void expectSame(const std::map<std::string, Seen>& before, const std::map<std::string, Seen>& after) {
   ASSERT_EQ(before.size(), after.size());
   for (const auto& [path, seen] : before) {
     auto it = after.find(path);
     ASSERT_NE(it, after.end()) << "lost " << path;
-    EXPECT_TRUE(path == changed || it->second == seen) << path;
+    EXPECT_TRUE(it->second == seen) << path;
   }
 }
 
@@ -47,14 +46,14 @@ TEST_P(EditCorpus, CommitsKeepEveryOtherEntry) {
   moxtest::ScratchDir dir;
   const std::string path = dir.file("doc");
   std::filesystem::copy_file(std::string(MOX_CORPUS_DIR) + "/" + file.path, path);
-  const std::map<std::string, Seen> before = snapshot(mox::CompoundFile::open(path));
+  std::map<std::string, Seen> before = snapshot(mox::CompoundFile::open(path));
   std::string changed;
   {
     mox::CompoundFile f = mox::CompoundFile::open_rw(path);
     f.commit();
     EXPECT_EQ(cfbaudit::audit(moxtest::fileBytes(path)), "");
     EXPECT_TRUE(f.check().empty());
-    expectSameBut(before, snapshot(f), "");
+    expectSame(before, snapshot(f));
     for (const auto& [p, seen] : before) {
       if (!std::get<5>(seen).empty() && changed.empty()) changed = p;  // only streams have bytes
     }
@@ -64,13 +63,11 @@ TEST_P(EditCorpus, CommitsKeepEveryOtherEntry) {
     s.write("\xFF\x00\xFF", 3);
     f.commit();
   }
-  const std::map<std::string, Seen> after = snapshot(mox::CompoundFile::open(path));
-  expectSameBut(before, after, changed);
-  std::vector<std::uint8_t> expected = std::get<5>(before.at(changed));
+  std::vector<std::uint8_t>& expected = std::get<5>(before.at(changed));
   const std::size_t at = expected.size() / 2;
   expected.resize(std::max(expected.size(), at + 3));
   std::copy_n("\xFF\x00\xFF", 3, expected.begin() + at);
-  EXPECT_TRUE(std::get<5>(after.at(changed)) == expected);
+  expectSame(before, snapshot(mox::CompoundFile::open(path)));
   EXPECT_EQ(cfbaudit::audit(moxtest::fileBytes(path)), "");
 }
 

@@ -218,13 +218,6 @@ class Run {
   void oddCall(uint8_t kind) {
     unsigned char buffer[128] = {};
     switch (kind % 8) {
-      // A negative length, whatever the answer, must not add bytes.  Null
-      // buffers, handles and paths and unknown flags are test_interface's
-      // bad-argument rows; a write of nothing is an ordinary write's.
-      case 0:
-      case 1:
-      case 2:
-      case 3: api_.iOLEwrite(h_, buffer, -1 - kind); break;
       case 4: require(hOLEopenClone(h_) == nullptr, "a clone of a new document"); break;
       case 5:
         require(lOLEseek(h_, 0, 0) == -1, "lOLEseek on a new document");
@@ -252,6 +245,11 @@ class Run {
         model_.current = -1;
         break;
       }
+      // Kinds 0 to 3: a negative length, whatever the answer, must not add
+      // bytes.  Null buffers, handles and paths and unknown flags are
+      // test_interface's bad-argument rows; a write of nothing is an
+      // ordinary write's.
+      default: api_.iOLEwrite(h_, buffer, -1 - kind); break;
     }
   }
 

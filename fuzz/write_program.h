@@ -18,7 +18,6 @@
 #define MOXOLEFIO_FUZZ_WRITE_PROGRAM_H_
 
 #include <stdint.h>
-#include <string.h>
 
 namespace moxfuzz {
 
@@ -49,41 +48,16 @@ enum WriteOp : uint8_t {
   kWriteOpCount
 };
 
-// The bytes the target writes: a table of pseudo-random bytes whose length
-// is a prime, so that no shift by a whole number of sectors or mini
-// sectors lines it up with itself, read from a place chosen by the stream
-// and the write.  A byte read back from the wrong place is caught.
-constexpr uint32_t kPatternLength = 65521;
-
-inline const uint8_t* patternTable() {
-  static uint8_t table[kPatternLength];
-  static bool made = false;
-  if (!made) {
-    uint64_t x = 0x9E3779B97F4A7C15ull;
-    for (uint8_t& b : table) {
-      x ^= x << 13;
-      x ^= x >> 7;
-      x ^= x << 17;
-      b = static_cast<uint8_t>(x >> 24);
-    }
-    made = true;
-  }
-  return table;
-}
-
-// Fills `out` with `length` pattern bytes for stream `entry`, written with
-// `pattern`, starting at stream offset `offset`.
+// Fills `out` with `length` bytes for stream `entry`, written with
+// `pattern`, starting at stream offset `offset`: each byte a hash of its
+// offset, the stream and the pattern, so that a byte read back from the
+// wrong place, or from another stream, is caught.
 inline void fillPattern(uint8_t* out, uint64_t length, uint32_t entry, uint8_t pattern,
                         uint64_t offset) {
-  const uint8_t* table = patternTable();
-  uint64_t at = (offset + entry * 7919ull + pattern * 104729ull) % kPatternLength;
-  while (length > 0) {
-    uint64_t run = kPatternLength - at;
-    if (run > length) run = length;
-    memcpy(out, table + at, run);
-    out += run;
-    length -= run;
-    at = 0;
+  const uint64_t seed = (entry * 7919ull + pattern * 104729ull) << 32;
+  for (uint64_t i = 0; i < length; ++i) {
+    const uint64_t x = ((offset + i) ^ seed) * 0x9E3779B97F4A7C15ull;
+    out[i] = static_cast<uint8_t>((x ^ (x >> 31)) >> 24);
   }
 }
 

@@ -228,7 +228,6 @@ TEST(StreamLookup, PresentationStreamWalk) {
     SCOPED_TRACE(spine.size());
     OpenDocument d(presentationLayout(spine, &storage).serialize());
     ASSERT_NE(d.h(), nullptr);
-    EXPECT_EQ(moxFindPresentationStream(d.h(), storage), chosen < 0 ? 0 : storage + 1 + chosen);
     EXPECT_EQ(lOLEopenObject(d.h(), "_1234", 0), chosen < 0 ? 0 : 90 + chosen);
     // Something is current beforehand.  The root is no stream: picking it
     // fails the build, and the old stream is gone.
@@ -359,12 +358,9 @@ TEST(StreamChain, MiniChainFollowsTheFatWhenThereIsNoMiniFat) {
   OpenDocument d(l.serialize());
   ASSERT_NE(d.h(), nullptr);
   ASSERT_EQ(d.h()->plMiniFat, nullptr);
-  ASSERT_EQ(bOLEopenStream(d.h(), "A"), 1);  // FAT[0] is -3: the chain ends
-  EXPECT_EQ(currentList(d.h()), (std::vector<int64_t>{0, -2}));
-  EXPECT_EQ(readToEnd(d.h()), first);
-  ASSERT_EQ(bOLEopenStream(d.h(), "B"), 1);
-  EXPECT_EQ(currentList(d.h()), (std::vector<int64_t>{1, 2, -2}));
-  EXPECT_EQ(readToEnd(d.h()), second);
+  // FAT[0] is -3, so A's chain ends after one sector; B's runs 1, 2.
+  EXPECT_EQ(opened(d, bOLEopenStream(d.h(), "A")), first);
+  EXPECT_EQ(opened(d, bOLEopenStream(d.h(), "B")), second);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "A"), 0);
 }
 
@@ -517,8 +513,6 @@ TEST(StreamSeek, SeekingAndReadingOneStream) {
     ASSERT_EQ(bOLEopenStream(h, c.name), 1);
     ASSERT_EQ(lOLEseek(h, c.offset, 0), c.offset);
     EXPECT_EQ(readToEnd(h, 100), Bytes(c.data.begin() + c.offset, c.data.end()));
-    ASSERT_EQ(lOLEseek(h, 0, 2), static_cast<int64_t>(c.data.size()));
-    EXPECT_EQ(readToEnd(h), Bytes());
   }
 
   ASSERT_EQ(bOLEopenStream(h, "R"), 1);
@@ -582,16 +576,12 @@ TEST(StreamRead, SectorSizesByteOrdersAndPositionsPastTwoGigabytes) {
 
 // --- The stream as an I/O object ---------------------------------------------
 
-// The object's fields and fixed answers, its reads and seeks on whatever
-// stream is current, and a compound file stored in stream "Inner" opened
-// through it as a document; the inner file is small enough to be a mini
-// stream of the outer one.  (A nested document in a regular stream, big
-// stream included, is read whole through the object in the fault sweeps.)
+// The object's fields and fixed answers, and its reads and seeks on
+// whatever stream is current, here mini streams.  (A document nested in a
+// regular stream, big stream included, is opened and read whole through
+// the object in the fault sweeps.)
 TEST(StreamObject, FieldsAndFixedResults) {
-  const Bytes small = pattern(200, 4), after = pattern(700, 6);
-  cfb::CfbBuilder in;
-  in.addStream(in.addStorage(0, "Deep"), "Small", small);
-  const Bytes inner = in.build();
+  const Bytes inner = pattern(3000, 4), after = pattern(700, 6);
   cfb::CfbBuilder out;
   out.addStream(0, "Inner", inner);
   out.addStream(0, "After", after);
@@ -614,14 +604,7 @@ TEST(StreamObject, FieldsAndFixedResults) {
   EXPECT_EQ(io->close(io), 1);
   EXPECT_EQ(io->seek(io, 0, 3), 0);
 
-  moxhost::CountingMemory innerMemory;
-  _MoxOleFile* nested = hOLEopen(io, innerMemory.memory());
-  ASSERT_EQ(bOLEopenStream(nested, "small"), 1);
-  EXPECT_EQ(readToEnd(nested), small);
-  EXPECT_EQ(iOLEclose(nested), 1);  // the open stream goes with it
-  EXPECT_EQ(innerMemory.liveBlocks(), 0);
-
-  // The outer stream is still open; seeks clamp as the stream's own do.
+  // Seeks clamp as the stream's own do.
   EXPECT_EQ(io->seek(io, 100000, 0), 1);
   EXPECT_EQ(io->tell(io), static_cast<int64_t>(inner.size()));
   EXPECT_EQ(io->seek(io, -1000, 1), 1);
@@ -692,13 +675,6 @@ std::string describe(const _MoxOleTreeNode* node) {
 // direct children in name order, and types are of exact names.
 TEST(StreamTree, TreeInPreOrderListsInNameOrderTypesOfExactNames) {
   moxhost::PoolServices pools;
-  {
-    OpenDoc doc(cfb::CfbBuilder().build());
-    const StreamTree t(doc.handle(), pools);
-    ASSERT_EQ(t.status(), 0);
-    EXPECT_EQ(describe(t.root()), "Root Entry 5 0 0");
-    EXPECT_EQ(t.root()->ppChildren, nullptr);
-  }
   OpenDoc doc(threeChildren());
   const StreamTree t(doc.handle(), pools);
   ASSERT_EQ(t.status(), 0);
@@ -837,25 +813,6 @@ TEST(ObjectList, LongLeftLeaningChainDoesNotExhaustTheStack) {
   ASSERT_EQ(job.second.size(), static_cast<size_t>(n));
   EXPECT_EQ(job.second.front(), "S0");
   EXPECT_EQ(job.second.back(), "S" + std::to_string(n - 1));
-}
-
-// A new document made by the writer's entry has a handle with no
-// directory at all (no entry 0, no table); asking it for the root's
-// children or type must find nothing rather than read a missing table.
-TEST(ObjectType, HandleWithoutDirectoryHasNoRoot) {
-  moxhost::CountingMemory memory;
-  _MoxOleFile handle = {};
-  handle.pMemory = memory.memory();
-  handle.pTableMemory = memory.memory();
-  _MoxOleObjectEntry* records = nullptr;
-  const Path root{{"Root Entry"}};
-  for (int depth : {0, 1}) {
-    const char (*path)[36] = depth == 0 ? nullptr : root.slots;
-    EXPECT_EQ(moxoleGetObjectList(&handle, path, depth, &records), 0);
-    EXPECT_EQ(iOLEobjectType(&handle, path, depth, ""), 0);
-    EXPECT_EQ(iOLEobjectType(&handle, path, depth, "x"), 0);
-  }
-  EXPECT_EQ(memory.allocations(), 0);
 }
 
 // --- Embedded objects ----------------------------------------------------------

@@ -26,7 +26,7 @@ enum VosOp : uint8_t {
   kVosRead,      // slot, element size (byte), element count (u16)
   kVosSeek,      // slot, offset (u32, signed), whence (byte), variant (byte)
   kVosFileOps,   // slot, operation (byte), length (u16)
-  kVosStatus,    // path, access mode (byte)
+  kVosStatus,    // path, a byte (ignored)
   kVosRemove,    // path, rmdir instead of unlink (byte)
   kVosRename,    // path, path
   kVosChmod,     // path, mode (u16)

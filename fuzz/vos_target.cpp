@@ -210,10 +210,7 @@ class Run {
     if (!mode.empty() && mode[0] == 'r') flags = update ? O_RDWR : O_RDONLY;
     if (!mode.empty() && mode[0] == 'w') flags = (update ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
     if (!mode.empty() && mode[0] == 'a') flags = (update ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
-    opened(s, fd, flags, before);
-    if (fd < 0) return;
-    const int got = fcntl(s.fd, F_GETFL) & (O_ACCMODE | O_APPEND);
-    require(got == (flags & (O_ACCMODE | O_APPEND)), "moxvos_fopen opened with other flags");
+    opened(s, fd, flags, before);  // the access and append flags are the unit test's table
   }
 
   // moxvos_fwrite or moxvos_fread of `count` elements of `size` bytes.
@@ -279,15 +276,14 @@ class Run {
     }
   }
 
+  // Exact results are the unit tests'; here stat and access agree on
+  // whether a path is there.
   void status(FuzzInput& in) {
     const std::string p = path(in);
-    const int mode = in.byte() & 7;
+    in.byte();  // an access mode, in earlier inputs
     struct stat record;
-    struct statfs fs;
-    moxvos_stat(p.c_str(), &record, nullptr);
-    moxvos_access(p.c_str(), mode, nullptr);
-    moxvos_statfs(p.c_str(), &fs);
-    moxvos_utimes(p.c_str(), nullptr);
+    require((moxvos_stat(p.c_str(), &record, nullptr) == 0) == (moxvos_access(p.c_str(), F_OK, nullptr) == 0),
+            "moxvos_stat and moxvos_access disagree on a path");
   }
 
   void listDirectory(FuzzInput& in) {

@@ -75,8 +75,10 @@ TEST(VosDescriptors, HighDescriptorsAndTheFopenModeTable) {
   const std::string file = dir.file("f");
   ASSERT_TRUE(moxtest::writeFile(file, "x"));
   // Every descriptor below 256 taken, so open itself returns 256.  Moving
-  // it would give 257 (256 is still taken while it is duplicated).
-  EXPECT_EQ(256, moxtest::resultOfChild<int64_t>([&]() -> int64_t {
+  // it would give 257 (256 is still taken while it is duplicated).  Then,
+  // with one descriptor free below a limit of 64 (the channel's stays below
+  // it), the new one cannot be moved: that low one, open and readable.
+  EXPECT_EQ(1, moxtest::resultOfChild<int64_t>([&]() -> int64_t {
     struct rlimit limit = {512, 512};
     setrlimit(RLIMIT_NOFILE, &limit);
     const int filler = open("/dev/null", O_RDONLY);
@@ -84,17 +86,13 @@ TEST(VosDescriptors, HighDescriptorsAndTheFopenModeTable) {
       if (fcntl(fd, F_GETFD) == -1) dup2(filler, fd);
     }
     close(256);
-    return moxvos_open(file.c_str(), O_RDONLY, nullptr);
-  }, -100));
-  // Under a limit of 64 (the channel's descriptor stays below it) the
-  // descriptor cannot be moved: a low one, open and readable.
-  EXPECT_EQ(1, moxtest::resultOfChild<int64_t>([&]() -> int64_t {
-    struct rlimit limit = {64, 64};
-    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return -1;
-    const int fd = moxvos_open(file.c_str(), O_RDONLY, nullptr);
+    if (moxvos_open(file.c_str(), O_RDONLY, nullptr) != 256) return -1;
+    close(filler);
+    limit = {64, 64};
     char byte = 0;
-    return fd >= 0 && fd < 64 && read(fd, &byte, 1) == 1 && byte == 'x';
-  }));
+    return setrlimit(RLIMIT_NOFILE, &limit) == 0 && moxvos_open(file.c_str(), O_RDONLY, nullptr) == filler &&
+           read(filler, &byte, 1) == 1 && byte == 'x';
+  }, -100));
 
   // The fopen mode table.
   const struct {
@@ -146,9 +144,7 @@ TEST(VosTransfers, ElementCountsAndOffsetsPastFourGiB) {
   char buffer[64];
   EXPECT_EQ(9, moxvos_fread(fd, buffer, 4, 10));  // 39 bytes: 9 elements
   EXPECT_EQ(39, moxvos_ftell(fd));                 // but all 39 were read
-  errno = 0;
-  EXPECT_TRUE(moxvos_write(fd, buffer, 1) == -1 && errno == EBADF);  // open for reading only
-  EXPECT_EQ(0, moxvos_fwrite(fd, buffer, 4, 10));
+  EXPECT_EQ(0, moxvos_fwrite(fd, buffer, 4, 10));  // open for reading only
   moxvos_fclose(fd);
 
   // A pipe holding 39 bytes gives 9 elements of 4 from one read: a second
@@ -415,8 +411,8 @@ TEST(VosLocks, LengthZeroLocksThePresentSizeAndALockHeldElsewhereIsBusy) {
 constexpr uint64_t kLimit = 2147483647ULL;
 
 // Single sizes past the limit are the vos fuzz model's; here, products,
-// and what Saferealloc does with the block.
-TEST(VosMemory, ProductsPastTheLimitNeverReachTheAllocatorAndSafereallocReleases) {
+// what Saferealloc does with the block, and sizes at the limit.
+TEST(VosMemory, ProductsPastTheLimitNeverReachTheAllocatorSizesAtItDoAndSafereallocReleases) {
   errno = 0;
   // Exactly 2^31, no elements, and two that wrap to 0.
   const std::pair<uint64_t, uint64_t> products[] = {{65536, 32768}, {0, 8}, {4, 1ULL << 62}, {1ULL << 62, 4}};
@@ -435,16 +431,13 @@ TEST(VosMemory, ProductsPastTheLimitNeverReachTheAllocatorAndSafereallocReleases
   EXPECT_TRUE(moxvos_Saferealloc(moxvos_malloc(4096), kLimit + 1) == nullptr && errno == 0);
   EXPECT_EQ(nullptr, moxvos_Saferealloc(moxvos_malloc(4096), 0));
   EXPECT_EQ(inUse, mallinfo2().uordblks);
-  EXPECT_EQ(nullptr, moxvos_Saferealloc(nullptr, kLimit + 1));
   char* grown = static_cast<char*>(moxvos_Saferealloc(strdup("abcdefg"), 1 << 16));
   ASSERT_NE(nullptr, grown);
   EXPECT_STREQ("abcdefg", grown);
   moxvos_free(grown);
-}
 
-TEST(VosMemory, SizesAtTheLimitReachTheAllocator) {
-  // 256 MiB of head room: a small block still works, 2^31 - 1 cannot.
-  int code = moxtest::runInChild([] {
+  // With 256 MiB of head room a small block still works, 2^31 - 1 cannot.
+  EXPECT_EQ(0, moxtest::runInChild([] {
     long pages = 0;
     FILE* statm = fopen("/proc/self/statm", "r");
     if (statm == nullptr || fscanf(statm, "%ld", &pages) != 1) return 90;
@@ -468,8 +461,7 @@ TEST(VosMemory, SizesAtTheLimitReachTheAllocator) {
     memset(small, 0, 4096);  // still valid
     moxvos_free(small);
     return 0;
-  });
-  EXPECT_EQ(0, code);
+  }));
 }
 
 // --- Dynamic loading and its log ------------------------------------------------------
@@ -511,10 +503,8 @@ TEST(VosLoader, LoadsAreLoggedOnlyWhileTheVariableIsSet) {
   // A failed load: two more lines, in order.
   EXPECT_EQ(first + "moxvos_dlopen dll " + kMissing + " \nERROR: moxvos_dlopen dll " + kMissing + " \nno argument used\n",
             moxtest::readFile(logPath));
-  EXPECT_EQ(0, moxvos_dlclose(handle));
   ASSERT_EQ(0, unlink(logPath.c_str()));
   ASSERT_EQ(0, mkdir(logPath.c_str(), 0755));
-  EXPECT_EQ(nullptr, moxvos_dlopen(kMissing, RTLD_NOW));
   EXPECT_NE(nullptr, moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW));
   unsetenv("MOX_DLL_LOG");
 }
@@ -532,7 +522,6 @@ TEST(VosProcess, ExitSystemAndSleep) {
   EXPECT_EQ("e", moxtest::readFile(flushed)) << "the exit handlers did not run";
 
   EXPECT_EQ(3, WEXITSTATUS(moxvos_system("exit 3")));
-  EXPECT_EQ(0, moxvos_system("true"));
   EXPECT_NE(0, moxvos_system(nullptr));  // a shell is available
 
   // usleep answers 0, even when a signal cuts it short (a sleep is never

@@ -262,23 +262,20 @@ TEST(VosTempnam, TemplatesAndAttempts) {
 
 // --- Directory paths ---------------------------------------------------------------
 
-// Whatever mkdir reports made, the vos fuzz model finds a directory.
+// For relative paths the vos fuzz model checks the result (0 exactly when
+// the path was not there and is a directory now: nothing to do, trailing
+// and repeated slashes); here, permissions, absolute paths, a file in the
+// way, host parts and overlong paths.
 TEST(VosMkdir, CreatesEveryMissingDirectoryUnderTheUmask) {
   ScratchDir dir;
   moxtest::CwdGuard cwd(dir.path());
   moxtest::UmaskGuard mask(027);
   EXPECT_EQ(0, moxvos_mkdir("a/b/c", 0715, nullptr));
   for (const char* path : {"a", "a/b", "a/b/c"}) EXPECT_EQ(0710u, permissions(path)) << path;
-  // Everything there already: nothing to do is -1.
-  EXPECT_EQ(-1, moxvos_mkdir("a/b/c", 0750, nullptr));
-  // A trailing slash: a exists, a/x is made, the final "a/x/" exists.
-  EXPECT_EQ(0, moxvos_mkdir("a/x/", 0755, nullptr));
-  EXPECT_EQ(0, moxvos_mkdir("a//y", 0755, nullptr));  // repeated slashes are harmless
   // Absolute paths start below the root.
   EXPECT_EQ(0, moxvos_mkdir(dir.file("p/q").c_str(), 0755, nullptr));
   EXPECT_EQ(0750u, permissions(dir.file("p/q")));  // made by mkdir, so a directory
   EXPECT_EQ(-1, moxvos_mkdir("/", 0755, nullptr));
-  EXPECT_EQ(-1, moxvos_mkdir(dir.path().c_str(), 0755, nullptr));
   // A plain file counts as present; the directories below it fail.
   ASSERT_TRUE(moxtest::writeFile("plain", "file"));
   errno = 0;

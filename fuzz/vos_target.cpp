@@ -9,11 +9,13 @@
 // Beside "no crash", the target checks what the layer promises whatever
 // the names: descriptors at 256 or above, files created empty with 0644
 // less the mask and existing ones truncated only when asked, whole
-// elements counted, mkdir's result, temporary names
-// made of the directory and prefix given, allocation limits (sizes past
-// them never reaching the allocator), readdir_r leaving the caller's entry
-// alone, and after every input no descriptor, lock or host-memory block
-// left behind.  Exact results of single calls are the unit tests'.
+// elements counted, mkdir's result, temporary names made of the directory
+// and prefix given, the size queries agreeing, and stat with access,
+// getcwd giving the platform's answer, a lock without a file failing in
+// fcntl, allocation limits (sizes past them never reaching the allocator),
+// readdir_r leaving the caller's entry alone, and after every input no
+// descriptor, lock or host-memory block left behind.  Exact results of
+// single calls are the unit tests'.
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>

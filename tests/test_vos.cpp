@@ -350,8 +350,9 @@ TEST(VosLocks, LengthZeroLocksThePresentSizeAndALockHeldElsewhereIsBusy) {
   EXPECT_EQ(10, moxvos_ftell(lock.iFd));  // a nonzero length moves nothing
   EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
 
-  // Bytes 0..99 held through the probe: busy from 0 to the end, and for
-  // byte 50 alone, but not beyond the holder's range.
+  // Bytes 0..99 held through the probe (which the lock freed above would
+  // have prevented): busy from 0 to the end, and for byte 50 alone, but not
+  // beyond the holder's range.
   struct flock range = {};
   range.l_type = F_WRLCK;
   range.l_len = 100;

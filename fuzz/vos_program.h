@@ -24,9 +24,9 @@ enum VosOp : uint8_t {
   kVosFopen,     // slot, path, mode (text), 64-bit variant (byte)
   kVosWrite,     // slot, element size (byte), element count (u16), pattern (byte)
   kVosRead,      // slot, element size (byte), element count (u16)
-  kVosSeek,      // slot, offset (u32, signed), whence (byte), variant (byte)
+  kVosSeek,      // slot, offset (u32, signed), whence (byte), a byte (ignored)
   kVosFileOps,   // slot, operation (byte), length (u16)
-  kVosStatus,    // path, access mode (byte)
+  kVosStatus,    // path, a byte (ignored)
   kVosRemove,    // path, rmdir instead of unlink (byte)
   kVosRename,    // path, path
   kVosChmod,     // path, mode (u16)

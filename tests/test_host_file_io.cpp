@@ -63,7 +63,6 @@ TEST(FileIoWindow, EveryReadGivesTheFilesBytesWhateverTheWindowHolds) {
   ASSERT_TRUE(moxtest::writeBytes(path, file));
   ASSERT_EQ(io.doOpen(), 1);
   expectRead(io, file, 0, 64);
-  io.doClose();
 }
 
 }  // namespace

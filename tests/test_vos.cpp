@@ -25,6 +25,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
@@ -49,7 +50,6 @@ extern "C" int mkstemp(char* name) {
   gTemplates.push_back(name);
   if (gFailNext > 0) {
     --gFailNext;
-    memcpy(name + strlen(name) - 6, "123456", 6);  // a used-up candidate
     errno = EEXIST;
     return -1;
   }
@@ -75,8 +75,10 @@ TEST(VosDescriptors, HighDescriptorsAndTheFopenModeTable) {
   const std::string file = dir.file("f");
   ASSERT_TRUE(moxtest::writeFile(file, "x"));
   // Every descriptor below 256 taken, so open itself returns 256.  Moving
-  // it would give 257 (256 is still taken while it is duplicated).
-  EXPECT_EQ(256, moxtest::resultOfChild<int64_t>([&]() -> int64_t {
+  // it would give 257 (256 is still taken while it is duplicated).  Then,
+  // with one descriptor free below a limit of 64 (the channel's stays below
+  // it), the new one cannot be moved: that low one, open and readable.
+  EXPECT_EQ(1, moxtest::resultOfChild<int64_t>([&]() -> int64_t {
     struct rlimit limit = {512, 512};
     setrlimit(RLIMIT_NOFILE, &limit);
     const int filler = open("/dev/null", O_RDONLY);
@@ -84,17 +86,13 @@ TEST(VosDescriptors, HighDescriptorsAndTheFopenModeTable) {
       if (fcntl(fd, F_GETFD) == -1) dup2(filler, fd);
     }
     close(256);
-    return moxvos_open(file.c_str(), O_RDONLY, nullptr);
-  }, -100));
-  // Under a limit of 64 (the channel's descriptor stays below it) the
-  // descriptor cannot be moved: a low one, open and readable.
-  EXPECT_EQ(1, moxtest::resultOfChild<int64_t>([&]() -> int64_t {
-    struct rlimit limit = {64, 64};
-    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return -1;
-    const int fd = moxvos_open(file.c_str(), O_RDONLY, nullptr);
+    if (moxvos_open(file.c_str(), O_RDONLY, nullptr) != 256) return -1;
+    close(filler);
+    limit = {64, 64};
     char byte = 0;
-    return fd >= 0 && fd < 64 && read(fd, &byte, 1) == 1 && byte == 'x';
-  }));
+    return setrlimit(RLIMIT_NOFILE, &limit) == 0 && moxvos_open(file.c_str(), O_RDONLY, nullptr) == filler &&
+           read(filler, &byte, 1) == 1 && byte == 'x';
+  }, -100));
 
   // The fopen mode table.
   const struct {
@@ -111,20 +109,19 @@ TEST(VosDescriptors, HighDescriptorsAndTheFopenModeTable) {
       {"+r", O_RDONLY, false, false, false},  // the first character decides
       {"", O_RDONLY, false, false, false},    {nullptr, O_RDONLY, false, false, false},
   };
-  int n = 0;
+  const std::string existing = dir.file("existing"), missing = dir.file("missing");
   for (const auto& c : cases) {
     const std::string label = c.mode == nullptr ? "(null)" : c.mode;
-    const std::string existing = dir.file("existing" + std::to_string(n));
-    const std::string missing = dir.file("missing" + std::to_string(n++));
     ASSERT_TRUE(moxtest::writeFile(existing, "0123456789"));
     int64_t fd = moxvos_fopen(existing.c_str(), c.mode, nullptr);
     ASSERT_GE(fd, 256) << label;
-    const int flags = fcntl(static_cast<int>(fd), F_GETFL);
-    EXPECT_EQ(c.access | (c.append ? O_APPEND : 0), flags & (O_ACCMODE | O_APPEND)) << label;
+    const int flags = fcntl(static_cast<int>(fd), F_GETFL) & (O_ACCMODE | O_APPEND);
+    EXPECT_EQ(c.access | (c.append ? O_APPEND : 0), flags) << label;
     EXPECT_EQ(c.truncates ? 0 : 10, moxvos_filesize(static_cast<int>(fd))) << label;
     moxvos_fclose(static_cast<int>(fd));
+    unlink(missing.c_str());
     errno = 0;
-    fd = (n % 2 ? moxvos_fopen64 : moxvos_fopen)(missing.c_str(), c.mode, nullptr);
+    fd = ((&c - cases) % 2 ? moxvos_fopen64 : moxvos_fopen)(missing.c_str(), c.mode, nullptr);
     // A failure is -1 in all 64 bits, with the platform's reason.
     EXPECT_EQ(c.creates ? 0 : ENOENT, errno) << label;
     EXPECT_EQ(c.creates ? std::max<int64_t>(fd, 256) : -1, fd) << label;
@@ -146,9 +143,7 @@ TEST(VosTransfers, ElementCountsAndOffsetsPastFourGiB) {
   char buffer[64];
   EXPECT_EQ(9, moxvos_fread(fd, buffer, 4, 10));  // 39 bytes: 9 elements
   EXPECT_EQ(39, moxvos_ftell(fd));                 // but all 39 were read
-  errno = 0;
-  EXPECT_TRUE(moxvos_write(fd, buffer, 1) == -1 && errno == EBADF);  // open for reading only
-  EXPECT_EQ(0, moxvos_fwrite(fd, buffer, 4, 10));
+  EXPECT_EQ(0, moxvos_fwrite(fd, buffer, 4, 10));  // open for reading only
   moxvos_fclose(fd);
 
   // A pipe holding 39 bytes gives 9 elements of 4 from one read: a second
@@ -164,10 +159,7 @@ TEST(VosTransfers, ElementCountsAndOffsetsPastFourGiB) {
   const int64_t kThreeGiB = INT64_C(3) << 30, kFiveGiB = INT64_C(5) << 30;
   fd = static_cast<int>(moxvos_fopen64(dir.file("sparse").c_str(), "w+b", nullptr));
   ASSERT_EQ(0, moxvos_ftruncate(fd, kThreeGiB));  // sparse: no blocks used
-  EXPECT_EQ(kThreeGiB, moxvos_filesize64(fd));   // the fuzz model: filesize is the same
-  struct stat64 record;
-  ASSERT_EQ(0, moxvos_fstat64(fd, &record));
-  EXPECT_EQ(kThreeGiB, record.st_size);
+  EXPECT_EQ(kThreeGiB, moxvos_filesize64(fd));  // the fuzz model: filesize and fstat64 agree
   EXPECT_EQ(0, moxvos_fseek64(fd, kThreeGiB - 4, SEEK_SET));
   EXPECT_EQ(1, moxvos_fwrite(fd, "tail", 4, 1));
   EXPECT_EQ(kThreeGiB, moxvos_ftell64(fd));
@@ -184,12 +176,13 @@ TEST(VosTransfers, ElementCountsAndOffsetsPastFourGiB) {
 
 // --- Status, directories -------------------------------------------------------
 
-TEST(VosStatus, PathsDirectoriesAndTheWorkingDirectoryPassThrough) {
+// The working directory's name, and access agreeing with stat on what is
+// there, are the vos fuzz model's.
+TEST(VosStatus, PathsAndDirectoriesPassThrough) {
   ScratchDir dir;
   const std::string a = dir.file("a"), b = dir.file("b");
   ASSERT_TRUE(moxtest::writeFile(a, "12345"));
   EXPECT_EQ(0, moxvos_chmod(a.c_str(), 0600, nullptr));
-  EXPECT_EQ(0, moxvos_access(a.c_str(), R_OK, nullptr));
   struct timeval times[2] = {{1000000000, 0}, {1234567890, 0}};
   EXPECT_EQ(0, moxvos_utimes(a.c_str(), times));
   EXPECT_EQ(0, moxvos_rename(a.c_str(), b.c_str(), nullptr));
@@ -210,13 +203,6 @@ TEST(VosStatus, PathsDirectoriesAndTheWorkingDirectoryPassThrough) {
                               moxvos_rmdir(a.c_str(), nullptr), moxvos_chdir(b.c_str(), nullptr),
                               moxvos_statfs(b.c_str(), &fs)}));
   EXPECT_EQ(ENOENT, errno);
-
-  moxtest::CwdGuard cwd("/");  // puts the working directory back
-  char inside[4096], real[4096], tiny[2];
-  ASSERT_EQ(0, moxvos_chdir(dir.path().c_str(), nullptr));
-  EXPECT_EQ(inside, moxvos_getcwd(inside, sizeof inside, nullptr));
-  EXPECT_STREQ(realpath(dir.path().c_str(), real), inside);
-  EXPECT_TRUE(moxvos_getcwd(tiny, sizeof tiny, nullptr) == nullptr && errno == ERANGE);
 
   // readdir and readdir_r walk one sequence.
   for (const char* name : {"one", "two", "three"}) ASSERT_TRUE(moxtest::writeFile(dir.file(name), name));
@@ -256,33 +242,28 @@ TEST(VosTempnam, TemplatesAndAttempts) {
   EXPECT_TRUE(moxvos_tempnam(missing.c_str(), "t", nullptr) == nullptr && errno == ENOENT);
   EXPECT_EQ(std::vector<std::string>(2, missing + "/tXXXXXX"), gTemplates);
 
-  gTemplates.clear();
-  gFailNext = 1;
+  gFailNext = 1;  // the second attempt's name is the answer
   name = moxvos_tempnam(dir.path().c_str(), "r", nullptr);
-  ASSERT_NE(nullptr, name);
-  EXPECT_EQ(std::vector<std::string>(2, dir.path() + "/rXXXXXX"), gTemplates);
+  EXPECT_NE(nullptr, name);
   moxvos_free(name);
 }
 
 // --- Directory paths ---------------------------------------------------------------
 
-// Whatever mkdir reports made, the vos fuzz model finds a directory.
-TEST(VosMkdir, CreatesEveryMissingDirectoryUnderTheUmask) {
+// For relative paths the vos fuzz model checks the result (0 exactly when
+// the path was not there and is a directory now: nothing to do, trailing
+// and repeated slashes); here, permissions, absolute paths, a file in the
+// way, overlong paths, and host parts, which are never created.
+TEST(VosMkdir, CreatesEveryMissingDirectoryUnderTheUmaskButNoRootOrHostPart) {
   ScratchDir dir;
   moxtest::CwdGuard cwd(dir.path());
   moxtest::UmaskGuard mask(027);
   EXPECT_EQ(0, moxvos_mkdir("a/b/c", 0715, nullptr));
   for (const char* path : {"a", "a/b", "a/b/c"}) EXPECT_EQ(0710u, permissions(path)) << path;
-  // Everything there already: nothing to do is -1.
-  EXPECT_EQ(-1, moxvos_mkdir("a/b/c", 0750, nullptr));
-  // A trailing slash: a exists, a/x is made, the final "a/x/" exists.
-  EXPECT_EQ(0, moxvos_mkdir("a/x/", 0755, nullptr));
-  EXPECT_EQ(0, moxvos_mkdir("a//y", 0755, nullptr));  // repeated slashes are harmless
   // Absolute paths start below the root.
   EXPECT_EQ(0, moxvos_mkdir(dir.file("p/q").c_str(), 0755, nullptr));
   EXPECT_EQ(0750u, permissions(dir.file("p/q")));  // made by mkdir, so a directory
   EXPECT_EQ(-1, moxvos_mkdir("/", 0755, nullptr));
-  EXPECT_EQ(-1, moxvos_mkdir(dir.path().c_str(), 0755, nullptr));
   // A plain file counts as present; the directories below it fail.
   ASSERT_TRUE(moxtest::writeFile("plain", "file"));
   errno = 0;
@@ -303,13 +284,9 @@ TEST(VosMkdir, CreatesEveryMissingDirectoryUnderTheUmask) {
   errno = 0;
   EXPECT_TRUE(moxvos_mkdir(path.c_str(), 0755, nullptr) == -1 && errno == ENAMETOOLONG);
   EXPECT_EQ(0, rmdir(path.substr(0, 20 * 201 - 1).c_str())) << "not made, or something was made inside it";
-}
 
-
-// Inside a child whose root is a scratch directory, so that paths at the
-// root can be created (or shown not to be) without touching the machine.
-TEST(VosMkdir, RootAndHostPartsAreNeverCreated) {
-  ScratchDir dir;
+  // Inside a child whose root is the scratch directory, so that paths at
+  // the root can be created (or shown not to be) without touching the machine.
   const int code = moxtest::runInChild([&] {
     if (chroot(dir.path().c_str()) != 0) {
       if (unshare(CLONE_NEWUSER) != 0 || chroot(dir.path().c_str()) != 0) return 77;
@@ -333,54 +310,69 @@ TEST(VosMkdir, RootAndHostPartsAreNeverCreated) {
 
 // --- Locks -----------------------------------------------------------------------
 
-// The first lock another process would run into on [start, start + length)
-// (length 0: to the end, however far), as F_GETLK reports it in a child:
-// "free", or "write START+LENGTH" and whether this process holds it.
-std::string lockSeenByOtherProcess(const std::string& path, off_t start, off_t length) {
+// The first lock an open-file lock through `probe` would run into on
+// [start, start + length) (length 0: to the end, however far): "free" or
+// "write START+LENGTH".  Open-file locks conflict with this process's
+// record locks, so no second process is needed; the probe stays open
+// until the end, as closing it would drop this process's locks.
+std::string lockSeen(int probe, off_t start, off_t length) {
   struct flock query = {};
   query.l_type = F_WRLCK;
   query.l_start = start;
   query.l_len = length;
-  query = moxtest::resultOfChild<struct flock>([&] {
-    struct flock q = query;
-    const int fd = open(path.c_str(), O_RDWR);
-    if (fd < 0 || fcntl(fd, F_GETLK, &q) != 0) q.l_type = -1;
-    return q;
-  });
+  if (fcntl(probe, F_OFD_GETLK, &query) != 0) return "error";
   if (query.l_type == F_UNLCK) return "free";
-  return (query.l_type == F_WRLCK ? "write " : "type " + std::to_string(query.l_type) + " ") +
-         std::to_string(query.l_start) + "+" + std::to_string(query.l_len) +
-         (query.l_pid == getpid() ? " by us" : "");
+  return (query.l_type == F_WRLCK ? "write " : "other ") + std::to_string(query.l_start) + "+" +
+         std::to_string(query.l_len);
 }
 
-TEST(VosLocks, LengthZeroLocksThePresentSizeAndSeeksToTheEndAndNoFileIsNoLock) {
+// Without a file, requests fail in fcntl, not as busy: the vos fuzz model's.
+TEST(VosLocks, LengthZeroLocksThePresentSizeAndALockHeldElsewhereIsBusy) {
   ScratchDir dir;
   const std::string path = dir.file("hundred"), empty = dir.file("new.lock");
   ASSERT_TRUE(moxtest::writeFile(path, std::string(100, 'h')));
+  const int probe = open(path.c_str(), O_RDWR);
   _MoxvosFlock lock;
   ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr));
   EXPECT_EQ(static_cast<void*>(&lock), static_cast<void*>(&lock.flLock));
 
   ASSERT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr));
   EXPECT_EQ(100, moxvos_ftell(lock.iFd));
-  // Another process sees bytes 0..99 locked (and so byte 100 onwards free).
-  EXPECT_EQ("write 0+100 by us", lockSeenByOtherProcess(path, 0, 0));
+  // Bytes 0..99 locked (and so byte 100 onwards free).
+  EXPECT_EQ("write 0+100", lockSeen(probe, 0, 0));
   ASSERT_EQ(0, moxvos_flock_unlock(&lock, SEEK_SET, 0, 0, nullptr));
-  EXPECT_EQ("free", lockSeenByOtherProcess(path, 0, 0));
+  EXPECT_EQ("free", lockSeen(probe, 0, 0));
 
   // An explicit range, relative to the current offset.
   ASSERT_EQ(0, moxvos_fseek(lock.iFd, 10, SEEK_SET));
   ASSERT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_CUR, 5, 20, nullptr));
-  EXPECT_EQ("write 15+20 by us", lockSeenByOtherProcess(path, 0, 0));
+  EXPECT_EQ("write 15+20", lockSeen(probe, 0, 0));
   EXPECT_EQ(10, moxvos_ftell(lock.iFd));  // a nonzero length moves nothing
   EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
-  EXPECT_EQ("free", lockSeenByOtherProcess(path, 0, 0));
+
+  // Bytes 0..99 held through the probe (which the lock freed above would
+  // have prevented): busy from 0 to the end, and for byte 50 alone, but not
+  // beyond the holder's range.
+  struct flock range = {};
+  range.l_type = F_WRLCK;
+  range.l_len = 100;
+  ASSERT_EQ(0, fcntl(probe, F_OFD_SETLK, &range));
+  ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr));
+  for (int64_t start : {0, 50}) {
+    errno = 0;
+    EXPECT_TRUE(moxvos_flock_trywrlock(&lock, SEEK_SET, start, start ? 1 : 0, nullptr) == -1 && errno == EBUSY) << start;
+  }
+  EXPECT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 100, 10, nullptr));
+  EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
+  close(probe);
 
   // A new, empty file: length 0 reaches fcntl as 0, everything from 0 on,
   // however far.
   ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR | O_CREAT, empty.c_str(), nullptr));
   ASSERT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr));
-  EXPECT_EQ("write 0+0 by us", lockSeenByOtherProcess(empty, 1 << 30, 1));
+  const int emptyProbe = open(empty.c_str(), O_RDWR);
+  EXPECT_EQ("write 0+0", lockSeen(emptyProbe, 1 << 30, 1));
+  close(emptyProbe);
   EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
   EXPECT_TRUE(moxtest::exists(empty));  // freeing never removes the file
   // Nor keeps the copy of the path: a hundred locks leave the heap as found.
@@ -390,37 +382,6 @@ TEST(VosLocks, LengthZeroLocksThePresentSizeAndSeeksToTheEndAndNoFileIsNoLock) {
     ASSERT_EQ(0, moxvos_flock_free(&lock, nullptr));
   }
   EXPECT_EQ(mallinfo2().uordblks, inUse);
-
-  // Without a file, requests fail in fcntl, not as busy.
-  ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, nullptr, nullptr));
-  errno = 0;
-  EXPECT_TRUE(moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 10, nullptr) == -1 && errno == EBADF);
-  errno = 0;
-  EXPECT_TRUE(moxvos_flock_unlock(&lock, SEEK_SET, 0, 0, nullptr) == -1 && errno == EBADF);
-  EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
-}
-
-// Bytes 0..99 held through another open file description, with an
-// open-file lock: those conflict with this process's record locks too, so
-// no second process is needed.
-TEST(VosLocks, LockHeldElsewhereIsBusy) {
-  ScratchDir dir;
-  const std::string path = dir.file("shared");
-  ASSERT_TRUE(moxtest::writeFile(path, std::string(100, 's')));
-  const int holder = open(path.c_str(), O_RDWR);
-  struct flock range = {};
-  range.l_type = F_WRLCK;
-  range.l_len = 100;
-  ASSERT_EQ(0, fcntl(holder, F_OFD_SETLK, &range));
-  _MoxvosFlock lock;
-  ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr));
-  for (int64_t start : {0, 50}) {  // from 0 to the end, then byte 50 alone
-    errno = 0;
-    EXPECT_TRUE(moxvos_flock_trywrlock(&lock, SEEK_SET, start, start ? 1 : 0, nullptr) == -1 && errno == EBUSY) << start;
-  }
-  EXPECT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 100, 10, nullptr));  // beyond the holder's range
-  EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
-  close(holder);
 }
 
 // --- Memory ------------------------------------------------------------------------
@@ -432,44 +393,37 @@ TEST(VosLocks, LockHeldElsewhereIsBusy) {
 constexpr uint64_t kLimit = 2147483647ULL;
 
 // Single sizes past the limit are the vos fuzz model's; here, products,
-// and what Saferealloc does with the block.
-TEST(VosMemory, ProductsPastTheLimitNeverReachTheAllocatorAndSafereallocReleases) {
+// what Saferealloc does with the block, and sizes at the limit.
+TEST(VosMemory, ProductsPastTheLimitNeverReachTheAllocatorSizesAtItDoAndSafereallocReleases) {
   errno = 0;
   // Exactly 2^31, no elements, and two that wrap to 0.
   const std::pair<uint64_t, uint64_t> products[] = {{65536, 32768}, {0, 8}, {4, 1ULL << 62}, {1ULL << 62, 4}};
   for (auto [count, size] : products) EXPECT_EQ(nullptr, moxvos_calloc(count, size)) << count << " x " << size;
   EXPECT_EQ(0, errno);
-  void* page = moxvos_valloc(64);
-  ASSERT_NE(nullptr, page);
-  moxvos_free(page);
 
   // Past the limit or to zero the block is released, once: a block kept (too
   // large for the allocator's per-thread cache) stays in the heap's bytes in
   // use (or, with the sanitizer, which keeps its own heap, is reported as a
   // leak), and a second release is a double free either allocator aborts on.
+  // (That errno stays untouched past the limit is the fuzz model's.)
   const size_t inUse = mallinfo2().uordblks;
-  errno = 0;
-  EXPECT_TRUE(moxvos_Saferealloc(moxvos_malloc(4096), kLimit + 1) == nullptr && errno == 0);
+  EXPECT_EQ(nullptr, moxvos_Saferealloc(moxvos_malloc(4096), kLimit + 1));
   EXPECT_EQ(nullptr, moxvos_Saferealloc(moxvos_malloc(4096), 0));
   EXPECT_EQ(inUse, mallinfo2().uordblks);
-  EXPECT_EQ(nullptr, moxvos_Saferealloc(nullptr, kLimit + 1));
   char* grown = static_cast<char*>(moxvos_Saferealloc(strdup("abcdefg"), 1 << 16));
   ASSERT_NE(nullptr, grown);
   EXPECT_STREQ("abcdefg", grown);
   moxvos_free(grown);
-}
 
-TEST(VosMemory, SizesAtTheLimitReachTheAllocator) {
-  // 256 MiB of head room: a small block still works, 2^31 - 1 cannot.
-  int code = moxtest::runInChild([] {
+  // With 256 MiB of head room a small block (from valloc) still works,
+  // 2^31 - 1 cannot.
+  EXPECT_EQ(0, moxtest::runInChild([] {
     long pages = 0;
-    FILE* statm = fopen("/proc/self/statm", "r");
-    if (statm == nullptr || fscanf(statm, "%ld", &pages) != 1) return 90;
-    fclose(statm);
+    std::ifstream("/proc/self/statm") >> pages;  // the pages in use
     const rlim_t room = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (256u << 20);
     struct rlimit limit = {room, room};
     if (setrlimit(RLIMIT_AS, &limit) != 0) return 91;
-    void* small = moxvos_malloc(4096);
+    void* small = moxvos_valloc(4096);
     if (small == nullptr) return 10;
     // Each answer is read with errno as that call alone left it.
     const std::function<void*()> attempts[] = {
@@ -485,8 +439,7 @@ TEST(VosMemory, SizesAtTheLimitReachTheAllocator) {
     memset(small, 0, 4096);  // still valid
     moxvos_free(small);
     return 0;
-  });
-  EXPECT_EQ(0, code);
+  }));
 }
 
 // --- Dynamic loading and its log ------------------------------------------------------
@@ -500,8 +453,7 @@ TEST(VosLoader, LoadsAreLoggedOnlyWhileTheVariableIsSet) {
   unsetenv("MOX_DLL_LOG");
   void* handle = moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(nullptr, handle) << moxvos_dlerror();
-  moxvos_dll_log("anything %s \n", "at all");
-  EXPECT_FALSE(moxtest::exists(logPath));
+  EXPECT_FALSE(moxtest::exists(logPath));  // the load was not logged
   auto version = reinterpret_cast<const char* (*)()>(moxvos_dlsym(handle, "moxoleVersion"));
   ASSERT_NE(nullptr, version);
   EXPECT_STRNE("", version());
@@ -516,8 +468,6 @@ TEST(VosLoader, LoadsAreLoggedOnlyWhileTheVariableIsSet) {
   setenv("MOX_DLL_LOG", "", 1);
   handle = moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW);
   ASSERT_NE(nullptr, handle) << moxvos_dlerror();
-  const std::string first = std::string("moxvos_dlopen dll ") + MOX_LIBRARY_PATH + " \n";
-  EXPECT_EQ(first, moxtest::readFile(logPath));  // a successful load: one line
   EXPECT_EQ(nullptr, moxvos_dlopen(kMissing, RTLD_LAZY));
   // The platform's reason is not logged; it waits in dlerror.
   const char* reason = moxvos_dlerror();
@@ -525,13 +475,11 @@ TEST(VosLoader, LoadsAreLoggedOnlyWhileTheVariableIsSet) {
   EXPECT_EQ(nullptr, moxvos_dlerror());  // and is consumed by reading it
   moxvos_dll_log("no argument used\n", nullptr);
   moxvos_dll_log(nullptr, "ignored");
-  // A failed load: two more lines, in order.
-  EXPECT_EQ(first + "moxvos_dlopen dll " + kMissing + " \nERROR: moxvos_dlopen dll " + kMissing + " \nno argument used\n",
+  // A successful load is one line, a failed one two, in order.
+  EXPECT_EQ(std::string("moxvos_dlopen dll ") + MOX_LIBRARY_PATH + " \nmoxvos_dlopen dll " + kMissing + " \nERROR: moxvos_dlopen dll " + kMissing + " \nno argument used\n",
             moxtest::readFile(logPath));
-  EXPECT_EQ(0, moxvos_dlclose(handle));
   ASSERT_EQ(0, unlink(logPath.c_str()));
   ASSERT_EQ(0, mkdir(logPath.c_str(), 0755));
-  EXPECT_EQ(nullptr, moxvos_dlopen(kMissing, RTLD_NOW));
   EXPECT_NE(nullptr, moxvos_dlopen(MOX_LIBRARY_PATH, RTLD_NOW));
   unsetenv("MOX_DLL_LOG");
 }
@@ -549,20 +497,16 @@ TEST(VosProcess, ExitSystemAndSleep) {
   EXPECT_EQ("e", moxtest::readFile(flushed)) << "the exit handlers did not run";
 
   EXPECT_EQ(3, WEXITSTATUS(moxvos_system("exit 3")));
-  EXPECT_EQ(0, moxvos_system("true"));
   EXPECT_NE(0, moxvos_system(nullptr));  // a shell is available
 
-  // usleep answers 0, even when a signal cuts it short (a sleep is never
-  // resumed after a handler).
-  using Clock = std::chrono::steady_clock;
-  Clock::time_point start = Clock::now();
-  EXPECT_EQ(0, moxvos_usleep(20000));
-  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(19));
+  // usleep sleeps, and answers 0 even when a signal cuts it short (a sleep
+  // is never resumed after a handler).
   const sighandler_t previous = signal(SIGALRM, [](int) {});
   ualarm(50000, 0);
-  start = Clock::now();
+  const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(0, moxvos_usleep(5000000));
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(4));
+  const auto slept = std::chrono::steady_clock::now() - start;
+  EXPECT_TRUE(slept >= std::chrono::milliseconds(45) && slept < std::chrono::seconds(4));
   signal(SIGALRM, previous);
 }
 

@@ -66,8 +66,7 @@ class DamagedSweep : public ::testing::TestWithParam<std::string> {};
 TEST_P(DamagedSweep, CutsAndFlipsOpenOrFailCleanly) {
   std::vector<uint8_t> bytes;
   ASSERT_TRUE(moxhost::readFile(corpus::directory() + "/" + GetParam(), &bytes));
-  unsigned shift = bytes.size() > 0x20 ? bytes[0x1E] : 9;
-  int64_t step = (shift >= 7 && shift <= 16) ? int64_t{1} << shift : 512;
+  const int64_t step = bytes.size() > 0x20 && bytes[0x1E] >= 7 && bytes[0x1E] <= 16 ? int64_t{1} << bytes[0x1E] : 512;
   // Cuts mostly break the loading steps; reading every stream of every
   // cut would only repeat the same reads.  Every boundary of the first 64
   // sectors (header, tables, directory of most files), then 64 spread over

@@ -24,7 +24,8 @@ std::vector<std::pair<int64_t, int64_t>> structureRanges(const std::vector<uint8
   const int64_t size = int64_t{1} << shift;
   const uint32_t per = static_cast<uint32_t>(size / 4);
   auto le32 = [&](int64_t at) {
-    return at + 4 > static_cast<int64_t>(b.size()) ? 0xFFFFFFFFu : b[at] | (b[at + 1] << 8) | (b[at + 2] << 16) | (uint32_t{b[at + 3]} << 24);
+    if (at + 4 > static_cast<int64_t>(b.size())) return 0xFFFFFFFFu;
+    return b[at] | (b[at + 1] << 8) | (b[at + 2] << 16) | (uint32_t{b[at + 3]} << 24);
   };
   auto sector = [&](uint32_t s) {
     if (s < 0xFFFFFFF0u && (s + 1) * size < static_cast<int64_t>(b.size())) ranges.push_back({(s + 1) * size, size});

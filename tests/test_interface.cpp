@@ -169,8 +169,9 @@ struct Session {
 std::string footprint(Session& s) {
   std::string out;
   for (moxhost::MemoryIo* io : {&s.io, &s.out}) {
-    for (int64_t n : {io->openCalls(), io->closeCalls(), io->readCalls(), io->seekCalls(), io->writeCalls(), io->position()})
+    for (int64_t n : {io->openCalls(), io->closeCalls(), io->readCalls(), io->seekCalls(), io->writeCalls(), io->position()}) {
       out += std::to_string(n) + " ";
+    }
   }
   for (int64_t n : {s.memory.allocations(), s.memory.liveBlocks(), s.host.heap().allocations(), s.host.poolsCreated(),
                     s.host.poolAllocateCalls(), s.host.poolArrayCalls(), moxvos_lseek(s.fd, 0, SEEK_CUR), moxvos_filesize(s.fd)}) {

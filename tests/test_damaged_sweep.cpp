@@ -14,43 +14,35 @@
 
 namespace {
 
-uint32_t le32(const std::vector<uint8_t>& b, size_t at) {
-  if (at + 4 > b.size()) return 0xFFFFFFFFu;
-  return b[at] | (b[at + 1] << 8) | (b[at + 2] << 16) | (static_cast<uint32_t>(b[at + 3]) << 24);
-}
-
 // Byte ranges of the structures a flip should hit: header, FAT sectors,
 // DIFAT sectors and directory sectors, found by a plain reading of a
 // little-endian file.
 std::vector<std::pair<int64_t, int64_t>> structureRanges(const std::vector<uint8_t>& b) {
   std::vector<std::pair<int64_t, int64_t>> ranges = {{0, 512}};
-  if (b.size() < 512) return ranges;
-  unsigned shift = b[0x1E] | (b[0x1F] << 8);
+  const unsigned shift = b.size() >= 512 ? b[0x1E] | (b[0x1F] << 8) : 0;
   if (shift < 7 || shift > 16) return ranges;
   const int64_t size = int64_t{1} << shift;
-  auto sector = [&](uint32_t s) {
-    if (s < 0xFFFFFFF0u && (s + 1) * size < static_cast<int64_t>(b.size())) {
-      ranges.push_back({(s + 1) * size, size});
-    }
+  const uint32_t per = static_cast<uint32_t>(size / 4);
+  auto le32 = [&](int64_t at) {
+    if (at + 4 > static_cast<int64_t>(b.size())) return 0xFFFFFFFFu;
+    return b[at] | (b[at + 1] << 8) | (b[at + 2] << 16) | (uint32_t{b[at + 3]} << 24);
   };
-  uint32_t fatCount = le32(b, 0x2C);
+  auto sector = [&](uint32_t s) {
+    if (s < 0xFFFFFFF0u && (s + 1) * size < static_cast<int64_t>(b.size())) ranges.push_back({(s + 1) * size, size});
+  };
   std::vector<uint32_t> fat;
-  for (uint32_t i = 0; i < std::min<uint32_t>(fatCount, 109); ++i) fat.push_back(le32(b, 0x4C + 4 * i));
-  uint32_t difat = le32(b, 0x44);
-  for (uint32_t n = 0; n < le32(b, 0x48) && n < 64 && difat < 0xFFFFFFF0u; ++n) {
+  for (uint32_t i = 0; i < std::min<uint32_t>(le32(0x2C), 109); ++i) fat.push_back(le32(0x4C + 4 * i));
+  for (uint32_t n = 0, difat = le32(0x44); n < le32(0x48) && n < 64 && difat < 0xFFFFFFF0u; ++n) {
     sector(difat);
-    int64_t at = (difat + 1) * size;
-    for (int64_t k = 0; k + 1 < size / 4; ++k) fat.push_back(le32(b, at + 4 * k));
-    difat = le32(b, at + size - 4);
+    const int64_t at = (difat + 1) * size;
+    for (uint32_t k = 0; k + 1 < per; ++k) fat.push_back(le32(at + 4 * k));
+    difat = le32(at + size - 4);
   }
   for (uint32_t s : fat) sector(s);
-  auto next = [&](uint32_t s) -> uint32_t {
-    uint32_t per = static_cast<uint32_t>(size / 4);
-    if (s / per >= fat.size()) return 0xFFFFFFFEu;
-    return le32(b, (fat[s / per] + 1) * size + 4 * (s % per));
-  };
-  uint32_t dir = le32(b, 0x30);
-  for (int n = 0; n < 4096 && dir < 0xFFFFFFF0u; ++n, dir = next(dir)) sector(dir);
+  for (uint32_t n = 0, dir = le32(0x30); n < 4096 && dir < 0xFFFFFFF0u; ++n) {
+    sector(dir);
+    dir = dir / per < fat.size() ? le32((fat[dir / per] + 1) * size + 4 * (dir % per)) : 0xFFFFFFFEu;
+  }
   return ranges;
 }
 
@@ -61,15 +53,10 @@ std::vector<std::pair<int64_t, int64_t>> structureRanges(const std::vector<uint8
 void exercise(ViewIo* io, bool everything) {
   moxhost::CountingMemory memory;
   _MoxOleFile* h = hOLEopen(io->io(), memory.memory());
-  if (h != nullptr) {
-    if (everything) {
-      walkDocument(h, memory.memory());
-    } else {
-      moxhost::PoolServices services;
-      StreamTree tree(h, services);
-    }
-    iOLEclose(h);
-  }
+  moxhost::PoolServices services;
+  if (h != nullptr && everything) walkDocument(h, memory.memory());
+  if (h != nullptr && !everything) (void)StreamTree(h, services);
+  if (h != nullptr) iOLEclose(h);
   ASSERT_EQ(memory.liveBlocks(), 0);
   const int64_t calls = io->readCalls() + io->seekCalls();
   ASSERT_LT(calls, 64 * (io->size() / 64) + 200000) << "work out of proportion to the file";
@@ -80,8 +67,7 @@ class DamagedSweep : public ::testing::TestWithParam<std::string> {};
 TEST_P(DamagedSweep, CutsAndFlipsOpenOrFailCleanly) {
   std::vector<uint8_t> bytes;
   ASSERT_TRUE(moxhost::readFile(corpus::directory() + "/" + GetParam(), &bytes));
-  unsigned shift = bytes.size() > 0x20 ? bytes[0x1E] : 9;
-  int64_t step = (shift >= 7 && shift <= 16) ? int64_t{1} << shift : 512;
+  const int64_t step = bytes.size() > 0x20 && bytes[0x1E] >= 7 && bytes[0x1E] <= 16 ? int64_t{1} << bytes[0x1E] : 512;
   // Cuts mostly break the loading steps; reading every stream of every
   // cut would only repeat the same reads.  Every boundary of the first 64
   // sectors (header, tables, directory of most files), then 64 spread over

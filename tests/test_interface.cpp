@@ -30,8 +30,9 @@
 #include "interface/mox_file.h"
 #include "moxolefio.h"
 #include "moxvos.h"
-#include "support/cfb_builder.h"
+#include "support/open_doc.h"
 #include "support/vos_scratch.h"
+#include "support/write_kit.h"
 
 namespace {
 
@@ -104,9 +105,7 @@ TEST(Library, TableSlotsAreTheExportedFunctions) {
       "iOLEcloseClone", "bOLEcloseStream", "hSwitchToOLE", "hSwitchFromOLE", "bOLEgetObject",
       "lOLEopenObject", "bOLEopenEmbeddedStreamEx", "iOLEobjectType", "moxoleGetObjectList",
       "hOLEopenEx", "iOLEopenStreamEx", "iOLEwrite", "iOLEGetStreamTree"};
-  for (int i = 0; i < 22; ++i) {
-    EXPECT_EQ(table[i], find(order[i])) << "slot " << i << " " << order[i];
-  }
+  for (int i = 0; i < 22; ++i) EXPECT_EQ(table[i], find(order[i])) << "slot " << i << " " << order[i];
 }
 
 // Small C hosts against the headers, compiled with the C compiler.
@@ -144,40 +143,25 @@ TEST(PublicHeaders, CompileAsC) {
 // with a current stream, and a file of the OS layer with its descriptor at
 // offset 2.
 struct Session {
-  Session() : io(document()) {
-    h = hOLEopen(io.io(), memory.memory());
-    w = hOLEopenEx(out.io(), host.services(), 1);
+  Session() : doc(writekit::write({{"S", 2, cfb::Bytes(300, 5)}, {"WordDocument", 2, cfb::Bytes(50, 6)}, {"_1", 1, {}}})) {
     if (h != nullptr && bOLEopenStream(h, "S") == 1) lOLEseek(h, 7, 0);
     if (w != nullptr) iOLEopenStreamEx(w, "W", 2, 1);
-    path = scratch.file("f");
     fd = static_cast<int>(moxvos_fopen(path.c_str(), "w+", nullptr));
     moxvos_write(fd, "abcdef", 6);
     moxvos_lseek(fd, 2, SEEK_SET);
   }
-  ~Session() {
-    moxvos_close(fd);
-    if (h != nullptr) {
-      bOLEcloseStream(h, nullptr);
-      iOLEclose(h);
-    }
-    if (w != nullptr) iOLEclose(w);
-  }
-  static cfb::Bytes document() {
-    cfb::CfbBuilder b;
-    b.addStream(0, "S", cfb::Bytes(300, 5));
-    b.addStream(0, "WordDocument", cfb::Bytes(50, 6));
-    b.addStorage(0, "_1");
-    return b.build();
-  }
+  ~Session() { moxvos_close(fd); }
 
-  moxhost::MemoryIo io;
-  moxhost::CountingMemory memory;
-  moxhost::MemoryIo out;
-  moxhost::PoolServices host;
+  OpenDoc doc;
+  writekit::NewFile file;
+  moxhost::MemoryIo& io = doc.io();
+  moxhost::CountingMemory& memory = doc.memory();
+  moxhost::MemoryIo& out = file.io();
+  moxhost::PoolServices& host = file.host();
   moxhost::ScratchDir scratch;
-  _MoxOleFile* h = nullptr;
-  _MoxOleFile* w = nullptr;
-  std::string path;
+  _MoxOleFile* h = doc.h();
+  _MoxOleFile* w = file.h();
+  std::string path = scratch.file("f");
   int fd = -1;
 };
 

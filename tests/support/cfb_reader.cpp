@@ -259,11 +259,8 @@ class Parser {
   std::string error_;
 };
 
-std::string narrow(const std::u16string& name) {
-  std::string out;
-  for (char16_t c : name) out.push_back(static_cast<char>(c));
-  return out;
-}
+// The low byte of every unit, as this library keeps names.
+std::string narrow(const std::u16string& name) { return std::string(name.begin(), name.end()); }
 
 std::string treeProblemsBy(const ParsedFile& file,
                            const std::function<bool(const std::u16string&, const std::u16string&)>& less) {

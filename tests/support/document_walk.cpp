@@ -5,7 +5,6 @@
 
 #include <vector>
 
-#include "host/moxhost.h"
 
 namespace {
 

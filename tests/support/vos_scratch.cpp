@@ -2,14 +2,10 @@
 
 #include <errno.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <vector>
 
 namespace moxtest {
 

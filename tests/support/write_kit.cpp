@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <set>
 
+#include "support/document_walk.h"
 #include "support/leak_report.h"
+#include "support/manifest.h"
 #include "support/stream_kit.h"
 
 namespace writekit {
@@ -78,20 +80,13 @@ void collect(const _MoxOleTreeNode* node, const std::string& prefix,
 
 // Opens path ("A\\B\\name") with the storage-path open.
 bool openByPath(_MoxOleFile* h, const std::string& path) {
+  const std::vector<std::string> names = manifest::split(path, '\\');
+  const int depth = static_cast<int>(names.size()) - 1;
   // 36-byte name slots, outermost storage first, as one block.
-  std::vector<char> slots;
-  size_t from = 0;
-  for (size_t cut = path.find('\\'); cut != std::string::npos; cut = path.find('\\', from)) {
-    std::string name = path.substr(from, std::min<size_t>(cut - from, 35));
-    name.resize(36, 0);
-    slots.insert(slots.end(), name.begin(), name.end());
-    from = cut + 1;
-  }
-  const std::string name = path.substr(from);
-  const char(*storagePath)[36] =
-      slots.empty() ? nullptr : reinterpret_cast<const char(*)[36]>(slots.data());
-  return bOLEopenEmbeddedStreamEx(h, storagePath, static_cast<int>(slots.size() / 36),
-                                  name.c_str()) == 1;
+  std::vector<char> slots(36 * names.size(), 0);
+  for (int i = 0; i < depth; ++i) strncpy(&slots[36 * i], names[i].c_str(), 35);
+  const char(*storagePath)[36] = depth == 0 ? nullptr : reinterpret_cast<const char(*)[36]>(slots.data());
+  return bOLEopenEmbeddedStreamEx(h, storagePath, depth, names.back().c_str()) == 1;
 }
 
 std::string parentOf(const std::string& path) {
@@ -125,11 +120,10 @@ void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::I
   _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
   ASSERT_NE(h, nullptr) << "the library cannot open the file";
   moxhost::PoolServices pools;
-  HostMemory* pool = pools.createPool(4096, 0, nullptr);
-  _MoxOleTreeNode* root = nullptr;
-  EXPECT_EQ(iOLEGetStreamTree(h, pool, &root), 0);
-  std::map<std::string, const _MoxOleTreeNode*> seen;  // the nodes live as long as the pool
-  if (root != nullptr) collect(root, "", &seen);
+  const StreamTree tree(h, pools);
+  EXPECT_EQ(tree.status(), 0);
+  std::map<std::string, const _MoxOleTreeNode*> seen;  // the nodes live as long as the tree
+  if (tree.root() != nullptr) collect(tree.root(), "", &seen);
 
   EXPECT_EQ(seen.size(), want.size());
   for (const auto& kv : want) {
@@ -150,7 +144,6 @@ void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::I
       EXPECT_FALSE(pathOpenCanFind(want, kv.first)) << kv.first << " not opened by path";
     }
   }
-  pools.destroyPool(pool);
   bOLEcloseStream(h, nullptr);
   EXPECT_EQ(iOLEclose(h), 1);
   EXPECT_EQ(memory.liveBlocks(), 0);

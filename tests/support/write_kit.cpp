@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <set>
 
+#include "format/byte_order.h"
 #include "support/document_walk.h"
 #include "support/leak_report.h"
 #include "support/manifest.h"
@@ -150,9 +151,7 @@ void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::I
 }
 
 uint32_t u32(const cfb::Bytes& file, size_t offset) {
-  return static_cast<uint32_t>(file.at(offset)) | (static_cast<uint32_t>(file.at(offset + 1)) << 8) |
-         (static_cast<uint32_t>(file.at(offset + 2)) << 16) |
-         (static_cast<uint32_t>(file.at(offset + 3)) << 24);
+  return moxfmt::get32(moxfmt::ByteOrder::kLittle, &file.at(offset + 3) - 3);  // at(): throws past the end
 }
 
 }  // namespace writekit

@@ -28,11 +28,10 @@ std::vector<std::u16string> unitPath(const std::string& field) {
   std::vector<std::u16string> names;
   if (field == "/") return names;
   for (const std::string& name : split(field, '/')) {
-    std::u16string units;
-    if (name != "-") {
-      for (const std::string& unit : split(name, ' ')) units += static_cast<char16_t>(std::stoul(unit, nullptr, 16));
+    names.emplace_back();
+    for (const std::string& unit : split(name == "-" ? "" : name, ' ')) {
+      names.back() += static_cast<char16_t>(std::stoul(unit, nullptr, 16));
     }
-    names.push_back(units);
   }
   return names;
 }

@@ -4,7 +4,6 @@
 #include <string.h>
 
 #include <algorithm>
-#include <set>
 
 #include "format/byte_order.h"
 #include "support/document_walk.h"
@@ -90,27 +89,18 @@ bool openByPath(_MoxOleFile* h, const std::string& path) {
   return bOLEopenEmbeddedStreamEx(h, storagePath, depth, names.back().c_str()) == 1;
 }
 
-std::string parentOf(const std::string& path) {
-  size_t cut = path.rfind('\\');
-  return cut == std::string::npos ? "" : path.substr(0, cut);
-}
-
 // The storage-path open descends sibling trees comparing names of equal
 // length byte for byte, while the writer orders them with letters folded
 // to lower case; the two orders agree only where no sibling met on the
 // way has an upper-case letter.
 bool pathOpenCanFind(const std::map<std::string, cfb::Item>& want, const std::string& path) {
-  std::set<std::string> mixedCase;  // storages with a child named in upper case
   for (const auto& kv : want) {
-    const std::string name = kv.first.substr(kv.first.rfind('\\') + 1);  // all of it at the top
-    if (std::any_of(name.begin(), name.end(), [](char c) { return c >= 'A' && c <= 'Z'; })) {
-      mixedCase.insert(parentOf(kv.first));
-    }
+    const std::string parent = kv.first.substr(0, kv.first.rfind('\\') + 1);  // "" or ending in '\\'
+    auto upper = [](char c) { return c >= 'A' && c <= 'Z'; };
+    const bool mixed = std::any_of(kv.first.begin() + parent.size(), kv.first.end(), upper);
+    if (mixed && path.rfind(parent, 0) == 0) return false;  // met on the way down to path
   }
-  for (std::string at = path;; at = parentOf(at)) {
-    if (mixedCase.count(parentOf(at)) > 0) return false;
-    if (parentOf(at).empty()) return true;
-  }
+  return true;
 }
 
 }  // namespace

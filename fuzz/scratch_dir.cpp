@@ -15,19 +15,6 @@ namespace {
 
 std::string* made = nullptr;
 
-// Inputs leave directories without permissions; those are opened up
-// first, which std::filesystem::remove_all would not do.
-void removeTree(const std::string& path) {
-  struct stat record;
-  if (lstat(path.c_str(), &record) != 0) return;
-  if (S_ISDIR(record.st_mode)) {
-    emptyDir(path);
-    rmdir(path.c_str());
-  } else {
-    unlink(path.c_str());
-  }
-}
-
 }  // namespace
 
 const std::string& scratchDir(const char* tag) {
@@ -41,16 +28,24 @@ const std::string& scratchDir(const char* tag) {
     abort();
   }
   made = new std::string(pattern);
-  atexit([] { removeTree(*made); });
+  atexit([] {
+    emptyDir(*made);
+    rmdir(made->c_str());
+  });
   return *made;
 }
 
+// Inputs leave directories without permissions; those are opened up
+// first, which std::filesystem::remove_all would not do.
 void emptyDir(const std::string& dir) {
+  namespace fs = std::filesystem;
   chmod(dir.c_str(), 0700);
   std::error_code error;
-  std::vector<std::string> paths;
-  for (const auto& e : std::filesystem::directory_iterator(dir, error)) paths.push_back(e.path());
-  for (const std::string& path : paths) removeTree(path);
+  const std::vector<fs::directory_entry> entries(fs::directory_iterator(dir, error), fs::directory_iterator());
+  for (const fs::directory_entry& e : entries) {
+    if (e.symlink_status(error).type() == fs::file_type::directory) emptyDir(e.path());
+    fs::remove(e.path(), error);
+  }
 }
 
 int openDescriptors() {

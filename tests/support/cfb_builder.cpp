@@ -1,6 +1,5 @@
 #include "support/cfb_builder.h"
 
-#include <stdio.h>
 #include <string.h>
 
 #include <algorithm>
@@ -59,26 +58,21 @@ void encodeTable(const std::vector<uint32_t>& table, const std::vector<uint32_t>
 }  // namespace
 
 std::u16string units(const std::string& name) {
-  std::u16string out;
-  for (unsigned char c : name) out.push_back(c);
-  return out;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(name.data());
+  return std::u16string(bytes, bytes + name.size());
 }
 
 bool siblingLess(const std::u16string& a, const std::u16string& b) {
   if (a.size() != b.size()) return a.size() < b.size();
-  for (size_t i = 0; i < a.size(); ++i) {
-    uint16_t x = foldLower(a[i]), y = foldLower(b[i]);
-    if (x != y) return x < y;
-  }
-  return false;
+  return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
+                                      [](char16_t x, char16_t y) { return foldLower(x) < foldLower(y); });
 }
 
 std::string hex(const Bytes& bytes, size_t offset, size_t count) {
+  static const char kDigits[] = "0123456789abcdef";
   std::string out;
-  char buf[4];
   for (size_t i = offset; i < offset + count && i < bytes.size(); ++i) {
-    snprintf(buf, sizeof buf, "%02x ", bytes[i]);
-    out += buf;
+    out += {kDigits[bytes[i] >> 4], kDigits[bytes[i] & 15], ' '};
   }
   return out;
 }

@@ -226,14 +226,10 @@ class Parser {
     out_.streams.resize(out_.dir.size());
     for (uint32_t i = 1; i < out_.dir.size(); ++i) {
       const ParsedEntry& e = out_.dir[i];
-      if (e.type != 2) {
-        if (e.start != kEnd && e.type != 0 && !lenient_) return fail("storage with a start sector");
-        continue;
-      }
-      if (e.size == 0) {
-        if (e.start != kEnd) return fail("empty stream with a start sector");
-        continue;
-      }
+      const bool storage = e.type != 2 && e.type != 0;
+      if (storage && e.start != kEnd && !lenient_) return fail("storage with a start sector");
+      if (e.type == 2 && e.size == 0 && e.start != kEnd) return fail("empty stream with a start sector");
+      if (e.type != 2 || e.size == 0) continue;
       const bool mini = e.size < out_.header.miniCutoff;
       std::vector<uint32_t> sectors;
       if (!chain(e.start, mini ? (e.size + 63) / 64 : sectorsFor(e.size), i,
@@ -259,11 +255,8 @@ class Parser {
   std::string error_;
 };
 
-std::string narrow(const std::u16string& name) {
-  std::string out;
-  for (char16_t c : name) out.push_back(static_cast<char>(c));
-  return out;
-}
+// The low byte of every unit, as this library keeps names.
+std::string narrow(const std::u16string& name) { return std::string(name.begin(), name.end()); }
 
 std::string treeProblemsBy(const ParsedFile& file,
                            const std::function<bool(const std::u16string&, const std::u16string&)>& less) {

@@ -5,7 +5,6 @@
 
 #include <vector>
 
-#include "host/moxhost.h"
 
 namespace {
 
@@ -34,10 +33,7 @@ void readAround(_MoxOleFile* h) {
   lOLEseek(h, -3, 1);
   lOLEseek(h, -1, 2);
   lOLEseek(h, 0, 0);
-  for (int i = 0; i < 1 << 16; ++i) {
-    uint32_t got = iOLEread(h, buffer.data(), kPieces[i % 8]);
-    if (got == 0) break;
-  }
+  for (int i = 0; i < 1 << 16 && iOLEread(h, buffer.data(), kPieces[i % 8]) != 0; ++i) continue;
 }
 
 // Opens a document nested in the current stream, if there is one.  It

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cctype>
 #include <fstream>
-#include <sstream>
 
 namespace manifest {
 
@@ -29,21 +28,10 @@ std::vector<std::u16string> unitPath(const std::string& field) {
   std::vector<std::u16string> names;
   if (field == "/") return names;
   for (const std::string& name : split(field, '/')) {
-    std::u16string units;
-    if (name != "-") {
-      for (const std::string& unit : split(name, ' ')) units += static_cast<char16_t>(std::stoul(unit, nullptr, 16));
-    }
-    names.push_back(units);
-  }
-  return names;
-}
-
-// The same names as the low bytes of their units.
-std::vector<std::string> namePath(const std::vector<std::u16string>& units) {
-  std::vector<std::string> names;
-  for (const std::u16string& name : units) {
     names.emplace_back();
-    for (char16_t u : name) names.back() += static_cast<char>(u & 0xFF);
+    for (const std::string& unit : split(name == "-" ? "" : name, ' ')) {
+      names.back() += static_cast<char16_t>(std::stoul(unit, nullptr, 16));
+    }
   }
   return names;
 }
@@ -75,7 +63,9 @@ std::vector<File> load(const std::string& corpusDir) {
                            std::stoll(f[8]), std::stoll(f[9]), std::stoll(f[10])};
     } else if (f[0] == "entry" && f.size() >= 9) {
       std::vector<std::u16string> units = unitPath(f[6]);
-      file.entries[std::stoi(f[2])] = Entry{f[3], std::stoll(f[4]), f[5], namePath(units), f[8], std::move(units)};
+      std::vector<std::string> bytes;  // the low byte of every unit
+      for (const std::u16string& name : units) bytes.emplace_back(name.begin(), name.end());
+      file.entries[std::stoi(f[2])] = Entry{f[3], std::stoll(f[4]), f[5], std::move(bytes), f[8], std::move(units)};
     }
   }
   std::vector<File> out;

@@ -3,11 +3,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 
@@ -37,20 +33,13 @@ std::vector<char*> pointers(const std::vector<std::string>& strings) {
   return out;
 }
 
-std::string temporaryFile() {
-  const char* dir = getenv("TMPDIR");
-  std::string pattern = std::string(dir != nullptr ? dir : "/tmp") + "/moxole-run-XXXXXX";
-  int fd = mkstemp(&pattern[0]);
-  if (fd >= 0) close(fd);
-  return pattern;
-}
-
 }  // namespace
 
 ProgramResult runProgram(const std::vector<std::string>& argv, const ProgramOptions& options) {
   ProgramResult result;
-  std::string outPath = options.stdoutPath.empty() ? temporaryFile() : options.stdoutPath;
-  std::string errPath = temporaryFile();
+  const ScratchDir scratch;  // the captured output, gone with it
+  const std::string outPath = options.stdoutPath.empty() ? scratch.file("out") : options.stdoutPath;
+  const std::string errPath = scratch.file("err");
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
@@ -66,12 +55,8 @@ ProgramResult runProgram(const std::vector<std::string>& argv, const ProgramOpti
     while (waitpid(pid, &status, 0) < 0) continue;
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
-  if (options.stdoutPath.empty()) {
-    result.out = slurp(outPath);
-    unlink(outPath.c_str());
-  }
-  result.err = slurp(errPath);
-  unlink(errPath.c_str());
+  if (options.stdoutPath.empty()) result.out = readFile(outPath);
+  result.err = readFile(errPath);
   return result;
 }
 
@@ -92,7 +77,7 @@ std::map<std::string, std::string> snapshotTree(const std::string& root) {
   std::error_code error;
   for (fs::recursive_directory_iterator it(root, error), end; !error && it != end; it.increment(error)) {
     const bool dir = it->symlink_status().type() == fs::file_type::directory;
-    tree[it->path().lexically_relative(root).string()] = dir ? "<dir>" : slurp(it->path().string());
+    tree[it->path().lexically_relative(root).string()] = dir ? "<dir>" : readFile(it->path().string());
   }
   return tree;
 }

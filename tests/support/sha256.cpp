@@ -2,7 +2,6 @@
 // concern: the corpus is a few megabytes).
 #include "support/sha256.h"
 
-#include <stdio.h>
 #include <string.h>
 
 namespace {
@@ -20,11 +19,8 @@ const uint32_t kRound[64] = {
 uint32_t rotr(uint32_t x, int n) { return (x >> n) | (x << (32 - n)); }
 
 void compress(uint32_t state[8], const uint8_t block[64]) {
-  uint32_t w[64];
-  for (int i = 0; i < 16; ++i) {
-    w[i] = (uint32_t{block[4 * i]} << 24) | (uint32_t{block[4 * i + 1]} << 16) |
-           (uint32_t{block[4 * i + 2]} << 8) | block[4 * i + 3];
-  }
+  uint32_t w[64] = {};
+  for (int i = 0; i < 64; ++i) w[i / 4] = w[i / 4] << 8 | block[i];  // big-endian words
   for (int i = 16; i < 64; ++i) {
     uint32_t s0 = rotr(w[i - 15], 7) ^ rotr(w[i - 15], 18) ^ (w[i - 15] >> 3);
     uint32_t s1 = rotr(w[i - 2], 17) ^ rotr(w[i - 2], 19) ^ (w[i - 2] >> 10);
@@ -63,10 +59,8 @@ std::string sha256Hex(const void* data, size_t size) {
   for (int i = 0; i < 8; ++i) tail[blocks * 64 - 1 - i] = static_cast<uint8_t>(bits >> (8 * i));
   for (size_t i = 0; i < blocks; ++i) compress(state, tail + 64 * i);
   std::string out;
-  char hex[9];
   for (uint32_t word : state) {
-    snprintf(hex, sizeof hex, "%08x", word);
-    out += hex;
+    for (int shift = 28; shift >= 0; shift -= 4) out += "0123456789abcdef"[word >> shift & 15];
   }
   return out;
 }

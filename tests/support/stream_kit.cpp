@@ -17,9 +17,7 @@ cfb::Bytes pattern(size_t size, uint32_t seed) {
 cfb::Bytes readToEnd(_MoxOleFile* h, uint32_t chunk) {
   cfb::Bytes out;
   cfb::Bytes buffer(chunk);
-  for (;;) {
-    uint32_t n = iOLEread(h, buffer.data(), chunk);
-    if (n == 0) break;
+  for (uint32_t n; (n = iOLEread(h, buffer.data(), chunk)) != 0;) {
     out.insert(out.end(), buffer.begin(), buffer.begin() + n);
   }
   return out;

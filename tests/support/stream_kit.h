@@ -8,8 +8,6 @@
 
 #include <vector>
 
-#include "host/moxhost.h"
-#include "interface/mox_file.h"
 #include "support/cfb_builder.h"
 #include "support/open_doc.h"
 

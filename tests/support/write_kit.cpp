@@ -4,9 +4,11 @@
 #include <string.h>
 
 #include <algorithm>
-#include <set>
 
+#include "format/byte_order.h"
+#include "support/document_walk.h"
 #include "support/leak_report.h"
+#include "support/manifest.h"
 #include "support/stream_kit.h"
 
 namespace writekit {
@@ -78,25 +80,13 @@ void collect(const _MoxOleTreeNode* node, const std::string& prefix,
 
 // Opens path ("A\\B\\name") with the storage-path open.
 bool openByPath(_MoxOleFile* h, const std::string& path) {
+  const std::vector<std::string> names = manifest::split(path, '\\');
+  const int depth = static_cast<int>(names.size()) - 1;
   // 36-byte name slots, outermost storage first, as one block.
-  std::vector<char> slots;
-  size_t from = 0;
-  for (size_t cut = path.find('\\'); cut != std::string::npos; cut = path.find('\\', from)) {
-    std::string name = path.substr(from, std::min<size_t>(cut - from, 35));
-    name.resize(36, 0);
-    slots.insert(slots.end(), name.begin(), name.end());
-    from = cut + 1;
-  }
-  const std::string name = path.substr(from);
-  const char(*storagePath)[36] =
-      slots.empty() ? nullptr : reinterpret_cast<const char(*)[36]>(slots.data());
-  return bOLEopenEmbeddedStreamEx(h, storagePath, static_cast<int>(slots.size() / 36),
-                                  name.c_str()) == 1;
-}
-
-std::string parentOf(const std::string& path) {
-  size_t cut = path.rfind('\\');
-  return cut == std::string::npos ? "" : path.substr(0, cut);
+  std::vector<char> slots(36 * names.size(), 0);
+  for (int i = 0; i < depth; ++i) strncpy(&slots[36 * i], names[i].c_str(), 35);
+  const char(*storagePath)[36] = depth == 0 ? nullptr : reinterpret_cast<const char(*)[36]>(slots.data());
+  return bOLEopenEmbeddedStreamEx(h, storagePath, depth, names.back().c_str()) == 1;
 }
 
 // The storage-path open descends sibling trees comparing names of equal
@@ -104,17 +94,13 @@ std::string parentOf(const std::string& path) {
 // to lower case; the two orders agree only where no sibling met on the
 // way has an upper-case letter.
 bool pathOpenCanFind(const std::map<std::string, cfb::Item>& want, const std::string& path) {
-  std::set<std::string> mixedCase;  // storages with a child named in upper case
   for (const auto& kv : want) {
-    const std::string name = kv.first.substr(kv.first.rfind('\\') + 1);  // all of it at the top
-    if (std::any_of(name.begin(), name.end(), [](char c) { return c >= 'A' && c <= 'Z'; })) {
-      mixedCase.insert(parentOf(kv.first));
-    }
+    const std::string parent = kv.first.substr(0, kv.first.rfind('\\') + 1);  // "" or ending in '\\'
+    auto upper = [](char c) { return c >= 'A' && c <= 'Z'; };
+    const bool mixed = std::any_of(kv.first.begin() + parent.size(), kv.first.end(), upper);
+    if (mixed && path.rfind(parent, 0) == 0) return false;  // met on the way down to path
   }
-  for (std::string at = path;; at = parentOf(at)) {
-    if (mixedCase.count(parentOf(at)) > 0) return false;
-    if (parentOf(at).empty()) return true;
-  }
+  return true;
 }
 
 }  // namespace
@@ -125,11 +111,10 @@ void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::I
   _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
   ASSERT_NE(h, nullptr) << "the library cannot open the file";
   moxhost::PoolServices pools;
-  HostMemory* pool = pools.createPool(4096, 0, nullptr);
-  _MoxOleTreeNode* root = nullptr;
-  EXPECT_EQ(iOLEGetStreamTree(h, pool, &root), 0);
-  std::map<std::string, const _MoxOleTreeNode*> seen;  // the nodes live as long as the pool
-  if (root != nullptr) collect(root, "", &seen);
+  const StreamTree tree(h, pools);
+  EXPECT_EQ(tree.status(), 0);
+  std::map<std::string, const _MoxOleTreeNode*> seen;  // the nodes live as long as the tree
+  if (tree.root() != nullptr) collect(tree.root(), "", &seen);
 
   EXPECT_EQ(seen.size(), want.size());
   for (const auto& kv : want) {
@@ -150,16 +135,13 @@ void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::I
       EXPECT_FALSE(pathOpenCanFind(want, kv.first)) << kv.first << " not opened by path";
     }
   }
-  pools.destroyPool(pool);
   bOLEcloseStream(h, nullptr);
   EXPECT_EQ(iOLEclose(h), 1);
   EXPECT_EQ(memory.liveBlocks(), 0);
 }
 
 uint32_t u32(const cfb::Bytes& file, size_t offset) {
-  return static_cast<uint32_t>(file.at(offset)) | (static_cast<uint32_t>(file.at(offset + 1)) << 8) |
-         (static_cast<uint32_t>(file.at(offset + 2)) << 16) |
-         (static_cast<uint32_t>(file.at(offset + 3)) << 24);
+  return moxfmt::get32(moxfmt::ByteOrder::kLittle, &file.at(offset + 3) - 3);  // at(): throws past the end
 }
 
 }  // namespace writekit

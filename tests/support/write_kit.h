@@ -12,7 +12,6 @@
 
 #include "host/moxhost.h"
 #include "interface/mox_file.h"
-#include "support/cfb_builder.h"
 #include "support/cfb_reader.h"
 
 namespace writekit {

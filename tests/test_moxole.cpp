@@ -167,14 +167,6 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
   ASSERT_EQ(mkdir(at("full").c_str(), 0777), 0);
   ASSERT_TRUE(spit(at("full/WordDocument"), "mine"));
   ASSERT_TRUE(spit(at("previous.doc"), "previous content"));
-  // Folders pack refuses: a name too long, one holding '\', an empty one,
-  // two that differ only in letter case.
-  const std::string refused[] = {"ThisNameIsThirtyTwoCharactersLon", "a\\b", "\\x00", "Data"};
-  for (int i = 0; i < 4; ++i) {
-    ASSERT_EQ(mkdir(at("src" + std::to_string(i)).c_str(), 0777), 0);
-    ASSERT_TRUE(spit(at("src" + std::to_string(i) + "/" + refused[i]), "x"));
-  }
-  ASSERT_TRUE(spit(at("src3/DATA"), "x"));
   // A mini stream and two regular streams, laid out by the builder in this
   // order, the mini stream last of all; cut inside the directory (nothing
   // can be loaded), and 10 bytes into the large stream's last sector,
@@ -208,7 +200,6 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"ls", "-lx", "a"}, 1, "moxole: ls: unknown option '-lx'\nusage: moxole ls [-l] [-R] FILE [PATH]\n"},
       {{"object", "a.doc", "12x", "out"}, 1, "moxole: object: N must be a decimal object number\n"},
       // Inputs that are not documents.
-      {{"cat", at("missing.doc"), "WordDocument"}, 3, "moxole: " + at("missing.doc") + ": no such file or directory\n"},
       {{"extract", at("notes.txt"), at("out")}, 2, "moxole: " + at("notes.txt") + ": not a compound file\n"},
       {{"pack", at("missing"), at("out.doc")}, 3, "moxole: " + at("missing") + ": no such file or directory\n"},
       {{"pack", at("notes.txt"), at("out.doc")}, 4, "moxole: " + at("notes.txt") + ": not a directory\n"},
@@ -221,20 +212,10 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"object", "-p", doc, "1", at("pic")}, 3, "moxole: " + doc + ": object 1 has no \\x03PIC stream\n"},
       // Outputs that cannot be written.
       {{"extract", doc, at("full")}, 4, "moxole: " + at("full") + ": directory is not empty\n"},
-      {{"extract", doc, at("plain/out")}, 4, "moxole: " + at("plain/out") + ": not a directory\n"},
       {{"extract", doc, at("plain")}, 4, "moxole: " + at("plain") + ": exists and is not a directory\n"},
       {{"extract", doc, at("a/b/c")}, 4, "moxole: " + at("a/b/c") + ": no such file or directory\n"},
-      {{"pack", at("full"), at("plain/out.doc")}, 4, "moxole: " + at("plain/out.doc") + ": not a directory\n"},
       {{"pack", at("full"), at("missing/out.doc")}, 4,
        "moxole: " + at("missing/out.doc") + ": no such file or directory\n"},
-      {{"pack", at("src0"), at("previous.doc")}, 4,
-       "moxole: " + at("src0/") + refused[0] + ": name is longer than 31 characters\n"},
-      {{"pack", at("src1"), at("previous.doc")}, 4,
-       "moxole: " + at("src1/") + refused[1] + ": name holds a '\\', which a compound file path cannot carry\n"},
-      {{"pack", at("src2"), at("previous.doc")}, 4,
-       "moxole: " + at("src2/") + refused[2] + ": an empty entry name cannot be packed\n"},
-      {{"pack", at("src3"), at("previous.doc")}, 4,
-       "moxole: " + at("src3/Data") + ": differs from DATA only in letter case, which siblings may not\n"},
       {{"props", doc, "Nothing"}, 3, "moxole: " + doc + ": no entry Nothing\n"},
       {{"props", doc, "A/B/C/deep"}, 2, "moxole: A/B/C/deep: too short for a property set (10 bytes)\n"},
       // Damaged documents, whichever engine reads them.
@@ -256,6 +237,19 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"rm", doc}, 1, "moxole: rm: missing operand\nusage: moxole rm FILE PATH\n"},
       {{"rm", doc, "/"}, 1, "moxole: " + doc + ": the root cannot be changed this way\n"},
   };
+  // Folders pack refuses, over an existing file: a name too long, one
+  // holding '\', an empty one, two that differ only in letter case.
+  const std::pair<std::string, std::string> refused[] = {
+      {"ThisNameIsThirtyTwoCharactersLon", "name is longer than 31 characters"},
+      {"a\\b", "name holds a '\\', which a compound file path cannot carry"},
+      {"\\x00", "an empty entry name cannot be packed"},
+      {"Data", "differs from DATA only in letter case, which siblings may not"}};
+  for (const auto& [name, reason] : refused) {
+    const std::string src = at("src-" + std::to_string(cases.size()));
+    ASSERT_EQ(mkdir(src.c_str(), 0777), 0);
+    ASSERT_TRUE(spit(src + "/" + name, "x") && (name != "Data" || spit(src + "/DATA", "x")));
+    cases.push_back({{"pack", src, at("previous.doc")}, 4, "moxole: " + src + "/" + name + ": " + reason + "\n"});
+  }
   const std::string before = slurp(doc);
   for (const char* command : {"info", "ls", "tree", "objects", "check", "props"}) {
     cases.push_back({{command, at("missing.doc")}, 3, "moxole: " + at("missing.doc") + ": no such file or directory\n"});
@@ -297,8 +291,8 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
 }
 
 // Help needs no library; any other command names a library that cannot be
-// loaded and exits with 4, and the variable wins over the library beside
-// the program.
+// loaded, or is not this library, and exits with 4; the variable wins over
+// the library beside the program.
 TEST(MoxoleUsage, HelpIsShownForEveryCommandAndAnUnloadableLibraryIsNamed) {
   ProgramResult r = moxole({});
   EXPECT_EQ(r.status, 1);
@@ -313,10 +307,8 @@ TEST(MoxoleUsage, HelpIsShownForEveryCommandAndAnUnloadableLibraryIsNamed) {
     EXPECT_EQ(help.out.rfind(std::string("usage: moxole ") + command + " ", 0), 0u) << help.out;
     EXPECT_GT(help.out.size(), 60u) << "no description for " << command;
   }
-  moxtest::ScratchDir dir;
-  ASSERT_TRUE(spit(dir.file("text.so"), "not a shared object\n"));
   moxtest::ProgramOptions options;
-  for (const std::string& library : {std::string("/nonexistent/libmoxolefio.so"), dir.file("text.so")}) {
+  for (const std::string library : {"/nonexistent/libmoxolefio.so", "libm.so.6"}) {
     options.setEnv["MOXOLE_LIBRARY"] = library;
     EXPECT_EQ(moxtest::runProgram({MOXOLE_PROGRAM, "cat", "-h"}, options).status, 0);
     r = moxtest::runProgram({MOXOLE_PROGRAM, "info", MOX_SOURCE_DIR "/samples/sample.doc"}, options);

@@ -223,8 +223,7 @@ TEST(CommitKills, KilledCommitsLeaveOneWholeGeneration) {
       mox::CompoundFile f = mox::CompoundFile::open_rw(path);
       for (unsigned generation = 1;; ++generation) {
         const Bytes body = pattern(bodySize(generation), generation);
-        mox::Stream big = f.create_stream("big");
-        big.write(body.data(), body.size());
+        f.create_stream("big").write(body.data(), body.size());
         const std::string n = std::to_string(generation);
         f.create_stream("n").write(n.data(), n.size());
         f.commit();

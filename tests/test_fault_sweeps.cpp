@@ -175,8 +175,8 @@ int64_t sessionJob(Fault f, int64_t n, bool reading) {
   for (size_t i = 0; !failed && i < shape.size(); ++i) {
     const writekit::Part& p = shape[i];
     if (reading) {
-      const int status = p.type == 2 ? iOLEopenStreamEx(h, p.path.c_str(), 0, 0) : 6;
-      EXPECT_TRUE(status == 0 || status == 6 || status == -1) << p.path << ": " << status;
+      const int status = p.type == 2 ? iOLEopenStreamEx(h, p.path.c_str(), 0, 0) : 0;
+      EXPECT_TRUE(status == 0 || (n > 0 && (status == 6 || status == -1))) << p.path << ": " << status;
       EXPECT_TRUE(status != 0 || readToEnd(h) == p.data) << p.path;
       continue;
     }

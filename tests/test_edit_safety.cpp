@@ -128,17 +128,15 @@ TEST_P(CommitFaults, EveryFailingOperationLeavesOldOrNew) {
   // The new content, made the same way without faults but with every
   // write taking half of what it is given, as a nearly full disk or a
   // signal may leave it: a commit carries them on to the last byte.
-  Bytes fresh;
+  makeStart(path, version);
+  const Bytes old = fileBytes(path);
   {
-    makeStart(path, version);
     mox::CompoundFile f = mox::CompoundFile::open_rw(path);
     edit(f, 3, kind);
     Ops halves(0, true);
     f.commit();
-    fresh = fileBytes(path);
   }
-  makeStart(path, version);
-  const Bytes old = fileBytes(path);
+  const Bytes fresh = fileBytes(path);
   int operations = 0;
   for (int failAt = 1;; ++failAt) {
     SCOPED_TRACE("failing operation " + std::to_string(failAt));
@@ -225,8 +223,7 @@ TEST(CommitKills, KilledCommitsLeaveOneWholeGeneration) {
       mox::CompoundFile f = mox::CompoundFile::open_rw(path);
       for (unsigned generation = 1;; ++generation) {
         const Bytes body = pattern(bodySize(generation), generation);
-        mox::Stream big = f.create_stream("big");
-        big.write(body.data(), body.size());
+        f.create_stream("big").write(body.data(), body.size());
         const std::string n = std::to_string(generation);
         f.create_stream("n").write(n.data(), n.size());
         f.commit();

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <functional>
@@ -44,16 +43,20 @@ Sample makeSample(bool withSplitList) {
   Sample s;
   cfb::CfbBuilder inner;
   for (const SampleStream& stream : kInner) inner.addStream(0, stream.name, stream.data);
+  Bytes meta = pattern(25008, 8);  // "_1" is an embedded object too
+  meta[0] = 8;  // the metafile header's own length
+  meta[1] = 0;
   s.streams = {{"", "Empty", {}},
                {"", "Mini", pattern(1000, 3)},
-               {"", "Regular", pattern(6000, 4)},
-               {"Obj", "Data", pattern(4095, 5)},
-               {"Obj", "Wide", pattern(4096, 6)},
+               {"", "WordDocument", pattern(6000, 4)},
+               {"_1", "Data", pattern(4095, 5)},
+               {"_1", "Wide", pattern(4096, 6)},
+               {"_1", "\x03META", meta},
                {"", "Nested", inner.build()}};
   // Long enough for its sector list to be split in two.
   if (withSplitList) s.streams.push_back({"", "Long", pattern(16384 * 512, 7)});
   cfb::CfbBuilder b;
-  int obj = b.addStorage(0, "Obj");
+  int obj = b.addStorage(0, "_1");
   for (const SampleStream& stream : s.streams) b.addStream(stream.storage.empty() ? 0 : obj, stream.name, stream.data);
   s.file = b.build();
   return s;
@@ -73,28 +76,34 @@ void expectPrefix(Check check, const Bytes& read, const Bytes& data, const std::
       << what << ": " << read.size() << " of " << data.size() << " bytes";
 }
 
-void readInner(Check check, _MoxOleFile* outer, HostMemory* memory) {
-  _ZqTPIOobj* io = hSwitchToOLE(outer);
-  if (io == nullptr) return;
-  _MoxOleFile* inner = hOLEopen(io, memory);
-  EXPECT_TRUE(inner != nullptr || check != Check::kWhole);
-  if (inner != nullptr) {
-    for (const SampleStream& stream : kInner) {
-      if (bOLEopenStream(inner, stream.name.c_str())) {
-        expectPrefix(check, readToEnd(inner, 3000), stream.data, stream.name);
+// Each of `streams` by name and by path, a nested document's streams too.
+void readStreams(Check check, _MoxOleFile* h, const std::vector<SampleStream>& streams, HostMemory* memory) {
+  for (const SampleStream& stream : streams) {
+    const char* storage = stream.storage.empty() ? nullptr : stream.storage.c_str();
+    char path[1][36] = {};
+    strncpy(path[0], stream.storage.c_str(), 35);
+    const bool byName = bOLEopenEmbeddedStream(h, stream.name.c_str(), storage);
+    if (byName) expectPrefix(check, readToEnd(h, 5000), stream.data, stream.name);
+    if (_ZqTPIOobj* io = byName && stream.name == "Nested" ? hSwitchToOLE(h) : nullptr) {
+      _MoxOleFile* inner = hOLEopen(io, memory);
+      EXPECT_TRUE(inner != nullptr || check != Check::kWhole);
+      if (inner != nullptr) {
+        readStreams(check, inner, kInner, memory);
+        bOLEcloseStream(inner, nullptr);
+        iOLEclose(inner);
       }
+      hSwitchFromOLE(h);
     }
-    bOLEcloseStream(inner, nullptr);
-    iOLEclose(inner);
+    const bool byPath = bOLEopenEmbeddedStreamEx(h, path, storage ? 1 : 0, stream.name.c_str());
+    if (byPath) expectPrefix(check, readToEnd(h, 4096), stream.data, stream.name);
+    EXPECT_TRUE((byName && byPath) || check != Check::kWhole) << stream.name;
   }
-  hSwitchFromOLE(outer);
 }
 
-// Opens the document and every stream in each of the ways there are,
-// reading each whole, the nested document included.
-int64_t readJob(Fault f, int64_t n, bool afterOpen) {
-  static const Sample plain = makeSample(false), split = makeSample(true);
-  const Sample& s = f == Fault::kAllocation ? split : plain;
+// Opens the document, reads `streams` in each of the ways there are and
+// copies the object out, then reads every entry by number: a fault may
+// lose an entry, never change one that still reads whole.
+int64_t readJob(const Sample& s, Fault f, int64_t n, bool afterOpen) {
   moxhost::MemoryIo io(s.file);
   moxhost::CountingMemory memory;
   Check check = n == 0 ? Check::kWhole : Check::kPrefix;
@@ -103,31 +112,33 @@ int64_t readJob(Fault f, int64_t n, bool afterOpen) {
     if (f != Fault::kAllocation && n > 0) check = Check::kNothing;
   }
   _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
-  static int64_t opening[6];  // occurrences of each fault an undisturbed open makes
-  if (n == 0 && !afterOpen) opening[static_cast<int>(f)] = moxtest::occurrences(f, io, memory.faults());
+  static int64_t opening;  // occurrences of the fault an undisturbed open makes, for the row
+  static std::map<int, Bytes> whole;  // entries as the row's undisturbed run reads them
+  if (n == 0 && !afterOpen) opening = moxtest::occurrences(f, io, memory.faults());
+  if (n == 0) whole.clear();
   // Read 2 is the only FAT sector, which may be cut short (the missing
   // entries read as free); the header seek's result is ignored.  Every
   // other failure in the open fails it.
   const bool tolerated =
       afterOpen || ((f == Fault::kEmptyRead || f == Fault::kShortRead) && n == 2) || (f == Fault::kSeek && n == 1);
-  EXPECT_TRUE(tolerated || (h != nullptr) == (n == 0 || n > opening[static_cast<int>(f)])) << "opened: " << (h != nullptr);
+  EXPECT_TRUE(tolerated || (h != nullptr) == (n == 0 || n > opening)) << "opened: " << (h != nullptr);
   if (h != nullptr) {
     if (afterOpen) moxtest::arm(f, n, io, memory.faults());
-    for (const SampleStream& stream : s.streams) {
-      const char* storage = stream.storage.empty() ? nullptr : stream.storage.c_str();
-      char path[1][36] = {};
-      strncpy(path[0], stream.storage.c_str(), 35);
-      const bool byName = bOLEopenEmbeddedStream(h, stream.name.c_str(), storage);
-      if (byName) {
-        expectPrefix(check, readToEnd(h, 5000), stream.data, stream.name);
-        if (stream.name == "Nested") readInner(check, h, memory.memory());
-      }
-      const bool byPath = bOLEopenEmbeddedStreamEx(h, path, storage ? 1 : 0, stream.name.c_str());
-      if (byPath) expectPrefix(check, readToEnd(h, 4096), stream.data, stream.name);
-      EXPECT_TRUE((byName && byPath) || check != Check::kWhole) << stream.name;
+    readStreams(check, h, s.streams, memory.memory());
+    // The sample's object copied out, succeeding or not, a host reading
+    // WordDocument finds its stream where it was.
+    if (!s.streams.empty()) {
+      const bool placed = bOLEopenStream(h, "WordDocument") && lOLEseek(h, 100, 0) == 100;
+      const int copied = placed ? bOLEgetObject(h, 1, const_cast<char*>("/dev/null"), 3) : 0;
+      EXPECT_TRUE(copied == 1 || check != Check::kWhole);
+      EXPECT_EQ(copied == 1 ? lOLEtell(h) : 100, 100);
     }
     for (int entry = 0; entry < h->iDirCount; ++entry) {
-      if (iReadStreamChain(entry, h) == 0 && lOLEseek(h, 0, 0) == 0) readToEnd(h, 70000);
+      if (iReadStreamChain(entry, h) != 0 || lOLEseek(h, 0, 0) != 0) continue;
+      const Bytes data = readToEnd(h, 65536);
+      if (n == 0) whole[entry] = data;
+      const bool comparable = check != Check::kNothing && static_cast<int64_t>(data.size()) == h->lStreamSize;
+      EXPECT_TRUE(!comparable || (whole.count(entry) && whole[entry] == data)) << "entry " << entry;
     }
     bOLEcloseStream(h, nullptr);
     EXPECT_EQ(iOLEclose(h), 1);
@@ -136,42 +147,6 @@ int64_t readJob(Fault f, int64_t n, bool afterOpen) {
   EXPECT_EQ(io.closeCalls(), io.openCalls());
   EXPECT_LE(io.openCalls(), 1);
   return moxtest::occurrences(f, io, memory.faults());
-}
-
-// --- Extracting an embedded object -------------------------------------------
-
-Bytes objectSample() {
-  cfb::CfbBuilder b;
-  b.addStream(0, "WordDocument", pattern(9000, 1));
-  int pool = b.addStorage(0, "ObjectPool");
-  int one = b.addStorage(pool, "_1");
-  Bytes meta = pattern(25008, 2);
-  meta[0] = 8;  // the metafile header's own length
-  meta[1] = 0;
-  b.addStream(one, "\x03META", meta);
-  b.addStream(one, "\x03PIC", pattern(100, 3));
-  return b.build();
-}
-
-int64_t objectJob(Fault f, int64_t n) {
-  static const Bytes bytes = objectSample();
-  OpenDoc doc(bytes);
-  EXPECT_TRUE(doc.ok());
-  if (!doc.ok()) return 0;
-  EXPECT_EQ(bOLEopenStream(doc.h(), "WordDocument"), 1);
-  EXPECT_EQ(lOLEseek(doc.h(), 100, 0), 100);
-  char out[] = "/tmp/moxfaultXXXXXX";
-  close(mkstemp(out));
-  const int64_t before = moxtest::occurrences(f, doc.io(), doc.memory().faults());
-  moxtest::arm(f, n, doc.io(), doc.memory().faults());
-  const int result = bOLEgetObject(doc.h(), 1, out, 3);
-  const int64_t seen = moxtest::occurrences(f, doc.io(), doc.memory().faults());
-  doc.memory().faults().disarm();
-  unlink(out);
-  EXPECT_TRUE(result == 1 || n > 0);
-  // Succeeding or not, the reading host finds its stream where it was.
-  EXPECT_EQ(result == 1 ? lOLEtell(doc.h()) : 100, 100);
-  return f == Fault::kAllocation ? seen : seen - before;
 }
 
 // --- Writing ------------------------------------------------------------------
@@ -185,17 +160,26 @@ writekit::Shape sessionShape() {
 // A whole session (open, creates, writes, close) with the services'
 // memory failing.  Each call works or reports 2.  A careful host retries a
 // refused creation, which must then work and leave the document exactly
-// as if nothing had failed; a refused write ends the session.
-int64_t sessionJob(Fault f, int64_t n) {
+// as if nothing had failed; a refused write ends the session.  Or, with
+// `reading`, the document that session writes opened read-only: lookups
+// fail cleanly or find what it holds, and nothing is ever written.
+int64_t sessionJob(Fault f, int64_t n, bool reading) {
   static const writekit::Shape shape = sessionShape();
   static const Bytes whole = writekit::write(shape);
   moxhost::PoolServices host;
-  moxhost::MemoryIo io;
+  moxhost::MemoryIo io(reading ? whole : Bytes());
   moxtest::arm(f, n, io, host.faults());
-  _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 1);
+  _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), reading ? 0 : 1);
+  EXPECT_TRUE(h != nullptr || n > 0);
   bool failed = h == nullptr, retried = false;
   for (size_t i = 0; !failed && i < shape.size(); ++i) {
     const writekit::Part& p = shape[i];
+    if (reading) {
+      const int status = p.type == 2 ? iOLEopenStreamEx(h, p.path.c_str(), 0, 0) : 0;
+      EXPECT_TRUE(status == 0 || (n > 0 && (status == 6 || status == -1))) << p.path << ": " << status;
+      EXPECT_TRUE(status != 0 || readToEnd(h) == p.data) << p.path;
+      continue;
+    }
     int status = iOLEopenStreamEx(h, p.path.c_str(), p.type, 1);
     if (status == 2) {
       retried = true;
@@ -210,6 +194,7 @@ int64_t sessionJob(Fault f, int64_t n) {
   }
   EXPECT_EQ(h == nullptr ? 1 : iOLEclose(h), 1);
   EXPECT_TRUE((n > 0 && !(retried && !failed)) || io.bytes() == whole) << "not as an undisturbed session writes it";
+  EXPECT_TRUE(!reading || io.writeCalls() == 0);
   EXPECT_EQ(moxtest::leakReport(host), "");
   EXPECT_EQ(io.closeCalls(), io.openCalls());
   EXPECT_LE(io.openCalls(), 1);
@@ -221,69 +206,15 @@ int64_t sessionJob(Fault f, int64_t n) {
 // FAT sectors, 151 directory sectors, an 8 MiB stream, 2.3 MiB of mini
 // stream.  A refused write is never retried: the file comes out short.
 int64_t closeJob(Fault f, int64_t n) {
-  static writekit::Shape shape;
-  if (shape.empty()) {
-    shape.push_back({"Big", 2, pattern(16384 * 512, 1)});
-    for (int i = 0; i < 600; ++i) shape.push_back({"m" + std::to_string(i), 2, pattern(4000, i)});
-  }
   writekit::NewFile file;
-  for (const writekit::Part& p : shape) EXPECT_EQ(file.stream(p.path, p.data), 0);
+  EXPECT_EQ(file.stream("Big", pattern(16384 * 512, 1)), 0);
+  for (int i = 0; i < 600; ++i) EXPECT_EQ(file.stream("m" + std::to_string(i), pattern(4000, i)), 0);
   moxtest::arm(f, n, file.io(), file.host().faults());
   const Bytes& got = file.close();  // checks leaks and the one close
   static const size_t wholeSize = got.size();  // the undisturbed run comes first
   EXPECT_TRUE(n == 0 ? writekit::u32(got, 0x48) == 1u : got.size() < wholeSize)
       << (n == 0 ? "not one DIFAT sector" : "a refused write did not cut the file short");
   return file.io().writeCalls();
-}
-
-// A document opened read-only by path, its memory failing: the open fails
-// cleanly or lookups work for what it holds; nothing is ever written.
-int64_t openForReadingJob(Fault f, int64_t n) {
-  static const Bytes data = pattern(5000, 1);
-  static const Bytes source = writekit::write({{"Dir", 1, {}}, {"Dir\\Data", 2, data}, {"Top", 2, pattern(10, 3)}});
-  moxhost::PoolServices host;
-  moxhost::MemoryIo io(source);
-  moxtest::arm(f, n, io, host.faults());
-  _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 0);
-  EXPECT_TRUE(h != nullptr || n > 0);
-  if (h != nullptr) {
-    const int status = iOLEopenStreamEx(h, "Dir\\Data", 0, 0);
-    EXPECT_TRUE(status == 0 || status == 6 || status == -1) << status;
-    EXPECT_TRUE(status != 0 || readToEnd(h) == data);
-    bOLEcloseStream(h, nullptr);
-    iOLEclose(h);
-  }
-  EXPECT_EQ(moxtest::leakReport(host), "");
-  EXPECT_EQ(io.closeCalls(), io.openCalls());
-  EXPECT_EQ(io.writeCalls(), 0);
-  return moxtest::occurrences(f, io, host.faults());
-}
-
-// --- Real files ----------------------------------------------------------------
-
-// Every stream of a corpus file by entry number; a failed allocation may
-// lose streams, never change one.
-int64_t corpusJob(const char* path, Fault f, int64_t n) {
-  static std::map<std::string, std::map<int, Bytes>> undisturbed;
-  Bytes file;
-  EXPECT_TRUE(moxhost::readFile(corpus::directory() + "/" + path, &file)) << path;
-  moxhost::MemoryIo io(file);
-  moxhost::CountingMemory memory;
-  moxtest::arm(f, n, io, memory.faults());
-  std::map<int, Bytes>& whole = undisturbed[path];
-  if (_MoxOleFile* h = hOLEopen(io.io(), memory.memory())) {
-    for (int entry = 0; entry < h->iDirCount; ++entry) {
-      if (h->pDir[entry].byType != 2 || iReadStreamChain(entry, h) != 0 || lOLEseek(h, 0, 0) != 0) continue;
-      const Bytes data = readToEnd(h, 65536);
-      if (static_cast<int64_t>(data.size()) != h->lStreamSize) continue;
-      if (n == 0) whole[entry] = data;
-      else EXPECT_TRUE(whole.count(entry) && whole[entry] == data) << "entry " << entry;
-    }
-    bOLEcloseStream(h, nullptr);
-    iOLEclose(h);
-  }
-  EXPECT_EQ(memory.liveBlocks(), 0);
-  return moxtest::occurrences(f, io, memory.faults());
 }
 
 // --- The table ------------------------------------------------------------------
@@ -298,21 +229,26 @@ struct Case {
 
 std::vector<Case> cases() {
   std::vector<Case> all;
-  auto reads = [](bool afterOpen) { return [afterOpen](Fault f, int64_t n) { return readJob(f, n, afterOpen); }; };
-  all.push_back({"ReadEverything", Fault::kAllocation, reads(false), 100});
+  static const Sample plain = makeSample(false), split = makeSample(true);
+  auto reads = [](const Sample& s, bool afterOpen) {
+    return [&s, afterOpen](Fault f, int64_t n) { return readJob(s, f, n, afterOpen); };
+  };
+  all.push_back({"ReadEverything", Fault::kAllocation, reads(split, false), 100});
   for (Fault f : {Fault::kEmptyRead, Fault::kShortRead, Fault::kSeek, Fault::kSeeksFrom}) {
-    all.push_back({"ReadEverythingFromOpen", f, reads(false), 11});
-    all.push_back({"ReadEverythingAfterOpen", f, reads(true), 11});
+    all.push_back({"ReadEverythingFromOpen", f, reads(plain, false), 11});
+    all.push_back({"ReadEverythingAfterOpen", f, reads(plain, true), 11});
   }
-  for (Fault f : {Fault::kAllocation, Fault::kShortRead, Fault::kSeek}) all.push_back({"GetObject", f, objectJob});
-  all.push_back({"WriterSession", Fault::kAllocation, sessionJob, 50});
+  all.push_back({"WriterSession", Fault::kAllocation, [](Fault f, int64_t n) { return sessionJob(f, n, false); }, 50});
   all.push_back({"WriterClose", Fault::kWrite, closeJob, 150, 5});
-  all.push_back({"OpenForReading", Fault::kAllocation, openForReadingJob, 5});
+  all.push_back({"OpenForReading", Fault::kAllocation, [](Fault f, int64_t n) { return sessionJob(f, n, true); }, 5});
   int i = 0;
   for (const char* path : {"poi/Notes.ole2", "poi/BlockSize4096.zvi", "damaged/rust-cfb/loop_in_minichain",
                            "damaged/compoundfiles/invalid_truncated.dat"}) {
-    all.push_back({"Corpus" + std::to_string(i++), Fault::kAllocation,
-                   [path](Fault f, int64_t n) { return corpusJob(path, f, n); }});
+    all.push_back({"Corpus" + std::to_string(i++), Fault::kAllocation, [path](Fault f, int64_t n) {
+                     Sample file;  // every entry by number
+                     EXPECT_TRUE(moxhost::readFile(corpus::directory() + "/" + path, &file.file)) << path;
+                     return readJob(file, f, n, false);
+                   }});
   }
   return all;
 }

@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <iostream>
 
-#include "moxolefio/moxolefio.hpp"
 #include "support/moxole_cli.h"
 #include "support/sample_tree.h"
 #include "support/vos_scratch.h"
@@ -37,21 +37,20 @@ class Moxole : public ::testing::Test {
 // --- Reading ---------------------------------------------------------------
 
 TEST_F(Moxole, ExtractAndPackRoundTripTheTreeExactlyAndDrawProgressOnATerminal) {
-  const std::map<std::string, std::string> source = moxtest::sampleSnapshot(tree_);
-  ProgramResult r = moxole({"extract", doc_, at("out1")});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.err, "") << "no progress line when stderr is not a terminal";
+  // The sample, extracted and packed, then extract(pack(tree)) the same.
   // An entry written outside the target would be missing from it.
-  EXPECT_TRUE(snapshotTree(at("out1")) == source);
-
-  r = moxole({"pack", at("out1"), at("one.doc")});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.err, "");
-  ASSERT_EQ(moxole({"extract", at("one.doc"), at("out2")}).status, 0);
-  EXPECT_TRUE(snapshotTree(at("out2")) == source) << "extract(pack(tree)) differs from the tree";
-  ASSERT_EQ(moxole({"pack", at("out2"), at("two.doc")}).status, 0);
+  const std::string one = at("one.doc"), two = at("two.doc");
+  ProgramResult r;
+  for (const auto& [from, to, doc] : {std::array<std::string, 3>{doc_, at("out1"), one}, {one, at("out2"), two}}) {
+    for (const std::vector<std::string>& args : {std::vector<std::string>{"extract", from, to}, {"pack", to, doc}}) {
+      r = moxole(args);
+      ASSERT_EQ(r.status, 0) << r.err;
+      EXPECT_EQ(r.err, "") << "no progress line when stderr is not a terminal";
+    }
+    EXPECT_TRUE(snapshotTree(to) == moxtest::sampleSnapshot(tree_)) << from;
+  }
   // Packing sorts names, so equal trees make equal files.
-  EXPECT_TRUE(slurp(at("one.doc")) == slurp(at("two.doc")));
+  EXPECT_TRUE(slurp(one) == slurp(two));
 
   // On a terminal, given by script(1), progress is drawn and the last
   // thing drawn wipes the line.
@@ -148,13 +147,12 @@ TEST(MoxoleEdit, CommandsBuildAndChangeADocument) {
   EXPECT_EQ(moxole({"mv", doc, "Dir/\\x05Small", "Other/Deep/tiny"}).status, 0);  // renamed and moved
   EXPECT_EQ(moxole({"put", doc, "Other/Big", "-"}).status, 0);                    // replaced, from empty stdin
   EXPECT_EQ(moxole({"rm", doc, "Dir"}).status, 0);
-  const mox::CompoundFile f = mox::CompoundFile::open(doc);
-  EXPECT_FALSE(f.exists("Dir"));
-  const std::vector<std::uint8_t> tiny = f.open_stream("Other/Deep/tiny").read_all();
-  EXPECT_EQ(std::string(tiny.begin(), tiny.end()), "from stdin");
-  EXPECT_EQ(f.entry("Other/Big")->size, 0u);
-  EXPECT_TRUE(f.check().empty());
   EXPECT_EQ(snapshotTree(dir.path()).size(), 2u) << "temporary files left behind";
+  EXPECT_EQ(moxole({"check", doc}).out, "") << "the edited document has defects";
+  ASSERT_EQ(moxole({"extract", doc, dir.file("out")}).status, 0);
+  const std::map<std::string, std::string> edited = {
+      {"Other", "<dir>"}, {"Other/Big", ""}, {"Other/Deep", "<dir>"}, {"Other/Deep/tiny", "from stdin"}};
+  EXPECT_TRUE(snapshotTree(dir.file("out")) == edited);
 }
 
 // --- Failures --------------------------------------------------------------
@@ -167,14 +165,6 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
   ASSERT_EQ(mkdir(at("full").c_str(), 0777), 0);
   ASSERT_TRUE(spit(at("full/WordDocument"), "mine"));
   ASSERT_TRUE(spit(at("previous.doc"), "previous content"));
-  // Folders pack refuses: a name too long, one holding '\', an empty one,
-  // two that differ only in letter case.
-  const std::string refused[] = {"ThisNameIsThirtyTwoCharactersLon", "a\\b", "\\x00", "Data"};
-  for (int i = 0; i < 4; ++i) {
-    ASSERT_EQ(mkdir(at("src" + std::to_string(i)).c_str(), 0777), 0);
-    ASSERT_TRUE(spit(at("src" + std::to_string(i) + "/" + refused[i]), "x"));
-  }
-  ASSERT_TRUE(spit(at("src3/DATA"), "x"));
   // A mini stream and two regular streams, laid out by the builder in this
   // order, the mini stream last of all; cut inside the directory (nothing
   // can be loaded), and 10 bytes into the large stream's last sector,
@@ -194,6 +184,7 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
     ASSERT_TRUE(spit(path, std::string(bytes.begin(), bytes.end())));
   }
   const std::string damaged = "moxole: " + noDirectory + ": damaged compound file: ";
+  moxtest::ScratchDir partial;  // what extract wrote before the cut stays there
   const std::string cutShort = "moxole: " + shortDoc + ": stream Large is cut short (19968 of 20480 bytes)\n";
   struct Case {
     std::vector<std::string> args;
@@ -208,7 +199,6 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"ls", "-lx", "a"}, 1, "moxole: ls: unknown option '-lx'\nusage: moxole ls [-l] [-R] FILE [PATH]\n"},
       {{"object", "a.doc", "12x", "out"}, 1, "moxole: object: N must be a decimal object number\n"},
       // Inputs that are not documents.
-      {{"cat", at("missing.doc"), "WordDocument"}, 3, "moxole: " + at("missing.doc") + ": no such file or directory\n"},
       {{"extract", at("notes.txt"), at("out")}, 2, "moxole: " + at("notes.txt") + ": not a compound file\n"},
       {{"pack", at("missing"), at("out.doc")}, 3, "moxole: " + at("missing") + ": no such file or directory\n"},
       {{"pack", at("notes.txt"), at("out.doc")}, 4, "moxole: " + at("notes.txt") + ": not a directory\n"},
@@ -221,20 +211,10 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"object", "-p", doc, "1", at("pic")}, 3, "moxole: " + doc + ": object 1 has no \\x03PIC stream\n"},
       // Outputs that cannot be written.
       {{"extract", doc, at("full")}, 4, "moxole: " + at("full") + ": directory is not empty\n"},
-      {{"extract", doc, at("plain/out")}, 4, "moxole: " + at("plain/out") + ": not a directory\n"},
       {{"extract", doc, at("plain")}, 4, "moxole: " + at("plain") + ": exists and is not a directory\n"},
       {{"extract", doc, at("a/b/c")}, 4, "moxole: " + at("a/b/c") + ": no such file or directory\n"},
-      {{"pack", at("full"), at("plain/out.doc")}, 4, "moxole: " + at("plain/out.doc") + ": not a directory\n"},
       {{"pack", at("full"), at("missing/out.doc")}, 4,
        "moxole: " + at("missing/out.doc") + ": no such file or directory\n"},
-      {{"pack", at("src0"), at("previous.doc")}, 4,
-       "moxole: " + at("src0/") + refused[0] + ": name is longer than 31 characters\n"},
-      {{"pack", at("src1"), at("previous.doc")}, 4,
-       "moxole: " + at("src1/") + refused[1] + ": name holds a '\\', which a compound file path cannot carry\n"},
-      {{"pack", at("src2"), at("previous.doc")}, 4,
-       "moxole: " + at("src2/") + refused[2] + ": an empty entry name cannot be packed\n"},
-      {{"pack", at("src3"), at("previous.doc")}, 4,
-       "moxole: " + at("src3/Data") + ": differs from DATA only in letter case, which siblings may not\n"},
       {{"props", doc, "Nothing"}, 3, "moxole: " + doc + ": no entry Nothing\n"},
       {{"props", doc, "A/B/C/deep"}, 2, "moxole: A/B/C/deep: too short for a property set (10 bytes)\n"},
       // Damaged documents, whichever engine reads them.
@@ -242,7 +222,7 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"ls", noDirectory}, 2, damaged + "the directory cannot be read\n"},
       {{"tree", noDirectory}, 2, damaged + "the directory cannot be read\n"},
       {{"objects", noDirectory}, 2, damaged + "directory sector 2 cannot be read\n"},
-      {{"extract", shortDoc, at("partial")}, 2, cutShort},
+      {{"extract", shortDoc, partial.file("out")}, 2, cutShort},
       // Edits that cannot be made, which leave the document as it was.
       {{"rm", doc, "missing"}, 3, "moxole: " + doc + ": missing: no such entry\n"},
       {{"mkdir", doc, "A"}, 1, "moxole: " + doc + ": A exists\n"},
@@ -256,30 +236,39 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
       {{"rm", doc}, 1, "moxole: rm: missing operand\nusage: moxole rm FILE PATH\n"},
       {{"rm", doc, "/"}, 1, "moxole: " + doc + ": the root cannot be changed this way\n"},
   };
-  const std::string before = slurp(doc);
+  // Folders pack refuses, over an existing file: a name too long, one
+  // holding '\', an empty one, two that differ only in letter case.
+  const std::pair<std::string, std::string> refused[] = {
+      {"ThisNameIsThirtyTwoCharactersLon", "name is longer than 31 characters"},
+      {"a\\b", "name holds a '\\', which a compound file path cannot carry"},
+      {"\\x00", "an empty entry name cannot be packed"},
+      {"Data", "differs from DATA only in letter case, which siblings may not"}};
+  for (const auto& [name, reason] : refused) {
+    const std::string src = at("src-" + std::to_string(cases.size()));
+    ASSERT_EQ(mkdir(src.c_str(), 0777), 0);
+    ASSERT_TRUE(spit(src + "/" + name, "x") && (name != "Data" || spit(src + "/DATA", "x")));
+    cases.push_back({{"pack", src, at("previous.doc")}, 4, "moxole: " + src + "/" + name + ": " + reason + "\n"});
+  }
   for (const char* command : {"info", "ls", "tree", "objects", "check", "props"}) {
     cases.push_back({{command, at("missing.doc")}, 3, "moxole: " + at("missing.doc") + ": no such file or directory\n"});
     cases.push_back({{command, at("notes.txt")}, 2, "moxole: " + at("notes.txt") + ": not a compound file\n"});
     cases.push_back({{command, at("empty")}, 2, "moxole: " + at("empty") + ": not a compound file\n"});
     cases.push_back({{command, dir}, 2, "moxole: " + dir + ": is a directory\n"});
   }
+  // A failure changes no file and leaves none behind: no output, no
+  // temporary file, an existing one it was to replace as it was.
+  const std::map<std::string, std::string> files = snapshotTree(dir);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args[0] + " " + c.args.back());
     const ProgramResult r = moxole(c.args);
     EXPECT_EQ(r.status, c.status) << r.err;
     EXPECT_EQ(r.err, c.err);
     EXPECT_EQ(r.out, "");
-    EXPECT_TRUE(slurp(doc) == before);
+    EXPECT_TRUE(snapshotTree(dir) == files);
   }
-  EXPECT_EQ(slurp(at("full/WordDocument")), "mine");
-  // An existing file is replaced only on success.
-  EXPECT_EQ(slurp(at("previous.doc")), "previous content");
+  // On success it is replaced.
   ASSERT_EQ(moxole({"pack", at("full"), at("previous.doc")}).status, 0);
   EXPECT_EQ(moxole({"cat", at("previous.doc"), "WordDocument"}).out, "mine");
-  for (const auto& [path, bytes] : snapshotTree(dir)) {
-    EXPECT_TRUE(path.rfind("out", 0) != 0 && path != "pic" && path != "two.wmf") << path << " was left";
-    EXPECT_EQ(path.find(".moxole-"), std::string::npos) << path << ": a temporary file was left";
-  }
 
   ASSERT_EQ(moxole({"cat", shortDoc, "Early"}).out, std::string(5000, 'E'));
   ProgramResult r = moxole({"cat", shortDoc, "Large"});
@@ -297,8 +286,8 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
 }
 
 // Help needs no library; any other command names a library that cannot be
-// loaded and exits with 4, and the variable wins over the library beside
-// the program.
+// loaded, or is not this library, and exits with 4; the variable wins over
+// the library beside the program.
 TEST(MoxoleUsage, HelpIsShownForEveryCommandAndAnUnloadableLibraryIsNamed) {
   ProgramResult r = moxole({});
   EXPECT_EQ(r.status, 1);
@@ -313,10 +302,8 @@ TEST(MoxoleUsage, HelpIsShownForEveryCommandAndAnUnloadableLibraryIsNamed) {
     EXPECT_EQ(help.out.rfind(std::string("usage: moxole ") + command + " ", 0), 0u) << help.out;
     EXPECT_GT(help.out.size(), 60u) << "no description for " << command;
   }
-  moxtest::ScratchDir dir;
-  ASSERT_TRUE(spit(dir.file("text.so"), "not a shared object\n"));
   moxtest::ProgramOptions options;
-  for (const std::string& library : {std::string("/nonexistent/libmoxolefio.so"), dir.file("text.so")}) {
+  for (const std::string library : {"/nonexistent/libmoxolefio.so", "libm.so.6"}) {
     options.setEnv["MOXOLE_LIBRARY"] = library;
     EXPECT_EQ(moxtest::runProgram({MOXOLE_PROGRAM, "cat", "-h"}, options).status, 0);
     r = moxtest::runProgram({MOXOLE_PROGRAM, "info", MOX_SOURCE_DIR "/samples/sample.doc"}, options);

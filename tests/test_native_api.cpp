@@ -24,11 +24,14 @@ mox::CompoundFile openBytes(const Bytes& bytes, mox::OpenOptions options = {}) {
 
 // --- Paths and names -----------------------------------------------------
 
-// Also: stored names and their UTF-8 (three bytes, surrogate pairs at
-// both ends of their range), and folding unit by unit.
-TEST(NativePaths, FindEveryNameByExactThenCaseInsensitiveMatchAndReadThemAsUtf8) {
+// Stored names and their UTF-8 (three bytes, surrogate pairs at both ends
+// of their range, an unpaired one as U+FFFD, an empty name as an empty step
+// of the path), found by exact then case-insensitive match, folding unit
+// by unit; children in the format's order whatever order the file stored.
+TEST(NativePaths, FindEveryNameByExactThenCaseInsensitiveMatchAndListInTheFormatOrder) {
   const std::pair<std::u16string, std::string> spelled[] = {
-      {u"\u20AC", "\xE2\x82\xAC"}, {u"\U00010000", "\xF0\x90\x80\x80"}, {u"\U0010FFFF", "\xF4\x8F\xBF\xBF"}};
+      {u"\u20AC", "\xE2\x82\xAC"}, {u"\U00010000", "\xF0\x90\x80\x80"}, {u"\U0010FFFF", "\xF4\x8F\xBF\xBF"},
+      {std::u16string(u"a") + char16_t(0xD800) + u"b", "a\xEF\xBF\xBD" "b"}};
   cfb::CfbBuilder b;
   b.addStream(0, "Abc", pattern(10, 1));
   b.addStream(0, "ABC", pattern(11, 2));
@@ -39,6 +42,11 @@ TEST(NativePaths, FindEveryNameByExactThenCaseInsensitiveMatchAndReadThemAsUtf8)
   for (const auto& [stored, utf8] : spelled) b.addEntry(0, stored, 2, {});
   const int storage = b.addStorage(0, "Folder");
   b.addStream(storage, "Inner", pattern(14, 5));
+  // Stored by lower-case folding: "b_" before "ba".
+  for (const char* n : {"b_", "BA", "z", "Bb", "a1", "B"}) b.addStream(storage, n, pattern(3, 9));
+  const int empty = b.addEntry(0, u"", 1, {});
+  b.addStream(empty, "x", pattern(5, 1));
+  b.addEntry(empty, u"", 2, pattern(6, 2));
   const Bytes file = b.build();
   mox::CompoundFile doc = openBytes(file);
 
@@ -55,24 +63,7 @@ TEST(NativePaths, FindEveryNameByExactThenCaseInsensitiveMatchAndReadThemAsUtf8)
     ASSERT_TRUE(e) << utf8;
     EXPECT_EQ(e->name, utf8);
   }
-}
-
-TEST(NativePaths, ChildrenFollowTheFormatOrderWhateverTheFileStored) {
-  cfb::CfbBuilder b;  // stores siblings by lower-case folding: "b_" before "ba"
-  for (const char* n : {"b_", "BA", "z", "Bb", "a1", "B"}) b.addStream(0, n, pattern(3, 9));
-  const Bytes file = b.build();
-  const std::vector<std::string> names = namesOf(openBytes(file).children(""));
-  EXPECT_EQ(names, (std::vector<std::string>{"B", "z", "a1", "BA", "Bb", "b_"}));
-}
-
-TEST(NativePaths, EmptyAndUnpairedSurrogateNamesAreReachableFromWalk) {
-  cfb::CfbBuilder b;
-  const int empty = b.addEntry(0, u"", 1, {});
-  b.addStream(empty, "x", pattern(5, 1));
-  b.addEntry(empty, u"", 2, pattern(6, 2));
-  b.addEntry(0, std::u16string(u"a") + char16_t(0xD800) + u"b", 2, pattern(7, 3));
-  const Bytes file = b.build();
-  mox::CompoundFile doc = openBytes(file);
+  EXPECT_EQ(namesOf(doc.children("Folder")), (std::vector<std::string>{"B", "z", "a1", "BA", "Bb", "b_", "Inner"}));
   std::vector<std::string> paths;
   for (const mox::Entry& e : doc.walk()) {
     paths.push_back(e.path);
@@ -80,7 +71,7 @@ TEST(NativePaths, EmptyAndUnpairedSurrogateNamesAreReachableFromWalk) {
     ASSERT_TRUE(found) << e.path;
     EXPECT_EQ(found->id, e.id) << e.path;
   }
-  EXPECT_EQ(paths, (std::vector<std::string>{"", "/", "//", "//x", "a\xEF\xBF\xBD" "b"}));
+  for (const char* path : {"/", "//", "//x"}) EXPECT_EQ(std::count(paths.begin(), paths.end(), path), 1) << path;
 }
 
 // --- Entries -------------------------------------------------------------

@@ -30,37 +30,10 @@ using Names = std::vector<std::string>;
 // (names from the root, type, size) of one entry.
 using Seen = std::tuple<Names, int, int64_t>;
 
-int typeCode(const std::string& type) {
-  if (type == "root") return 5;
-  if (type == "storage") return 1;
-  if (type == "stream") return 2;
-  return type.rfind("type", 0) == 0 ? std::stoi(type.substr(4)) : -1;
-}
-
 Seen seen(const Names& path, const char* name, int type, int64_t size) {
   Names full = path;
   full.push_back(name);
   return Seen{full, type, type == 2 ? size : 0};
-}
-
-// Every entry below `node` into `out`, and `node` and every storage below
-// it that has children, with its children sorted, into `storages`.
-void collect(const _MoxOleTreeNode* node, Names& path, std::set<Seen>* out,
-             std::vector<std::pair<Names, std::vector<Seen>>>* storages) {
-  std::vector<Seen> children;
-  for (int i = 0; i < node->iChildCount; ++i) {
-    const _MoxOleTreeNode* child = node->ppChildren[i];
-    out->insert(seen(path, child->szName, child->iType, child->iSize));
-    children.push_back(seen({}, child->szName, child->iType, child->iSize));
-  }
-  std::sort(children.begin(), children.end());
-  storages->push_back({path, children});
-  for (int i = 0; i < node->iChildCount; ++i) {
-    if (node->ppChildren[i]->iChildCount == 0) continue;
-    path.push_back(node->ppChildren[i]->szName);
-    collect(node->ppChildren[i], path, out, storages);
-    path.pop_back();
-  }
 }
 
 // The object list of the storage at `path` as sorted (name, type, size).
@@ -79,6 +52,35 @@ std::vector<Seen> objectList(OpenDoc& doc, const Names& path, int* count) {
   return out;
 }
 
+// Every entry below `node` into `out`; the object list of `node` and of
+// every storage below it that has children must list its children.
+// Counts the storages listed and those the exact path walk missed.
+void collect(OpenDoc& doc, const _MoxOleTreeNode* node, Names& path, std::set<Seen>* out, int* lists, int* misses) {
+  std::vector<Seen> children;
+  for (int i = 0; i < node->iChildCount; ++i) {
+    const _MoxOleTreeNode* child = node->ppChildren[i];
+    out->insert(seen(path, child->szName, child->iType, child->iSize));
+    children.push_back(seen({}, child->szName, child->iType, child->iSize));
+  }
+  std::sort(children.begin(), children.end());
+  int count = 0;
+  const std::vector<Seen> listed = objectList(doc, path, &count);
+  // Siblings ordered by another writer's case folding can hide a storage
+  // from the exact path walk; then the list is empty.
+  if (count == 0 && !path.empty()) {
+    ++*misses;
+  } else {
+    ++*lists;
+    EXPECT_EQ(listed, children) << "object list of a storage " << path.size() << " deep";
+  }
+  for (int i = 0; i < node->iChildCount; ++i) {
+    if (node->ppChildren[i]->iChildCount == 0) continue;
+    path.push_back(node->ppChildren[i]->szName);
+    collect(doc, node->ppChildren[i], path, out, lists, misses);
+    path.pop_back();
+  }
+}
+
 // SHA-256 of every stream entry the library reads whole, by entry number.
 std::map<int, std::string> streamDigests(_MoxOleFile* h) {
   std::map<int, std::string> digests;
@@ -93,32 +95,19 @@ std::map<int, std::string> streamDigests(_MoxOleFile* h) {
   return digests;
 }
 
-// Counts the storages listed and those the exact path walk missed.
+// The storage tree and every storage's object list against the manifest.
 void checkTreeAndObjectLists(OpenDoc& doc, const manifest::File& m, int* lists, int* misses) {
   moxhost::PoolServices services;
   const StreamTree built(doc.handle(), services);
   ASSERT_EQ(built.status(), 0);
   std::set<Seen> tree, expected;
-  std::vector<std::pair<Names, std::vector<Seen>>> storages;
   Names path;
-  collect(built.root(), path, &tree, &storages);
+  collect(doc, built.root(), path, &tree, lists, misses);
   for (const auto& [sid, e] : m.entries) {
-    if (e.type != "root") expected.insert(Seen{e.path, typeCode(e.type), e.type == "stream" ? e.size : 0});
+    const int type = e.type == "storage" ? 1 : e.type == "stream" ? 2 : std::stoi("0" + e.type.substr(4));
+    if (e.type != "root") expected.insert(Seen{e.path, type, e.type == "stream" ? e.size : 0});
   }
   EXPECT_EQ(tree, expected);
-
-  for (const auto& [where, children] : storages) {
-    int count = 0;
-    std::vector<Seen> listed = objectList(doc, where, &count);
-    // Siblings ordered by another writer's case folding can hide a storage
-    // from the exact path walk; then the list is empty.
-    if (count == 0 && !where.empty()) {
-      ++*misses;
-      continue;
-    }
-    ++*lists;
-    EXPECT_EQ(listed, children) << "object list of a storage " << where.size() << " deep";
-  }
 }
 
 // The file through the 22-slot ABI, from bytes in memory: the header

@@ -82,12 +82,19 @@ TEST(EditStreams, PagesOfAFileBackedEditReadBackWhateverErrnoHeld) {
   }), 0);
 }
 
-TEST(EditStreams, SizesTheVersionCannotHoldAreRefused) {
+// Sizes the version cannot hold and characters the format cannot store are
+// refused, a bad name deep in a path before any storage is made on the way
+// to it.
+TEST(EditLimits, SizesAndNamesTheFormatCannotHoldAreRefused) {
   mox::CompoundFile v3 = mox::CompoundFile::create_memory(mox::CreateOptions{3});
   mox::Stream s = v3.create_stream("s");
   EXPECT_EQ(codeOf([&] { s.set_size(std::uint64_t{1} << 32); }), mox::Errc::invalid_argument);
   s.set_size(0xFFFFFFFFull);
   EXPECT_EQ(s.size(), 0xFFFFFFFFull);
+  for (const char* bad : {"x!y", "a:b", "back\\slash", "new/a:b/s"}) {
+    EXPECT_EQ(codeOf([&] { v3.create_stream(bad); }), mox::Errc::invalid_argument) << bad;
+  }
+  EXPECT_FALSE(v3.exists("new"));
   mox::CompoundFile v4 = mox::CompoundFile::create_memory();
   mox::Stream t = v4.create_stream("s");
   t.set_size(std::uint64_t{5} << 30);
@@ -96,16 +103,6 @@ TEST(EditStreams, SizesTheVersionCannotHoldAreRefused) {
 }
 
 // --- Names and entries ---------------------------------------------------------
-
-// Characters the format cannot store are refused, a bad name deep in a
-// path before any storage is made on the way to it.
-TEST(EditNames, NamesTheFormatCannotStoreAreRefused) {
-  mox::CompoundFile f = mox::CompoundFile::create_memory();
-  for (const char* bad : {"x!y", "a:b", "back\\slash", "new/a:b/s"}) {
-    EXPECT_EQ(codeOf([&] { f.create_stream(bad); }), mox::Errc::invalid_argument) << bad;
-  }
-  EXPECT_FALSE(f.exists("new"));
-}
 
 // Bad UTF-8 is stored as replacement characters, and entries give the
 // UTF-8 of what is stored; a renamed entry takes its place in the order,

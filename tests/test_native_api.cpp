@@ -136,33 +136,27 @@ TEST(NativeEntries, StoredFieldsAreReadSetAndKept) {
 // Pieces read at any position of a stream, across the runs of its chain,
 // are left to the corpus walk (pread in uneven pieces) and the native fuzz
 // target (pieces at several positions against the whole).
-TEST(NativeStreams, SeeksFromEveryOriginAndRefusals) {
+TEST(NativeStreams, SeeksFromEveryOriginRefusalsAndAnIstreamThatOutlivesTheFile) {
   cfb::CfbBuilder b;
   const Bytes big = pattern(40000, 7), small = pattern(3000, 8);
   b.addStream(0, "Big", big);
   b.addStream(0, "Small", small);
-  const Bytes file = b.build();
-  mox::CompoundFile doc = openBytes(file);
-  for (const auto& [name, expected] : {std::pair{"Big", big}, std::pair{"Small", small}}) {
-    mox::Stream s = doc.open_stream(name);
-    EXPECT_EQ(s.seek(-10, std::ios_base::end), expected.size() - 10);
-    EXPECT_EQ(s.seek(4, std::ios_base::cur), expected.size() - 6);
-    Bytes got(100);
-    got.resize(s.read(got.data(), got.size()));
-    EXPECT_TRUE(got == Bytes(expected.end() - 6, expected.end()));
-    EXPECT_EQ(s.tell(), expected.size());
-    EXPECT_EQ(errorOf([&] { s.seek(-1, std::ios_base::beg); }), mox::Errc::invalid_argument);
-    EXPECT_EQ(errorOf([&] { s.write("x", 1); }), mox::Errc::read_only);
-  }
-}
-
-TEST(NativeStreams, IstreamReadsSeeksAndOutlivesTheFile) {
-  cfb::CfbBuilder b;
   b.addStream(0, "Text", Bytes{'o', 'n', 'e', '\n', 't', 'w', 'o', '\n'});
   const Bytes file = b.build();
   std::optional<mox::istream> in;
   {
     mox::CompoundFile doc = openBytes(file);
+    for (const auto& [name, expected] : {std::pair{"Big", big}, std::pair{"Small", small}}) {
+      mox::Stream s = doc.open_stream(name);
+      EXPECT_EQ(s.seek(-10, std::ios_base::end), expected.size() - 10);
+      EXPECT_EQ(s.seek(4, std::ios_base::cur), expected.size() - 6);
+      Bytes got(100);
+      got.resize(s.read(got.data(), got.size()));
+      EXPECT_TRUE(got == Bytes(expected.end() - 6, expected.end()));
+      EXPECT_EQ(s.tell(), expected.size());
+      EXPECT_EQ(errorOf([&] { s.seek(-1, std::ios_base::beg); }), mox::Errc::invalid_argument);
+      EXPECT_EQ(errorOf([&] { s.write("x", 1); }), mox::Errc::read_only);
+    }
     in.emplace(doc.open_stream("Text"));
   }
   std::string line;
@@ -177,6 +171,8 @@ TEST(NativeStreams, IstreamReadsSeeksAndOutlivesTheFile) {
 
 // --- Errors --------------------------------------------------------------
 
+// Also hostile counts and sizes: the file fails or opens without taking
+// their word.
 TEST(NativeErrors, CodesAndMessagesNameTheFileAndThePath) {
   const std::string dir = ::testing::TempDir();
   EXPECT_EQ(errorOf([&] { mox::CompoundFile::open(dir + "/no-such-file"); }), mox::Errc::not_found);
@@ -189,6 +185,7 @@ TEST(NativeErrors, CodesAndMessagesNameTheFileAndThePath) {
   b.addStorage(0, "Store");
   b.addStream(0, "Good", pattern(5000, 1));
   const int bad = b.addStream(0, "Bad", pattern(5000, 2));
+  const int small = b.addStream(0, "Small", pattern(100, 1));
   cfb::CfbLayout l = b.layout();
   l.fat[l.dir[bad].start + 1] = l.dir[bad].start;  // a circle
   const std::string path = dir + "/circle.doc";
@@ -207,21 +204,16 @@ TEST(NativeErrors, CodesAndMessagesNameTheFileAndThePath) {
   }
   EXPECT_EQ(errorOf([&] { doc.open_stream("Store"); }), mox::Errc::invalid_argument);
   EXPECT_EQ(errorOf([&] { doc.children("Missing"); }), mox::Errc::not_found);
-}
 
-TEST(NativeErrors, HostileCountsAndSizesFailOrOpenWithoutTakingTheirWord) {
-  cfb::CfbBuilder b;
-  const int small = b.addStream(0, "Small", pattern(100, 1));
-  cfb::CfbLayout l = b.layout();
+  l = b.layout();
   l.deriveDifat = false;
   l.header.fatSectors = 0x7FFFFFFF;
   l.header.difatStart = 0;
   l.header.difatSectors = 0x7FFFFFFF;
-  const Bytes file = l.serialize();
+  const Bytes counts = l.serialize();
   try {
-    mox::CompoundFile doc = openBytes(file);
-    EXPECT_FALSE(doc.check().empty());
-    EXPECT_EQ(errorOf([&] { openBytes(file, mox::OpenOptions{true}); }), mox::Errc::damaged);
+    EXPECT_FALSE(openBytes(counts).check().empty());
+    EXPECT_EQ(errorOf([&] { openBytes(counts, mox::OpenOptions{true}); }), mox::Errc::damaged);
   } catch (const mox::Error& e) {
     EXPECT_EQ(e.code(), mox::Errc::damaged);
   }
@@ -232,9 +224,9 @@ TEST(NativeErrors, HostileCountsAndSizesFailOrOpenWithoutTakingTheirWord) {
   l.miniFat.resize(63);
   for (uint32_t i = 0; i < 62; ++i) l.miniFat[i] = i + 1;
   l.miniFat[62] = cfb::kEnd;
-  const std::vector<uint8_t> bytes = l.serialize();  // borrowed by the file
-  mox::CompoundFile doc = openBytes(bytes);
-  EXPECT_EQ(errorOf([&] { doc.open_stream("Small"); }), mox::Errc::damaged);
+  const std::vector<uint8_t> mini = l.serialize();  // borrowed by the file
+  mox::CompoundFile minis = openBytes(mini);
+  EXPECT_EQ(errorOf([&] { minis.open_stream("Small"); }), mox::Errc::damaged);
 }
 
 // --- Threads -------------------------------------------------------------

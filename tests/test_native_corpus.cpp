@@ -138,17 +138,16 @@ void checkThroughTheAbi(const manifest::File& m) {
 }
 
 
-// The error code of `work`, 0 when it throws none.
-int failureOf(const std::function<void()>& work) { return static_cast<int>(moxtest::errorOf(work)); }
+using moxtest::errorOf;
 
 // The manifest's name of each EntryType.
 const char* const kTypeNames[] = {"root", "storage", "stream", "other"};
 
 // A stream's bytes, read in pieces of 1, 7, 4093 ... bytes (read_all is
 // the fuzz targets' and the edit tests').
-std::vector<std::uint8_t> readStream(const mox::CompoundFile& doc, const std::string& path, int* code) {
+std::vector<std::uint8_t> readStream(const mox::CompoundFile& doc, const std::string& path, mox::Errc* code) {
   std::vector<std::uint8_t> bytes;
-  *code = failureOf([&] {
+  *code = errorOf([&] {
     mox::Stream s = doc.open_stream(path);
     const std::size_t sizes[] = {1, 7, 4093, 65536, 1 << 20};
     static std::vector<std::uint8_t> buffer(1 << 20);
@@ -183,12 +182,12 @@ TEST_P(Corpus, ReadsWhatTheIndependentReaderReadThroughTheAbiAndNatively) {
   mox::OpenOptions unmapped;
   unmapped.map = false;
   std::optional<mox::CompoundFile> doc, pread;
-  const int failure = failureOf([&] { doc.emplace(mox::CompoundFile::open(full)); });
-  ASSERT_EQ(failureOf([&] { pread.emplace(mox::CompoundFile::open(full, unmapped)); }), failure);
-  const int strictFailure = failureOf([&] { mox::CompoundFile::open(full, mox::OpenOptions{true}); });
-  if (failure != 0) {
+  const mox::Errc failure = errorOf([&] { doc.emplace(mox::CompoundFile::open(full)); });
+  ASSERT_EQ(errorOf([&] { pread.emplace(mox::CompoundFile::open(full, unmapped)); }), failure);
+  const mox::Errc strictFailure = errorOf([&] { mox::CompoundFile::open(full, mox::OpenOptions{true}); });
+  if (failure != mox::Errc{}) {
     EXPECT_TRUE(file.damaged());
-    EXPECT_NE(strictFailure, 0);
+    EXPECT_NE(strictFailure, mox::Errc{});
     return;
   }
 
@@ -208,17 +207,17 @@ TEST_P(Corpus, ReadsWhatTheIndependentReaderReadThroughTheAbiAndNatively) {
     ASSERT_TRUE(found.has_value()) << e.path;
     EXPECT_TRUE(file.damaged() || found->id == e.id) << e.path;
     if (!e.is_stream()) continue;
-    int code = 0, preadCode = 0;
+    mox::Errc code{}, preadCode{};
     streams[e.path] = readStream(*doc, e.path, &code);
     // A stream that fails part way gives the pieces before the failure.
     EXPECT_TRUE(readStream(*pread, e.path, &preadCode) == streams[e.path]) << e.path;
     EXPECT_EQ(preadCode, code) << e.path;
-    EXPECT_TRUE(code == 0 || file.damaged()) << e.path;
+    EXPECT_TRUE(code == mox::Errc{} || file.damaged()) << e.path;
   }
 
   const std::vector<mox::Defect> defects = doc->check();
   EXPECT_EQ(pread->check().size(), defects.size());
-  EXPECT_EQ(strictFailure, moxtest::hasError(defects) ? static_cast<int>(mox::Errc::damaged) : 0);
+  EXPECT_EQ(strictFailure, moxtest::hasError(defects) ? mox::Errc::damaged : mox::Errc{});
   // Defects name entries by the paths a walk of the tree gives them, even
   // in files that link an entry twice.
   std::set<std::string> paths;

@@ -61,6 +61,10 @@ void collect(OpenDoc& doc, const _MoxOleTreeNode* node, Names& path, std::set<Se
     const _MoxOleTreeNode* child = node->ppChildren[i];
     out->insert(seen(path, child->szName, child->iType, child->iSize));
     children.push_back(seen({}, child->szName, child->iType, child->iSize));
+    if (child->iChildCount == 0) continue;
+    path.push_back(child->szName);
+    collect(doc, child, path, out, lists, misses);
+    path.pop_back();
   }
   std::sort(children.begin(), children.end());
   int count = 0;
@@ -72,12 +76,6 @@ void collect(OpenDoc& doc, const _MoxOleTreeNode* node, Names& path, std::set<Se
   } else {
     ++*lists;
     EXPECT_EQ(listed, children) << "object list of a storage " << path.size() << " deep";
-  }
-  for (int i = 0; i < node->iChildCount; ++i) {
-    if (node->ppChildren[i]->iChildCount == 0) continue;
-    path.push_back(node->ppChildren[i]->szName);
-    collect(doc, node->ppChildren[i], path, out, lists, misses);
-    path.pop_back();
   }
 }
 

@@ -195,7 +195,7 @@ TEST(EditFiles, NothingReachesTheFileWithoutCommitAndStreamsStayUsable) {
 TEST(EditFiles, EditsThatKeepTheLayoutChangeOnlyTheirOwnSectors) {
   cfb::CfbBuilder builder;
   builder.setPaddingSectors(2);
-  builder.addStream(builder.addStorage(0, "Obj"), "Data", pattern(5000, 1));
+  const int data = builder.addStream(builder.addStorage(0, "Obj"), "Data", pattern(5000, 1));
   builder.addStream(0, "Small", pattern(100, 2));
   builder.addStream(0, "Other", pattern(8000, 3));
   cfb::CfbLayout layout = builder.layout();
@@ -213,11 +213,9 @@ TEST(EditFiles, EditsThatKeepTheLayoutChangeOnlyTheirOwnSectors) {
   // The sectors the edits below may touch: Data's chain, the mini stream
   // (Small) and the directory (sizes, a class id).
   std::vector<bool> mayChange(sectors, false);
-  for (const cfb::DirEntry& e : layout.dir) {
-    if (e.name != u"Data" && &e != &layout.dir[0]) continue;
-    for (std::uint32_t s = e.start; s < sectors; s = layout.fat[s]) mayChange[s] = true;
+  for (std::uint32_t s : {layout.dir[data].start, layout.dir[0].start, layout.header.dirStart}) {
+    for (; s < sectors; s = layout.fat[s]) mayChange[s] = true;
   }
-  for (std::uint32_t s = layout.header.dirStart; s < sectors; s = layout.fat[s]) mayChange[s] = true;
 
   mox::CompoundFile f = mox::CompoundFile::open_rw(path);
   const Bytes small = pattern(100, 4);

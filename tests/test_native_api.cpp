@@ -92,6 +92,7 @@ TEST(NativeEntries, StoredFieldsAreReadSetAndKept) {
     l.header.major[0] = static_cast<uint8_t>(version);
     const Bytes file = l.serialize();
     mox::CompoundFile doc = mox::CompoundFile::open_memory_rw(file.data(), file.size());
+    EXPECT_EQ(doc.version(), version);  // as the editor will write it
     const mox::Entry e = *doc.entry("S");
     EXPECT_EQ(e.clsid, clsid);
     EXPECT_EQ(e.state_bits, 0x12345678u);

@@ -34,8 +34,7 @@ size_t readStream(mox::Stream& s) {
   require(all.size() == size, "read_all gave other than the stream's size");
   require(s.tell() == size, "read_all left the position elsewhere than the end");
   uint8_t piece[512];
-  const uint64_t starts[] = {0, size / 3, size > 7 ? size - 7 : 0, size + 10};
-  for (uint64_t at : starts) {
+  for (uint64_t at : {uint64_t{0}, size / 3, size > 7 ? size - 7 : 0, size + 10}) {
     require(s.seek(static_cast<int64_t>(at)) == at, "seek");
     const size_t n = s.read(piece, sizeof piece);
     const uint64_t left = at < size ? size - at : 0;

@@ -28,15 +28,6 @@ std::map<std::string, Seen> snapshot(const mox::CompoundFile& f) {
   return out;
 }
 
-void expectSame(const std::map<std::string, Seen>& before, const std::map<std::string, Seen>& after) {
-  ASSERT_EQ(before.size(), after.size());
-  for (const auto& [path, seen] : before) {
-    auto it = after.find(path);
-    ASSERT_NE(it, after.end()) << "lost " << path;
-    EXPECT_TRUE(it->second == seen) << path;
-  }
-}
-
 class EditCorpus : public ::testing::TestWithParam<std::size_t> {};
 
 TEST_P(EditCorpus, CommitsKeepEveryOtherEntry) {
@@ -53,7 +44,7 @@ TEST_P(EditCorpus, CommitsKeepEveryOtherEntry) {
     f.commit();
     EXPECT_EQ(cfbaudit::audit(moxtest::fileBytes(path)), "");
     EXPECT_TRUE(f.check().empty());
-    expectSame(before, snapshot(f));
+    EXPECT_TRUE(snapshot(f) == before) << "an entry changed";
     for (const auto& [p, seen] : before) {
       if (!std::get<5>(seen).empty() && changed.empty()) changed = p;  // only streams have bytes
     }
@@ -67,7 +58,7 @@ TEST_P(EditCorpus, CommitsKeepEveryOtherEntry) {
   const std::size_t at = expected.size() / 2;
   expected.resize(std::max(expected.size(), at + 3));
   std::copy_n("\xFF\x00\xFF", 3, expected.begin() + at);
-  expectSame(before, snapshot(mox::CompoundFile::open(path)));
+  EXPECT_TRUE(snapshot(mox::CompoundFile::open(path)) == before) << "after the edit of " << changed;
   EXPECT_EQ(cfbaudit::audit(moxtest::fileBytes(path)), "");
 }
 

@@ -106,7 +106,6 @@ TEST(LargeStreams, TwoGibibytesInPiecesWithinSixtyFourMebibytes) {
     if (s.read(buffer.data(), buffer.size()) != buffer.size() || buffer != piece) ++wrong;
   }
   EXPECT_EQ(wrong, 0u);
-  std::printf("peak resident growth: %ld KiB\n", grown);
 }
 
 }  // namespace

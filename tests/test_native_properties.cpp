@@ -116,8 +116,7 @@ std::map<std::string, OleStream> runOlefile(const std::string& path) {
 // as if it were a value.
 void expectOlefileAgrees(const mox::PropertySet& set, OleStream got) {
   OleStream expected;
-  const mox::PropertySection* first = set.sections.empty() ? nullptr : &set.sections[0];
-  for (const mox::Property& p : first ? first->properties : std::vector<mox::Property>{}) {
+  for (const mox::Property& p : set.sections.empty() ? std::vector<mox::Property>{} : set.sections[0].properties) {
     expected["P " + std::to_string(p.id)] = olefileView(p.value);
     if (const auto* t = std::get_if<mox::FileTime>(&p.value)) expected["T " + std::to_string(p.id)] = {isoOf(t->value, true), ""};
   }
@@ -430,13 +429,11 @@ TEST(HandMadeSets, EveryKindOfValueReadsBackAsOlefileAndGsfReadItAndFailsCleanly
   set.sections[0].set_code_page(1200);
   for (const mox::PropertySet* s : {&set, &summary}) {
     const std::vector<std::uint8_t> whole = bytesOf(*s);
-    for (std::size_t cut = 0; cut < whole.size(); ++cut) {
-      expectParsesOrDamaged(std::vector<std::uint8_t>(whole.begin(), whole.begin() + cut), "cut at " + std::to_string(cut));
-    }
-    for (std::size_t at = 0; at + 4 <= whole.size(); at += 2) {
+    for (std::size_t at = 0; at < whole.size(); ++at) {
+      expectParsesOrDamaged(std::vector<std::uint8_t>(whole.begin(), whole.begin() + at), "cut at " + std::to_string(at));
       for (std::uint32_t v : {0xFFFFFFFFu, 0x7FFFFFF0u, 0x00010000u, 0x00001000u}) {
         std::vector<std::uint8_t> broken = whole;
-        for (int i = 0; i < 4; ++i) broken[at + i] = static_cast<std::uint8_t>(v >> (8 * i));
+        for (std::size_t i = at; i < at + 4 && i < whole.size(); ++i) broken[i] = static_cast<std::uint8_t>(v >> (8 * (i - at)));
         expectParsesOrDamaged(broken, std::to_string(v) + " at " + std::to_string(at));
       }
     }

@@ -137,15 +137,11 @@ std::string gsfQuote(const std::string& text) {
   static const std::string escaped = "\b\f\n\r\t\v\\\"", letters = "bfnrtv\\\"";
   std::string out = "\"";
   for (unsigned char c : text) {
-    char buffer[8];
-    if (const std::size_t at = escaped.find(static_cast<char>(c)); at != std::string::npos) {
-      out += {'\\', letters[at]};
-    } else if (c < 0x20 || c >= 0x7F) {
-      std::snprintf(buffer, sizeof buffer, "\\%03o", c);
-      out += buffer;
-    } else {
-      out += static_cast<char>(c);
-    }
+    char octal[8];
+    std::snprintf(octal, sizeof octal, "\\%03o", c);
+    const std::size_t at = escaped.find(static_cast<char>(c));
+    if (at != std::string::npos) out += {'\\', letters[at]};
+    else out += c < 0x20 || c >= 0x7F ? std::string(octal) : std::string(1, static_cast<char>(c));
   }
   return out + "\"";
 }
@@ -468,6 +464,7 @@ TEST(HandMadeSets, TextInEachCodePageReadsAsGsfReadsIt) {
 std::string le16(std::uint16_t v) { return {static_cast<char>(v), static_cast<char>(v >> 8)}; }
 std::string le32(std::uint32_t v) { return le16(static_cast<std::uint16_t>(v)) + le16(static_cast<std::uint16_t>(v >> 16)); }
 std::string lpstr(const std::string& s) { return le32(static_cast<std::uint32_t>(s.size())) + s; }
+std::string lpsz(const std::string& s) { return lpstr(s + '\0'); }
 std::string codePage(std::uint16_t cp) { return le16(mox::vt::i2) + le16(0) + le16(cp) + le16(0); }
 
 std::vector<std::uint8_t> rawSet(const std::vector<std::pair<mox::Guid, std::vector<std::pair<std::uint32_t, std::string>>>>& sections) {
@@ -495,7 +492,7 @@ std::vector<std::uint8_t> rawSet(const std::vector<std::pair<mox::Guid, std::vec
 // A summary section in code page `cp` with `bytes` as its title, and the
 // title read back.
 std::vector<std::uint8_t> titled(std::uint16_t cp, const std::string& bytes) {
-  return rawSet({{mox::kSummaryInformation, {{1, codePage(cp)}, {2, le32(30) + lpstr(bytes)}}}});
+  return rawSet({{mox::kSummaryInformation, {{1, codePage(cp)}, {2, le32(30) + lpsz(bytes)}}}});
 }
 mox::CodePageString titleOf(const mox::PropertySet& set) {
   return std::get<mox::CodePageString>(*set.sections.at(0).get(2));
@@ -507,18 +504,16 @@ TEST(HandMadeSets, LayoutsOfOtherWritersReadAsGsfReadsThem) {
   // Office), sizes counting their padding (newer Office, Visio), padding
   // outside the size (as the format says), values not on a four-byte
   // boundary, and a dictionary of packed 8-bit names.
-  const std::string packedStrings = le32(0x101E) + le32(3) + lpstr(std::string("Tahoma\0", 7)) +
-                                    lpstr(std::string("Arial\0", 6)) + lpstr(std::string("X\0", 2));
-  const std::string packedVariants = le32(0x100C) + le32(4) + le32(30) + lpstr(std::string("Fonts\0", 6)) +
-                                     le32(3) + le32(2) + le32(30) + lpstr(std::string("Slide Titles\0", 13)) +
-                                     le32(3) + le32(40);
-  const std::string paddedOutside = le32(0x101E) + le32(2) + lpstr(std::string("Page-1\0", 7)) + std::string(1, '\0') +
-                                    lpstr(std::string("Tracking Text\0", 14)) + std::string(2, '\0');
+  const std::string packedStrings = le32(0x101E) + le32(3) + lpsz("Tahoma") + lpsz("Arial") + lpsz("X");
+  const std::string packedVariants = le32(0x100C) + le32(4) + le32(30) + lpsz("Fonts") + le32(3) + le32(2) + le32(30) +
+                                     lpsz("Slide Titles") + le32(3) + le32(40);
+  const std::string paddedOutside =
+      le32(0x101E) + le32(2) + lpsz("Page-1") + std::string(1, '\0') + lpsz("Tracking Text") + std::string(2, '\0');
   const std::string sizedWithPadding = le32(0x101E) + le32(2) + lpstr(std::string("Page-1\0c", 8)) +
                                        lpstr(std::string("View\0ase", 8));
   const std::string dictionary = le32(3) + le32(2) + le32(6) + std::string("Cost\0\0", 6) + le32(3) + le32(8) +
                                  std::string("Finish\0", 7) + "x" + le32(4) + le32(3) + std::string("go\0", 3);
-  const std::string odd = le32(30) + lpstr(std::string("\xA3" "0.00\0", 6));  // 10 bytes: the next value is unaligned
+  const std::string odd = le32(30) + lpsz("\xA3" "0.00");  // 10 bytes: the next value is unaligned
   const std::vector<std::uint8_t> dsi = rawSet(
       {{mox::kDocSummaryInformation, {{1, cp1252}, {13, packedStrings}, {12, packedVariants}}},
        {mox::kUserDefinedProperties, {{0, dictionary}, {1, cp1252}, {2, odd}, {4, sizedWithPadding}}}});
@@ -531,14 +526,14 @@ TEST(HandMadeSets, LayoutsOfOtherWritersReadAsGsfReadsThem) {
   EXPECT_TRUE(*padded.sections[0].get(5) == (std::vector<mox::CodePageString>{ascii("Page-1"), ascii("Tracking Text")}));
   // Bytes the code page does not map read as U+FFFD and are written back
   // as they were; gsf gives up on the whole string.
-  const mox::PropertySet odd1252 = parsed(titled(1252, std::string("a\x81z\0", 4)));
+  const mox::PropertySet odd1252 = parsed(titled(1252, "a\x81z"));
   EXPECT_EQ(titleOf(odd1252).text, "a\xEF\xBF\xBDz");
   EXPECT_EQ(titleOf(reread(odd1252)).bytes, "a\x81z");
   expectOraclesAgreeOnNewFile({{kSi, bytesOf(odd1252)}}, false);
   // Mac Cyrillic goes by a name of its own; a code page iconv lacks (Mac
   // Simplified Chinese) reads as Windows-1252.
-  EXPECT_EQ(titleOf(parsed(titled(10007, std::string("\xC0\0", 2)))).text, "\xD1\x98");
-  EXPECT_EQ(titleOf(parsed(titled(10008, std::string("\xC0\0", 2)))).text, "\xC3\x80");
+  EXPECT_EQ(titleOf(parsed(titled(10007, "\xC0"))).text, "\xD1\x98");
+  EXPECT_EQ(titleOf(parsed(titled(10008, "\xC0"))).text, "\xC3\x80");
 }
 
 // --- Damaged bytes -----------------------------------------------------------------

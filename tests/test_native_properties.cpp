@@ -34,6 +34,10 @@ using Streams = std::map<std::string, std::vector<std::uint8_t>>;  // path -> by
 const std::string kOracle = std::string(MOX_SOURCE_DIR) + "/tests/oracles/olefile_properties.py";
 const std::string kSi(mox::kSummaryInformationStream), kDsi(mox::kDocSummaryInformationStream);
 
+// Little-endian fields, as the format stores them.
+std::string le16(std::uint16_t v) { return {static_cast<char>(v), static_cast<char>(v >> 8)}; }
+std::string le32(std::uint32_t v) { return le16(static_cast<std::uint16_t>(v)) + le16(static_cast<std::uint16_t>(v >> 16)); }
+
 std::string hexOf(const std::string& bytes) {
   std::string out;
   for (unsigned char c : bytes) out += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
@@ -82,9 +86,7 @@ OleValue olefileView(const mox::PropertyValue& value) {
       return v.object ? OleValue{"none", ""} : bytes(std::string(v.data.begin(), v.data.end()));
     }
     if constexpr (std::is_same_v<T, mox::ClipboardData>) {
-      std::string b;
-      for (int i = 0; i < 4; ++i) b += static_cast<char>(static_cast<std::uint32_t>(v.format) >> (8 * i));
-      return bytes(b + std::string(v.data.begin(), v.data.end()));
+      return bytes(le32(static_cast<std::uint32_t>(v.format)) + std::string(v.data.begin(), v.data.end()));
     }
     if constexpr (std::is_same_v<T, mox::Guid>) return {"str", hexOf(v == mox::Guid{} ? "" : mox::guid_to_string(v))};
     return {"none", ""};
@@ -461,8 +463,6 @@ TEST(HandMadeSets, TextInEachCodePageReadsAsGsfReadsIt) {
 
 // Bytes built field by field, for layouts this library's writer never
 // produces but other writers do.
-std::string le16(std::uint16_t v) { return {static_cast<char>(v), static_cast<char>(v >> 8)}; }
-std::string le32(std::uint32_t v) { return le16(static_cast<std::uint16_t>(v)) + le16(static_cast<std::uint16_t>(v >> 16)); }
 std::string lpstr(const std::string& s) { return le32(static_cast<std::uint32_t>(s.size())) + s; }
 std::string lpsz(const std::string& s) { return lpstr(s + '\0'); }
 std::string codePage(std::uint16_t cp) { return le16(mox::vt::i2) + le16(0) + le16(cp) + le16(0); }
@@ -569,7 +569,6 @@ TEST(SectionEdits, NamedPropertiesGetFreshIdsAndNamesFollowCaseRules) {
   user.set(mox::pid::behavior, std::uint32_t(1));  // names now compare exactly
   EXPECT_FALSE(user.id_of("CLIENT").has_value());
   EXPECT_EQ(user.id_of("Client"), a);
-  EXPECT_EQ(user.code_page(), 65001);
 
   EXPECT_TRUE(user.remove(a));
   EXPECT_FALSE(user.id_of("Client").has_value());

@@ -34,6 +34,10 @@ using Streams = std::map<std::string, std::vector<std::uint8_t>>;  // path -> by
 const std::string kOracle = std::string(MOX_SOURCE_DIR) + "/tests/oracles/olefile_properties.py";
 const std::string kSi(mox::kSummaryInformationStream), kDsi(mox::kDocSummaryInformationStream);
 
+// Little-endian fields, as the format stores them.
+std::string le16(std::uint16_t v) { return {static_cast<char>(v), static_cast<char>(v >> 8)}; }
+std::string le32(std::uint32_t v) { return le16(static_cast<std::uint16_t>(v)) + le16(static_cast<std::uint16_t>(v >> 16)); }
+
 std::string hexOf(const std::string& bytes) {
   std::string out;
   for (unsigned char c : bytes) out += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
@@ -66,11 +70,10 @@ OleValue olefileView(const mox::PropertyValue& value) {
     using T = std::decay_t<decltype(v)>;
     auto bytes = [](const std::string& b) { return OleValue{"bytes", hexOf(b)}; };
     if constexpr (std::is_same_v<T, bool>) return {"bool", v ? "1" : "0"};
-    if constexpr (std::is_same_v<T, std::uint8_t> || std::is_same_v<T, std::int16_t> ||
-                  std::is_same_v<T, std::uint16_t> || std::is_same_v<T, std::uint32_t>) {
+    if constexpr (std::is_same_v<T, std::uint8_t> || std::is_same_v<T, std::int16_t> || std::is_same_v<T, std::uint16_t>) {
       return {"int", std::to_string(v)};
     }
-    if constexpr (std::is_same_v<T, std::int32_t>) return {"int", std::to_string(static_cast<std::uint32_t>(v))};
+    if constexpr (std::is_same_v<T, std::int32_t> || std::is_same_v<T, std::uint32_t>) return {"int", std::to_string(std::uint32_t(v))};
     if constexpr (std::is_same_v<T, mox::StatusCode>) return {"int", std::to_string(v.value)};
     if constexpr (std::is_same_v<T, mox::FileTime>) return {"int", std::to_string(v.value / 10000000)};
     if constexpr (std::is_same_v<T, mox::CodePageString>) {
@@ -83,9 +86,7 @@ OleValue olefileView(const mox::PropertyValue& value) {
       return v.object ? OleValue{"none", ""} : bytes(std::string(v.data.begin(), v.data.end()));
     }
     if constexpr (std::is_same_v<T, mox::ClipboardData>) {
-      std::string b;
-      for (int i = 0; i < 4; ++i) b += static_cast<char>(static_cast<std::uint32_t>(v.format) >> (8 * i));
-      return bytes(b + std::string(v.data.begin(), v.data.end()));
+      return bytes(le32(static_cast<std::uint32_t>(v.format)) + std::string(v.data.begin(), v.data.end()));
     }
     if constexpr (std::is_same_v<T, mox::Guid>) return {"str", hexOf(v == mox::Guid{} ? "" : mox::guid_to_string(v))};
     return {"none", ""};
@@ -96,16 +97,18 @@ OleValue olefileView(const mox::PropertyValue& value) {
 // "T id" -> the date of a FILETIME (convert_time=True), of kind "".
 using OleStream = std::map<std::string, OleValue>;
 
-// By directory entry number.
-std::map<std::uint32_t, OleStream> runOlefile(const std::string& python, const std::string& path) {
-  const moxtest::ProgramResult r = moxtest::runProgram({python, kOracle, path});
+// By stream path, as this library names the entry numbers olefile gives.
+std::map<std::string, OleStream> runOlefile(const std::string& path) {
+  std::map<std::uint32_t, std::string> pathOf;
+  for (const mox::Entry& e : mox::CompoundFile::open(path).walk()) pathOf[e.id] = e.path;
+  const moxtest::ProgramResult r = moxtest::runProgram({moxtest::olefilePython(), kOracle, path});
   EXPECT_EQ(r.status, 0) << "olefile (python3-olefile): " << r.err;
-  std::map<std::uint32_t, OleStream> out;
+  std::map<std::string, OleStream> out;
   OleStream* current = nullptr;
   std::istringstream lines(r.out);
   for (std::string line; std::getline(lines, line);) {
     const std::vector<std::string> f = manifest::split(line, '\t');
-    if (f[0] == "S") current = &out[static_cast<std::uint32_t>(std::stoul(f[1]))];
+    if (f[0] == "S") current = &out[pathOf[static_cast<std::uint32_t>(std::stoul(f[1]))]];
     if (current != nullptr && (f[0] == "P" || f[0] == "T")) (*current)[f[0] + " " + f[1]] = {f[2], f.size() > 3 ? f[3] : ""};
   }
   return out;
@@ -115,18 +118,16 @@ std::map<std::uint32_t, OleStream> runOlefile(const std::string& python, const s
 // as if it were a value.
 void expectOlefileAgrees(const mox::PropertySet& set, OleStream got) {
   OleStream expected;
-  const mox::PropertySection* first = set.sections.empty() ? nullptr : &set.sections[0];
-  for (const mox::Property& p : first ? first->properties : std::vector<mox::Property>{}) {
+  for (const mox::Property& p : set.sections.empty() ? std::vector<mox::Property>{} : set.sections[0].properties) {
     expected["P " + std::to_string(p.id)] = olefileView(p.value);
     if (const auto* t = std::get_if<mox::FileTime>(&p.value)) expected["T " + std::to_string(p.id)] = {isoOf(t->value, true), ""};
   }
   got.erase("P " + std::to_string(mox::pid::dictionary));
   for (auto& [key, v] : got) {
-    // olefile keeps the terminating nulls of UTF-16 strings.
-    const mox::PropertyValue* mine = first ? first->get(static_cast<std::uint32_t>(std::stoul(key.substr(2)))) : nullptr;
+    // olefile keeps the terminating nulls of UTF-16 strings (no other
+    // string it gives holds a null).
     std::string& text = v.second;
-    if (v.first != "str" || mine == nullptr || !std::holds_alternative<std::u16string>(*mine)) continue;
-    while (text.size() >= 2 && text.compare(text.size() - 2, 2, "00") == 0) text.resize(text.size() - 2);
+    while (v.first == "str" && text.size() >= 2 && text.compare(text.size() - 2, 2, "00") == 0) text.resize(text.size() - 2);
   }
   EXPECT_EQ(got, expected);
 }
@@ -138,15 +139,11 @@ std::string gsfQuote(const std::string& text) {
   static const std::string escaped = "\b\f\n\r\t\v\\\"", letters = "bfnrtv\\\"";
   std::string out = "\"";
   for (unsigned char c : text) {
-    char buffer[8];
-    if (const std::size_t at = escaped.find(static_cast<char>(c)); at != std::string::npos) {
-      out += {'\\', letters[at]};
-    } else if (c < 0x20 || c >= 0x7F) {
-      std::snprintf(buffer, sizeof buffer, "\\%03o", c);
-      out += buffer;
-    } else {
-      out += static_cast<char>(c);
-    }
+    char octal[8];
+    std::snprintf(octal, sizeof octal, "\\%03o", c);
+    const std::size_t at = escaped.find(static_cast<char>(c));
+    if (at != std::string::npos) out += {'\\', letters[at]};
+    else out += c < 0x20 || c >= 0x7F ? std::string(octal) : std::string(1, static_cast<char>(c));
   }
   return out + "\"";
 }
@@ -166,12 +163,8 @@ struct GsfVisitor {
   R operator()(const T& v) const {
     auto one = [](std::string s) { return R(std::vector<std::string>{std::move(s)}); };
     if constexpr (std::is_same_v<T, bool>) return one(v ? "TRUE" : "FALSE");
-    if constexpr (std::is_integral_v<T>) return one(std::to_string(v));
-    if constexpr (std::is_floating_point_v<T>) {
-      char buffer[64];
-      std::snprintf(buffer, sizeof buffer, "%f", static_cast<double>(v));
-      return one(buffer);
-    }
+    // to_string prints floating-point numbers as "%f" does, as gsf does.
+    if constexpr (std::is_integral_v<T> || std::is_floating_point_v<T>) return one(std::to_string(v));
     if constexpr (std::is_same_v<T, mox::Currency>) return one(std::to_string(v.value));
     if constexpr (std::is_same_v<T, mox::CodePageString>) return one(gsfQuote(v.text));
     if constexpr (std::is_same_v<T, std::u16string>) return one(gsfQuote(moxfmt::utf16ToUtf8(v)));
@@ -278,10 +271,9 @@ void expectGsfAgrees(const Sets& sets, const GsfPrint& printed) {
 // --- Compound files of property streams -------------------------------------------
 
 std::string save(const moxhost::ScratchDir& dir, const std::string& name, const Streams& streams) {
-  mox::CompoundFile f = mox::CompoundFile::create_memory();
+  mox::CompoundFile f = mox::CompoundFile::create(dir.file(name));
   for (const auto& [path, bytes] : streams) f.create_stream(path).write(bytes.data(), bytes.size());
   f.commit();
-  EXPECT_TRUE(moxtest::writeBytes(dir.file(name), f.bytes()));
   return dir.file(name);
 }
 
@@ -289,14 +281,11 @@ std::string save(const moxhost::ScratchDir& dir, const std::string& name, const 
 // against `sets`, the sets this library reads there by stream path;
 // returns what gsf printed.
 GsfPrint expectOraclesAgree(const std::string& path, const Sets& sets, bool askGsf = true) {
-  std::map<std::uint32_t, std::string> pathOf;  // entry number -> path
-  for (const mox::Entry& e : mox::CompoundFile::open(path).walk()) pathOf[e.id] = e.path;
-  const auto seen = runOlefile(moxtest::olefilePython(), path);
-  EXPECT_EQ(seen.size(), sets.size());
-  for (const auto& [id, values] : seen) {
-    SCOPED_TRACE("olefile on " + path + ", " + pathOf[id]);
-    EXPECT_EQ(sets.count(pathOf[id]), 1u) << "olefile reads a property set this library does not";
-    if (sets.count(pathOf[id])) expectOlefileAgrees(sets.at(pathOf[id]), values);
+  std::map<std::string, OleStream> seen = runOlefile(path);
+  EXPECT_EQ(seen.size(), sets.size()) << "olefile reads property sets this library does not";
+  for (const auto& [stream, set] : sets) {
+    SCOPED_TRACE("olefile on " + path + ", " + stream);
+    expectOlefileAgrees(set, seen[stream]);
   }
   if (!askGsf) return {};
   const GsfPrint printed = runGsf(path);
@@ -347,16 +336,14 @@ TEST_P(PropertyCorpus, ReadAsOlefileAndGsfReadItAndWrittenBackTheSame) {
     if (!e.is_stream() || e.name.empty() || e.name[0] != '\x05') continue;
     SCOPED_TRACE(e.path);
     const mox::PropertySet& set = sets[e.path] = mox::read_property_set(doc, e.path);
-    const std::vector<std::uint8_t> bytes = rewritten[e.path] = bytesOf(set);
-    const mox::PropertySet again = parsed(bytes);
-    EXPECT_TRUE(again == set) << "changed by a write and a read";
+    rewritten[e.path] = bytesOf(set);
+    EXPECT_TRUE(parsed(rewritten[e.path]) == set) << "changed by a write and a read";
   }
   ASSERT_FALSE(sets.empty());
 
   moxhost::ScratchDir scratch;
-  const std::string copy = save(scratch, "rewritten.cfb", rewritten);
   // gsf reads only the two summary streams at the top.
-  EXPECT_EQ(expectOraclesAgree(copy, sets), expectOraclesAgree(full, sets));
+  EXPECT_EQ(expectOraclesAgree(save(scratch, "rewritten.cfb", rewritten), sets), expectOraclesAgree(full, sets));
 }
 
 MOX_TEST_EACH_FILE(Corpus, PropertyCorpus, corpusFiles);
@@ -438,13 +425,11 @@ TEST(HandMadeSets, EveryKindOfValueReadsBackAsOlefileAndGsfReadItAndFailsCleanly
   set.sections[0].set_code_page(1200);
   for (const mox::PropertySet* s : {&set, &summary}) {
     const std::vector<std::uint8_t> whole = bytesOf(*s);
-    for (std::size_t cut = 0; cut < whole.size(); ++cut) {
-      expectParsesOrDamaged(std::vector<std::uint8_t>(whole.begin(), whole.begin() + cut), "cut at " + std::to_string(cut));
-    }
-    for (std::size_t at = 0; at + 4 <= whole.size(); at += 2) {
+    for (std::size_t at = 0; at < whole.size(); ++at) {
+      expectParsesOrDamaged(std::vector<std::uint8_t>(whole.begin(), whole.begin() + at), "cut at " + std::to_string(at));
       for (std::uint32_t v : {0xFFFFFFFFu, 0x7FFFFFF0u, 0x00010000u, 0x00001000u}) {
         std::vector<std::uint8_t> broken = whole;
-        for (int i = 0; i < 4; ++i) broken[at + i] = static_cast<std::uint8_t>(v >> (8 * i));
+        for (std::size_t i = at; i < at + 4 && i < whole.size(); ++i) broken[i] = static_cast<std::uint8_t>(v >> (8 * (i - at)));
         expectParsesOrDamaged(broken, std::to_string(v) + " at " + std::to_string(at));
       }
     }
@@ -459,18 +444,16 @@ TEST(HandMadeSets, TextInEachCodePageReadsAsGsfReadsIt) {
   };
   for (const auto& [code_page, text] : texts) {
     SCOPED_TRACE("code page " + std::to_string(code_page));
-    mox::PropertySet si, dsi;
-    mox::PropertySection& s = si.section_or_add(mox::kSummaryInformation, code_page);
-    s.set(mox::summary::title, mox::CodePageString(text));
-    s.set(mox::summary::keywords, std::vector<mox::CodePageString>{text, "second"});
+    mox::PropertySet dsi;
     dsi.section_or_add(mox::kDocSummaryInformation, code_page)
         .set(mox::doc_summary::titles_of_parts, std::vector<mox::CodePageString>{text, text + "2"});
     mox::PropertySection& user = dsi.section_or_add(mox::kUserDefinedProperties, code_page);
     user.set_named(text, mox::CodePageString(text));
     user.set_named("ASCII name", std::int32_t(7));
-    EXPECT_EQ(std::get<mox::CodePageString>(*reread(si).sections[0].get(mox::summary::title)).text, text);
-    EXPECT_EQ(reread(dsi).sections[1].id_of(text), user.id_of(text));
-    expectOraclesAgreeOnNewFile({{kSi, bytesOf(si)}, {kDsi, bytesOf(dsi)}});
+    const mox::PropertySection back = reread(dsi).sections.at(1);
+    EXPECT_EQ(back.dictionary, user.dictionary);
+    EXPECT_EQ(std::get<mox::CodePageString>(*back.get(*user.id_of(text))).text, text);
+    expectOraclesAgreeOnNewFile({{kDsi, bytesOf(dsi)}});
   }
   // A character the code page lacks is refused, not replaced.
   mox::PropertySet set;
@@ -480,9 +463,8 @@ TEST(HandMadeSets, TextInEachCodePageReadsAsGsfReadsIt) {
 
 // Bytes built field by field, for layouts this library's writer never
 // produces but other writers do.
-std::string le16(std::uint16_t v) { return {static_cast<char>(v), static_cast<char>(v >> 8)}; }
-std::string le32(std::uint32_t v) { return le16(static_cast<std::uint16_t>(v)) + le16(static_cast<std::uint16_t>(v >> 16)); }
 std::string lpstr(const std::string& s) { return le32(static_cast<std::uint32_t>(s.size())) + s; }
+std::string lpsz(const std::string& s) { return lpstr(s + '\0'); }
 std::string codePage(std::uint16_t cp) { return le16(mox::vt::i2) + le16(0) + le16(cp) + le16(0); }
 
 std::vector<std::uint8_t> rawSet(const std::vector<std::pair<mox::Guid, std::vector<std::pair<std::uint32_t, std::string>>>>& sections) {
@@ -510,7 +492,7 @@ std::vector<std::uint8_t> rawSet(const std::vector<std::pair<mox::Guid, std::vec
 // A summary section in code page `cp` with `bytes` as its title, and the
 // title read back.
 std::vector<std::uint8_t> titled(std::uint16_t cp, const std::string& bytes) {
-  return rawSet({{mox::kSummaryInformation, {{1, codePage(cp)}, {2, le32(30) + lpstr(bytes)}}}});
+  return rawSet({{mox::kSummaryInformation, {{1, codePage(cp)}, {2, le32(30) + lpsz(bytes)}}}});
 }
 mox::CodePageString titleOf(const mox::PropertySet& set) {
   return std::get<mox::CodePageString>(*set.sections.at(0).get(2));
@@ -522,25 +504,21 @@ TEST(HandMadeSets, LayoutsOfOtherWritersReadAsGsfReadsThem) {
   // Office), sizes counting their padding (newer Office, Visio), padding
   // outside the size (as the format says), values not on a four-byte
   // boundary, and a dictionary of packed 8-bit names.
-  const std::string packedStrings = le32(0x101E) + le32(3) + lpstr(std::string("Tahoma\0", 7)) +
-                                    lpstr(std::string("Arial\0", 6)) + lpstr(std::string("X\0", 2));
-  const std::string packedVariants = le32(0x100C) + le32(4) + le32(30) + lpstr(std::string("Fonts\0", 6)) +
-                                     le32(3) + le32(2) + le32(30) + lpstr(std::string("Slide Titles\0", 13)) +
-                                     le32(3) + le32(40);
-  const std::string paddedOutside = le32(0x101E) + le32(2) + lpstr(std::string("Page-1\0", 7)) + std::string(1, '\0') +
-                                    lpstr(std::string("Tracking Text\0", 14)) + std::string(2, '\0');
+  const std::string packedStrings = le32(0x101E) + le32(3) + lpsz("Tahoma") + lpsz("Arial") + lpsz("X");
+  const std::string packedVariants = le32(0x100C) + le32(4) + le32(30) + lpsz("Fonts") + le32(3) + le32(2) + le32(30) +
+                                     lpsz("Slide Titles") + le32(3) + le32(40);
+  const std::string paddedOutside =
+      le32(0x101E) + le32(2) + lpsz("Page-1") + std::string(1, '\0') + lpsz("Tracking Text") + std::string(2, '\0');
   const std::string sizedWithPadding = le32(0x101E) + le32(2) + lpstr(std::string("Page-1\0c", 8)) +
                                        lpstr(std::string("View\0ase", 8));
   const std::string dictionary = le32(3) + le32(2) + le32(6) + std::string("Cost\0\0", 6) + le32(3) + le32(8) +
                                  std::string("Finish\0", 7) + "x" + le32(4) + le32(3) + std::string("go\0", 3);
-  const std::string odd = le32(30) + lpstr(std::string("\xA3" "0.00\0", 6));  // 10 bytes: the next value is unaligned
+  const std::string odd = le32(30) + lpsz("\xA3" "0.00");  // 10 bytes: the next value is unaligned
   const std::vector<std::uint8_t> dsi = rawSet(
       {{mox::kDocSummaryInformation, {{1, cp1252}, {13, packedStrings}, {12, packedVariants}}},
        {mox::kUserDefinedProperties, {{0, dictionary}, {1, cp1252}, {2, odd}, {4, sizedWithPadding}}}});
+  // gsf prints every item of the two vectors and both names.
   const mox::PropertySet set = parsed(dsi);
-  ASSERT_EQ(set.sections.size(), 2u);
-  EXPECT_EQ(std::get<std::vector<mox::CodePageString>>(*set.sections[0].get(13)).size(), 3u);
-  EXPECT_EQ(std::get<std::vector<mox::PropertyValue>>(*set.sections[0].get(12)).size(), 4u);
   EXPECT_TRUE(reread(set) == set);
   expectOraclesAgreeOnNewFile({{kDsi, dsi}});
   // gsf does not skip the padding after a string of a vector.
@@ -548,14 +526,14 @@ TEST(HandMadeSets, LayoutsOfOtherWritersReadAsGsfReadsThem) {
   EXPECT_TRUE(*padded.sections[0].get(5) == (std::vector<mox::CodePageString>{ascii("Page-1"), ascii("Tracking Text")}));
   // Bytes the code page does not map read as U+FFFD and are written back
   // as they were; gsf gives up on the whole string.
-  const mox::PropertySet odd1252 = parsed(titled(1252, std::string("a\x81z\0", 4)));
+  const mox::PropertySet odd1252 = parsed(titled(1252, "a\x81z"));
   EXPECT_EQ(titleOf(odd1252).text, "a\xEF\xBF\xBDz");
   EXPECT_EQ(titleOf(reread(odd1252)).bytes, "a\x81z");
   expectOraclesAgreeOnNewFile({{kSi, bytesOf(odd1252)}}, false);
   // Mac Cyrillic goes by a name of its own; a code page iconv lacks (Mac
   // Simplified Chinese) reads as Windows-1252.
-  EXPECT_EQ(titleOf(parsed(titled(10007, std::string("\xC0\0", 2)))).text, "\xD1\x98");
-  EXPECT_EQ(titleOf(parsed(titled(10008, std::string("\xC0\0", 2)))).text, "\xC3\x80");
+  EXPECT_EQ(titleOf(parsed(titled(10007, "\xC0"))).text, "\xD1\x98");
+  EXPECT_EQ(titleOf(parsed(titled(10008, "\xC0"))).text, "\xC3\x80");
 }
 
 // --- Damaged bytes -----------------------------------------------------------------
@@ -573,8 +551,7 @@ TEST(DamagedSets, ValuesSharedByManyEntriesDoNotMultiplyMemory) {
   EXPECT_EQ(moxtest::errorOf([&] { parsed(many); }), mox::Errc::damaged);
   // Three sharing a UTF-16 string of 20000 units stay within the bound.
   const mox::PropertySet set = parsed(sharedValue(3, le32(mox::vt::lpwstr) + le32(20000) + std::string(40000, 'w')));
-  ASSERT_EQ(set.sections.at(0).properties.size(), 3u);
-  EXPECT_EQ(std::get<std::u16string>(set.sections[0].properties[2].value).size(), 20000u);
+  EXPECT_EQ(std::get<std::u16string>(set.sections.at(0).properties.at(2).value).size(), 20000u);
 }
 
 // --- Editing sections ----------------------------------------------------------------
@@ -584,7 +561,7 @@ TEST(SectionEdits, NamedPropertiesGetFreshIdsAndNamesFollowCaseRules) {
   mox::PropertySection& user = set.section_or_add(mox::kUserDefinedProperties, 65001);
   user.set(0x80000000u, std::uint32_t(1033));
   const std::uint32_t a = user.set_named("Client", mox::CodePageString("ACME"));
-  const std::uint32_t b = user.set_named("Ärger", std::int32_t(3));
+  user.set_named("Ärger", std::int32_t(3));
   EXPECT_GE(a, 2u);
   EXPECT_EQ(user.set_named("CLIENT", mox::CodePageString("Other")), a);  // ASCII case ignored
   EXPECT_EQ(user.properties.size(), 4u);
@@ -592,11 +569,7 @@ TEST(SectionEdits, NamedPropertiesGetFreshIdsAndNamesFollowCaseRules) {
   user.set(mox::pid::behavior, std::uint32_t(1));  // names now compare exactly
   EXPECT_FALSE(user.id_of("CLIENT").has_value());
   EXPECT_EQ(user.id_of("Client"), a);
-  EXPECT_EQ(user.code_page(), 65001);
 
-  const mox::PropertySet back = reread(set);
-  EXPECT_EQ(back.sections[0].dictionary, set.sections[0].dictionary);
-  EXPECT_EQ(back.sections[0].id_of("Ärger"), b);
   EXPECT_TRUE(user.remove(a));
   EXPECT_FALSE(user.id_of("Client").has_value());
   EXPECT_FALSE(user.remove(a));
@@ -606,7 +579,6 @@ TEST(SectionEdits, NamedPropertiesGetFreshIdsAndNamesFollowCaseRules) {
   EXPECT_STREQ(mox::property_name(mox::kUserDefinedProperties, mox::pid::code_page), "code_page");
   EXPECT_EQ(mox::property_name(mox::kUserDefinedProperties, 5), nullptr);
   EXPECT_EQ(mox::guid_from_string(mox::guid_to_string(mox::kDocSummaryInformation)), mox::kDocSummaryInformation);
-  EXPECT_EQ(mox::guid_to_string(mox::kSummaryInformation), "F29F85E0-4FF9-1068-AB91-08002B27B3D9");
   const std::pair<std::uint16_t, const char*> types[] = {
       {mox::vt::boolean, "bool"}, {mox::vt::i4, "i4"}, {mox::vt::vector | mox::vt::lpstr, "vector|lpstr"},
       {mox::vt::array | mox::vt::variant, "array|variant"}, {0x0123, "0x0123"}};
@@ -614,33 +586,6 @@ TEST(SectionEdits, NamedPropertiesGetFreshIdsAndNamesFollowCaseRules) {
 }
 
 // --- Writing into a document ----------------------------------------------------------
-
-// Property sets of top-level streams as Apache POI reads them: per stream,
-// per section, "id\tname\tkind\tvalue" lines.  Empty when POI or a Java
-// compiler is missing.
-using PoiSets = std::map<std::string, std::vector<std::vector<std::string>>>;
-PoiSets runPoi(const std::string& file, const std::vector<std::string>& streams) {
-  static const moxhost::ScratchDir classes;
-  static const bool compiled =
-      moxtest::slurp("/usr/share/java/poi.jar").size() > 0 &&
-      moxtest::runProgram({"javac", "-cp", "/usr/share/java/poi.jar", "-d", classes.path(),
-                           std::string(MOX_SOURCE_DIR) + "/tests/oracles/PoiProperties.java"}).status == 0;
-  PoiSets out;
-  if (!compiled) return out;
-  const std::string jars = ":/usr/share/java/poi.jar:/usr/share/java/commons-collections4.jar:/usr/share/java/commons-math3.jar";
-  std::vector<std::string> argv = {"java", "-cp", classes.path() + jars, "PoiProperties", file};
-  argv.insert(argv.end(), streams.begin(), streams.end());
-  const moxtest::ProgramResult r = moxtest::runProgram(argv);
-  EXPECT_EQ(r.status, 0) << r.err;
-  std::istringstream lines(r.out);
-  std::vector<std::vector<std::string>>* sections = nullptr;
-  for (std::string line; std::getline(lines, line);) {
-    if (line.rfind("F ", 0) == 0) sections = &out[line.substr(2)];
-    if (line.rfind("S ", 0) == 0 && sections) sections->emplace_back();
-    if (line.rfind("P\t", 0) == 0 && sections && !sections->empty()) sections->back().push_back(line.substr(2));
-  }
-  return out;
-}
 
 // How POI prints the values it decodes the same way as this library;
 // nullopt for the rest (dates, vectors, dictionaries...).
@@ -653,25 +598,45 @@ std::optional<std::string> poiView(const mox::PropertyValue& value) {
   return std::nullopt;
 }
 
-void expectPoiAgrees(const mox::PropertySet& set, const std::vector<std::vector<std::string>>& seen) {
-  ASSERT_EQ(seen.size(), set.sections.size());
-  for (std::size_t s = 0; s < seen.size(); ++s) {
-    const mox::PropertySection& section = set.sections[s];
-    std::size_t compared = 0;
-    for (const std::string& line : seen[s]) {
-      const std::vector<std::string> f = manifest::split(line, '\t');
-      ASSERT_GE(f.size(), 3u) << line;  // an empty value leaves no last field
-      const auto id = static_cast<std::uint32_t>(std::stoul(f[0]));
-      const mox::PropertyValue* mine = id == mox::pid::dictionary ? nullptr : section.get(id);
-      const std::optional<std::string> view = mine ? poiView(*mine) : std::nullopt;
-      if (!view) continue;
-      EXPECT_EQ(line.substr(f[0].size() + f[1].size() + 2), *view) << "property " << id;
-      if (section.dictionary && section.dictionary->count(id)) {
-        EXPECT_EQ(f[1], section.dictionary->at(id));
+// Checks what Apache POI reads in the top-level streams `sets` holds
+// against them: each property it decodes as this library does must be
+// among its "id\tname\tkind\tvalue" lines for that section, with its name
+// from the dictionary.  Says so when POI or a Java compiler is missing.
+void expectPoiAgrees(const std::string& file, const Sets& sets) {
+  static const moxhost::ScratchDir classes;
+  static const bool compiled =
+      moxtest::slurp("/usr/share/java/poi.jar").size() > 0 &&
+      moxtest::runProgram({"javac", "-cp", "/usr/share/java/poi.jar", "-d", classes.path(),
+                           std::string(MOX_SOURCE_DIR) + "/tests/oracles/PoiProperties.java"}).status == 0;
+  if (!compiled) {
+    std::cerr << "POI or javac missing: POI's view not compared\n";
+    return;
+  }
+  const std::string jars = ":/usr/share/java/poi.jar:/usr/share/java/commons-collections4.jar:/usr/share/java/commons-math3.jar";
+  std::vector<std::string> argv = {"java", "-cp", classes.path() + jars, "PoiProperties", file};
+  for (const auto& [path, set] : sets) argv.push_back(path);
+  const moxtest::ProgramResult r = moxtest::runProgram(argv);
+  EXPECT_EQ(r.status, 0) << r.err;
+  std::map<std::string, std::vector<std::vector<std::string>>> seen;  // stream -> sections -> lines
+  std::istringstream lines(r.out);
+  std::vector<std::vector<std::string>>* sections = nullptr;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("F ", 0) == 0) sections = &seen[line.substr(2)];
+    if (line.rfind("S ", 0) == 0 && sections) sections->emplace_back();
+    if (line.rfind("P\t", 0) == 0 && sections && !sections->empty()) sections->back().push_back(line.substr(2));
+  }
+  for (const auto& [path, set] : sets) {
+    SCOPED_TRACE("POI, " + path);
+    ASSERT_EQ(seen[path].size(), set.sections.size());
+    for (std::size_t s = 0; s < set.sections.size(); ++s) {
+      const mox::PropertySection& section = set.sections[s];
+      for (const mox::Property& p : section.properties) {
+        const std::optional<std::string> view = poiView(p.value);
+        const bool named = section.dictionary && section.dictionary->count(p.id);
+        const std::string line = std::to_string(p.id) + "\t" + (named ? section.dictionary->at(p.id) : "-") + "\t" + view.value_or("");
+        EXPECT_TRUE(!view || std::count(seen[path][s].begin(), seen[path][s].end(), line) == 1) << line;
       }
-      ++compared;
     }
-    EXPECT_GT(compared, 0u) << "section " << s;
   }
 }
 
@@ -706,12 +671,7 @@ TEST(PropertyEdits, TitleAuthorAndAUserPropertyOfACorpusDocument) {
   const auto printed = expectOraclesAgree(copy, sets);
   EXPECT_EQ(printed.count("dc:title"), 1u);
   EXPECT_EQ(printed.count("Client"), 1u);
-  const PoiSets poi = runPoi(copy, {kSi, kDsi});
-  if (poi.empty()) std::cerr << "POI or javac missing: POI's view not compared\n";
-  for (const auto& [path, set] : sets) {
-    SCOPED_TRACE("POI, " + path);
-    if (!poi.empty()) expectPoiAgrees(set, poi.at(path));
-  }
+  expectPoiAgrees(copy, sets);
 
   // `moxole props` prints a line a property with the id, name and type
   // the interface gives.

@@ -207,8 +207,6 @@ TEST(Directory, RootStartsSizesLinksAndEmptySlots) {
   l.dir[2].start = 42;
   OpenDoc doc(l.serialize());
   ASSERT_TRUE(doc.ok());
-  EXPECT_STREQ(doc->pDir[0].szName, "Root Entry");
-  EXPECT_EQ(doc->pDir[0].byType, 5);
   EXPECT_EQ(doc->pDir[0].lIndex, 0);
   EXPECT_EQ(doc->pDir[1].lIndex, 1);
   EXPECT_EQ(doc->iDirCount, 4);

@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "host/moxhost.h"
-#include "host/scratch_dir.h"
 #include "moxolefio.h"
 #include "moxvos.h"
 #include "support/document_walk.h"

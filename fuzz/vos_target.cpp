@@ -17,6 +17,7 @@
 // descriptor, lock or host-memory block left behind.  Exact results of
 // single calls are the unit tests'.
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -152,6 +153,8 @@ class Run {
     require(fstat(s.fd, &record) == 0, "fstat of an open descriptor");
     const int64_t size = (flags & O_TRUNC) || before < 0 ? 0 : before;
     require(record.st_size == size, "a file's size after opening: truncated only when asked");
+    const int kept = O_ACCMODE | O_APPEND;
+    require((fcntl(s.fd, F_GETFL) & kept) == (flags & kept), "the access and append flags after opening");
     if (before < 0) require((record.st_mode & 07777) == (0644 & ~mask_), "a created file's permissions");
   }
 
@@ -213,7 +216,7 @@ class Run {
     if (!mode.empty() && mode[0] == 'r') flags = update ? O_RDWR : O_RDONLY;
     if (!mode.empty() && mode[0] == 'w') flags = (update ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
     if (!mode.empty() && mode[0] == 'a') flags = (update ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
-    opened(s, fd, flags, before);  // the access and append flags are the unit test's table
+    opened(s, fd, flags, before);
   }
 
   // moxvos_fwrite or moxvos_fread of `count` elements of `size` bytes.

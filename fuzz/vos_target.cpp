@@ -8,7 +8,8 @@
 //
 // Beside "no crash", the target checks what the layer promises whatever
 // the names: descriptors at 256 or above, files created empty with 0644
-// less the mask and existing ones truncated only when asked, whole
+// less the mask, existing ones truncated only when asked, the access and
+// append flags of the mode or flags asked for, whole
 // elements counted, mkdir's result, temporary names made of the directory
 // and prefix given, the size queries agreeing, and stat with access,
 // getcwd giving the platform's answer, a lock without a file failing in
@@ -21,7 +22,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -64,7 +64,7 @@ struct Slot {
 class Run {
  public:
   Run(const std::string& scratch, mode_t mask)
-      : scratch_(scratch), mask_(mask), highDescriptors_(descriptorLimit() > kLowestDescriptor + 64) {}
+      : scratch_(scratch), mask_(mask), highDescriptors_(sysconf(_SC_OPEN_MAX) > kLowestDescriptor + 64) {}
 
   ~Run() {
     for (Slot& s : slots_) release(s);
@@ -111,11 +111,6 @@ class Run {
   }
 
  private:
-  static rlim_t descriptorLimit() {
-    struct rlimit limit;
-    return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
-  }
-
   Slot& slot(FuzzInput& in) { return slots_[in.byte() % moxfuzz::kVosSlots]; }
   Slot& freshSlot(FuzzInput& in) { return release(slot(in)); }
 

@@ -8,7 +8,8 @@
 //
 // Beside "no crash", the target checks what the layer promises whatever
 // the names: descriptors at 256 or above, files created empty with 0644
-// less the mask and existing ones truncated only when asked, whole
+// less the mask, existing ones truncated only when asked, the access and
+// append flags of the mode or flags asked for, whole
 // elements counted, mkdir's result, temporary names made of the directory
 // and prefix given, the size queries agreeing, and stat with access,
 // getcwd giving the platform's answer, a lock without a file failing in
@@ -17,10 +18,10 @@
 // descriptor, lock or host-memory block left behind.  Exact results of
 // single calls are the unit tests'.
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,7 +64,7 @@ struct Slot {
 class Run {
  public:
   Run(const std::string& scratch, mode_t mask)
-      : scratch_(scratch), mask_(mask), highDescriptors_(descriptorLimit() > kLowestDescriptor + 64) {}
+      : scratch_(scratch), mask_(mask), highDescriptors_(sysconf(_SC_OPEN_MAX) > kLowestDescriptor + 64) {}
 
   ~Run() {
     for (Slot& s : slots_) release(s);
@@ -110,11 +111,6 @@ class Run {
   }
 
  private:
-  static rlim_t descriptorLimit() {
-    struct rlimit limit;
-    return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
-  }
-
   Slot& slot(FuzzInput& in) { return slots_[in.byte() % moxfuzz::kVosSlots]; }
   Slot& freshSlot(FuzzInput& in) { return release(slot(in)); }
 
@@ -152,6 +148,8 @@ class Run {
     require(fstat(s.fd, &record) == 0, "fstat of an open descriptor");
     const int64_t size = (flags & O_TRUNC) || before < 0 ? 0 : before;
     require(record.st_size == size, "a file's size after opening: truncated only when asked");
+    const int kept = O_ACCMODE | O_APPEND;
+    require((fcntl(s.fd, F_GETFL) & kept) == (flags & kept), "the access and append flags after opening");
     if (before < 0) require((record.st_mode & 07777) == (0644 & ~mask_), "a created file's permissions");
   }
 
@@ -213,7 +211,7 @@ class Run {
     if (!mode.empty() && mode[0] == 'r') flags = update ? O_RDWR : O_RDONLY;
     if (!mode.empty() && mode[0] == 'w') flags = (update ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
     if (!mode.empty() && mode[0] == 'a') flags = (update ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
-    opened(s, fd, flags, before);  // the access and append flags are the unit test's table
+    opened(s, fd, flags, before);
   }
 
   // moxvos_fwrite or moxvos_fread of `count` elements of `size` bytes.

@@ -23,7 +23,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <set>
@@ -94,82 +93,56 @@ TEST(VosDescriptors, HighDescriptorsAndTheFopenModeTable) {
            read(filler, &byte, 1) == 1 && byte == 'x';
   }, -100));
 
-  // The fopen mode table.
+  // The fopen mode table.  The vos fuzz model checks what every mode opens
+  // (access, append, truncation, and that only 'w' and 'a' may create), but
+  // its inputs open nothing with "r+" or a '+' past the second character,
+  // never need 'w' or 'a' to create, and cannot pass a null mode.
   const struct {
     const char* mode;
-    int access;
-    bool append, creates, truncates;
-  } cases[] = {
-      // Every branch of the mode table once; its spellings ("rb+", "rt",
-      // "a+b") are the vos fuzz target's (fopen).
-      {"rb", O_RDONLY, false, false, false},  {"r+b", O_RDWR, false, false, false},
-      {"w", O_WRONLY, false, true, true},     {"wb+", O_RDWR, false, true, true},
-      {"a", O_WRONLY, true, true, false},     {"a+b", O_RDWR, true, true, false},
-      {"x+", O_RDONLY, false, false, false},  // '+' only upgrades r, w, a
-      {"+r", O_RDONLY, false, false, false},  // the first character decides
-      {"", O_RDONLY, false, false, false},    {nullptr, O_RDONLY, false, false, false},
-  };
-  const std::string existing = dir.file("existing"), missing = dir.file("missing");
+    int flags;  // access and append
+    bool creates;
+  } cases[] = {{"r+b", O_RDWR, false}, {"wb+", O_RDWR, true}, {"a", O_WRONLY | O_APPEND, true}, {nullptr, O_RDONLY, false}};
   for (const auto& c : cases) {
-    const std::string label = c.mode == nullptr ? "(null)" : c.mode;
-    ASSERT_TRUE(moxtest::writeFile(existing, "0123456789"));
-    int64_t fd = moxvos_fopen(existing.c_str(), c.mode, nullptr);
-    ASSERT_GE(fd, 256) << label;
-    const int flags = fcntl(static_cast<int>(fd), F_GETFL) & (O_ACCMODE | O_APPEND);
-    EXPECT_EQ(c.access | (c.append ? O_APPEND : 0), flags) << label;
-    EXPECT_EQ(c.truncates ? 0 : 10, moxvos_filesize(static_cast<int>(fd))) << label;
+    const int64_t row = &c - cases;
+    const std::string path = dir.file(std::to_string(row));
+    int64_t fd = (row % 2 ? moxvos_fopen64 : moxvos_fopen)(path.c_str(), c.mode, nullptr);
+    EXPECT_EQ(c.creates, fd >= 256) << row;
+    if (fd < 0) {
+      ASSERT_TRUE(moxtest::writeFile(path, "x"));
+      fd = moxvos_fopen(path.c_str(), c.mode, nullptr);
+    }
+    EXPECT_EQ(c.flags, fcntl(static_cast<int>(fd), F_GETFL) & (O_ACCMODE | O_APPEND)) << row;
     moxvos_fclose(static_cast<int>(fd));
-    unlink(missing.c_str());
-    errno = 0;
-    fd = ((&c - cases) % 2 ? moxvos_fopen64 : moxvos_fopen)(missing.c_str(), c.mode, nullptr);
-    // A failure is -1 in all 64 bits, with the platform's reason.
-    EXPECT_EQ(c.creates ? 0 : ENOENT, errno) << label;
-    EXPECT_EQ(c.creates ? std::max<int64_t>(fd, 256) : -1, fd) << label;
-    EXPECT_EQ(c.creates, moxtest::exists(missing)) << label;
-    if (fd >= 0) moxvos_fclose(static_cast<int>(fd));
   }
 }
 
 // --- Transfers and seeking -----------------------------------------------------
 
-// Element counts round down: a partial element read is none, and so is a
-// failed transfer (fread and fwrite share the counting).
+// Element counts round down: a pipe holding 39 bytes gives 9 elements of
+// 4 from one read (a second read would wait for the open write end), and
+// the 3 bytes of the partial element are taken too.  (That a failed
+// transfer counts none is the vos fuzz model's.)
 TEST(VosTransfers, ElementCountsAndOffsetsPastFourGiB) {
-  ScratchDir dir;
-  const std::string path = dir.file("39");
-  ASSERT_TRUE(moxtest::writeFile(path, std::string(39, 'c')));
-  int fd = static_cast<int>(moxvos_fopen(path.c_str(), "rb", nullptr));
-  ASSERT_GE(fd, 256);
-  char buffer[64];
-  EXPECT_EQ(9, moxvos_fread(fd, buffer, 4, 10));  // 39 bytes: 9 elements
-  EXPECT_EQ(39, moxvos_ftell(fd));                 // but all 39 were read
-  EXPECT_EQ(0, moxvos_fwrite(fd, buffer, 4, 10));  // open for reading only
-  moxvos_fclose(fd);
-
-  // A pipe holding 39 bytes gives 9 elements of 4 from one read: a second
-  // read would wait for the open write end.
+  char buffer[64] = {};
   int channel[2];
   ASSERT_EQ(0, pipe(channel));
   ASSERT_EQ(39, write(channel[1], buffer, 39));
   EXPECT_EQ(9, moxvos_fread(channel[0], buffer, 4, 16));
-  close(channel[0]);
   close(channel[1]);
+  EXPECT_EQ(0, moxvos_fread(channel[0], buffer, 1, 1));  // nothing left
+  close(channel[0]);
 
   // The 64-bit family carries offsets past 4 GiB, and the plain one too.
   const int64_t kThreeGiB = INT64_C(3) << 30, kFiveGiB = INT64_C(5) << 30;
-  fd = static_cast<int>(moxvos_fopen64(dir.file("sparse").c_str(), "w+b", nullptr));
+  ScratchDir dir;
+  const int fd = static_cast<int>(moxvos_fopen64(dir.file("sparse").c_str(), "w+b", nullptr));
   ASSERT_EQ(0, moxvos_ftruncate(fd, kThreeGiB));  // sparse: no blocks used
   EXPECT_EQ(kThreeGiB, moxvos_filesize64(fd));  // the fuzz model: filesize and fstat64 agree
-  EXPECT_EQ(0, moxvos_fseek64(fd, kThreeGiB - 4, SEEK_SET));
-  EXPECT_EQ(1, moxvos_fwrite(fd, "tail", 4, 1));
-  EXPECT_EQ(kThreeGiB, moxvos_ftell64(fd));
   EXPECT_EQ(kFiveGiB + 1, moxvos_lseek64(fd, kFiveGiB + 1, SEEK_SET));
   EXPECT_EQ(0, moxvos_fseek64(fd, -(kFiveGiB + 1 - (kThreeGiB - 4)), SEEK_CUR));
-  char back[4] = {0, 0, 0, 0};
-  EXPECT_EQ(4, moxvos_fread(fd, back, 1, 4));
-  EXPECT_EQ(0, memcmp(back, "tail", 4));
-  EXPECT_EQ(0, moxvos_fseek(fd, kThreeGiB - 4, SEEK_SET));
-  EXPECT_EQ(kThreeGiB - 4, moxvos_ftell(fd));
+  EXPECT_EQ(kThreeGiB - 4, moxvos_ftell64(fd));
+  EXPECT_EQ(0, moxvos_fseek(fd, kFiveGiB, SEEK_SET));
+  EXPECT_EQ(kFiveGiB, moxvos_ftell(fd));
   EXPECT_EQ(0, moxvos_fsync(fd));
   EXPECT_EQ(0, moxvos_fclose(fd));  // the fuzz model finds no descriptor left open
 }
@@ -206,7 +179,6 @@ TEST(VosStatus, PathsAndDirectoriesPassThrough) {
 
   // readdir and readdir_r walk one sequence.
   for (const char* name : {"one", "two", "three"}) ASSERT_TRUE(moxtest::writeFile(dir.file(name), name));
-  EXPECT_EQ(nullptr, moxvos_opendir(dir.file("none").c_str(), nullptr));
   DIR* handle = moxvos_opendir(dir.path().c_str(), nullptr);
   ASSERT_NE(nullptr, handle);
   // The fuzz model shows readdir_r leaves the caller's entry alone.
@@ -329,7 +301,7 @@ std::string lockSeen(int probe, off_t start, off_t length) {
 // Without a file, requests fail in fcntl, not as busy: the vos fuzz model's.
 TEST(VosLocks, LengthZeroLocksThePresentSizeAndALockHeldElsewhereIsBusy) {
   ScratchDir dir;
-  const std::string path = dir.file("hundred"), empty = dir.file("new.lock");
+  const std::string path = dir.file("hundred"), created = dir.file("new.lock");
   ASSERT_TRUE(moxtest::writeFile(path, std::string(100, 'h')));
   const int probe = open(path.c_str(), O_RDWR);
   _MoxvosFlock lock;
@@ -343,45 +315,39 @@ TEST(VosLocks, LengthZeroLocksThePresentSizeAndALockHeldElsewhereIsBusy) {
   ASSERT_EQ(0, moxvos_flock_unlock(&lock, SEEK_SET, 0, 0, nullptr));
   EXPECT_EQ("free", lockSeen(probe, 0, 0));
 
-  // An explicit range, relative to the current offset.
+  // An explicit range, relative to the current offset (which a nonzero
+  // length leaves alone, or the range would have moved with it).
   ASSERT_EQ(0, moxvos_fseek(lock.iFd, 10, SEEK_SET));
   ASSERT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_CUR, 5, 20, nullptr));
   EXPECT_EQ("write 15+20", lockSeen(probe, 0, 0));
-  EXPECT_EQ(10, moxvos_ftell(lock.iFd));  // a nonzero length moves nothing
+  // Emptied, length 0 reaches fcntl as 0: everything from 0 on, however far.
+  ASSERT_EQ(0, moxvos_ftruncate(lock.iFd, 0));
+  ASSERT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr));
+  EXPECT_EQ("write 0+0", lockSeen(probe, 1 << 30, 1));
   EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
 
   // Bytes 0..99 held through the probe (which the lock freed above would
-  // have prevented): busy from 0 to the end, and for byte 50 alone, but not
-  // beyond the holder's range.
+  // have prevented): busy for byte 50, but not beyond the holder's range.
   struct flock range = {};
   range.l_type = F_WRLCK;
   range.l_len = 100;
   ASSERT_EQ(0, fcntl(probe, F_OFD_SETLK, &range));
   ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr));
-  for (int64_t start : {0, 50}) {
-    errno = 0;
-    EXPECT_TRUE(moxvos_flock_trywrlock(&lock, SEEK_SET, start, start ? 1 : 0, nullptr) == -1 && errno == EBUSY) << start;
-  }
+  errno = 0;
+  EXPECT_TRUE(moxvos_flock_trywrlock(&lock, SEEK_SET, 50, 1, nullptr) == -1 && errno == EBUSY);
   EXPECT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 100, 10, nullptr));
   EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
   close(probe);
 
-  // A new, empty file: length 0 reaches fcntl as 0, everything from 0 on,
-  // however far.
-  ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR | O_CREAT, empty.c_str(), nullptr));
-  ASSERT_EQ(0, moxvos_flock_trywrlock(&lock, SEEK_SET, 0, 0, nullptr));
-  const int emptyProbe = open(empty.c_str(), O_RDWR);
-  EXPECT_EQ("write 0+0", lockSeen(emptyProbe, 1 << 30, 1));
-  close(emptyProbe);
-  EXPECT_EQ(0, moxvos_flock_free(&lock, nullptr));
-  EXPECT_TRUE(moxtest::exists(empty));  // freeing never removes the file
-  // Nor keeps the copy of the path: a hundred locks leave the heap as found.
+  // The first of a hundred locks creates its file, as the flags ask; freeing
+  // never removes the file, nor keeps the copy of the path: the heap is as found.
   const size_t inUse = mallinfo2().uordblks;
   for (int i = 0; i < 100; ++i) {
-    ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR, path.c_str(), nullptr));
+    ASSERT_EQ(0, moxvos_flock_init(&lock, O_RDWR | O_CREAT, created.c_str(), nullptr));
     ASSERT_EQ(0, moxvos_flock_free(&lock, nullptr));
   }
   EXPECT_EQ(mallinfo2().uordblks, inUse);
+  EXPECT_TRUE(moxtest::exists(created));
 }
 
 // --- Memory ------------------------------------------------------------------------
@@ -457,7 +423,6 @@ TEST(VosLoader, LoadsAreLoggedOnlyWhileTheVariableIsSet) {
   auto version = reinterpret_cast<const char* (*)()>(moxvos_dlsym(handle, "moxoleVersion"));
   ASSERT_NE(nullptr, version);
   EXPECT_STRNE("", version());
-  EXPECT_EQ(nullptr, moxvos_dlsym(handle, "moxvos_no_such_symbol"));
   // More closes than this process ever made opens: a real dlclose would
   // have unloaded the library long before the last one.
   for (int i = 0; i < 64; ++i) EXPECT_EQ(0, moxvos_dlclose(handle));
@@ -472,7 +437,6 @@ TEST(VosLoader, LoadsAreLoggedOnlyWhileTheVariableIsSet) {
   // The platform's reason is not logged; it waits in dlerror.
   const char* reason = moxvos_dlerror();
   EXPECT_TRUE(reason != nullptr && strstr(reason, kMissing) != nullptr);
-  EXPECT_EQ(nullptr, moxvos_dlerror());  // and is consumed by reading it
   moxvos_dll_log("no argument used\n", nullptr);
   moxvos_dll_log(nullptr, "ignored");
   // A successful load is one line, a failed one two, in order.
@@ -497,7 +461,6 @@ TEST(VosProcess, ExitSystemAndSleep) {
   EXPECT_EQ("e", moxtest::readFile(flushed)) << "the exit handlers did not run";
 
   EXPECT_EQ(3, WEXITSTATUS(moxvos_system("exit 3")));
-  EXPECT_NE(0, moxvos_system(nullptr));  // a shell is available
 
   // usleep sleeps, and answers 0 even when a signal cuts it short (a sleep
   // is never resumed after a handler).

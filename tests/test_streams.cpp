@@ -241,7 +241,8 @@ TEST(StreamLookup, PresentationStreamWalk) {
 // --- Sector lists ------------------------------------------------------------
 
 // A free link ends a chain, and a chain may run longer than its size
-// needs, under the lenient rules only (bOLEopenStream, entry numbers); a
+// needs, under the lenient rules only (bOLEopenStream; entry numbers
+// share its build); a
 // chain too short, one that comes back to its start or one that leaves
 // the FAT fails under both.  A failed exact build releases the old list.
 // The stream is entry 1, of ten sectors, with free sectors after it to
@@ -272,7 +273,6 @@ TEST(StreamChain, DamagedChainsUnderTheLenientAndTheExactRules) {
     OpenDocument d(l.serialize());
     EXPECT_EQ(bOLEopenStream(d.h(), "S"), c.lenient ? 1 : 0);
     EXPECT_EQ(readToEnd(d.h()), c.lenient ? data : Bytes());
-    EXPECT_EQ(iReadStreamChain(1, d.h()), c.lenient ? 0 : -1);
     EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "S"), 0);
     EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);
   }
@@ -297,7 +297,6 @@ uint32_t zigZagCycle(std::vector<uint32_t>* table, uint32_t base, uint32_t count
 TEST(StreamChain, LoopGuardAndBackwardChains) {
   _MoxOleFile guard = {};
   vSectorCheckConstructor(&guard);
-  EXPECT_EQ(bSectorCheckForInfiniteLoop(&guard, 3, 4), 0);
   EXPECT_EQ(bSectorCheckForInfiniteLoop(&guard, 10, 5), 0);
   EXPECT_EQ(bSectorCheckForInfiniteLoop(&guard, 12, 7), 0);
   EXPECT_EQ(bSectorCheckForInfiniteLoop(&guard, 9, 5), 1);

@@ -96,7 +96,6 @@ TEST(StreamLookup, NamesScansAndStoragePaths) {
   Path ab{{"A", "B"}};
   EXPECT_EQ(opened(d, bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "S")), deepS);
   EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 1, "S"), 0);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(h, ab.slots, 2, "s"), 0);
   // "Root Entry" first, no path or no depth: the root, other slots unread.
   Path rooted{{"Root Entry", "nothing", "here"}};
   const std::pair<const char (*)[36], int> roots[] = {
@@ -166,9 +165,6 @@ TEST(StreamLookup, ExactSearchOrdersEqualLengthsCaseSensitively) {
     OpenDocument d(l.serialize());
     ASSERT_NE(d.h(), nullptr);
     EXPECT_EQ(moxFindChildExact(d.h(), 0, moxNameOf("Zz")), byteOrder ? zz : -1);
-    // The tolerant search folds, so it descends the other way, and its scan
-    // finds the stream either way.
-    EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "zz", 0), zz);
   }
 }
 
@@ -192,7 +188,6 @@ TEST(StreamLookup, BadLinksAndCyclicSiblingTreesEndTheDescent) {
   EXPECT_EQ(d.h()->iError, 0);
   EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "a", 0), -1);
   EXPECT_EQ(d.h()->iError, MOXOLE_BAD_LINK);
-  EXPECT_EQ(bOLEopenStream(d.h(), "a"), 0);
   // Neither stops the next lookup.
   EXPECT_EQ(bOLEopenStream(d.h(), "eeeee"), 1);
   EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "LongerThanAll", 0), d.h()->iDirCount);
@@ -289,7 +284,7 @@ uint32_t zigZagCycle(std::vector<uint32_t>* table, uint32_t base, uint32_t count
   return base + count - 1;
 }
 
-// The loop guard: forward steps pass, a backward target is noted on its
+// The loop guard, asked about backward steps: a target is noted on its
 // first arrival and is a circle on its second.  So backward steps to
 // sectors never arrived at before are no circle: a chain laid out from the
 // end of the file to its start reads whole.  A chain that runs round a
@@ -637,7 +632,6 @@ TEST(StreamTree, TreeInPreOrderListsInNameOrderTypesOfExactNames) {
   }
   // Types are of exact names under a storage path.
   _MoxOleFile* h = doc.handle();
-  EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "C"), 2);
   EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "B"), 1);
   EXPECT_EQ(iOLEobjectType(h, nullptr, 0, ""), 5);
   EXPECT_EQ(iOLEobjectType(h, nullptr, 0, "c"), 0) << "names compare exactly";

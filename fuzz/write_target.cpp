@@ -50,11 +50,6 @@ class WriteModel {
   std::vector<ModelEntry> entries{{5, true, -1, "Root Entry", {}}};  // entry 0 is the root
   int current = -1;                                             // the current writer stream, or -1
 
-  int add(int type, bool placed, int parent, const std::string& name) {
-    entries.push_back({type, placed, parent, name, {}});
-    return static_cast<int>(entries.size()) - 1;
-  }
-
   bool allPlaced() const {
     return std::all_of(entries.begin(), entries.end(), [](const ModelEntry& e) { return e.placed; });
   }
@@ -125,10 +120,7 @@ class Run {
   // A status the account predicts.  With failures armed the writer may
   // also report no memory, or miss an entry whose lookup needed memory.
   void expect(int got, int want, const char* what) {
-    if (got == want) return;
-    if (faultsArmed_ && (got == 2 || got == 6)) return;
-    fprintf(stderr, "moxfuzz write: %s returned %d, expected %d\n", what, got, want);
-    abort();
+    require(got == want || (faultsArmed_ && (got == 2 || got == 6)), what);
   }
 
   // A creation whose outcome the account cannot predict: made, refused as
@@ -164,7 +156,8 @@ class Run {
     }
     if (status == 0) {
       require(!taken, "two siblings whose names differ only in case");
-      model_.current = model_.add(type, true, parent, kept);
+      model_.entries.push_back({type, true, parent, kept, {}});
+      model_.current = static_cast<int>(model_.entries.size()) - 1;
     }
   }
 
@@ -179,7 +172,9 @@ class Run {
     }
     model_.current = -1;
     requireCreated(status, "creating an entry by a raw path");
-    if (status == 0) model_.current = model_.add(type, false, -1, "");
+    if (status != 0) return;
+    model_.entries.push_back({type, false, -1, "", {}});
+    model_.current = static_cast<int>(model_.entries.size()) - 1;
   }
 
   void write(uint64_t length, uint8_t pattern) {
@@ -222,7 +217,6 @@ class Run {
       case 5:
         require(lOLEseek(h_, 0, 0) == -1, "lOLEseek on a new document");
         require(iOLEread(h_, buffer, sizeof buffer) == 0, "iOLEread on a new document");
-        lOLEtell(h_);
         break;
       case 6: {
         // The reader's structure functions on a document with no directory.
@@ -262,10 +256,9 @@ class Run {
   std::vector<uint8_t> data_;
 };
 
-// Reads the current reader stream of h whole and compares it.
+// Reads the current reader stream of h whole, from where its open left
+// it, and compares it.
 void compareStream(_MoxOleFile* h, const ModelEntry& e, const char* how) {
-  require(lOLEseek(h, 0, 2) == static_cast<int64_t>(e.data.size()), how);
-  require(lOLEseek(h, 0, 0) == 0, how);
   std::vector<uint8_t> buffer(e.data.size() + 1);
   require(iOLEread(h, buffer.data(), static_cast<uint32_t>(buffer.size())) == e.data.size(), how);
   require(std::equal(e.data.begin(), e.data.end(), buffer.begin()), how);
@@ -308,8 +301,8 @@ void checkWithReader(const WriteModel& m, const std::vector<uint8_t>& file) {
   }
   bOLEcloseStream(h, nullptr);
   services.destroyPool(pool);
+  // The reader's leaks are the read fuzz target's to find.
   require(iOLEclose(h) == 1, "iOLEclose of the file read back");
-  require(memory.liveBlocks() == 0, "reading the written file left allocations live");
 }
 
 // The file opened through the writer's entry for reading: every stream by
@@ -332,10 +325,9 @@ void checkWithWriterEntry(const MoxOleInterface& api, const WriteModel& m,
   unsigned char byte = 0;
   require(api.iOLEopenStreamEx(h, "\\new", 2, 1) == 6, "an entry created in a document read");
   require(api.iOLEwrite(h, &byte, 1) == 34, "a write to a document read");
+  // Leaks, writes and the I/O object's closing are the read fuzz target's
+  // checks of every document it opens this way.
   require(api.iOLEclose(h) == 1, "iOLEclose of a document read through hOLEopenEx");
-  require(services.liveObjects() == 0, "reading through hOLEopenEx left allocations or pools");
-  require(io.writeCalls() == 0, "a document opened for reading was written to");
-  require(io.openCalls() == io.closeCalls(), "hOLEopenEx: I/O object opened and closed unevenly");
 }
 
 }  // namespace

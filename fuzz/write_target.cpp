@@ -54,15 +54,19 @@ class WriteModel {
     return std::all_of(entries.begin(), entries.end(), [](const ModelEntry& e) { return e.placed; });
   }
 
-  // The path of entry k with every name cut to `cut` bytes, with a leading
-  // backslash; false when some entry on the way is not placed.
+  // The path of entry k with every name cut to `cut` bytes, each with a
+  // leading backslash ("" for the root); false when some entry on the way
+  // is not placed or, its name cut alike, not alone among its siblings.
+  // Cut to what the file stores, a true path leads to k in a copy of the
+  // tree read back from the file; cut to what the writer keeps, names are
+  // never alike.
   bool pathOf(int k, size_t cut, std::string* path) const {
     std::string out;
     for (int at = k; at != 0; at = entries[at].parent) {
-      if (!entries[at].placed) return false;
+      if (!entries[at].placed || namedAlike(entries[at].parent, entries[at].name, cut) > 1) return false;
       out = "\\" + entries[at].name.substr(0, cut) + out;
     }
-    *path = out.empty() ? "\\" : out;
+    *path = out;
     return true;
   }
 
@@ -76,16 +80,6 @@ class WriteModel {
       const std::string theirs = e.name.substr(0, cut);
       return e.placed && e.parent == parent && theirs.size() == mine.size() && strcasecmp(theirs.c_str(), mine.c_str()) == 0;
     });
-  }
-
-  // True when every name from the root down to k is distinct among its
-  // siblings once cut to what the file stores: a path then leads to k in
-  // a copy of the tree read back from the file.
-  bool reachableOnDisk(int k) const {
-    for (int at = k; at != 0; at = entries[at].parent) {
-      if (!entries[at].placed || namedAlike(entries[at].parent, entries[at].name, kStoredName) > 1) return false;
-    }
-    return true;
   }
 };
 
@@ -140,7 +134,6 @@ class Run {
     std::replace(name.begin(), name.end(), '\\', '/');
     std::string path;
     model_.pathOf(parent, kKeptName, &path);
-    if (parent == 0) path.clear();
     path += "\\" + name;
     // Without its leading backslash, unless the first name is empty.
     if ((choice & 0x80) && path.size() > 1 && path[1] != '\\') path.erase(0, 1);
@@ -188,10 +181,9 @@ class Run {
     moxfuzz::fillPattern(data, length, static_cast<uint32_t>(current), pattern, offset);
     const int status = api_.iOLEwrite(h_, data, static_cast<int>(length));
     expect(status, current < 0 ? 34 : length > 0 && model_.entries[current].type != 2 ? 6 : 0, "iOLEwrite");
-    if (current < 0 || model_.entries[current].type != 2) return;
-    // A failed write fires an armed fault, and such a run is not read back.
-    ModelEntry& e = model_.entries[current];
-    if (status == 0) e.data.insert(e.data.end(), data, data + length);
+    // Only a stream takes bytes, and only a write that succeeds; a failed
+    // write fires an armed fault, and such a run is not read back.
+    if (status == 0) model_.entries[current].data.insert(model_.entries[current].data.end(), data, data + length);
   }
 
   void openForReading(uint8_t choice) {
@@ -295,7 +287,8 @@ void checkWithReader(const WriteModel& m, const std::vector<uint8_t>& file) {
       require(node->szName == e.name.substr(0, kStoredName), "an entry's name");
       require(node->pParent != nullptr && node->pParent->iIndex == e.parent, "an entry's parent");
     }
-    const bool opens = iReadStreamChain(static_cast<int>(k), h) == 0;
+    // A chain built by number leaves the position where it was.
+    const bool opens = iReadStreamChain(static_cast<int>(k), h) == 0 && lOLEseek(h, 0, 0) == 0;
     require(opens == (e.type == 2), opens ? "a storage opens as a stream" : "a written stream does not open");
     if (opens) compareStream(h, e, "a written stream reads back wrong");
   }
@@ -317,7 +310,7 @@ void checkWithWriterEntry(const MoxOleInterface& api, const WriteModel& m,
   for (size_t k = 1; k < m.entries.size(); ++k) {
     std::string path;
     const int at = static_cast<int>(k);
-    if (!m.reachableOnDisk(at) || !m.pathOf(at, kStoredName, &path) || path.size() > kLongestPath) continue;
+    if (!m.pathOf(at, kStoredName, &path) || path.size() > kLongestPath) continue;
     const int status = api.iOLEopenStreamEx(h, path.c_str(), 0, 0);
     require(status == (m.entries[k].type == 2 ? 0 : -1), "a stream not found, or a storage opened, by its path");
     if (status == 0) compareStream(h, m.entries[k], "a stream opened by its path reads back wrong");

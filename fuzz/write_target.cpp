@@ -126,10 +126,9 @@ class Run {
   void create(FuzzInput& in, int type) {
     const uint8_t choice = in.byte();
     int parent = (choice & 0x7F) % static_cast<int>(model_.entries.size());
-    const ModelEntry& p = model_.entries[parent];
     // An empty name as a path component would read as a doubled
     // backslash; such entries stay leaves.
-    if (!p.placed || (parent != 0 && p.name.empty())) parent = 0;
+    if (!model_.entries[parent].placed || (parent != 0 && model_.entries[parent].name.empty())) parent = 0;
     std::string name = in.text(48);
     std::replace(name.begin(), name.end(), '\\', '/');
     std::string path;
@@ -309,8 +308,7 @@ void checkWithWriterEntry(const MoxOleInterface& api, const WriteModel& m,
   require(h != nullptr, "the written file does not open through hOLEopenEx");
   for (size_t k = 1; k < m.entries.size(); ++k) {
     std::string path;
-    const int at = static_cast<int>(k);
-    if (!m.pathOf(at, kStoredName, &path) || path.size() > kLongestPath) continue;
+    if (!m.pathOf(static_cast<int>(k), kStoredName, &path) || path.size() > kLongestPath) continue;
     const int status = api.iOLEopenStreamEx(h, path.c_str(), 0, 0);
     require(status == (m.entries[k].type == 2 ? 0 : -1), "a stream not found, or a storage opened, by its path");
     if (status == 0) compareStream(h, m.entries[k], "a stream opened by its path reads back wrong");

@@ -155,7 +155,8 @@ TEST_F(HostTest, BufferedOutputRandomRunsMatchAnAccountOfBufferAndHost) {
 
 // Out of memory for the pool, then for the buffer: open says so (nothing
 // else would: the document's close cannot report it), and the destructor
-// still closes the object once and frees what was made.
+// still closes the object once and frees what was made (the fixture's
+// check).
 TEST_F(HostTest, BufferedOutputReportsMemoryFailuresInOpen) {
   for (int attempt = 1; attempt <= 2; ++attempt) {
     moxhost::MemoryIo target;
@@ -166,7 +167,6 @@ TEST_F(HostTest, BufferedOutputReportsMemoryFailuresInOpen) {
       host.faults().disarm();
     }
     EXPECT_EQ(target.closeCalls(), 1);
-    EXPECT_EQ(moxtest::leakReport(host), "");
   }
 }
 

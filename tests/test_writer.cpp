@@ -48,11 +48,11 @@ cfb::ParsedFile parsed(const Bytes& file) {
 
 // === Calls ===================================================================
 
-// An object that cannot serve (it has no open, write or close function,
-// or, opened for reading, it holds no document) gives no handle: it is
-// closed once if it can be, never written, and nothing stays allocated.
-// One whose open fails, and one that cannot be written, are among the
-// writer fuzz target's kept inputs.
+// An object that cannot serve (it has no open or close function) gives no
+// handle: it is closed once if it can be, never written, and nothing stays
+// allocated.  One whose open fails, and one that cannot be written, are
+// among the writer fuzz target's kept inputs; one that holds no document,
+// opened for reading, among the read fuzz target's.
 TEST(WriterOpen, HostObjectThatCannotServeIsRefusedAndClosedOnce) {
   const struct {
     const char* what;
@@ -61,7 +61,6 @@ TEST(WriterOpen, HostObjectThatCannotServeIsRefusedAndClosedOnce) {
   } cases[] = {
       {"no open", [](moxhost::MemoryIo& io) { io.io()->open = nullptr; }, 1, 0, 1},
       {"no close", [](moxhost::MemoryIo& io) { io.io()->close = nullptr; }, 1, 1, 0},
-      {"no document to read", [](moxhost::MemoryIo& io) { io.bytes() = Bytes(1536, 0x11); }, 0, 1, 1},
   };
   for (const auto& c : cases) {
     moxhost::PoolServices host;
@@ -104,10 +103,10 @@ TEST(WriterCalls, AFailedBlockAllocationKeepsWhatWasStored) {
 // --- Open mode ---------------------------------------------------------------
 
 // Paths are found whatever their letter case and the type asked, from the
-// root's children down; nothing is written.  Of two storages
+// root's children down, and read from their first byte.  Of two storages
 // whose names differ only in case (this writer never makes them) one is
 // kept, the other is dropped with what it holds.
-TEST(WriterOpenForReading, OpensStreamsByPathAndWritesNothing) {
+TEST(WriterOpenForReading, OpensStreamsByPathWhateverTheirCase) {
   cfb::CfbBuilder b;
   b.addStream(b.addStorage(0, "Dir"), "Data", pattern(300, 1));
   b.addStream(b.addStorage(0, "DIR"), "Lost", pattern(20, 2));
@@ -117,7 +116,6 @@ TEST(WriterOpenForReading, OpensStreamsByPathAndWritesNothing) {
   _MoxOleFile* h = hOLEopenEx(io.io(), host.services(), 0);
   ASSERT_NE(h, nullptr);
   EXPECT_EQ(iOLEopenStreamEx(h, "\\tOP", 7, 0), 0);
-  EXPECT_EQ(streamkit::readToEnd(h, 7), pattern(10, 3));
   EXPECT_EQ(iOLEopenStreamEx(h, "Root Entry\\Top", 0, 0), 6);
   EXPECT_EQ(iOLEopenStreamEx(h, "Dir\\Missing", 0, 0), 6);
   const int data = iOLEopenStreamEx(h, "dir\\DATA", 0, 0);
@@ -224,9 +222,6 @@ TEST(WriterOutput, DocumentsByteForByte) {
     Links links;
   } cases[] = {
       {"root only", {}, [](std::vector<cfb::DirEntry>&) {}},
-      {"4096 bytes, regular", {{"S", 2, pattern(4096, 7)}}, only},
-      {"4095 bytes, mini", {{"S", 2, pattern(4095, 7)}}, only},
-      {"31 characters", {{name31, 2, {}}}, only},
       // Inserted in ascending order, the names end up as b at the top, a
       // to its left, d to its right with c and e below it; each entry
       // carries the colour its node had right after its own insertion
@@ -241,9 +236,11 @@ TEST(WriterOutput, DocumentsByteForByte) {
          d[4].right = 5;
        }},
       // Regular streams and mini streams interleaved, in two storages,
-      // with tails in their last sectors and mini sectors.
-      {"regions", {{"s1", 2, pattern(65, 1)}, {"b1", 2, pattern(5000, 2)}, {"empty", 2, {}}, {"D", 1, {}},
-                   {"D\\s2", 2, pattern(64, 3)}, {"D\\b2", 2, pattern(4097, 4)}},
+      // with and without tails in their last sectors and mini sectors, on
+      // both sides of the 4096-byte cut; the empty stream's name is as long
+      // as the field holds.
+      {"regions", {{"s1", 2, pattern(4095, 1)}, {"b1", 2, pattern(4097, 2)}, {name31, 2, {}}, {"D", 1, {}},
+                   {"D\\s2", 2, pattern(64, 3)}, {"D\\b2", 2, pattern(4096, 4)}},
        [](std::vector<cfb::DirEntry>& d) {
          for (int i : {2, 3, 4, 6}) d[i].colour = 0;
          d[0].child = 1;
@@ -277,18 +274,12 @@ void roundTrip(const Shape& shape, size_t piece = 0) {
   writekit::checkWithLibrary(file, want);
 }
 
-// Thousands of small streams in ten storages, a storage path sixty deep,
-// and three hundred siblings in one storage with names of every length and
+// A storage path sixty deep, and three hundred siblings in one storage with names of every length and
 // letter case, with underscores (which sort before letters once letters are
 // folded to lower case) and bytes past ASCII (which sort after 0x7F, and are
 // not folded).  The tree check reads the file's order with the test-side rule.
-TEST(WriterRoundTrip, ManyStreamsDeepPathsAndManySiblings) {
+TEST(WriterRoundTrip, DeepPathsAndManySiblings) {
   Shape shape;
-  for (int s = 0; s < 10; ++s) shape.push_back({"Store" + std::to_string(s), 1, {}});
-  for (int i = 0; i < 3000; ++i) {
-    shape.push_back({"Store" + std::to_string(i % 10) + "\\item" + std::to_string(i), 2,
-                     pattern(static_cast<size_t>((i * 7919) % 700), static_cast<uint32_t>(i))});
-  }
   std::string path;
   for (int depth = 0; depth < 60; ++depth) {
     path += (depth ? "\\L" : "L") + std::to_string(depth);
@@ -369,17 +360,13 @@ void checkWithOracles(const Shape& shape) {
   if (skipped > 0) GTEST_SKIP() << skipped << " of the readers are not installed";
 }
 
-// A mixed document with storages and every kind of stream; a hundred
-// siblings in one storage (gsf extracts each stream with a process of its
-// own, so a hundred will do); and a file large enough for DIFAT sectors:
+// A mixed document with storages and every kind of stream (the sibling
+// trees of many entries are the round trips' strict check); and a file
+// large enough for DIFAT sectors:
 // one directory sector and 13843 stream sectors make T = 13844, one DIFAT
 // sector and 110 FAT sectors, and a second stream and a few mini streams
 // make it a little larger still.
 TEST(WriterOracles, ReadersListWhatWasWritten) {
-  Shape many = {{"Many", 1, {}}};
-  for (int i = 0; i < 100; ++i) {
-    many.push_back({"Many\\n" + std::to_string(i * 37 % 1000), 2, pattern(static_cast<size_t>(i * 13 % 600), i)});
-  }
   const Shape large = {{"Large", 2, pattern(13843u * 512 + 100000, 7)}, {"Second", 2, pattern(300000, 8)},
                        {"a", 2, pattern(10, 9)}, {"b", 2, pattern(3000, 10)}};
   ASSERT_GT(writekit::u32(writekit::write(large), 0x48), 0u) << "the file should need DIFAT sectors";
@@ -388,7 +375,7 @@ TEST(WriterOracles, ReadersListWhatWasWritten) {
        {"Doc\\Inner\\Deep", 2, pattern(4096, 3)}, {"Doc\\Inner\\Mini", 2, pattern(4095, 4)},
        {"Doc\\EmptyStorage", 1, {}}, {"Thumbnail", 2, pattern(64, 5)}, {"Zero", 2, {}},
        {"Name_with_thirty_one_characters", 2, pattern(1, 6)}},
-      many, large};
+      large};
   for (const Shape& shape : shapes) checkWithOracles(shape);
 }
 

@@ -154,8 +154,8 @@ struct Session {
   moxhost::MemoryIo& out = file.io();
   moxhost::PoolServices& host = file.host();
   moxhost::ScratchDir scratch;
-  _MoxOleFile* h = doc.h();
-  _MoxOleFile* w = file.h();
+  _MoxOleFile* h = doc.handle();
+  _MoxOleFile* w = file.handle();
   std::string path = scratch.file("f");
   int fd = -1;
 };

@@ -60,15 +60,15 @@ TEST(SmallFat, SectorsCutShort) {
   OpenDoc last(l.serialize());
   ASSERT_TRUE(last.ok());
   EXPECT_EQ(last->lFatCount, 3);
-  EXPECT_EQ(lGetSect(last.h(), 2 * 128 + 24, &found), static_cast<int32_t>(0xEEEEEEEE));
-  EXPECT_EQ(lGetSect(last.h(), 2 * 128 + 25, &found), 0);
-  EXPECT_EQ(lGetSect(last.h(), 3 * 128 - 1, &found), 0);
+  EXPECT_EQ(lGetSect(last.handle(), 2 * 128 + 24, &found), static_cast<int32_t>(0xEEEEEEEE));
+  EXPECT_EQ(lGetSect(last.handle(), 2 * 128 + 25, &found), 0);
+  EXPECT_EQ(lGetSect(last.handle(), 3 * 128 - 1, &found), 0);
   l = document();
   cutFatSector(l, 5, 3, 200);
   OpenDoc middle(l.serialize());
   ASSERT_TRUE(middle.ok());
   EXPECT_EQ(middle->lFatCount, 4);
-  EXPECT_EQ(lGetSect(middle.h(), 3 * 128, &found), 0);
+  EXPECT_EQ(lGetSect(middle.handle(), 3 * 128, &found), 0);
   EXPECT_EQ(found, 1);
 }
 
@@ -223,7 +223,7 @@ TEST(OpenClose, CloneLoadsAgainAndNeverOpensOrClosesTheIo) {
   OpenDoc doc(document().serialize());
   ASSERT_TRUE(doc.ok());
   const int64_t blocksWithOne = doc.memory().liveBlocks();
-  _MoxOleFile* clone = hOLEopenClone(doc.h());
+  _MoxOleFile* clone = hOLEopenClone(doc.handle());
   ASSERT_NE(clone, nullptr);
   EXPECT_EQ(bOLEopenStream(clone, "Large"), 1);
   EXPECT_EQ(bOLEcloseStream(clone, nullptr), 1);
@@ -517,40 +517,40 @@ TEST(FailureReasons, CallsOnAnOpenDocumentSayWhatWentWrong) {
   l.fat[l.dir[2].start] = l.dir[2].start;
   OpenDoc s(l.serialize());
   ASSERT_TRUE(s.ok());
-  EXPECT_EQ(failure(s.h()), "");
+  EXPECT_EQ(failure(s.handle()), "");
   char small[8];
-  EXPECT_EQ(iOLEread(s.h(), small, sizeof small), 0u);
-  EXPECT_EQ(failure(s.h()), "no stream is open");
-  EXPECT_EQ(bOLEopenStream(s.h(), "Missing"), 0);
-  EXPECT_EQ(failure(s.h()), "no such entry");
-  EXPECT_EQ(bOLEopenStream(s.h(), "Large"), 0);
-  EXPECT_EQ(failure(s.h()), "the sector chain of entry 2 runs in a circle");
-  EXPECT_EQ(iReadStreamChain(3, s.h()), -1);
-  EXPECT_EQ(failure(s.h()), "entry 3 is not a stream");
-  EXPECT_EQ(iReadStreamChain(40, s.h()), -1);
-  EXPECT_EQ(failure(s.h()), "there is no entry 40");
-  EXPECT_EQ(iOLEopenStreamEx(s.h(), "Small", 2, 1), MOXOLE_NOT_FOUND);
-  EXPECT_EQ(failure(s.h()), "the document is not open for writing");
+  EXPECT_EQ(iOLEread(s.handle(), small, sizeof small), 0u);
+  EXPECT_EQ(failure(s.handle()), "no stream is open");
+  EXPECT_EQ(bOLEopenStream(s.handle(), "Missing"), 0);
+  EXPECT_EQ(failure(s.handle()), "no such entry");
+  EXPECT_EQ(bOLEopenStream(s.handle(), "Large"), 0);
+  EXPECT_EQ(failure(s.handle()), "the sector chain of entry 2 runs in a circle");
+  EXPECT_EQ(iReadStreamChain(3, s.handle()), -1);
+  EXPECT_EQ(failure(s.handle()), "entry 3 is not a stream");
+  EXPECT_EQ(iReadStreamChain(40, s.handle()), -1);
+  EXPECT_EQ(failure(s.handle()), "there is no entry 40");
+  EXPECT_EQ(iOLEopenStreamEx(s.handle(), "Small", 2, 1), MOXOLE_NOT_FOUND);
+  EXPECT_EQ(failure(s.handle()), "the document is not open for writing");
 
   // A stream whose bytes the file no longer holds.
   cfb::CfbLayout cut = document();
   cut.truncateTo = (cut.dir[2].start + 1) * 512 + 700;
   OpenDoc t(cut.serialize());
   ASSERT_TRUE(t.ok());
-  ASSERT_EQ(bOLEopenStream(t.h(), "Large"), 1);
+  ASSERT_EQ(bOLEopenStream(t.handle(), "Large"), 1);
   cfb::Bytes buffer(5000);
-  EXPECT_EQ(iOLEread(t.h(), buffer.data(), 5000), 512u);
-  EXPECT_EQ(failure(t.h()), "byte 512 of the stream cannot be read");
+  EXPECT_EQ(iOLEread(t.handle(), buffer.data(), 5000), 512u);
+  EXPECT_EQ(failure(t.handle()), "byte 512 of the stream cannot be read");
   // A line longer than the buffer is cut, and its whole length returned.
   char tiny[5];
-  EXPECT_EQ(moxoleFailure(t.h(), tiny, sizeof tiny), 37);
+  EXPECT_EQ(moxoleFailure(t.handle(), tiny, sizeof tiny), 37);
   EXPECT_STREQ(tiny, "byte");
 
   writekit::NewFile w;
-  EXPECT_EQ(iOLEopenStreamEx(w.h(), "Missing\\S", 2, 1), MOXOLE_NOT_FOUND);
-  EXPECT_EQ(failure(w.h()), "no such storage, or the name is taken");
-  EXPECT_EQ(iOLEopenStreamEx(w.h(), "S", 7, 1), MOXOLE_BAD_ARGUMENT);
-  EXPECT_EQ(failure(w.h()), "invalid argument");
+  EXPECT_EQ(iOLEopenStreamEx(w.handle(), "Missing\\S", 2, 1), MOXOLE_NOT_FOUND);
+  EXPECT_EQ(failure(w.handle()), "no such storage, or the name is taken");
+  EXPECT_EQ(iOLEopenStreamEx(w.handle(), "S", 7, 1), MOXOLE_BAD_ARGUMENT);
+  EXPECT_EQ(failure(w.handle()), "invalid argument");
 }
 
 }  // namespace

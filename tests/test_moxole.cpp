@@ -16,15 +16,15 @@
 namespace {
 
 using moxtest::ProgramResult;
-using moxtest::slurp;
+using moxtest::readFile;
 using moxtest::snapshotTree;
-using moxtest::spit;
+using moxtest::writeFile;
 
 class Moxole : public ::testing::Test {
  protected:
   void SetUp() override {
     cfb::Bytes bytes = moxtest::buildSampleDocument(tree_);
-    ASSERT_TRUE(spit(doc_, std::string(bytes.begin(), bytes.end())));
+    ASSERT_TRUE(writeFile(doc_, std::string(bytes.begin(), bytes.end())));
   }
 
   std::string at(const std::string& name) const { return scratch_.file(name); }
@@ -50,7 +50,7 @@ TEST_F(Moxole, ExtractAndPackRoundTripTheTreeExactlyAndDrawProgressOnATerminal) 
     EXPECT_TRUE(snapshotTree(to) == moxtest::sampleSnapshot(tree_)) << from;
   }
   // Packing sorts names, so equal trees make equal files.
-  EXPECT_TRUE(slurp(one) == slurp(two));
+  EXPECT_TRUE(readFile(one) == readFile(two));
 
   // On a terminal, given by script(1), progress is drawn and the last
   // thing drawn wipes the line.
@@ -130,7 +130,7 @@ TEST_F(Moxole, ListingsShowTypesSizesAndEscapedNames) {
   ProgramResult r = moxole({"object", doc_, "1", at("one.wmf")});
   ASSERT_EQ(r.status, 0) << r.err;
   // The metafile is what follows the 8-byte header the stream starts with.
-  EXPECT_TRUE(slurp(at("one.wmf")) == moxtest::sampleSnapshot(tree_).at("ObjectPool/_1/\\x03META").substr(8));
+  EXPECT_TRUE(readFile(at("one.wmf")) == moxtest::sampleSnapshot(tree_).at("ObjectPool/_1/\\x03META").substr(8));
 }
 
 // --- Editing ---------------------------------------------------------------
@@ -138,7 +138,7 @@ TEST_F(Moxole, ListingsShowTypesSizesAndEscapedNames) {
 TEST(MoxoleEdit, CommandsBuildAndChangeADocument) {
   moxtest::ScratchDir dir;
   const std::string doc = dir.file("doc.cfb"), src = dir.file("src.bin");
-  ASSERT_TRUE(spit(src, moxtest::patternBytes(100000, 7)));
+  ASSERT_TRUE(writeFile(src, moxtest::patternBytes(100000, 7)));
   EXPECT_EQ(moxole({"put", doc, "Dir/Big", src}).status, 0);
   EXPECT_EQ(moxtest::runProgram({"sh", "-c", "printf 'from stdin' | \"$0\" put \"$1\" 'Dir/\\x05Small'",
                                  MOXOLE_PROGRAM, doc}).status, 0);
@@ -159,12 +159,12 @@ TEST(MoxoleEdit, CommandsBuildAndChangeADocument) {
 
 TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
   const std::string doc = doc_, dir = scratch_.path();
-  ASSERT_TRUE(spit(at("notes.txt"), "Dear diary, today I wrote a test.\n"));
-  ASSERT_TRUE(spit(at("empty"), ""));
-  ASSERT_TRUE(spit(at("plain"), "x"));
+  ASSERT_TRUE(writeFile(at("notes.txt"), "Dear diary, today I wrote a test.\n"));
+  ASSERT_TRUE(writeFile(at("empty"), ""));
+  ASSERT_TRUE(writeFile(at("plain"), "x"));
   ASSERT_EQ(mkdir(at("full").c_str(), 0777), 0);
-  ASSERT_TRUE(spit(at("full/WordDocument"), "mine"));
-  ASSERT_TRUE(spit(at("previous.doc"), "previous content"));
+  ASSERT_TRUE(writeFile(at("full/WordDocument"), "mine"));
+  ASSERT_TRUE(writeFile(at("previous.doc"), "previous content"));
   // A mini stream and two regular streams, laid out by the builder in this
   // order, the mini stream last of all; cut inside the directory (nothing
   // can be loaded), and 10 bytes into the large stream's last sector,
@@ -181,7 +181,7 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
        {std::pair{noDirectory, (cut.dirSectors[0] + 1) * 512 + 100}, {shortDoc, (last + 1) * 512 + 10}}) {
     cut.truncateTo = size;
     const cfb::Bytes bytes = cut.serialize();
-    ASSERT_TRUE(spit(path, std::string(bytes.begin(), bytes.end())));
+    ASSERT_TRUE(writeFile(path, std::string(bytes.begin(), bytes.end())));
   }
   const std::string damaged = "moxole: " + noDirectory + ": damaged compound file: ";
   moxtest::ScratchDir partial;  // what extract wrote before the cut stays there
@@ -246,7 +246,7 @@ TEST_F(Moxole, EveryFailureGivesItsStatusAndOneLineAndNothingElse) {
   for (const auto& [name, reason] : refused) {
     const std::string src = at("src-" + std::to_string(cases.size()));
     ASSERT_EQ(mkdir(src.c_str(), 0777), 0);
-    ASSERT_TRUE(spit(src + "/" + name, "x") && (name != "Data" || spit(src + "/DATA", "x")));
+    ASSERT_TRUE(writeFile(src + "/" + name, "x") && (name != "Data" || writeFile(src + "/DATA", "x")));
     cases.push_back({{"pack", src, at("previous.doc")}, 4, "moxole: " + src + "/" + name + ": " + reason + "\n"});
   }
   for (const char* command : {"info", "ls", "tree", "objects", "check", "props"}) {

@@ -127,13 +127,13 @@ TEST_F(MoxoleCorpus, EmbeddedObjectsMatchOlefile) {
     EXPECT_NE(list.out.find(number + " "), std::string::npos) << list.out;
     const size_t skip = static_cast<unsigned char>(meta[0]) + 256 * static_cast<unsigned char>(meta[1]);
     const std::string wanted[] = {meta.substr(skip),
-                                  moxtest::slurp(scratch.file("olefile/" + storage + "/\\x03PIC")).substr(0, 76)};
+                                  moxtest::readFile(scratch.file("olefile/" + storage + "/\\x03PIC")).substr(0, 76)};
     for (const bool picture : {false, true}) {
       std::vector<std::string> args = {"object", pathOf(file), number, scratch.file("ours")};
       if (picture) args.insert(args.begin() + 1, "-p");
       ProgramResult r = moxole(args);
       ASSERT_EQ(r.status, 0) << r.err;
-      EXPECT_TRUE(moxtest::slurp(scratch.file("ours")) == wanted[picture]) << path << (picture ? " -p" : "");
+      EXPECT_TRUE(moxtest::readFile(scratch.file("ours")) == wanted[picture]) << path << (picture ? " -p" : "");
     }
   }
   EXPECT_GT(objects, 0) << "olefile finds no objects in " << file;

@@ -605,7 +605,7 @@ std::optional<std::string> poiView(const mox::PropertyValue& value) {
 void expectPoiAgrees(const std::string& file, const Sets& sets) {
   static const moxhost::ScratchDir classes;
   static const bool compiled =
-      moxtest::slurp("/usr/share/java/poi.jar").size() > 0 &&
+      moxtest::readFile("/usr/share/java/poi.jar").size() > 0 &&
       moxtest::runProgram({"javac", "-cp", "/usr/share/java/poi.jar", "-d", classes.path(),
                            std::string(MOX_SOURCE_DIR) + "/tests/oracles/PoiProperties.java"}).status == 0;
   if (!compiled) {
@@ -645,10 +645,10 @@ void expectPoiAgrees(const std::string& file, const Sets& sets) {
 // `moxole props` read them.
 TEST(PropertyEdits, TitleAuthorAndAUserPropertyOfACorpusDocument) {
   const std::string original = std::string(MOX_CORPUS_DIR) + "/poi/Bug50936_1.doc";
-  if (moxtest::slurp(original).empty()) GTEST_SKIP() << "no corpus at " << MOX_CORPUS_DIR;
+  if (moxtest::readFile(original).empty()) GTEST_SKIP() << "no corpus at " << MOX_CORPUS_DIR;
   moxhost::ScratchDir scratch;
   const std::string copy = scratch.file("edited.doc");
-  ASSERT_TRUE(moxtest::spit(copy, moxtest::slurp(original)));
+  ASSERT_TRUE(moxtest::writeFile(copy, moxtest::readFile(original)));
   Sets sets;
   {
     mox::CompoundFile f = mox::CompoundFile::open_rw(copy);

@@ -26,7 +26,6 @@
 namespace {
 
 using cfb::Bytes;
-using streamkit::OpenDocument;
 using streamkit::pattern;
 using streamkit::readToEnd;
 
@@ -40,10 +39,10 @@ struct Path {
 
 // What an open made current, read from where the open left it (which
 // must be the start); nothing when the open failed.
-Bytes opened(OpenDocument& d, int result) {
+Bytes opened(OpenDoc& d, int result) {
   if (result != 1) return {};
-  EXPECT_EQ(lOLEtell(d.h()), 0);
-  return readToEnd(d.h());
+  EXPECT_EQ(lOLEtell(d.handle()), 0);
+  return readToEnd(d.handle());
 }
 
 // One document for the lookups that need no hand-made sibling tree:
@@ -69,8 +68,8 @@ TEST(StreamLookup, NamesScansAndStoragePaths) {
   b.addStream(a, "T", pattern(10, 12));
   b.addStream(0, "Current", current);
   cfb::CfbLayout l = b.layout();
-  OpenDocument d(l.serialize());
-  _MoxOleFile* h = d.h();
+  OpenDoc d(l.serialize());
+  _MoxOleFile* h = d.handle();
   ASSERT_NE(h, nullptr);
   const int count = h->iDirCount;
   // The name rules differ between the opens.
@@ -121,13 +120,13 @@ TEST(StreamLookup, NamesScansAndStoragePaths) {
   // Entry" is never read as the root, so no mini stream is there to read
   // Top from.
   l.dir[0].type = 1;
-  OpenDocument storageRoot(l.serialize());
-  EXPECT_EQ(bOLEopenStream(storageRoot.h(), "WordDocument"), 1);
-  EXPECT_EQ(bOLEopenStream(storageRoot.h(), "Top"), 0);
+  OpenDoc storageRoot(l.serialize());
+  EXPECT_EQ(bOLEopenStream(storageRoot.handle(), "WordDocument"), 1);
+  EXPECT_EQ(bOLEopenStream(storageRoot.handle(), "Top"), 0);
   l.dir[0].name = cfb::units("Root Entrx");
-  OpenDocument renamed(l.serialize());
-  EXPECT_EQ(bOLEopenStream(renamed.h(), "WordDocument"), 0);
-  EXPECT_EQ(bOLEopenStreamIgnoreStorage(renamed.h(), "WordDocument"), 1);
+  OpenDoc renamed(l.serialize());
+  EXPECT_EQ(bOLEopenStream(renamed.handle(), "WordDocument"), 0);
+  EXPECT_EQ(bOLEopenStreamIgnoreStorage(renamed.handle(), "WordDocument"), 1);
 }
 
 TEST(StreamLookup, DescentOrdersByLengthThenLowerCaseFolding) {
@@ -140,12 +139,12 @@ TEST(StreamLookup, DescentOrdersByLengthThenLowerCaseFolding) {
   for (const char* name : names) b.addStream(decoys, name, pattern(10, 0));
   std::vector<int> wanted;
   for (const char* name : names) wanted.push_back(b.addStream(0, name, pattern(10, 1)));
-  OpenDocument d(b.build());
+  OpenDoc d(b.build());
   for (size_t i = 0; i < wanted.size(); ++i) {
-    EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), names[i], 0), wanted[i]) << names[i];
+    EXPECT_EQ(iFindIStreamGivenIStorage(d.handle(), names[i], 0), wanted[i]) << names[i];
     std::string swapped = names[i];
     for (char& c : swapped) c = isupper(c) ? tolower(c) : toupper(c);
-    EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), swapped.c_str(), 0), wanted[i]) << swapped;
+    EXPECT_EQ(iFindIStreamGivenIStorage(d.handle(), swapped.c_str(), 0), wanted[i]) << swapped;
   }
 }
 
@@ -162,9 +161,9 @@ TEST(StreamLookup, ExactSearchOrdersEqualLengthsCaseSensitively) {
   for (bool byteOrder : {true, false}) {
     l.dir[aa].left = byteOrder ? zz : cfb::kNone;
     l.dir[aa].right = byteOrder ? cfb::kNone : zz;
-    OpenDocument d(l.serialize());
-    ASSERT_NE(d.h(), nullptr);
-    EXPECT_EQ(moxFindChildExact(d.h(), 0, moxNameOf("Zz")), byteOrder ? zz : -1);
+    OpenDoc d(l.serialize());
+    ASSERT_NE(d.handle(), nullptr);
+    EXPECT_EQ(moxFindChildExact(d.handle(), 0, moxNameOf("Zz")), byteOrder ? zz : -1);
   }
 }
 
@@ -183,19 +182,19 @@ TEST(StreamLookup, BadLinksAndCyclicSiblingTreesEndTheDescent) {
   l.dir[top].right = top;         // every descent to a longer name comes back here
   const uint32_t inner = l.dir[sub].child;
   l.dir[inner].left = l.dir[inner].right = inner;
-  OpenDocument d(l.serialize());
-  ASSERT_NE(d.h(), nullptr);
-  EXPECT_EQ(d.h()->iError, 0);
-  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "a", 0), -1);
-  EXPECT_EQ(d.h()->iError, MOXOLE_BAD_LINK);
+  OpenDoc d(l.serialize());
+  ASSERT_NE(d.handle(), nullptr);
+  EXPECT_EQ(d.handle()->iError, 0);
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.handle(), "a", 0), -1);
+  EXPECT_EQ(d.handle()->iError, MOXOLE_BAD_LINK);
   // Neither stops the next lookup.
-  EXPECT_EQ(bOLEopenStream(d.h(), "eeeee"), 1);
-  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "LongerThanAll", 0), d.h()->iDirCount);
-  EXPECT_EQ(iFindIStreamGivenIStorage(d.h(), "Elsewhere", 0), elsewhere);
-  EXPECT_EQ(moxFindChildExact(d.h(), 0, moxNameOf("LongerThanAll")), -1);
+  EXPECT_EQ(bOLEopenStream(d.handle(), "eeeee"), 1);
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.handle(), "LongerThanAll", 0), d.handle()->iDirCount);
+  EXPECT_EQ(iFindIStreamGivenIStorage(d.handle(), "Elsewhere", 0), elsewhere);
+  EXPECT_EQ(moxFindChildExact(d.handle(), 0, moxNameOf("LongerThanAll")), -1);
   Path path{{"Sub"}};
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), path.slots, 1, "Missing"), 0);
-  EXPECT_EQ(moxFindPresentationStream(d.h(), sub), -1);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.handle(), path.slots, 1, "Missing"), 0);
+  EXPECT_EQ(moxFindPresentationStream(d.handle(), sub), -1);
 }
 
 // The walk, and the two entries that open what it picks, in a storage
@@ -222,14 +221,14 @@ TEST(StreamLookup, PresentationStreamWalk) {
       l.dir[storage + i].left = cfb::kNone;
       l.dir[storage + i].right = i < spine.size() ? storage + i + 1 : cfb::kNone;
     }
-    OpenDocument d(l.serialize());
-    EXPECT_EQ(lOLEopenObject(d.h(), "_1234", 0), chosen < 0 ? 0 : 90 + chosen);
+    OpenDoc d(l.serialize());
+    EXPECT_EQ(lOLEopenObject(d.handle(), "_1234", 0), chosen < 0 ? 0 : 90 + chosen);
     // Something is current beforehand.  The root is no stream: picking it
     // fails the build, and the old stream is gone.
-    ASSERT_EQ(bOLEopenStream(d.h(), spine[0].c_str()), 1);
+    ASSERT_EQ(bOLEopenStream(d.handle(), spine[0].c_str()), 1);
     const Bytes want = chosen < 0 ? Bytes() : pattern(90 + chosen, 20 + chosen);
-    EXPECT_EQ(opened(d, bOLEopenEmbeddedStream(d.h(), nullptr, "_1234")), want);
-    EXPECT_EQ(d.h()->plChain == nullptr, chosen < 0);
+    EXPECT_EQ(opened(d, bOLEopenEmbeddedStream(d.handle(), nullptr, "_1234")), want);
+    EXPECT_EQ(d.handle()->plChain == nullptr, chosen < 0);
   }
 }
 
@@ -265,11 +264,11 @@ TEST(StreamChain, DamagedChainsUnderTheLenientAndTheExactRules) {
     b.addStream(0, "S", data);
     cfb::CfbLayout l = b.layout();
     c.damage(l, streamkit::chainOf(l, 1).back());
-    OpenDocument d(l.serialize());
-    EXPECT_EQ(bOLEopenStream(d.h(), "S"), c.lenient ? 1 : 0);
-    EXPECT_EQ(readToEnd(d.h()), c.lenient ? data : Bytes());
-    EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "S"), 0);
-    EXPECT_EQ(lOLEseek(d.h(), 0, 0), -1);
+    OpenDoc d(l.serialize());
+    EXPECT_EQ(bOLEopenStream(d.handle(), "S"), c.lenient ? 1 : 0);
+    EXPECT_EQ(readToEnd(d.handle()), c.lenient ? data : Bytes());
+    EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.handle(), nullptr, 0, "S"), 0);
+    EXPECT_EQ(lOLEseek(d.handle(), 0, 0), -1);
   }
 }
 
@@ -308,10 +307,10 @@ TEST(StreamChain, LoopGuardAndBackwardChains) {
   streamkit::relocateChain(&l, backwards, {p + 7, p + 6, p + 5, p + 4, p + 3, p + 2, p + 1, p});
   l.dir[regular].start = zigZagCycle(&l.fat, p + 8, 300);
   l.dir[regular + 1].start = zigZagCycle(&l.miniFat, 0, 300);
-  OpenDocument d(l.serialize());
-  EXPECT_EQ(opened(d, bOLEopenStream(d.h(), "Backwards")), data);
-  EXPECT_EQ(bOLEopenStream(d.h(), "Regular"), 0);
-  EXPECT_EQ(bOLEopenStream(d.h(), "M0"), 0);
+  OpenDoc d(l.serialize());
+  EXPECT_EQ(opened(d, bOLEopenStream(d.handle(), "Backwards")), data);
+  EXPECT_EQ(bOLEopenStream(d.handle(), "Regular"), 0);
+  EXPECT_EQ(bOLEopenStream(d.handle(), "M0"), 0);
 }
 
 TEST(StreamChain, MiniLinksNameMiniFatEntriesOrTheFatWhenThereIsNoMiniFat) {
@@ -325,21 +324,21 @@ TEST(StreamChain, MiniLinksNameMiniFatEntriesOrTheFatWhenThereIsNoMiniFat) {
   for (uint32_t badLink : {4096u, cfb::kFree, 0xFFFFFFFCu}) {
     cfb::CfbLayout bad = l;
     bad.miniFat[1] = badLink;
-    OpenDocument d(bad.serialize());
-    EXPECT_EQ(bOLEopenStream(d.h(), "B"), 0) << badLink;
-    EXPECT_EQ(bOLEopenStream(d.h(), "A"), 1);
+    OpenDoc d(bad.serialize());
+    EXPECT_EQ(bOLEopenStream(d.handle(), "B"), 0) << badLink;
+    EXPECT_EQ(bOLEopenStream(d.handle(), "A"), 1);
   }
   // FAT sector 0, mini FAT sector 1, directory sector 2: drop the mini FAT
   // and let the FAT links of sectors 0, 1 and 2 stand in for the chains.
   l.header.miniFatSectors = 0;
   l.fat[1] = 2;
-  OpenDocument d(l.serialize());
-  ASSERT_NE(d.h(), nullptr);
-  ASSERT_EQ(d.h()->plMiniFat, nullptr);
+  OpenDoc d(l.serialize());
+  ASSERT_NE(d.handle(), nullptr);
+  ASSERT_EQ(d.handle()->plMiniFat, nullptr);
   // FAT[0] is -3, so A's chain ends after one sector; B's runs 1, 2.
-  EXPECT_EQ(opened(d, bOLEopenStream(d.h(), "A")), first);
-  EXPECT_EQ(opened(d, bOLEopenStream(d.h(), "B")), second);
-  EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.h(), nullptr, 0, "A"), 0);
+  EXPECT_EQ(opened(d, bOLEopenStream(d.handle(), "A")), first);
+  EXPECT_EQ(opened(d, bOLEopenStream(d.handle(), "B")), second);
+  EXPECT_EQ(bOLEopenEmbeddedStreamEx(d.handle(), nullptr, 0, "A"), 0);
 }
 
 // Lists of 16382, 16383, 16384 and 16385 entries (streams 1 to 4): one
@@ -352,8 +351,8 @@ TEST(StreamChain, ListsFromTheTerminatorAloneToSplitArrays) {
   for (uint32_t n : sectors) b.addStream(0, "S" + std::to_string(n), pattern(n * 512, n));
   b.addStream(0, "Empty", {});
   cfb::CfbLayout l = b.layout();
-  OpenDocument d(l.serialize());
-  _MoxOleFile* h = d.h();
+  OpenDoc d(l.serialize());
+  _MoxOleFile* h = d.handle();
   ASSERT_NE(h, nullptr);
   EXPECT_EQ(h->lRootStart, -2);
   ASSERT_EQ(bOLEopenStream(h, "Empty"), 1);
@@ -379,8 +378,8 @@ TEST(StreamChain, BuildByEntryNumberAndClose) {
   cfb::CfbBuilder b;
   const int storage = b.addStorage(0, "Storage");
   const int stream = b.addStream(storage, "S", pattern(700, 10));
-  OpenDocument d(b.build());
-  _MoxOleFile* h = d.h();
+  OpenDoc d(b.build());
+  _MoxOleFile* h = d.handle();
   ASSERT_EQ(iReadStreamChain(stream, h), 0);
   // An entry that is there but no stream: the old list goes all the same.
   // A number outside the directory names nothing and changes nothing.
@@ -441,8 +440,8 @@ struct KnownPlaces {
 // of order, give the stream's own bytes.
 TEST(StreamSeek, SeekingAndReadingOneStream) {
   KnownPlaces k;
-  OpenDocument d(k.layout.serialize());
-  _MoxOleFile* h = d.h();
+  OpenDoc d(k.layout.serialize());
+  _MoxOleFile* h = d.handle();
   Bytes buffer(2000);
   ASSERT_EQ(iGetStreamChain(h, "R", nullptr, 0), 0);
   EXPECT_EQ(lOLEtell(h), -1);
@@ -490,13 +489,13 @@ TEST(StreamSeek, MiniStreamChainTooShortForTheSectorFails) {
   k.layout.miniFat[20] = 21;
   k.layout.miniFat[21] = cfb::kEnd;
   k.layout.dir[6].start = 20;  // M2, the last entry KnownPlaces adds
-  OpenDocument d(k.layout.serialize());
-  EXPECT_EQ(bOLEopenStream(d.h(), "Pb"), 1);
-  EXPECT_EQ(lOLEseek(d.h(), 3 * 64, 0), -1);
-  EXPECT_EQ(lOLEtell(d.h()), 3 * 64);  // the position moved all the same
-  EXPECT_EQ(bOLEopenStream(d.h(), "M"), 0);  // its seek to 0 fails: closed again
-  EXPECT_EQ(d.h()->plChain, nullptr);
-  EXPECT_EQ(bOLEopenStream(d.h(), "M2"), 0);
+  OpenDoc d(k.layout.serialize());
+  EXPECT_EQ(bOLEopenStream(d.handle(), "Pb"), 1);
+  EXPECT_EQ(lOLEseek(d.handle(), 3 * 64, 0), -1);
+  EXPECT_EQ(lOLEtell(d.handle()), 3 * 64);  // the position moved all the same
+  EXPECT_EQ(bOLEopenStream(d.handle(), "M"), 0);  // its seek to 0 fails: closed again
+  EXPECT_EQ(d.handle()->plChain, nullptr);
+  EXPECT_EQ(bOLEopenStream(d.handle(), "M2"), 0);
 }
 
 // Every stream, in both sector sizes and both byte orders, read in odd
@@ -536,8 +535,8 @@ TEST(StreamRead, SectorSizesByteOrdersAndPositionsPastTwoGigabytes) {
 // the object in the fault sweeps.)
 TEST(StreamObject, FieldsAndFixedResults) {
   KnownPlaces k;
-  OpenDocument d(k.layout.serialize());
-  _MoxOleFile* h = d.h();
+  OpenDoc d(k.layout.serialize());
+  _MoxOleFile* h = d.handle();
   ASSERT_EQ(bOLEopenStream(h, "Pb"), 1);
   EXPECT_EQ(h->iInMini, 1);
   d.memory().faults().failAt(1);

@@ -86,10 +86,10 @@ TEST(WriterCalls, AFailedBlockAllocationKeepsWhatWasStored) {
     NewFile file;
     ASSERT_EQ(file.stream("S", head), 0);
     file.host().faults().failAt(attempt);
-    const int status = iOLEwrite(file.h(), const_cast<unsigned char*>(body.data()), 1500);
+    const int status = iOLEwrite(file.handle(), const_cast<unsigned char*>(body.data()), 1500);
     file.host().faults().disarm();
     EXPECT_EQ(status, attempt == 7 ? 0 : 2);
-    ASSERT_EQ(iOLEwrite(file.h(), const_cast<unsigned char*>(tail.data()), 30), 0);
+    ASSERT_EQ(iOLEwrite(file.handle(), const_cast<unsigned char*>(tail.data()), 30), 0);
     EXPECT_EQ(file.io().writeCalls(), 0);
     Bytes want = head;
     want.insert(want.end(), body.begin(), body.begin() + (attempt == 7 ? 1500 : 412 + 512 * ((attempt - 1) / 2)));
@@ -339,7 +339,7 @@ void checkWithOracles(const Shape& shape) {
   const Bytes file = writekit::write(shape);
   moxtest::ScratchDir scratch;
   const std::string path = scratch.file("written.cfb");
-  ASSERT_TRUE(moxtest::spit(path, std::string(file.begin(), file.end())));
+  ASSERT_TRUE(moxtest::writeFile(path, std::string(file.begin(), file.end())));
   int skipped = 0;
   const struct {
     const char* tool;

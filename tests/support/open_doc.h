@@ -19,7 +19,6 @@ class OpenDoc {
   OpenDoc& operator=(const OpenDoc&) = delete;
 
   _MoxOleFile* handle() const { return h_; }
-  _MoxOleFile* h() const { return h_; }
   _MoxOleFile* operator->() const { return h_; }
   bool ok() const { return h_ != nullptr; }
   moxhost::MemoryIo& io() { return io_; }

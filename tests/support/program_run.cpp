@@ -1,5 +1,4 @@
 #include "support/program_run.h"
-#include "support/vos_scratch.h"
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -66,10 +65,6 @@ std::string olefilePython() {
   }
   return "";
 }
-
-std::string slurp(const std::string& path) { return readFile(path); }
-
-bool spit(const std::string& path, const std::string& bytes) { return writeFile(path, bytes); }
 
 std::map<std::string, std::string> snapshotTree(const std::string& root) {
   namespace fs = std::filesystem;

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "support/vos_scratch.h"  // readFile, writeFile
+
 namespace moxtest {
 
 struct ProgramResult {
@@ -31,11 +33,6 @@ ProgramResult runProgram(const std::vector<std::string>& argv,
 // python3 earlier in PATH, such as a pyenv one, may lack Debian's
 // modules); "" when there is none.
 std::string olefilePython();
-
-// Reads a whole file into a string; "" when it cannot be read.
-std::string slurp(const std::string& path);
-// Writes bytes to a file, creating or replacing it; false on failure.
-bool spit(const std::string& path, const std::string& bytes);
 
 // A directory tree as path -> content, directories as path -> "<dir>";
 // paths are relative to `root` and written with '/'.

@@ -17,9 +17,6 @@ namespace streamkit {
 // the wrong offset, the wrong sector or the wrong stream never matches.
 cfb::Bytes pattern(size_t size, uint32_t seed);
 
-// A document opened on bytes in memory (see open_doc.h).
-using OpenDocument = ::OpenDoc;
-
 // Reads the current stream from its position to its end, `chunk` bytes per
 // call, stopping at the first call that returns 0.
 cfb::Bytes readToEnd(_MoxOleFile* h, uint32_t chunk = 1000);

@@ -56,7 +56,7 @@ std::map<std::string, cfb::Item> expected(const Shape& shape) {
 
 cfb::Bytes write(const Shape& shape, size_t piece) {
   NewFile file;
-  EXPECT_NE(file.h(), nullptr);
+  EXPECT_NE(file.handle(), nullptr);
   for (const Part& p : shape) {
     int status = p.type == 1 ? file.storage(p.path) : file.stream(p.path, p.data, piece);
     EXPECT_EQ(status, 0) << p.path;

@@ -26,7 +26,7 @@ class NewFile {
   NewFile(const NewFile&) = delete;
   NewFile& operator=(const NewFile&) = delete;
 
-  _MoxOleFile* h() const { return handle_; }
+  _MoxOleFile* handle() const { return handle_; }
   moxhost::MemoryIo& io() { return io_; }
   moxhost::PoolServices& host() { return host_; }
 

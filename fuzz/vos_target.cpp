@@ -293,7 +293,7 @@ class Run {
     // path is short enough; a buffer too small for it gives nothing.
     char* real = getcwd(nullptr, 0);
     const size_t length = real == nullptr ? SIZE_MAX : strlen(real);
-    require(cwd == nullptr ? size <= length || length >= 4096 : cwd == into && strcmp(cwd, real) == 0,
+    require(cwd == nullptr ? size <= length || length >= 4096 : cwd == into && real != nullptr && strcmp(cwd, real) == 0,
             "moxvos_getcwd's answer");
     require(cwd == nullptr || strncmp(cwd, scratch_.c_str(), scratch_.size()) == 0,
             "the working directory left the scratch directory");

@@ -20,7 +20,7 @@
 #include "support/document_walk.h"
 #include "support/fault_sweep.h"
 #include "support/open_doc.h"
-#include "support/sparse_io.h"
+#include "support/patched_io.h"
 #include "support/write_kit.h"
 
 namespace {
@@ -92,7 +92,7 @@ TEST(DifatFat, DifatSectorsAt512And4096ByteSectorsAndFatLookups) {
     for (uint32_t fat : {109u, 110u, 109u + per - 1, 109u + per}) {
       cfb::CfbLayout l = layoutWithFatSectors(shift, fat);
       if (fat == 109) l.header.difatStart = 0xFFFFFFFF;  // would be refused if it were consulted
-      SparseIo io(l.serializeSparse(), static_cast<int64_t>(l.sectorCount() + 1) * l.sectorSize());
+      PatchedIo io(l.serializeSparse(), static_cast<int64_t>(l.sectorCount() + 1) * l.sectorSize());
       moxhost::CountingMemory memory;
       _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
       ASSERT_NE(h, nullptr) << shift << " " << fat;

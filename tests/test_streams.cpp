@@ -19,7 +19,7 @@
 #include "reader/stream.h"
 #include "support/document_walk.h"
 #include "support/fault_sweep.h"
-#include "support/sparse_io.h"
+#include "support/patched_io.h"
 #include "support/stream_kit.h"
 #include "support/vos_scratch.h"
 
@@ -515,7 +515,7 @@ TEST(StreamRead, SectorSizesByteOrdersAndPositionsPastTwoGigabytes) {
       if (strcmp(variant, "far") == 0) b.setPaddingSectors(static_cast<uint32_t>((int64_t{1} << 31) >> shift) + 3);
       for (const auto& [name, data] : streams) b.addStream(0, name, data);
       cfb::CfbLayout l = b.layout();
-      SparseIo io(l.serializeSparse(), (int64_t{l.sectorCount()} + 1) << shift);
+      PatchedIo io(l.serializeSparse(), (int64_t{l.sectorCount()} + 1) << shift);
       moxhost::CountingMemory memory;
       _MoxOleFile* h = hOLEopen(io.io(), memory.memory());
       for (const auto& [name, data] : streams) {

@@ -36,6 +36,19 @@ constexpr uint32_t kFatSect = 0xFFFFFFFDu;
 constexpr uint32_t kDifSect = 0xFFFFFFFCu;
 constexpr uint32_t kNone = 0xFFFFFFFFu;  // no sibling / child
 
+// Bytes that depend on both position and seed, so that a piece read from
+// the wrong offset, the wrong sector or the wrong stream never matches;
+// cheap enough for the hundreds of megabytes the edit programs write.
+inline Bytes pattern(size_t size, uint32_t seed) {
+  Bytes out(size);
+  uint32_t x = seed * 2654435761u + 1;
+  for (uint8_t& v : out) {
+    x = x * 1664525u + 1013904223u;
+    v = static_cast<uint8_t>(x >> 24);
+  }
+  return out;
+}
+
 // A name as UTF-16 code units; bytes of a std::string become units 0x00-0xFF.
 std::u16string units(const std::string& name);
 

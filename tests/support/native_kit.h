@@ -12,22 +12,13 @@
 #include <vector>
 
 #include "moxolefio/moxolefio.hpp"
+#include "support/cfb_builder.h"
 #include "support/manifest.h"
 #include "support/vos_scratch.h"
 
 namespace moxtest {
 
-// Deterministic bytes, cheap enough for the hundreds of megabytes the
-// edit programs write.
-inline std::vector<std::uint8_t> pattern(std::size_t size, unsigned seed) {
-  std::vector<std::uint8_t> b(size);
-  std::uint32_t x = seed * 2654435761u + 1;
-  for (auto& v : b) {
-    x = x * 1664525u + 1013904223u;
-    v = static_cast<std::uint8_t>(x >> 24);
-  }
-  return b;
-}
+using cfb::pattern;
 
 // The code of the mox::Error `action` throws; Errc{} when it throws none.
 inline mox::Errc errorOf(const std::function<void()>& action) {

@@ -1,14 +1,10 @@
 #include "support/sample_tree.h"
 
-#include <random>
-
 namespace moxtest {
 
 std::string patternBytes(size_t size, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string bytes(size, '\0');
-  for (char& c : bytes) c = static_cast<char>(random());
-  return bytes;
+  const cfb::Bytes bytes = cfb::pattern(size, seed);
+  return std::string(bytes.begin(), bytes.end());
 }
 
 std::vector<SampleEntry> sampleTree() {

@@ -4,16 +4,6 @@
 
 namespace streamkit {
 
-cfb::Bytes pattern(size_t size, uint32_t seed) {
-  cfb::Bytes out(size);
-  uint32_t state = seed * 2654435761u + 1;
-  for (size_t i = 0; i < size; ++i) {
-    state = state * 1103515245u + 12345u;
-    out[i] = static_cast<uint8_t>((state >> 16) ^ (i >> 8));
-  }
-  return out;
-}
-
 cfb::Bytes readToEnd(_MoxOleFile* h, uint32_t chunk) {
   cfb::Bytes out;
   cfb::Bytes buffer(chunk);

@@ -13,9 +13,7 @@
 
 namespace streamkit {
 
-// Bytes that depend on both position and seed, so that a piece read from
-// the wrong offset, the wrong sector or the wrong stream never matches.
-cfb::Bytes pattern(size_t size, uint32_t seed);
+using cfb::pattern;
 
 // Reads the current stream from its position to its end, `chunk` bytes per
 // call, stopping at the first call that returns 0.

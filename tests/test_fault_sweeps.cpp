@@ -14,7 +14,6 @@
 
 #include "support/corpus_files.h"
 #include "support/fault_sweep.h"
-#include "support/leak_report.h"
 #include "support/stream_kit.h"
 #include "support/write_kit.h"
 
@@ -195,7 +194,7 @@ int64_t sessionJob(Fault f, int64_t n, bool reading) {
   EXPECT_EQ(h == nullptr ? 1 : iOLEclose(h), 1);
   EXPECT_TRUE((n > 0 && !(retried && !failed)) || io.bytes() == whole) << "not as an undisturbed session writes it";
   EXPECT_TRUE(!reading || io.writeCalls() == 0);
-  EXPECT_EQ(moxtest::leakReport(host), "");
+  EXPECT_EQ(writekit::leakReport(host), "");
   EXPECT_EQ(io.closeCalls(), io.openCalls());
   EXPECT_LE(io.openCalls(), 1);
   return moxtest::occurrences(f, io, host.faults());

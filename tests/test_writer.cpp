@@ -22,7 +22,6 @@
 #include "host/moxhost.h"
 #include "support/cfb_builder.h"
 #include "support/cfb_reader.h"
-#include "support/leak_report.h"
 #include "support/program_run.h"
 #include "support/sha256.h"
 #include "support/stream_kit.h"
@@ -70,7 +69,7 @@ TEST(WriterOpen, HostObjectThatCannotServeIsRefusedAndClosedOnce) {
     EXPECT_EQ(io.openCalls(), c.opens) << c.what;
     EXPECT_EQ(io.closeCalls(), c.closes) << c.what;
     EXPECT_EQ(io.writeCalls(), 0) << c.what;
-    EXPECT_EQ(moxtest::leakReport(host), "") << c.what;
+    EXPECT_EQ(writekit::leakReport(host), "") << c.what;
   }
 }
 
@@ -124,7 +123,7 @@ TEST(WriterOpenForReading, OpensStreamsByPathWhateverTheirCase) {
   if (lost == 0) { EXPECT_EQ(streamkit::readToEnd(h), pattern(20, 2)); }
   EXPECT_TRUE((data == 0 && lost == 6) || (data == 6 && lost == 0)) << data << " " << lost;
   EXPECT_EQ(iOLEclose(h), 1);
-  EXPECT_EQ(moxtest::leakReport(host), "");
+  EXPECT_EQ(writekit::leakReport(host), "");
 }
 
 // === Files byte for byte =====================================================

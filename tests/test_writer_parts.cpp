@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "host/moxhost.h"
-#include "support/leak_report.h"
+#include "support/write_kit.h"
 #include "tree/redblack.h"
 #include "writer/moxoledoc.h"
 #include "writer/oleio.h"
@@ -25,7 +25,7 @@ namespace {
 // A host whose memory must all be given back by the end of each test.
 class HostTest : public ::testing::Test {
  protected:
-  void TearDown() override { EXPECT_EQ(moxtest::leakReport(host), ""); }
+  void TearDown() override { EXPECT_EQ(writekit::leakReport(host), ""); }
   moxhost::PoolServices host;
 };
 

@@ -7,7 +7,6 @@
 
 #include "format/byte_order.h"
 #include "support/document_walk.h"
-#include "support/leak_report.h"
 #include "support/manifest.h"
 #include "support/stream_kit.h"
 
@@ -38,7 +37,7 @@ const cfb::Bytes& NewFile::close() {
   if (handle_ != nullptr) {
     EXPECT_EQ(iOLEclose(handle_), 1);
     handle_ = nullptr;
-    EXPECT_EQ(moxtest::leakReport(host_), "");
+    EXPECT_EQ(leakReport(host_), "");
     EXPECT_EQ(io_.openCalls(), 1);
     EXPECT_EQ(io_.closeCalls(), 1);
   }
@@ -142,6 +141,19 @@ void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::I
 
 uint32_t u32(const cfb::Bytes& file, size_t offset) {
   return moxfmt::get32(moxfmt::ByteOrder::kLittle, &file.at(offset + 3) - 3);  // at(): throws past the end
+}
+
+std::string leakReport(moxhost::PoolServices& services) {
+  std::string report;
+  auto note = [&report](const char* what, int64_t count) {
+    if (count == 0) return;
+    if (!report.empty()) report += ", ";
+    report += std::to_string(count) + " " + what;
+  };
+  note("live pools", services.livePools());
+  note("live heap blocks", services.heap().liveBlocks());
+  note("single frees in pools", services.poolFrees());
+  return report;
 }
 
 }  // namespace writekit

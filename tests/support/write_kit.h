@@ -66,6 +66,11 @@ cfb::Bytes write(const Shape& shape, size_t piece = 0);
 // for anything that differs from `want`, and for leaks.
 void checkWithLibrary(const cfb::Bytes& file, const std::map<std::string, cfb::Item>& want);
 
+// Empty when the services hold nothing; otherwise a line naming every kind
+// of leftover (live pools, heap blocks, single frees that pools never
+// expect), so that a failing EXPECT_EQ(leakReport(s), "") says what leaked.
+std::string leakReport(moxhost::PoolServices& services);
+
 // A little-endian field of a file, for byte-level checks.
 uint32_t u32(const cfb::Bytes& file, size_t offset);
 

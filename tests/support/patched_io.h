@@ -16,8 +16,9 @@
 class PatchedIo : public moxhost::HostIo {
  public:
   using Runs = std::map<int64_t, std::vector<uint8_t>>;
-  // `base` must outlive the object.
+  // `base` must outlive the object; a temporary would leave it dangling.
   PatchedIo(const std::vector<uint8_t>& base, int64_t size) : base_(base), size_(size) {}
+  PatchedIo(std::vector<uint8_t>&&, int64_t) = delete;
   PatchedIo(Runs runs, int64_t size) : PatchedIo(noBytes(), size) { runs_ = std::move(runs); }
 
   void replace(int64_t offset, uint8_t value) { runs_[offset] = {value}; }
